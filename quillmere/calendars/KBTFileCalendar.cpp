@@ -1,0 +1,65 @@
+#include <quillmere/calendars/KBTFileCalendar.h>
+#include <quillmere/platform/base/NSFileManager.h>
+#include <quillmere/platform/base/makeObject.h>
+
+#include <utility>
+
+namespace quillmere {
+
+std::shared_ptr<KBTFileCalendar> KBTFileCalendar::initWithPath(std::string path) {
+  return makeObject<KBTFileCalendar>(std::move(path));
+}
+
+KBTFileCalendar::KBTFileCalendar(std::string path) : path_(std::move(path)) {}
+
+bool KBTFileCalendar::isEqualToCalendar(const KBTSynchingCalendar& other) const {
+  const auto* file = dynamic_cast<const KBTFileCalendar*>(&other);
+  return file && file->path_ == path_;
+}
+
+std::optional<std::string> KBTFileCalendar::cachingString() const {
+  if (!lastModified_) return std::nullopt;
+  return lastModified_->xmlDateString();
+}
+
+void KBTFileCalendar::setCachingString(std::optional<std::string> cachingString) {
+  lastModified_ = NSDate::initWithXMLDateString(cachingString);
+}
+
+std::optional<NSDate> KBTFileCalendar::_checkDate() const {
+  return NSFileManager::modificationDateOfItemAtPath(path_);
+}
+
+// A file that is gone has no date and so is not younger.
+bool KBTFileCalendar::isYoungerThanLastSeen() const {
+  const auto date = _checkDate();
+  return date && date > lastModified_;
+}
+
+void KBTFileCalendar::checkForExternalChanges() {
+  const bool changes = !lastModified_ || isYoungerThanLastSeen();
+  delegate()->synchingCalendarCompletedCheckForExternalChanges_changes(*this, changes);
+}
+
+void KBTFileCalendar::fetchExternalChanges() {
+  if (lastModified_ && !isYoungerThanLastSeen()) {
+    delegate()->synchingCalendarCompletedFetchExternalChanges_withError(*this, nullptr);
+    return;
+  }
+  KBTDataCalendar::fetchExternalChanges();
+}
+
+std::shared_ptr<KBTCalObject> KBTFileCalendar::_getCalendarData() {
+  auto document = NSData::dataWithContentsOfFile(path_);
+  lastModified_ = _checkDate();
+  return KBTCalObject::initWithData(std::move(document));
+}
+
+void KBTFileCalendar::_writeCalendarData(const NSData& document) {
+  // A failed write is reported as a completed save, by contract.
+  NSFileManager::writeData_toFileAtomically(document, path_);
+  lastModified_ = _checkDate();
+  _wroteCalendarData(nullptr);
+}
+
+}  // namespace quillmere

@@ -1,0 +1,61 @@
+#ifndef QUILLMERE_CALENDARS_KBTFILECALENDAR_H
+#define QUILLMERE_CALENDARS_KBTFILECALENDAR_H
+
+#include <quillmere/calendars/KBTDataCalendar.h>
+#include <quillmere/platform/dates/NSDate.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace quillmere {
+
+/// A calendar in a local iCalendar file. All work is synchronous: every callback is sent before the
+/// operation returns.
+///
+/// The caching string is the file's modification date as ISO 8601 text in UTC with six fraction digits
+/// ("2024-01-05T09:30:00.250000Z"). As long as the file is not younger, a fetch does not read it and
+/// sends the completed callback alone. The calendar's own save does not count as a change.
+///
+/// A missing or unreadable file reads as empty, so a fetch then reports every known object as deleted.
+/// The file is replaced atomically (`NSFileManager::writeData_toFileAtomically`), but a write that fails
+/// is reported as a completed save: a host that must know compares `cachingString()`, or the file.
+class KBTFileCalendar : public KBTDataCalendar {
+ public:
+  /// `path` need not exist yet.
+  static std::shared_ptr<KBTFileCalendar> initWithPath(std::string path);
+
+  const std::string& path() const { return path_; }
+
+  /// Whether the other is a file calendar with the same path text.
+  bool isEqualToCalendar(const KBTSynchingCalendar& other) const override;
+
+  /// The file's modification date when it was last read or written; null before that.
+  std::optional<std::string> cachingString() const override;
+  /// Null or text of another form: as if the file had never been read.
+  void setCachingString(std::optional<std::string> cachingString) override;
+
+  /// Answers true when the file was never read or is younger than when it last was; false when it is
+  /// missing.
+  void checkForExternalChanges() override;
+  void fetchExternalChanges() override;
+
+ protected:
+  explicit KBTFileCalendar(std::string path);
+
+  std::shared_ptr<KBTCalObject> _getCalendarData() override;
+  void _writeCalendarData(const NSData& document) override;
+
+  /// The file's modification date now; null when it cannot be told.
+  std::optional<NSDate> _checkDate() const;
+
+ private:
+  bool isYoungerThanLastSeen() const;
+
+  std::string path_;
+  std::optional<NSDate> lastModified_;
+};
+
+}  // namespace quillmere
+
+#endif

@@ -1,0 +1,136 @@
+#include <quillmere/calendars/KBTSynchingCalendar.h>
+#include <quillmere/platform/base/makeObject.h>
+
+#include <utility>
+
+namespace quillmere {
+namespace {
+
+// Stands in for a delegate that was never set or is gone.
+class SilentDelegate : public KBTSynchingCalendarDelegate {
+  using Calendar = KBTSynchingCalendar;
+  using Object = KBTClientObject;
+  using Reader = std::shared_ptr<KBTCalObject>;
+  using string = std::string;
+
+  std::optional<string> synchingCalendar_uniqueNameForObject(Calendar&, const Object&) override {
+    return std::nullopt;
+  }
+  void synchingCalendar_setUniqueName_forObject(Calendar&, const string&, const Object&) override {}
+  std::optional<string> synchingCalendar_versionStringForObject(Calendar&, const Object&) override {
+    return std::nullopt;
+  }
+  std::shared_ptr<KBTICSDataSource> synchingCalendar_icsDataForObject(Calendar&,
+                                                                      const Object&) override {
+    return nullptr;
+  }
+  std::optional<NSDate> synchingCalendarEarliestDate(Calendar&) override { return std::nullopt; }
+  std::optional<NSDate> synchingCalendarLatestDate(Calendar&) override { return std::nullopt; }
+  void synchingCalendarBeganFetchExternalChanges(Calendar&) override {}
+  Object synchingCalendar_newObjectNamed_versionString_data(Calendar&, const string&, const string&,
+                                                            const Reader&) override {
+    return nullptr;
+  }
+  void synchingCalendar_updateForObject_versionString_data(Calendar&, const Object&, const string&,
+                                                           const Reader&) override {}
+  void synchingCalendar_deletionForObject(Calendar&, const Object&) override {}
+  void synchingCalendarCompletedFetchExternalChanges_withError(Calendar&,
+                                                               const NSErrorPtr&) override {}
+  void synchingCalendarCompletedCheckForExternalChanges_changes(Calendar&, bool) override {}
+  void synchingCalendar_didInsert_versionString(Calendar&, const Object&, const string&) override {}
+  void synchingCalendar_didUpdate_versionString(Calendar&, const Object&, const string&) override {}
+  void synchingCalendar_didDelete(Calendar&, const Object&) override {}
+  void synchingCalendar_failedSavingObject_withError(Calendar&, const KBTFailedObject&,
+                                                     const NSErrorPtr&) override {}
+  void synchingCalendarCompletedSave(Calendar&) override {}
+};
+
+}  // namespace
+
+std::shared_ptr<KBTSynchingCalendar> KBTSynchingCalendar::init() {
+  return makeObject<KBTSynchingCalendar>();
+}
+
+void KBTSynchingCalendar::setDelegate(std::weak_ptr<KBTSynchingCalendarDelegate> delegate) {
+  nonretainedDelegate_ = std::move(delegate);
+}
+
+std::shared_ptr<KBTSynchingCalendarDelegate> KBTSynchingCalendar::delegate() const {
+  static const auto silent = std::make_shared<SilentDelegate>();
+  if (auto delegate = nonretainedDelegate_.lock()) return delegate;
+  return silent;
+}
+
+void KBTSynchingCalendar::setObjects(const std::vector<KBTClientObject>& objects) {
+  const auto self = shared_from_this();  // the delegate may let go of this calendar
+  objectsByUniqueName_.clear();
+  for (const KBTClientObject& object : objects) {
+    const auto name = delegate()->synchingCalendar_uniqueNameForObject(*this, object);
+    if (name) objectsByUniqueName_.set(*name, object);
+  }
+}
+
+std::optional<std::string> KBTSynchingCalendar::calendarName() const { return calendarName_; }
+
+void KBTSynchingCalendar::setCalendarName(std::optional<std::string> name) {
+  calendarName_ = std::move(name);
+}
+
+std::optional<std::string> KBTSynchingCalendar::cachingString() const { return std::nullopt; }
+
+void KBTSynchingCalendar::setCachingString(std::optional<std::string>) {}
+
+bool KBTSynchingCalendar::isEqualToCalendar(const KBTSynchingCalendar&) const { return false; }
+
+void KBTSynchingCalendar::checkForExternalChanges() {
+  delegate()->synchingCalendarCompletedCheckForExternalChanges_changes(*this, false);
+}
+
+void KBTSynchingCalendar::fetchExternalChanges() {
+  delegate()->synchingCalendarCompletedFetchExternalChanges_withError(*this, nullptr);
+}
+
+bool KBTSynchingCalendar::hasPendingChanges() const {
+  return !insertSet_.empty() || !updateSet_.empty() || !deleteSet_.empty();
+}
+
+void KBTSynchingCalendar::resetChanges() {
+  insertSet_.clear();
+  updateSet_.clear();
+  deleteSet_.clear();
+}
+
+void KBTSynchingCalendar::insertObject(const KBTClientObject& object) {
+  const auto self = shared_from_this();
+  const auto name = recordChange(object, insertSet_);
+  if (name) objectsByUniqueName_.set(*name, object);
+}
+
+void KBTSynchingCalendar::updateObject(const KBTClientObject& object) {
+  const auto self = shared_from_this();
+  recordChange(object, updateSet_);
+}
+
+void KBTSynchingCalendar::deleteObject(const KBTClientObject& object) {
+  const auto self = shared_from_this();
+  recordChange(object, deleteSet_);
+}
+
+// The object's name, which `pending` then holds; null when the change is not recorded.
+std::optional<std::string> KBTSynchingCalendar::recordChange(const KBTClientObject& object,
+                                                             OrderedSet& pending) {
+  if (isSaving_) return std::nullopt;
+  auto name = delegate()->synchingCalendar_uniqueNameForObject(*this, object);
+  if (name) pending.insert(*name);
+  return name;
+}
+
+void KBTSynchingCalendar::saveChanges() {
+  for (const std::string& name : deleteSet_.names()) objectsByUniqueName_.erase(name);
+  resetChanges();
+  delegate()->synchingCalendarCompletedSave(*this);
+}
+
+void KBTSynchingCalendar::cancel() {}
+
+}  // namespace quillmere

@@ -1,0 +1,21 @@
+#ifndef QUILLMERE_ICAL_KBTICSDATASOURCE_H
+#define QUILLMERE_ICAL_KBTICSDATASOURCE_H
+
+#include <quillmere/platform/base/NSData.h>
+
+namespace quillmere {
+
+/// Anything that answers the text of one iCalendar component. Calendars ask their delegate for one
+/// per object when they save; readers and writers are such sources, and a host may have its own.
+class KBTICSDataSource {
+ public:
+  virtual ~KBTICSDataSource() = default;
+
+  /// The component's text in UTF-8, from "BEGIN" through the line ending of "END"; it is put into a
+  /// document as it is.
+  virtual NSData icsData() = 0;
+};
+
+}  // namespace quillmere
+
+#endif

@@ -1,0 +1,110 @@
+#ifndef QUILLMERE_PLATFORM_BASE_BYTESCAN_H
+#define QUILLMERE_PLATFORM_BASE_BYTESCAN_H
+
+#include <bit>
+#include <cstdint>
+#include <cstring>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
+// Internal. Scans of the kind of memchr that memchr itself does not offer. Inline, because a content
+// line's key and parameters are so short that a call would cost as much as the scan.
+namespace quillmere {
+namespace scan {
+
+inline constexpr std::uint64_t everyByte = 0x0101010101010101;
+inline constexpr std::uint64_t highBits = 0x8080808080808080;
+
+/// One block of bytes: `matches` gives a mask whose lowest set bit marks the first byte of interest,
+/// at byte `bit / bitsPerByte`.
+struct Word {
+  static constexpr int width = 8;
+  static constexpr int bitsPerByte = 8;
+  std::uint64_t bytes;
+
+  static Word load(const char* from) {
+    Word word{};
+    std::memcpy(&word.bytes, from, width);
+    if constexpr (std::endian::native == std::endian::big) {
+      word.bytes = __builtin_bswap64(word.bytes);
+    }
+    return word;
+  }
+  // Of the marks only the lowest is exact: the borrow can raise false ones above it, never below.
+  std::uint64_t equal(char byte) const {
+    const std::uint64_t difference = bytes ^ (everyByte * static_cast<unsigned char>(byte));
+    return (difference - everyByte) & ~difference & highBits;
+  }
+  std::uint64_t nonASCII() const { return bytes & highBits; }
+};
+
+#if defined(__SSE2__)
+struct Vector {
+  static constexpr int width = 16;
+  static constexpr int bitsPerByte = 1;
+  __m128i bytes;
+
+  static Vector load(const char* from) {
+    return {_mm_loadu_si128(reinterpret_cast<const __m128i*>(from))};
+  }
+  std::uint64_t equal(char byte) const {
+    return static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(bytes, _mm_set1_epi8(byte))));
+  }
+  std::uint64_t nonASCII() const { return static_cast<unsigned>(_mm_movemask_epi8(bytes)); }
+};
+using Block = Vector;
+#else
+using Block = Word;
+#endif
+
+/// The first byte in [from, end) that `marks` (for a block) or `matches` (for one byte) tells of;
+/// `end` when there is none. Reads no byte at or past `end`.
+template <class BlockType, class Marks, class Matches>
+const char* find(const char* from, const char* end, Marks marks, Matches matches) {
+  for (; end - from >= BlockType::width; from += BlockType::width) {
+    if (const std::uint64_t found = marks(BlockType::load(from))) {
+      return from + std::countr_zero(found) / BlockType::bitsPerByte;
+    }
+  }
+  while (from != end && !matches(*from)) ++from;
+  return from;
+}
+
+template <class BlockType>
+const char* findEither(const char* from, const char* end, char a, char b) {
+  return find<BlockType>(
+      from, end, [=](BlockType block) { return block.equal(a) | block.equal(b); },
+      [=](char byte) { return byte == a || byte == b; });
+}
+
+template <class BlockType>
+const char* findNonASCII(const char* from, const char* end) {
+  return find<BlockType>(
+      from, end, [](BlockType block) { return block.nonASCII(); },
+      [](char byte) { return static_cast<unsigned char>(byte) >= 0x80; });
+}
+
+}  // namespace scan
+
+/// The first `a` or `b` in [from, end), else `end`.
+inline const char* findEither(const char* from, const char* end, char a, char b) {
+  return scan::findEither<scan::Block>(from, end, a, b);
+}
+
+/// The first `byte` in [from, end), else `end`.
+inline const char* findByte(const char* from, const char* end, char byte) {
+  if (from == end) return end;
+  const void* found = std::memchr(from, byte, static_cast<std::size_t>(end - from));
+  return found ? static_cast<const char*>(found) : end;
+}
+
+/// The first byte above 127 in [from, end), else `end`.
+inline const char* findNonASCII(const char* from, const char* end) {
+  return scan::findNonASCII<scan::Block>(from, end);
+}
+
+}  // namespace quillmere
+
+#endif

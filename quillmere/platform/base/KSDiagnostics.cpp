@@ -1,0 +1,39 @@
+#include <quillmere/platform/base/KSDiagnostics.h>
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+
+#include <execinfo.h>
+#include <unistd.h>
+
+namespace quillmere {
+namespace {
+
+constexpr int maximumFrames = 64;
+
+void printLine(std::string_view text, const std::source_location& location) {
+  std::fprintf(stderr, "%s:%u: %.*s\n", location.file_name(), location.line(),
+               static_cast<int>(text.size()), text.data());
+}
+
+}  // namespace
+
+void KSFinishPorting(const std::source_location& location) {
+  printLine("not yet ported", location);
+  std::abort();
+}
+
+void KSRejectUnusedImplementation(const std::source_location& location) {
+  printLine("this operation must not be called", location);
+  std::abort();
+}
+
+void KSRecordBacktrace(std::string_view text, const std::source_location& location) {
+  printLine(text, location);
+  std::array<void*, maximumFrames> frames{};
+  const int count = ::backtrace(frames.data(), maximumFrames);
+  ::backtrace_symbols_fd(frames.data(), count, STDERR_FILENO);
+}
+
+}  // namespace quillmere

@@ -1,0 +1,47 @@
+#ifndef QUILLMERE_PLATFORM_BASE_NSDATA_H
+#define QUILLMERE_PLATFORM_BASE_NSDATA_H
+
+#include <cstddef>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace quillmere {
+
+/// Immutable bytes. Copying shares the buffer, which lives as long as any copy; so a pointer into
+/// `bytes()` is good as long as one `NSData` over the buffer is kept.
+class NSData {
+ public:
+  /// No bytes.
+  NSData() = default;
+
+  /// Copies `bytes`.
+  static NSData dataWithBytes(std::string_view bytes);
+
+  /// Takes over the bytes of `text` without copying them when it is passed by move.
+  static NSData dataWithString(std::string text);
+
+  /// Reads a whole file. Null when `path` cannot be opened or read or is not a regular file (a pipe
+  /// or a device might never end).
+  static std::optional<NSData> dataWithContentsOfFile(const std::string& path);
+
+  /// First byte; null when there are no bytes.
+  const char* bytes() const { return bytes_.get(); }
+  std::size_t length() const { return length_; }
+  /// The bytes as a view, good as long as one copy of this object lives.
+  std::string_view view() const { return {bytes_.get(), length_}; }
+
+  friend bool operator==(const NSData& a, const NSData& b) { return a.view() == b.view(); }
+
+ private:
+  NSData(std::shared_ptr<const char> bytes, std::size_t length)
+      : bytes_(std::move(bytes)), length_(length) {}
+
+  std::shared_ptr<const char> bytes_;
+  std::size_t length_ = 0;
+};
+
+}  // namespace quillmere
+
+#endif

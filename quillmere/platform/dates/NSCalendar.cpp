@@ -1,0 +1,82 @@
+#include <quillmere/platform/dates/CivilTime.h>
+#include <quillmere/platform/dates/NSCalendar.h>
+
+#include <algorithm>
+#include <limits>
+
+namespace quillmere {
+namespace {
+
+using cctz::civil_day, cctz::civil_month, cctz::civil_second;
+
+// Far more than any year of the calendar in any unit, and far less than overflow: an amount beyond
+// it only has to end up outside the calendar.
+constexpr std::int64_t largestAmount = std::numeric_limits<std::int64_t>::max() / 1'000'000;
+
+std::int64_t amount(std::optional<std::int64_t> component, std::int64_t ifUndefined = 0) {
+  return std::clamp(component.value_or(ifUndefined), -largestAmount, largestAmount);
+}
+
+std::optional<NSDate> dateWithinYears(const civil_second& civil, const cctz::time_zone& zone) {
+  if (civil.year() < NSCalendar::minimumYear || civil.year() > NSCalendar::maximumYear) {
+    return std::nullopt;
+  }
+  return dateOfCivil(civil, zone);
+}
+
+}  // namespace
+
+NSDateComponents NSCalendar::componentsFromDate(NSDate date) const {
+  const civil_second civil = cctz::convert(timePoint(date), cctzZone(zone_));
+  return {civil.year(), civil.month(), civil.day(), civil.hour(), civil.minute(), civil.second()};
+}
+
+std::optional<NSDate> NSCalendar::dateFromComponents(const NSDateComponents& components) const {
+  return dateWithinYears(
+      civil_second(amount(components.year, 1), amount(components.month, 1),
+                   amount(components.day, 1), amount(components.hour), amount(components.minute),
+                   amount(components.second)),
+      cctzZone(zone_));
+}
+
+std::optional<NSDate> NSCalendar::dateByAddingComponents_toDate(const NSDateComponents& components,
+                                                                NSDate date) const {
+  const cctz::time_zone& zone = cctzZone(zone_);
+  const civil_second start = cctz::convert(timePoint(date), zone);
+
+  NSDate moved = date;
+  if (components.year || components.month || components.day) {
+    const civil_month month =
+        civil_month(start) + 12 * amount(components.year) + amount(components.month);
+    const int lastDay = (civil_day(month + 1) - 1).day();
+    const civil_day day =
+        civil_day(month.year(), month.month(), std::min(start.day(), lastDay)) +
+        amount(components.day);
+    // A day that does not move the civil date must not move the instant either: in a repeated hour
+    // the date may be the second of the two.
+    if (day != civil_day(start)) {
+      const auto inRange = dateWithinYears(
+          civil_second(day.year(), day.month(), day.day(), start.hour(), start.minute(),
+                       start.second()),
+          zone);
+      if (!inRange) return std::nullopt;
+      const std::int64_t fraction =
+          date.microsecondsSince1970() - date.secondsSince1970() * NSDate::microsecondsPerSecond;
+      moved = NSDate::dateWithMicrosecondsSince1970(inRange->microsecondsSince1970() + fraction);
+    }
+  }
+
+  const std::int64_t seconds = amount(components.hour) * 3600 +
+                               amount(components.minute) * 60 + amount(components.second);
+  moved = moved.dateByAddingSeconds(seconds);
+  const std::int64_t year = cctz::convert(timePoint(moved), zone).year();
+  if (year < minimumYear || year > maximumYear) return std::nullopt;
+  return moved;
+}
+
+NSDate NSCalendar::startOfDayForDate(NSDate date) const {
+  const cctz::time_zone& zone = cctzZone(zone_);
+  return dateOfCivil(civil_second(civil_day(cctz::convert(timePoint(date), zone))), zone);
+}
+
+}  // namespace quillmere

@@ -1,0 +1,159 @@
+// The texts of dates: the description, the iCalendar forms and the XML (ISO 8601) form.
+
+#include <quillmere/platform/dates/CivilTime.h>
+#include <quillmere/platform/dates/NSDate.h>
+
+#include <algorithm>
+#include <cstdio>
+
+namespace quillmere {
+namespace {
+
+using std::string_view;
+
+constexpr bool isDigit(char character) { return character >= '0' && character <= '9'; }
+
+// Takes fixed fields off the front of a text; after the first mismatch every further step fails too.
+class FieldReader {
+ public:
+  explicit FieldReader(string_view text) : rest_(text) {}
+
+  // A number of exactly `count` digits.
+  int digits(std::size_t count) {
+    if (rest_.size() < count || !std::all_of(rest_.begin(), rest_.begin() + count, isDigit)) {
+      return fail();
+    }
+    int number = 0;
+    for (const char digit : rest_.substr(0, count)) number = number * 10 + (digit - '0');
+    rest_.remove_prefix(count);
+    return number;
+  }
+
+  void literal(char character) {
+    if (!skip(character)) fail();
+  }
+
+  // True when the next character was `character`, which is then taken.
+  bool skip(char character) {
+    if (!rest_.starts_with(character)) return false;
+    rest_.remove_prefix(1);
+    return true;
+  }
+
+  // A run of one or more digits as the fraction of a second, in microseconds.
+  std::int64_t fraction() {
+    if (rest_.empty() || !isDigit(rest_.front())) return fail();
+    std::int64_t microseconds = 0;
+    std::int64_t unit = NSDate::microsecondsPerSecond;
+    for (; !rest_.empty() && isDigit(rest_.front()); rest_.remove_prefix(1)) {
+      unit /= 10;
+      microseconds += (rest_.front() - '0') * unit;
+    }
+    return microseconds;
+  }
+
+  bool ended() const { return ok_ && rest_.empty(); }
+
+ private:
+  int fail() {
+    ok_ = false;
+    rest_ = {};
+    return 0;
+  }
+
+  string_view rest_;
+  bool ok_ = true;
+};
+
+// Null when a field lies outside the calendar or the clock. Second 60, a leap second, is allowed.
+std::optional<cctz::civil_second> civilTime(int year, int month, int day, int hour, int minute,
+                                            int second) {
+  const cctz::civil_day civilDay(year, month, day);
+  const bool exists = year >= 1 && civilDay.month() == month && civilDay.day() == day;
+  if (!exists || hour > 23 || minute > 59 || second > 60) return std::nullopt;
+  return cctz::civil_second(year, month, day, hour, minute, second);
+}
+
+std::string formatted(const char* format, const cctz::civil_second& civil) {
+  char text[64];
+  const int length =
+      std::snprintf(text, sizeof text, format, static_cast<long long>(civil.year()), civil.month(),
+                    civil.day(), civil.hour(), civil.minute(), civil.second());
+  return {text, static_cast<std::size_t>(length)};
+}
+
+}  // namespace
+
+std::string NSDate::description() const {
+  return formatted("%04lld-%02d-%02d %02d:%02d:%02d +0000", civilUTC(*this));
+}
+
+std::optional<NSDate> NSDate::initWithICSDateString(std::optional<string_view> text) {
+  if (!text) return std::nullopt;
+  FieldReader reader(*text);
+  const int year = reader.digits(4), month = reader.digits(2), day = reader.digits(2);
+  reader.literal('T');
+  const int hour = reader.digits(2), minute = reader.digits(2), second = reader.digits(2);
+  reader.skip('Z');
+  const auto civil = civilTime(year, month, day, hour, minute, second);
+  if (!reader.ended() || !civil) return std::nullopt;
+  return dateOfCivil(*civil, cctz::utc_time_zone());
+}
+
+std::optional<NSDate> NSDate::initWithICSDateOnlyString(std::optional<string_view> text) {
+  if (!text) return std::nullopt;
+  FieldReader reader(*text);
+  const int year = reader.digits(4), month = reader.digits(2), day = reader.digits(2);
+  const auto civil = civilTime(year, month, day, 0, 0, 0);
+  if (!reader.ended() || !civil) return std::nullopt;
+  return dateOfCivil(*civil, cctzZone(NSTimeZone::defaultTimeZone()));
+}
+
+std::string NSDate::icsDateString() const {
+  return formatted("%04lld%02d%02dT%02d%02d%02dZ", civilUTC(*this));
+}
+
+std::string NSDate::icsDateOnlyString() const {
+  const cctz::time_zone& zone = cctzZone(NSTimeZone::defaultTimeZone());
+  return formatted("%04lld%02d%02d", cctz::convert(timePoint(*this), zone));
+}
+
+std::optional<NSDate> NSDate::initWithXMLDateString(std::optional<string_view> text) {
+  if (!text) return std::nullopt;
+  FieldReader reader(*text);
+  const int year = reader.digits(4);
+  reader.literal('-');
+  const int month = reader.digits(2);
+  reader.literal('-');
+  const int day = reader.digits(2);
+  reader.literal('T');
+  const int hour = reader.digits(2);
+  reader.literal(':');
+  const int minute = reader.digits(2);
+  reader.literal(':');
+  const int second = reader.digits(2);
+  const std::int64_t fraction = reader.skip('.') ? reader.fraction() : 0;
+
+  int offset = 0;  // seconds east of UTC
+  if (!reader.skip('Z')) {
+    const bool west = reader.skip('-');
+    if (!west) reader.literal('+');
+    const int hours = reader.digits(2);
+    reader.literal(':');
+    offset = (hours * 60 + reader.digits(2)) * (west ? -60 : 60);
+  }
+
+  const auto civil = civilTime(year, month, day, hour, minute, second);
+  if (!reader.ended() || !civil) return std::nullopt;
+  const NSDate date = dateOfCivil(*civil, cctz::utc_time_zone()).dateByAddingSeconds(-offset);
+  return NSDate(date.microseconds_ + fraction);
+}
+
+std::string NSDate::xmlDateString() const {
+  const std::int64_t fraction = microseconds_ - secondsSince1970() * microsecondsPerSecond;
+  char digits[16];
+  std::snprintf(digits, sizeof digits, ".%06dZ", static_cast<int>(fraction));
+  return formatted("%04lld-%02d-%02dT%02d:%02d:%02d", civilUTC(*this)) + digits;
+}
+
+}  // namespace quillmere

@@ -1,0 +1,71 @@
+#ifndef QUILLMERE_PLATFORM_DATES_NSDATE_H
+#define QUILLMERE_PLATFORM_DATES_NSDATE_H
+
+#include <compare>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace quillmere {
+
+/// An instant: microseconds since 1 January 1970, 00:00 UTC, without leap seconds. It has no zone;
+/// what day it is, `NSCalendar` tells.
+class NSDate {
+ public:
+  static constexpr std::int64_t microsecondsPerSecond = 1'000'000;
+
+  static constexpr NSDate dateWithMicrosecondsSince1970(std::int64_t microseconds) {
+    return NSDate(microseconds);
+  }
+  /// Seconds since 1970, rounded to microseconds. Beyond what 64 bits hold it stays at the end of the
+  /// range; a NaN is 1970.
+  static NSDate dateWithTimeIntervalSince1970(double seconds);
+  /// The present instant.
+  static NSDate date();
+
+  constexpr std::int64_t microsecondsSince1970() const { return microseconds_; }
+  /// Whole seconds since 1970, rounded down.
+  constexpr std::int64_t secondsSince1970() const {
+    const std::int64_t seconds = microseconds_ / microsecondsPerSecond;
+    return microseconds_ % microsecondsPerSecond < 0 ? seconds - 1 : seconds;
+  }
+  double timeIntervalSince1970() const;
+
+  /// The instant `seconds` later (earlier when negative); stays at the end of the range beyond it.
+  NSDate dateByAddingSeconds(std::int64_t seconds) const;
+
+  friend constexpr auto operator<=>(NSDate, NSDate) = default;
+
+  /// "2024-01-05 09:30:00 +0000": in UTC, the fraction of the second left out.
+  std::string description() const;
+
+  /// Parses a DATE-TIME (RFC 5545 section 3.3.5) as UTC: eight digits, "T", six digits and an optional
+  /// "Z", e.g. "20240105T093000Z". Text without "Z" is read as UTC as well. Second 60 is the next
+  /// minute's 0. Null for null, for any other text, and for a day or time that does not exist.
+  static std::optional<NSDate> initWithICSDateString(std::optional<std::string_view> text);
+  /// Parses a DATE (RFC 5545 section 3.3.4), e.g. "20240105": the start of that day in the default
+  /// zone. Null for null, for any other text, and for a day that does not exist.
+  static std::optional<NSDate> initWithICSDateOnlyString(std::optional<std::string_view> text);
+  /// The UTC DATE-TIME form, "20240105T093000Z".
+  std::string icsDateString() const;
+  /// The DATE form, "20240105", of the date's day in the default zone.
+  std::string icsDateOnlyString() const;
+
+  /// Parses an ISO 8601 date-time with a zone: "2024-01-05T09:30:00.25Z", "2024-01-05T10:30:00+01:00".
+  /// Any number of fraction digits is taken, those after the sixth count nothing. Null for null and
+  /// for any other text.
+  static std::optional<NSDate> initWithXMLDateString(std::optional<std::string_view> text);
+  /// The ISO 8601 UTC form with all six fraction digits, "2024-01-05T09:30:00.250000Z", so that
+  /// parsing it gives the same date.
+  std::string xmlDateString() const;
+
+ private:
+  explicit constexpr NSDate(std::int64_t microseconds) : microseconds_(microseconds) {}
+
+  std::int64_t microseconds_;
+};
+
+}  // namespace quillmere
+
+#endif

@@ -1,0 +1,51 @@
+#ifndef QUILLMERE_PLATFORM_DATES_NSTIMEZONE_H
+#define QUILLMERE_PLATFORM_DATES_NSTIMEZONE_H
+
+#include <quillmere/platform/dates/NSDate.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace quillmere {
+
+/// A time zone: the rule that gives every instant its offset from UTC. A value; copying is cheap.
+class NSTimeZone {
+ public:
+  /// The zone of that name: an IANA name ("Europe/Paris") that the system's zone database holds, or
+  /// a Windows name ("W. Europe Standard Time"), which Outlook and Exchange write, by CLDR's mapping.
+  /// Null for any other text. The first use of a zone on a thread reads its file.
+  static std::optional<NSTimeZone> timeZoneWithName(std::string_view name);
+
+  /// The zone that a published table gives for an abbreviation such as "PST" or "CEST". Null for any
+  /// other text.
+  static std::optional<NSTimeZone> timeZoneWithAbbreviation(std::string_view abbreviation);
+
+  /// The zone of date-only texts and of all calendar arithmetic: the one that the host set, else the
+  /// system's as it was when first asked for.
+  static NSTimeZone defaultTimeZone();
+
+  /// Replaces the default zone; null goes back to the system's. A host calls it before it uses the
+  /// library on a second thread.
+  static void setDefaultTimeZone(std::optional<NSTimeZone> zone);
+
+  /// The name: an IANA name also where the zone was asked for by another.
+  const std::string& name() const;
+
+  /// Seconds east of UTC at that instant; negative in the west.
+  int secondsFromGMTForDate(NSDate date) const;
+
+  friend bool operator==(const NSTimeZone& a, const NSTimeZone& b) { return a.name() == b.name(); }
+
+ private:
+  struct Zone;
+  friend struct ZoneAccess;
+  explicit NSTimeZone(std::shared_ptr<const Zone> zone) : zone_(std::move(zone)) {}
+
+  std::shared_ptr<const Zone> zone_;
+};
+
+}  // namespace quillmere
+
+#endif
