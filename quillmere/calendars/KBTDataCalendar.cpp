@@ -29,13 +29,15 @@ struct KBTDataCalendar::Fetch {
   OrderedSet remaining;  // known before the fetch and not found yet
   OrderedSet seen;       // found, so that a second item of the name is skipped
 
-  // What the lines so far have told. Nothing of this is cleared between items, so an item that lacks
-  // one takes it over from the item before: a version (which sticks once it was made up), or a UID
-  // (which makes it a duplicate). Hosts keep names and versions between runs, so this must not change.
+  // What the lines so far have told. Nothing of this is cleared between items, so an item that
+  // lacks one takes it over from the item before: a version (which sticks once it was made up), or
+  // a UID (which makes it a duplicate). Hosts keep names and versions between runs, so this must
+  // not change.
   std::optional<std::string> uid;
   std::optional<std::string> version;
   std::optional<std::string> sequence;
-  std::shared_ptr<KBTCalObject> item;  // a reader over the item that began last; null before the first
+  std::shared_ptr<KBTCalObject>
+      item;  // a reader over the item that began last; null before the first
 };
 
 std::shared_ptr<KBTDataCalendar> KBTDataCalendar::init() { return makeObject<KBTDataCalendar>(); }
@@ -52,8 +54,8 @@ void KBTDataCalendar::fetchExternalChanges() {
   delegate()->synchingCalendarCompletedFetchExternalChanges_withError(*this, nullptr);
 }
 
-// Nesting is not tracked: once an item has begun, the UID, DTSTAMP and SEQUENCE of whatever component
-// comes (an alarm's, a journal's) count.
+// Nesting is not tracked: once an item has begun, the UID, DTSTAMP and SEQUENCE of whatever
+// component comes (an alarm's, a journal's) count.
 void KBTDataCalendar::visitLine(KBTCalObject& reader, Fetch& fetch) {
   const auto key = reader.key();
   if (key == "X-WR-CALNAME") {
@@ -74,7 +76,8 @@ void KBTDataCalendar::visitLine(KBTCalObject& reader, Fetch& fetch) {
 void KBTDataCalendar::finishItem(Fetch& fetch) {
   if (!fetch.version) fetch.version = fetch.sequence.value_or("1");
   if (!fetch.uid) fetch.uid = CFUUIDCreateString();
-  // An item that ends without having begun: the delegate gets a reader all the same, one without lines.
+  // An item that ends without having begun: the delegate gets a reader all the same, one without
+  // lines.
   if (!fetch.item) fetch.item = KBTCalObject::initWithData(std::nullopt);
 
   const std::string& name = *fetch.uid;

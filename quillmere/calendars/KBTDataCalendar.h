@@ -9,14 +9,14 @@ namespace quillmere {
 
 /// A calendar whose store is one iCalendar document, read and written in one piece.
 ///
-/// A fetch reports every VEVENT and VTODO under its UID, with its DTSTAMP text as version. Of several
-/// items with one UID (the instances of a recurring event that differ, for example) only the first is
-/// reported. An X-WR-CALNAME names the calendar. An object that was inserted and not yet saved is not in
-/// the document, so a fetch reports it as deleted.
+/// A fetch reports every VEVENT and VTODO under its UID, with its DTSTAMP text as version. Of
+/// several items with one UID (the instances of a recurring event that differ, for example) only
+/// the first is reported. An X-WR-CALNAME names the calendar. An object that was inserted and not
+/// yet saved is not in the document, so a fetch reports it as deleted.
 ///
-/// A save writes every known object, also one whose deletion is pending: a delegate that wants it gone
-/// answers no data for it. Only what the delegate answers is written; anything else that stood in the
-/// document (zones, journals, other properties of the calendar) is not.
+/// A save writes every known object, also one whose deletion is pending: a delegate that wants it
+/// gone answers no data for it. Only what the delegate answers is written; anything else that stood
+/// in the document (zones, journals, other properties of the calendar) is not.
 ///
 /// The document comes from and goes to two hooks, which subclasses fill. By itself this class reads
 /// nothing and writes nowhere.

@@ -13,13 +13,15 @@ namespace quillmere {
 /// A calendar in a local iCalendar file. All work is synchronous: every callback is sent before the
 /// operation returns.
 ///
-/// The caching string is the file's modification date as ISO 8601 text in UTC with six fraction digits
-/// ("2024-01-05T09:30:00.250000Z"). As long as the file is not younger, a fetch does not read it and
-/// sends the completed callback alone. The calendar's own save does not count as a change.
+/// The caching string is the file's modification date as ISO 8601 text in UTC with six fraction
+/// digits
+/// ("2024-01-05T09:30:00.250000Z"). As long as the file is not younger, a fetch does not read it
+/// and sends the completed callback alone. The calendar's own save does not count as a change.
 ///
-/// A missing or unreadable file reads as empty, so a fetch then reports every known object as deleted.
-/// The file is replaced atomically (`NSFileManager::writeData_toFileAtomically`), but a write that fails
-/// is reported as a completed save: a host that must know compares `cachingString()`, or the file.
+/// A missing or unreadable file reads as empty, so a fetch then reports every known object as
+/// deleted. The file is replaced atomically (`NSFileManager::writeData_toFileAtomically`), but a
+/// write that fails is reported as a completed save: a host that must know compares
+/// `cachingString()`, or the file.
 class KBTFileCalendar : public KBTDataCalendar {
  public:
   /// `path` need not exist yet.
@@ -35,8 +37,8 @@ class KBTFileCalendar : public KBTDataCalendar {
   /// Null or text of another form: as if the file had never been read.
   void setCachingString(std::optional<std::string> cachingString) override;
 
-  /// Answers true when the file was never read or is younger than when it last was; false when it is
-  /// missing.
+  /// Answers true when the file was never read or is younger than when it last was; false when it
+  /// is missing.
   void checkForExternalChanges() override;
   void fetchExternalChanges() override;
 

@@ -13,18 +13,20 @@ namespace quillmere {
 
 /// A calendar that keeps a host's objects in step with a store: the base of every kind of calendar.
 ///
-/// It knows objects by their unique names, which the delegate gives, and remembers which of them are
-/// to be inserted, updated or deleted. A host
+/// It knows objects by their unique names, which the delegate gives, and remembers which of them
+/// are to be inserted, updated or deleted. A host
 ///
-///   1. makes a calendar, sets itself as delegate, and seeds it with the objects (`setObjects`) and the
+///   1. makes a calendar, sets itself as delegate, and seeds it with the objects (`setObjects`) and
+///   the
 ///      caching string (`setCachingString`) that it kept from the last run;
 ///   2. calls `fetchExternalChanges()`, and hears what is new, changed and gone;
-///   3. records its own changes (`insertObject`, `updateObject`, `deleteObject`), then `saveChanges()`;
+///   3. records its own changes (`insertObject`, `updateObject`, `deleteObject`), then
+///   `saveChanges()`;
 ///   4. keeps its objects and `cachingString()` for the next run.
 ///
-/// Every outcome is a callback of the delegate, sent on the thread that uses the calendar. The calendar
-/// never keeps its delegate alive: a delegate that is gone, like one that was never set, hears nothing
-/// and answers null.
+/// Every outcome is a callback of the delegate, sent on the thread that uses the calendar. The
+/// calendar never keeps its delegate alive: a delegate that is gone, like one that was never set,
+/// hears nothing and answers null.
 ///
 /// The base class is complete by itself: it has no store, so nothing changes outside and every save
 /// succeeds.
@@ -38,16 +40,16 @@ class KBTSynchingCalendar : public std::enable_shared_from_this<KBTSynchingCalen
 
   virtual void setDelegate(std::weak_ptr<KBTSynchingCalendarDelegate> delegate);
 
-  /// Replaces the known objects; of several with one name the last stays. Pending changes are left as
-  /// they are.
+  /// Replaces the known objects; of several with one name the last stays. Pending changes are left
+  /// as they are.
   void setObjects(const std::vector<KBTClientObject>& objects);
 
   /// The name for people, null until one is set or read from the store.
   virtual std::optional<std::string> calendarName() const;
   virtual void setCalendarName(std::optional<std::string> name);
 
-  /// A short text that lets a later run skip work: a modification date, an entity tag. Null when there
-  /// is none, as always in the base.
+  /// A short text that lets a later run skip work: a modification date, an entity tag. Null when
+  /// there is none, as always in the base.
   virtual std::optional<std::string> cachingString() const;
   virtual void setCachingString(std::optional<std::string> cachingString);
 
@@ -70,8 +72,9 @@ class KBTSynchingCalendar : public std::enable_shared_from_this<KBTSynchingCalen
   /// Forgets what waits to be saved.
   void resetChanges();
 
-  /// These three record a change of the host's for the next save. While a save is in flight the change
-  /// is dropped silently. Each change stands for itself: an object may be pending for several.
+  /// These three record a change of the host's for the next save. While a save is in flight the
+  /// change is dropped silently. Each change stands for itself: an object may be pending for
+  /// several.
   ///
   /// Also makes the object known, in place of any other of its name.
   void insertObject(const KBTClientObject& object);

@@ -16,12 +16,12 @@ namespace quillmere {
 
 class KBTSynchingCalendar;
 
-/// An object of the host's own: an event, a to-do, anything. Calendars keep it and hand it back, and
-/// never look inside; `std::static_pointer_cast` gives the host its own type again.
+/// An object of the host's own: an event, a to-do, anything. Calendars keep it and hand it back,
+/// and never look inside; `std::static_pointer_cast` gives the host its own type again.
 using KBTClientObject = std::shared_ptr<void>;
 
-/// What a failed save was about: the object (null when the whole document failed), or its unique name
-/// where the calendar tells that instead (CalDAV).
+/// What a failed save was about: the object (null when the whole document failed), or its unique
+/// name where the calendar tells that instead (CalDAV).
 using KBTFailedObject = std::variant<KBTClientObject, std::string>;
 
 /// What a host implements to use a synching calendar: it answers for its objects and hears every
@@ -45,17 +45,18 @@ class KBTSynchingCalendarDelegate {
                                                         const std::string& uniqueName,
                                                         const KBTClientObject& object) = 0;
 
-  /// The version string that came with the object's last callback. Null counts as different from every
-  /// version.
+  /// The version string that came with the object's last callback. Null counts as different from
+  /// every version.
   virtual std::optional<std::string> synchingCalendar_versionStringForObject(
       KBTSynchingCalendar& calendar, const KBTClientObject& object) = 0;
 
-  /// The object's component, to be written. Null or empty contributes nothing: so a host leaves out of
-  /// a document what it has deleted.
+  /// The object's component, to be written. Null or empty contributes nothing: so a host leaves out
+  /// of a document what it has deleted.
   virtual std::shared_ptr<KBTICSDataSource> synchingCalendar_icsDataForObject(
       KBTSynchingCalendar& calendar, const KBTClientObject& object) = 0;
 
-  /// Start and end of the range that ranged stores are asked for (CalDAV, the desktop's event store).
+  /// Start and end of the range that ranged stores are asked for (CalDAV, the desktop's event
+  /// store).
   virtual std::optional<NSDate> synchingCalendarEarliestDate(KBTSynchingCalendar& calendar) = 0;
   virtual std::optional<NSDate> synchingCalendarLatestDate(KBTSynchingCalendar& calendar) = 0;
 
@@ -64,8 +65,8 @@ class KBTSynchingCalendarDelegate {
 
   virtual void synchingCalendarBeganFetchExternalChanges(KBTSynchingCalendar& calendar) = 0;
 
-  /// The store holds an item that the calendar does not know. The result is kept under the name; null
-  /// declines the item. `data` stands before the item's "BEGIN" line.
+  /// The store holds an item that the calendar does not know. The result is kept under the name;
+  /// null declines the item. `data` stands before the item's "BEGIN" line.
   virtual KBTClientObject synchingCalendar_newObjectNamed_versionString_data(
       KBTSynchingCalendar& calendar, const std::string& uniqueName,
       const std::string& versionString, const std::shared_ptr<KBTCalObject>& data) = 0;
@@ -110,11 +111,10 @@ class KBTSynchingCalendarDelegate {
 
   // The one optional callback.
 
-  /// A subscription's server asks who is there. Whoever implements this calls `completionHandler` once,
-  /// now or later. By default the request goes on without a credential.
+  /// A subscription's server asks who is there. Whoever implements this calls `completionHandler`
+  /// once, now or later. By default the request goes on without a credential.
   virtual void synchingCalendar_didReceiveChallenge_completionHandler(
-      KBTSynchingCalendar& calendar,
-      const std::shared_ptr<NSURLAuthenticationChallenge>& challenge,
+      KBTSynchingCalendar& calendar, const std::shared_ptr<NSURLAuthenticationChallenge>& challenge,
       NSURLSessionChallengeCompletionHandler completionHandler);
 };
 

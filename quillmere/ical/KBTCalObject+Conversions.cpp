@@ -9,7 +9,8 @@ using std::string_view;
 
 // Appends a digit to a number that wraps around at 32 bits.
 std::int32_t appendDigit(std::int32_t number, char digit) {
-  const auto appended = static_cast<std::uint32_t>(number) * 10U + static_cast<std::uint32_t>(digit - '0');
+  const auto appended =
+      static_cast<std::uint32_t>(number) * 10U + static_cast<std::uint32_t>(digit - '0');
   return static_cast<std::int32_t>(appended);
 }
 

@@ -4,7 +4,8 @@
 //   - A line without ":" or ";" runs on into the next line (scanKeyAndParameters).
 //   - Quotation marks mean nothing: ":" ends parameters and ";" splits them inside quotes as well
 //     (scanKeyAndParameters, parseModifiers).
-//   - CR, LF and CR LF end lines, but only CR LF SPACE is unfolded; a tab continues nothing (scanValue,
+//   - CR, LF and CR LF end lines, but only CR LF SPACE is unfolded; a tab continues nothing
+//   (scanValue,
 //     decodedValue).
 //   - "\N" is "N" (unescape).
 //   - A key asked for after the parameters includes their text (key).
@@ -51,8 +52,8 @@ void appendUnfolded(std::string& to, string_view folded) {
   }
 }
 
-// What "\" and the byte after it stand for. The first byte of a longer character stands for itself, so
-// that the rest of it follows unchanged.
+// What "\" and the byte after it stand for. The first byte of a longer character stands for itself,
+// so that the rest of it follows unchanged.
 constexpr char unescaped(char byte) {
   switch (byte) {
     case 'n':
@@ -114,7 +115,8 @@ bool KBTCalObject::nextLine() {
 void KBTCalObject::scanKeyAndParameters() {
   keyPtr_ = cursor_;
   modifierPtr_ = nullptr;
-  // Line endings do not stop this scan: a line with neither character is part of the next one's key.
+  // Line endings do not stop this scan: a line with neither character is part of the next one's
+  // key.
   cursor_ = findEither(cursor_, dataEnd_, ':', ';');
   if (cursor_ != dataEnd_ && *cursor_ == ';') {
     modifierPtr_ = ++cursor_;
@@ -139,7 +141,8 @@ void KBTCalObject::scanValue() {
 
 std::optional<string_view> KBTCalObject::key() {
   if (!keyBuilt_) {
-    // Once the parameters were parsed the mark before them is gone, and the key runs up to the value.
+    // Once the parameters were parsed the mark before them is gone, and the key runs up to the
+    // value.
     const bool endsAtModifiers = modifierPtr_ && !modifiersParsed_;
     const string_view bytes =
         between(keyPtr_, endsAtModifiers ? modifierPtr_ - 1 : keyAndModifiersEndPtr_);

@@ -30,8 +30,8 @@ using KBTCalModifiers = std::map<std::string_view, std::string_view>;
 /// values. `KBTCalObject.cpp` names the rules that differ from RFC 5545.
 ///
 /// Lifetime: keys, values and parameters are views. Keys and parameters point into the document, a
-/// value into the document or into the reader; all are good until the next `nextLine()` or `reset()`
-/// and no longer than the reader. Copy what is to be kept.
+/// value into the document or into the reader; all are good until the next `nextLine()` or
+/// `reset()` and no longer than the reader. Copy what is to be kept.
 ///
 /// Text is UTF-8; a key or value that is not well-formed UTF-8 is null, a parameter that is not is
 /// left out.
@@ -40,7 +40,8 @@ class KBTCalObject : public KBTICSDataSource {
   KBTCalObject(const KBTCalObject&) = delete;
   KBTCalObject& operator=(const KBTCalObject&) = delete;
 
-  /// A reader before the first line of `data`, which it keeps alive. Null or empty data has no lines.
+  /// A reader before the first line of `data`, which it keeps alive. Null or empty data has no
+  /// lines.
   static std::shared_ptr<KBTCalObject> initWithData(std::optional<NSData> data);
 
   /// Goes back before the first line. What `key()`, `value()` and `modifiers()` answer stays until
@@ -50,18 +51,19 @@ class KBTCalObject : public KBTICSDataSource {
   /// True when no line follows.
   virtual bool isAtEnd() const;
 
-  /// Moves to the next content line (RFC 5545 section 3.1), over all of its continuation lines. False
-  /// when there is none; then nothing changes.
+  /// Moves to the next content line (RFC 5545 section 3.1), over all of its continuation lines.
+  /// False when there is none; then nothing changes.
   virtual bool nextLine();
 
   /// Requires: a successful `nextLine()`. This and the next four answer for the current line.
   ///
-  /// The line's name exactly as written, e.g. "DTSTART". Ask for it before the parameters: once they
-  /// were asked for, the key of a line that has any runs up to the ":" and includes their text.
+  /// The line's name exactly as written, e.g. "DTSTART". Ask for it before the parameters: once
+  /// they were asked for, the key of a line that has any runs up to the ":" and includes their
+  /// text.
   virtual std::optional<std::string_view> key();
 
-  /// The line's value, unfolded and unescaped: "\n" is a newline, "\t" a tab, "\r" a carriage return,
-  /// and "\" before any other character is left out ("\N" is "N").
+  /// The line's value, unfolded and unescaped: "\n" is a newline, "\t" a tab, "\r" a carriage
+  /// return, and "\" before any other character is left out ("\N" is "N").
   virtual std::optional<std::string_view> value();
 
   /// The parameters by name. Nothing in them is unquoted, unescaped or case-folded; a name without
@@ -73,13 +75,14 @@ class KBTCalObject : public KBTICSDataSource {
 
   /// The value as a date (RFC 5545 sections 3.3.4 and 3.3.5), null when it is none.
   ///
-  /// With the parameter VALUE=DATE, `isFullDay` is set and the result is the start of the day in the
-  /// default zone. Otherwise it is cleared and the digits are read as UTC, whether "Z" follows them or
-  /// not; a TZID then moves the result by that zone's offset. The zone is found by name, else by
-  /// abbreviation, else it is the default zone. Its offset is taken at the digits read as UTC, not at
-  /// the true instant, so close to a change to or from daylight saving the result is off by the change:
-  /// TZID=America/New_York:20240310T063000 is taken with the offset at 06:30 UTC, still winter time's
-  /// five hours, and gives 11:30 UTC, although New York had gone to summer time and it was 10:30 UTC.
+  /// With the parameter VALUE=DATE, `isFullDay` is set and the result is the start of the day in
+  /// the default zone. Otherwise it is cleared and the digits are read as UTC, whether "Z" follows
+  /// them or not; a TZID then moves the result by that zone's offset. The zone is found by name,
+  /// else by abbreviation, else it is the default zone. Its offset is taken at the digits read as
+  /// UTC, not at the true instant, so close to a change to or from daylight saving the result is
+  /// off by the change: TZID=America/New_York:20240310T063000 is taken with the offset at 06:30
+  /// UTC, still winter time's five hours, and gives 11:30 UTC, although New York had gone to summer
+  /// time and it was 10:30 UTC.
   virtual std::optional<NSDate> valueAsDateIsFullDay(bool& isFullDay);
 
   /// A reader of the component whose "BEGIN" line is the current line. It shares the bytes and may
@@ -91,15 +94,15 @@ class KBTCalObject : public KBTICSDataSource {
 
   /// `NSDate::initWithICSDateString`: "20240105T093000Z", null for null and for other text.
   static std::optional<NSDate> zuluStringAsDate(std::optional<std::string_view> text);
-  /// `NSDate::initWithICSDateOnlyString`: "20240105" in the default zone, null for null and for other
-  /// text.
+  /// `NSDate::initWithICSDateOnlyString`: "20240105" in the default zone, null for null and for
+  /// other text.
   static std::optional<NSDate> dateOnlyStringAsDate(std::optional<std::string_view> text);
   /// "20240105T093000Z", in UTC.
   static std::string datetimeAsZuluString(NSDate date);
   /// "20240105", the day in the default zone.
   static std::string dateAsZuluString(NSDate date);
-  /// A duration (RFC 5545 section 3.3.6) as components: "PT1H30M" is hour 1 and minute 30. Weeks set
-  /// nothing. Null for null and for text that does not begin with "P" or "p", so for any sign.
+  /// A duration (RFC 5545 section 3.3.6) as components: "PT1H30M" is hour 1 and minute 30. Weeks
+  /// set nothing. Null for null and for text that does not begin with "P" or "p", so for any sign.
   static std::optional<NSDateComponents> icalDurationAsDateComponents(
       std::optional<std::string_view> text);
 

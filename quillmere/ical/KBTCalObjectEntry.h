@@ -5,9 +5,9 @@
 
 namespace quillmere {
 
-/// A reader confined to one component: from its "BEGIN" line, the first line it returns, to the first
-/// "END" line that follows. Components nested in it are not tracked: an event that holds an alarm ends
-/// at the alarm's "END" line, and the lines after that are not part of the entry.
+/// A reader confined to one component: from its "BEGIN" line, the first line it returns, to the
+/// first "END" line that follows. Components nested in it are not tracked: an event that holds an
+/// alarm ends at the alarm's "END" line, and the lines after that are not part of the entry.
 class KBTCalObjectEntry : public KBTCalObject {
  public:
   /// A reader over `data` before the line at `startPtr`.
@@ -24,8 +24,8 @@ class KBTCalObjectEntry : public KBTCalObject {
 
   bool nextLine() override;
 
-  /// Copies the component's text, from "BEGIN" through the line ending of the "END" line. This reads to
-  /// the end; `reset()` before reading again.
+  /// Copies the component's text, from "BEGIN" through the line ending of the "END" line. This
+  /// reads to the end; `reset()` before reading again.
   NSData icsData() override;
 
  protected:

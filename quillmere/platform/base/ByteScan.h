@@ -9,16 +9,16 @@
 #include <emmintrin.h>
 #endif
 
-// Internal. Scans of the kind of memchr that memchr itself does not offer. Inline, because a content
-// line's key and parameters are so short that a call would cost as much as the scan.
+// Internal. Scans of the kind of memchr that memchr itself does not offer. Inline, because a
+// content line's key and parameters are so short that a call would cost as much as the scan.
 namespace quillmere {
 namespace scan {
 
 inline constexpr std::uint64_t everyByte = 0x0101010101010101;
 inline constexpr std::uint64_t highBits = 0x8080808080808080;
 
-/// One block of bytes: `matches` gives a mask whose lowest set bit marks the first byte of interest,
-/// at byte `bit / bitsPerByte`.
+/// One block of bytes: `matches` gives a mask whose lowest set bit marks the first byte of
+/// interest, at byte `bit / bitsPerByte`.
 struct Word {
   static constexpr int width = 8;
   static constexpr int bitsPerByte = 8;

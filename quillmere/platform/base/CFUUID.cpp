@@ -1,8 +1,7 @@
+#include <glib.h>
 #include <quillmere/platform/base/CFUUID.h>
 
 #include <memory>
-
-#include <glib.h>
 
 namespace quillmere {
 

@@ -1,11 +1,10 @@
+#include <execinfo.h>
 #include <quillmere/platform/base/KSDiagnostics.h>
+#include <unistd.h>
 
 #include <array>
 #include <cstdio>
 #include <cstdlib>
-
-#include <execinfo.h>
-#include <unistd.h>
 
 namespace quillmere {
 namespace {

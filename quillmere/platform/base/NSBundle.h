@@ -21,8 +21,8 @@ class NSBundle {
 
   void setObject_forInfoDictionaryKey(std::string value, std::string_view key);
 
-  /// The entry as the host set it; "CFBundleShortVersionString" is the library's own version as long
-  /// as the host has set none; any other entry that was never set is null.
+  /// The entry as the host set it; "CFBundleShortVersionString" is the library's own version as
+  /// long as the host has set none; any other entry that was never set is null.
   std::optional<std::string> objectForInfoDictionaryKey(std::string_view key) const;
 
  private:

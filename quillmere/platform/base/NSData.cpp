@@ -1,14 +1,13 @@
+#include <fcntl.h>
 #include <quillmere/platform/base/FileDescriptor.h>
 #include <quillmere/platform/base/NSData.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <limits>
 #include <utility>
-
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 namespace quillmere {
 namespace {

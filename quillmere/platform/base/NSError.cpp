@@ -9,9 +9,8 @@ namespace quillmere {
 NSError::NSError(std::string domain, std::int64_t code, NSErrorUserInfo userInfo)
     : domain_(std::move(domain)), code_(code), userInfo_(std::move(userInfo)) {}
 
-NSErrorPtr NSError::errorWithDomain_code_userInfo(std::string domain,
-                                                                      std::int64_t code,
-                                                                      NSErrorUserInfo userInfo) {
+NSErrorPtr NSError::errorWithDomain_code_userInfo(std::string domain, std::int64_t code,
+                                                  NSErrorUserInfo userInfo) {
   return makeObject<NSError>(std::move(domain), std::move(code), std::move(userInfo));
 }
 

@@ -17,8 +17,7 @@ class NSError;
 using NSErrorPtr = std::shared_ptr<const NSError>;
 
 /// User info: text, bytes or a nested error by key.
-using NSErrorUserInfo =
-    std::map<std::string, std::variant<std::string, NSData, NSErrorPtr>>;
+using NSErrorUserInfo = std::map<std::string, std::variant<std::string, NSData, NSErrorPtr>>;
 
 /// Key of the text for people.
 inline constexpr const char* NSLocalizedDescriptionKey = "NSLocalizedDescription";
@@ -30,9 +29,8 @@ inline constexpr const char* NSPOSIXErrorDomain = "NSPOSIXErrorDomain";
 /// One failure: a domain, a code in it, and what else is known. Immutable and shared.
 class NSError {
  public:
-  static NSErrorPtr errorWithDomain_code_userInfo(std::string domain,
-                                                                      std::int64_t code,
-                                                                      NSErrorUserInfo userInfo);
+  static NSErrorPtr errorWithDomain_code_userInfo(std::string domain, std::int64_t code,
+                                                  NSErrorUserInfo userInfo);
   /// An error of `NSPOSIXErrorDomain` with the system's text for `code`.
   static NSErrorPtr errorWithPOSIXCode(int code);
 

@@ -1,5 +1,8 @@
+#include <fcntl.h>
 #include <quillmere/platform/base/FileDescriptor.h>
 #include <quillmere/platform/base/NSFileManager.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>
@@ -8,10 +11,6 @@
 #include <random>
 #include <string_view>
 #include <system_error>
-
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 namespace quillmere {
 namespace {
@@ -106,11 +105,10 @@ int replaceFile(const fs::path& target, std::string_view bytes) {
   constexpr mode_t ownerOnly = 0600;  // until the old permissions are set
   constexpr mode_t everyone = 0666;   // less the umask
   TemporaryFile temporary(target, replacing ? ownerOnly : everyone);
-  const bool done = temporary.isOpen() &&
-                    (!replacing || takeOverAttributes(temporary.descriptor(), old)) &&
-                    writeFully(temporary.descriptor(), bytes) &&
-                    ::fsync(temporary.descriptor()) == 0 && temporary.renameTo(target) &&
-                    flushDirectory(target.parent_path());
+  const bool done =
+      temporary.isOpen() && (!replacing || takeOverAttributes(temporary.descriptor(), old)) &&
+      writeFully(temporary.descriptor(), bytes) && ::fsync(temporary.descriptor()) == 0 &&
+      temporary.renameTo(target) && flushDirectory(target.parent_path());
   return done ? 0 : errno;
 }
 
@@ -119,12 +117,11 @@ int replaceFile(const fs::path& target, std::string_view bytes) {
 std::optional<NSDate> NSFileManager::modificationDateOfItemAtPath(const std::string& path) {
   struct stat status {};
   if (::stat(path.c_str(), &status) != 0) return std::nullopt;
-  return NSDate::dateWithMicrosecondsSince1970(status.st_mtim.tv_sec * NSDate::microsecondsPerSecond +
-                                               status.st_mtim.tv_nsec / 1000);
+  return NSDate::dateWithMicrosecondsSince1970(
+      status.st_mtim.tv_sec * NSDate::microsecondsPerSecond + status.st_mtim.tv_nsec / 1000);
 }
 
-NSErrorPtr NSFileManager::writeData_toFileAtomically(const NSData& data,
-                                                                         const std::string& path) {
+NSErrorPtr NSFileManager::writeData_toFileAtomically(const NSData& data, const std::string& path) {
   std::error_code linkError;
   const fs::path target = followLinks(path, linkError);
   if (linkError) return NSError::errorWithPOSIXCode(linkError.value());

@@ -12,8 +12,8 @@
 
 namespace quillmere {
 
-/// A hash with a secret seed of the process. Keys come from documents that strangers write, who could
-/// choose them to collide under a known hash.
+/// A hash with a secret seed of the process. Keys come from documents that strangers write, who
+/// could choose them to collide under a known hash.
 std::size_t seededHash(std::string_view text);
 
 /// A dictionary with text keys that remembers the order in which keys were first inserted; insert,

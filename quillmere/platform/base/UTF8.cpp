@@ -1,6 +1,5 @@
 #include <quillmere/platform/base/ByteScan.h>
 #include <quillmere/platform/base/UTF8.h>
-
 #include <utf8.h>
 
 namespace quillmere {

@@ -32,11 +32,10 @@ NSDateComponents NSCalendar::componentsFromDate(NSDate date) const {
 }
 
 std::optional<NSDate> NSCalendar::dateFromComponents(const NSDateComponents& components) const {
-  return dateWithinYears(
-      civil_second(amount(components.year, 1), amount(components.month, 1),
-                   amount(components.day, 1), amount(components.hour), amount(components.minute),
-                   amount(components.second)),
-      cctzZone(zone_));
+  return dateWithinYears(civil_second(amount(components.year, 1), amount(components.month, 1),
+                                      amount(components.day, 1), amount(components.hour),
+                                      amount(components.minute), amount(components.second)),
+                         cctzZone(zone_));
 }
 
 std::optional<NSDate> NSCalendar::dateByAddingComponents_toDate(const NSDateComponents& components,
@@ -49,16 +48,15 @@ std::optional<NSDate> NSCalendar::dateByAddingComponents_toDate(const NSDateComp
     const civil_month month =
         civil_month(start) + 12 * amount(components.year) + amount(components.month);
     const int lastDay = (civil_day(month + 1) - 1).day();
-    const civil_day day =
-        civil_day(month.year(), month.month(), std::min(start.day(), lastDay)) +
-        amount(components.day);
+    const civil_day day = civil_day(month.year(), month.month(), std::min(start.day(), lastDay)) +
+                          amount(components.day);
     // A day that does not move the civil date must not move the instant either: in a repeated hour
     // the date may be the second of the two.
     if (day != civil_day(start)) {
-      const auto inRange = dateWithinYears(
-          civil_second(day.year(), day.month(), day.day(), start.hour(), start.minute(),
-                       start.second()),
-          zone);
+      const auto inRange =
+          dateWithinYears(civil_second(day.year(), day.month(), day.day(), start.hour(),
+                                       start.minute(), start.second()),
+                          zone);
       if (!inRange) return std::nullopt;
       const std::int64_t fraction =
           date.microsecondsSince1970() - date.secondsSince1970() * NSDate::microsecondsPerSecond;
@@ -66,8 +64,8 @@ std::optional<NSDate> NSCalendar::dateByAddingComponents_toDate(const NSDateComp
     }
   }
 
-  const std::int64_t seconds = amount(components.hour) * 3600 +
-                               amount(components.minute) * 60 + amount(components.second);
+  const std::int64_t seconds =
+      amount(components.hour) * 3600 + amount(components.minute) * 60 + amount(components.second);
   moved = moved.dateByAddingSeconds(seconds);
   const std::int64_t year = cctz::convert(timePoint(moved), zone).year();
   if (year < minimumYear || year > maximumYear) return std::nullopt;

@@ -9,12 +9,12 @@
 
 namespace quillmere {
 
-/// The proleptic Gregorian calendar in one time zone: turns instants into civil fields and back, and
-/// adds fields to instants. Its years are 1 to 144683.
+/// The proleptic Gregorian calendar in one time zone: turns instants into civil fields and back,
+/// and adds fields to instants. Its years are 1 to 144683.
 ///
-/// A wall time that a change to daylight saving skips moves forward by the gap, of a repeated one the
-/// first is meant. In America/New_York, 10 March 2024, 02:30 is 03:30 (07:30 UTC), and 3 November
-/// 2024, 01:30 is the one at 05:30 UTC.
+/// A wall time that a change to daylight saving skips moves forward by the gap, of a repeated one
+/// the first is meant. In America/New_York, 10 March 2024, 02:30 is 03:30 (07:30 UTC), and 3
+/// November 2024, 01:30 is the one at 05:30 UTC.
 class NSCalendar {
  public:
   static constexpr std::int64_t minimumYear = 1;
@@ -30,9 +30,9 @@ class NSCalendar {
   /// Year, month, day, hour, minute and second of `date`, all of them defined.
   NSDateComponents componentsFromDate(NSDate date) const;
 
-  /// The instant of the given fields. Undefined ones count as the first of their kind (year 1, month
-  /// 1, day 1, 0 o'clock); ones beyond their range carry over into the next larger, so that day 0 is
-  /// the day before the first. Null when the result lies outside the calendar's years.
+  /// The instant of the given fields. Undefined ones count as the first of their kind (year 1,
+  /// month 1, day 1, 0 o'clock); ones beyond their range carry over into the next larger, so that
+  /// day 0 is the day before the first. Null when the result lies outside the calendar's years.
   std::optional<NSDate> dateFromComponents(const NSDateComponents& components) const;
 
   /// `date` and so much time; undefined components add nothing. Years and months come first (a day

@@ -13,7 +13,8 @@ using std::string_view;
 
 constexpr bool isDigit(char character) { return character >= '0' && character <= '9'; }
 
-// Takes fixed fields off the front of a text; after the first mismatch every further step fails too.
+// Takes fixed fields off the front of a text; after the first mismatch every further step fails
+// too.
 class FieldReader {
  public:
   explicit FieldReader(string_view text) : rest_(text) {}

@@ -18,8 +18,8 @@ class NSDate {
   static constexpr NSDate dateWithMicrosecondsSince1970(std::int64_t microseconds) {
     return NSDate(microseconds);
   }
-  /// Seconds since 1970, rounded to microseconds. Beyond what 64 bits hold it stays at the end of the
-  /// range; a NaN is 1970.
+  /// Seconds since 1970, rounded to microseconds. Beyond what 64 bits hold it stays at the end of
+  /// the range; a NaN is 1970.
   static NSDate dateWithTimeIntervalSince1970(double seconds);
   /// The present instant.
   static NSDate date();
@@ -40,9 +40,10 @@ class NSDate {
   /// "2024-01-05 09:30:00 +0000": in UTC, the fraction of the second left out.
   std::string description() const;
 
-  /// Parses a DATE-TIME (RFC 5545 section 3.3.5) as UTC: eight digits, "T", six digits and an optional
-  /// "Z", e.g. "20240105T093000Z". Text without "Z" is read as UTC as well. Second 60 is the next
-  /// minute's 0. Null for null, for any other text, and for a day or time that does not exist.
+  /// Parses a DATE-TIME (RFC 5545 section 3.3.5) as UTC: eight digits, "T", six digits and an
+  /// optional "Z", e.g. "20240105T093000Z". Text without "Z" is read as UTC as well. Second 60 is
+  /// the next minute's 0. Null for null, for any other text, and for a day or time that does not
+  /// exist.
   static std::optional<NSDate> initWithICSDateString(std::optional<std::string_view> text);
   /// Parses a DATE (RFC 5545 section 3.3.4), e.g. "20240105": the start of that day in the default
   /// zone. Null for null, for any other text, and for a day that does not exist.
@@ -52,9 +53,9 @@ class NSDate {
   /// The DATE form, "20240105", of the date's day in the default zone.
   std::string icsDateOnlyString() const;
 
-  /// Parses an ISO 8601 date-time with a zone: "2024-01-05T09:30:00.25Z", "2024-01-05T10:30:00+01:00".
-  /// Any number of fraction digits is taken, those after the sixth count nothing. Null for null and
-  /// for any other text.
+  /// Parses an ISO 8601 date-time with a zone: "2024-01-05T09:30:00.25Z",
+  /// "2024-01-05T10:30:00+01:00". Any number of fraction digits is taken, those after the sixth
+  /// count nothing. Null for null and for any other text.
   static std::optional<NSDate> initWithXMLDateString(std::optional<std::string_view> text);
   /// The ISO 8601 UTC form with all six fraction digits, "2024-01-05T09:30:00.250000Z", so that
   /// parsing it gives the same date.

@@ -6,8 +6,8 @@
 
 namespace quillmere {
 
-/// Calendar fields: of a date, or an amount of time to add to one. A component that was never set is
-/// undefined, which is not zero.
+/// Calendar fields: of a date, or an amount of time to add to one. A component that was never set
+/// is undefined, which is not zero.
 struct NSDateComponents {
   std::optional<std::int64_t> year;
   std::optional<std::int64_t> month;

@@ -20,31 +20,56 @@ constexpr Alias windowsZones[] = {
 // The abbreviations that calendar programs have in common use, each with the zone it is taken for
 // where it could mean several.
 constexpr Alias abbreviations[] = {
-    {"ADT", "America/Halifax"},     {"AKDT", "America/Juneau"},
-    {"AKST", "America/Juneau"},     {"ART", "America/Argentina/Buenos_Aires"},
-    {"AST", "America/Halifax"},     {"BDT", "Asia/Dhaka"},
-    {"BRST", "America/Sao_Paulo"},  {"BRT", "America/Sao_Paulo"},
-    {"BST", "Europe/London"},       {"CAT", "Africa/Harare"},
-    {"CDT", "America/Chicago"},     {"CEST", "Europe/Paris"},
-    {"CET", "Europe/Paris"},        {"CLST", "America/Santiago"},
-    {"CLT", "America/Santiago"},    {"COT", "America/Bogota"},
-    {"CST", "America/Chicago"},     {"EAT", "Africa/Nairobi"},
-    {"EDT", "America/New_York"},    {"EEST", "Europe/Athens"},
-    {"EET", "Europe/Athens"},       {"EST", "America/New_York"},
-    {"GMT", "GMT"},                 {"GST", "Asia/Dubai"},
-    {"HKT", "Asia/Hong_Kong"},      {"HST", "Pacific/Honolulu"},
-    {"ICT", "Asia/Bangkok"},        {"IRST", "Asia/Tehran"},
-    {"IST", "Asia/Kolkata"},        {"JST", "Asia/Tokyo"},
-    {"KST", "Asia/Seoul"},          {"MDT", "America/Denver"},
-    {"MSD", "Europe/Moscow"},       {"MSK", "Europe/Moscow"},
-    {"MST", "America/Denver"},      {"NDT", "America/St_Johns"},
-    {"NST", "America/St_Johns"},    {"NZDT", "Pacific/Auckland"},
-    {"NZST", "Pacific/Auckland"},   {"PDT", "America/Los_Angeles"},
-    {"PET", "America/Lima"},        {"PHT", "Asia/Manila"},
-    {"PKT", "Asia/Karachi"},        {"PST", "America/Los_Angeles"},
-    {"SGT", "Asia/Singapore"},      {"TRT", "Europe/Istanbul"},
-    {"UTC", "UTC"},                 {"WAT", "Africa/Lagos"},
-    {"WEST", "Europe/Lisbon"},      {"WET", "Europe/Lisbon"},
+    {"ADT", "America/Halifax"},
+    {"AKDT", "America/Juneau"},
+    {"AKST", "America/Juneau"},
+    {"ART", "America/Argentina/Buenos_Aires"},
+    {"AST", "America/Halifax"},
+    {"BDT", "Asia/Dhaka"},
+    {"BRST", "America/Sao_Paulo"},
+    {"BRT", "America/Sao_Paulo"},
+    {"BST", "Europe/London"},
+    {"CAT", "Africa/Harare"},
+    {"CDT", "America/Chicago"},
+    {"CEST", "Europe/Paris"},
+    {"CET", "Europe/Paris"},
+    {"CLST", "America/Santiago"},
+    {"CLT", "America/Santiago"},
+    {"COT", "America/Bogota"},
+    {"CST", "America/Chicago"},
+    {"EAT", "Africa/Nairobi"},
+    {"EDT", "America/New_York"},
+    {"EEST", "Europe/Athens"},
+    {"EET", "Europe/Athens"},
+    {"EST", "America/New_York"},
+    {"GMT", "GMT"},
+    {"GST", "Asia/Dubai"},
+    {"HKT", "Asia/Hong_Kong"},
+    {"HST", "Pacific/Honolulu"},
+    {"ICT", "Asia/Bangkok"},
+    {"IRST", "Asia/Tehran"},
+    {"IST", "Asia/Kolkata"},
+    {"JST", "Asia/Tokyo"},
+    {"KST", "Asia/Seoul"},
+    {"MDT", "America/Denver"},
+    {"MSD", "Europe/Moscow"},
+    {"MSK", "Europe/Moscow"},
+    {"MST", "America/Denver"},
+    {"NDT", "America/St_Johns"},
+    {"NST", "America/St_Johns"},
+    {"NZDT", "Pacific/Auckland"},
+    {"NZST", "Pacific/Auckland"},
+    {"PDT", "America/Los_Angeles"},
+    {"PET", "America/Lima"},
+    {"PHT", "Asia/Manila"},
+    {"PKT", "Asia/Karachi"},
+    {"PST", "America/Los_Angeles"},
+    {"SGT", "Asia/Singapore"},
+    {"TRT", "Europe/Istanbul"},
+    {"UTC", "UTC"},
+    {"WAT", "Africa/Lagos"},
+    {"WEST", "Europe/Lisbon"},
+    {"WET", "Europe/Lisbon"},
     {"WIT", "Asia/Jakarta"},
 };
 
@@ -57,9 +82,9 @@ static_assert(sortedByName(std::begin(abbreviations), std::end(abbreviations)));
 
 template <std::size_t Count>
 std::optional<std::string_view> lookUp(const Alias (&table)[Count], std::string_view name) {
-  const Alias* found =
-      std::lower_bound(std::begin(table), std::end(table), name,
-                       [](const Alias& row, std::string_view wanted) { return row.first < wanted; });
+  const Alias* found = std::lower_bound(
+      std::begin(table), std::end(table), name,
+      [](const Alias& row, std::string_view wanted) { return row.first < wanted; });
   if (found == std::end(table) || found->first != name) return std::nullopt;
   return found->second;
 }
@@ -95,8 +120,8 @@ struct NSTimeZone::Zone {
 // Lets the functions of this file at the zone inside.
 struct ZoneAccess {
   static NSTimeZone make(const cctz::time_zone& zone) {
-    return NSTimeZone(std::make_shared<const NSTimeZone::Zone>(
-        NSTimeZone::Zone{zone, zone.name()}));
+    return NSTimeZone(
+        std::make_shared<const NSTimeZone::Zone>(NSTimeZone::Zone{zone, zone.name()}));
   }
   static const NSTimeZone::Zone& zone(const NSTimeZone& zone) { return *zone.zone_; }
 };

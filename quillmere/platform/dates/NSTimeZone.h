@@ -14,16 +14,16 @@ namespace quillmere {
 class NSTimeZone {
  public:
   /// The zone of that name: an IANA name ("Europe/Paris") that the system's zone database holds, or
-  /// a Windows name ("W. Europe Standard Time"), which Outlook and Exchange write, by CLDR's mapping.
-  /// Null for any other text. The first use of a zone on a thread reads its file.
+  /// a Windows name ("W. Europe Standard Time"), which Outlook and Exchange write, by CLDR's
+  /// mapping. Null for any other text. The first use of a zone on a thread reads its file.
   static std::optional<NSTimeZone> timeZoneWithName(std::string_view name);
 
-  /// The zone that a published table gives for an abbreviation such as "PST" or "CEST". Null for any
-  /// other text.
+  /// The zone that a published table gives for an abbreviation such as "PST" or "CEST". Null for
+  /// any other text.
   static std::optional<NSTimeZone> timeZoneWithAbbreviation(std::string_view abbreviation);
 
-  /// The zone of date-only texts and of all calendar arithmetic: the one that the host set, else the
-  /// system's as it was when first asked for.
+  /// The zone of date-only texts and of all calendar arithmetic: the one that the host set, else
+  /// the system's as it was when first asked for.
   static NSTimeZone defaultTimeZone();
 
   /// Replaces the default zone; null goes back to the system's. A host calls it before it uses the

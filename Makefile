@@ -1,0 +1,61 @@
+# The front door. Each target works as the very first command on a fresh Debian machine.
+
+JOBS ?= $(shell nproc)
+SUDO := $(if $(filter 0,$(shell id -u)),,sudo)
+PACKAGES = $(shell sed 's/\#.*//' packages.txt)
+FUZZ_SECONDS ?= 60
+PREFIX ?= /usr/local
+SOURCES = $(shell git ls-files -co --exclude-standard '*.h' '*.cpp')
+
+.PHONY: deps build demo test bench fuzz lint format format-check docs install clean
+
+deps: ## install the Debian packages that are missing
+	@missing=$$(dpkg-query -W -f='$${Package} $${Status}\n' $(PACKAGES) 2>/dev/null \
+	  | awk '/ install ok installed$$/ {print $$1}' | sort > .deps.tmp; \
+	  printf '%s\n' $(PACKAGES) | sort | comm -23 - .deps.tmp; rm -f .deps.tmp); \
+	if [ -n "$$missing" ]; then \
+	  echo "installing:" $$missing; \
+	  $(SUDO) apt-get update -q && \
+	  $(SUDO) env DEBIAN_FRONTEND=noninteractive apt-get install -y -q --no-install-recommends $$missing; \
+	fi
+
+build: deps ## build library, examples and tests
+	cmake --preset release $(CONFIGURE)
+	cmake --build build/release -j $(JOBS)
+
+demo: build ## read, change, save and re-synchronise real calendar files
+	examples/demo.sh build/release/examples
+
+test: build ## run every test
+	ctest --test-dir build/release --output-on-failure -j $(JOBS)
+
+bench: deps ## measure beside the peers; prints ratios
+	cmake --preset release -DQUILLMERE_BUILD_BENCHMARKS=ON
+	cmake --build build/release -j $(JOBS)
+	benchmarks/run.sh build/release/benchmarks
+
+fuzz: deps ## run every fuzzer for FUZZ_SECONDS (60)
+	cmake --preset fuzz
+	cmake --build build/fuzz -j $(JOBS)
+	fuzz/run.sh build/fuzz/fuzz $(FUZZ_SECONDS)
+
+lint: deps ## clang-tidy over the library, the examples and the tests
+	cmake --preset clang
+	run-clang-tidy -quiet -j $(JOBS) -p build/clang '$(CURDIR)/(quillmere|examples|tests|fuzz)/'
+
+format: deps ## lay the sources out
+	clang-format -i $(SOURCES)
+
+format-check: deps ## fail where the layout differs
+	clang-format --dry-run --Werror $(SOURCES)
+
+docs: ## the API reference, in build/docs/html
+	command -v doxygen >/dev/null || $(SUDO) apt-get install -y -q --no-install-recommends doxygen
+	mkdir -p build/docs
+	doxygen docs/Doxyfile
+
+install: build ## install to PREFIX (/usr/local)
+	cmake --install build/release --prefix $(PREFIX)
+
+clean:
+	rm -rf build

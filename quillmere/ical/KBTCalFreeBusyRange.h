@@ -1,0 +1,49 @@
+#ifndef QUILLMERE_ICAL_KBTCALFREEBUSYRANGE_H
+#define QUILLMERE_ICAL_KBTCALFREEBUSYRANGE_H
+
+#include <quillmere/ical/KBTCalObject.h>
+#include <quillmere/platform/dates/NSDate.h>
+
+#include <memory>
+#include <optional>
+#include <string_view>
+#include <vector>
+
+namespace quillmere {
+
+/// A time range read from a FREEBUSY value (RFC 5545 section 3.8.2.6) that a host already has.
+/// Immutable.
+///
+/// More lenient than `KBTFreeBusy`: a piece that does not have exactly one "/" is skipped. A date
+/// that does not parse is null in its range.
+class KBTCalFreeBusyRange {
+ public:
+  /// The ranges of one value, the text after the colon; possibly none.
+  static std::vector<std::shared_ptr<KBTCalFreeBusyRange>> freeBusyRangesFromValueString(
+      std::string_view value);
+
+  /// The ranges of every FREEBUSY line from the reader's position on, in order. The reader is left
+  /// at its end.
+  static std::vector<std::shared_ptr<KBTCalFreeBusyRange>> freeBusyRangesFromCalObject(
+      KBTCalObject& reader);
+
+  std::optional<NSDate> start() const { return start_; }
+  std::optional<NSDate> end() const { return end_; }
+
+ protected:
+  KBTCalFreeBusyRange(std::optional<NSDate> start, std::optional<NSDate> end)
+      : start_(start), end_(end) {}
+
+ private:
+  static std::shared_ptr<KBTCalFreeBusyRange> _initWithStart_andEnd(std::optional<NSDate> start,
+                                                                    std::optional<NSDate> end);
+  static void _addFreeBusyRangesFromValueString_toArray(
+      std::string_view value, std::vector<std::shared_ptr<KBTCalFreeBusyRange>>& ranges);
+
+  std::optional<NSDate> start_;
+  std::optional<NSDate> end_;
+};
+
+}  // namespace quillmere
+
+#endif

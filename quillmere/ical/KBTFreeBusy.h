@@ -1,0 +1,80 @@
+#ifndef QUILLMERE_ICAL_KBTFREEBUSY_H
+#define QUILLMERE_ICAL_KBTFREEBUSY_H
+
+#include <quillmere/platform/base/NSData.h>
+#include <quillmere/platform/base/NSError.h>
+#include <quillmere/platform/base/makeObject.h>
+#include <quillmere/platform/dates/NSDate.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace quillmere {
+
+/// Domain of the CalDAV client's errors, to which a malformed free/busy answer belongs.
+inline constexpr const char* KBTDavConnectionErrorDomain = "KBTDavConnection";
+/// User-info key of the period's text in the error of a malformed free/busy answer.
+inline constexpr const char* KBTFreeBusyMalformedPeriodKey = "MalformedPeriod";
+
+/// One period of a free/busy answer. Immutable.
+class KBTFreeBusy {
+ public:
+  /// Reads every FREEBUSY line (RFC 5545 section 3.8.2.6) of a document, whichever component it
+  /// stands in: its periods in document order, possibly none. FREE and BUSY-UNAVAILABLE periods are
+  /// periods like the others. A date that does not parse is null in its period.
+  ///
+  /// A period without "/" makes the answer malformed: the result is null, and `*error`, unless
+  /// null, is set to an error of `KBTDavConnectionErrorDomain`, code 3, with the period's text in
+  /// its user info under `KBTFreeBusyMalformedPeriodKey` (empty when the line's value is not
+  /// UTF-8).
+  ///
+  /// `Period` is the class of the objects made: this one, or one derived from it that can be
+  /// constructed from the same three values.
+  template <class Period = KBTFreeBusy>
+  static std::optional<std::vector<std::shared_ptr<Period>>> freeBusyInfoFromICSData(
+      const NSData& data, NSErrorPtr* error = nullptr) {
+    const auto values = parse(data, error);
+    if (!values) return std::nullopt;
+    std::vector<std::shared_ptr<Period>> periods;
+    periods.reserve(values->size());
+    for (const Values& value : *values) {
+      periods.push_back(makeObject<Period>(value.start, value.end, value.tentative));
+    }
+    return periods;
+  }
+
+  static std::shared_ptr<KBTFreeBusy> initWithStart_andEnd_isTentative(std::optional<NSDate> start,
+                                                                       std::optional<NSDate> end,
+                                                                       bool tentative);
+
+  std::optional<NSDate> start() const { return start_; }
+  std::optional<NSDate> end() const { return end_; }
+  /// Whether the line's FBTYPE is exactly "BUSY-TENTATIVE".
+  bool tentative() const { return tentative_; }
+
+  /// "2024-01-05 09:00:00 +0000 to 2024-01-05 10:00:00 +0000", with "Tentative:" directly before it
+  /// for a tentative period; a null date is "(null)".
+  std::string description() const;
+
+ protected:
+  KBTFreeBusy(std::optional<NSDate> start, std::optional<NSDate> end, bool tentative)
+      : start_(start), end_(end), tentative_(tentative) {}
+
+ private:
+  struct Values {
+    std::optional<NSDate> start;
+    std::optional<NSDate> end;
+    bool tentative;
+  };
+  static std::optional<std::vector<Values>> parse(const NSData& data, NSErrorPtr* error);
+
+  std::optional<NSDate> start_;
+  std::optional<NSDate> end_;
+  bool tentative_;
+};
+
+}  // namespace quillmere
+
+#endif

@@ -1,0 +1,89 @@
+#ifndef QUILLMERE_ICAL_KBTMUTABLECALOBJECT_H
+#define QUILLMERE_ICAL_KBTMUTABLECALOBJECT_H
+
+#include <quillmere/ical/KBTICSDataSource.h>
+#include <quillmere/ical/KBTMutableCalObjectLine.h>
+#include <quillmere/platform/base/NSData.h>
+#include <quillmere/platform/dates/NSDate.h>
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace quillmere {
+
+/// Writes one iCalendar component (RFC 5545) from lines that are appended in order.
+///
+///     auto event = KBTMutableCalObject::initWithObjectType_includeCalendarDeclaration("VEVENT",
+///     true); event->appendKey_stringValue("UID", uid); event->appendKey_datetimeValue("DTSTART",
+///     start); event->appendKey_stringValue("SUMMARY", "Lunch; or dinner"); NSData document =
+///     event->icsData();
+///
+/// Every value is escaped, whatever its type ("\" LF CR TAB "," ";" become "\\" "\n" "\r" "\t" "\,"
+/// "\;"), and folded: the first physical line holds 60 characters of the escaped value, every
+/// further one 70. Characters are UTF-16 units, and neither the key nor octets are counted, so a
+/// physical line may exceed RFC 5545's 75 octets. A fold may stand inside an escape or a character;
+/// `KBTCalObject`, which unfolds bytes, gives every value back exactly.
+///
+/// Keys are trusted and written as they are, so a key may carry parameters
+/// ("DTSTART;TZID=Asia/Tokyo"). A nested component is written by lines whose keys are "BEGIN" and
+/// "END". Bytes of a value that are not UTF-8 are written as they are, each counting as one
+/// character. Lines are never changed or removed.
+class KBTMutableCalObject : public KBTICSDataSource {
+ public:
+  /// `objectType` is the component's name, such as "VEVENT"; null writes the lines without "BEGIN"
+  /// and "END". With `includeCalendar`, `icsData()` is a whole document.
+  static std::shared_ptr<KBTMutableCalObject> initWithObjectType_includeCalendarDeclaration(
+      std::optional<std::string> objectType, bool includeCalendar);
+
+  void appendKey_stringValue(std::string key, std::string value);
+  /// A DATE: ";VALUE=DATE" follows the key; the value is the date's day in the default zone at the
+  /// time of writing.
+  void appendKey_dateValue(std::string key, NSDate value);
+  /// A DATE-TIME in UTC.
+  void appendKey_datetimeValue(std::string key, NSDate value);
+  void appendKey_integerValue(std::string key, std::int64_t value);
+  /// The shortest decimal form that reads back as the same number: 2.0 is "2"; "inf", "-inf",
+  /// "nan".
+  void appendKey_doubleValue(std::string key, double value);
+
+  /// The component; in a whole document when `includeCalendar` was set.
+  NSData icsData() override;
+
+  /// The value of the first line with exactly this key, or null.
+  std::optional<KBTMutableCalObjectValue> valueForKey(std::string_view key) const;
+  /// Whether the first line with exactly this key is a date; false when there is none.
+  bool valueForKeyIsAllDay(std::string_view key) const;
+
+  /// A whole document of these components in their order, with one prologue. Null writers are
+  /// skipped.
+  static NSData icsCalendarDataForObjects(
+      const std::vector<std::shared_ptr<KBTMutableCalObject>>& objects);
+
+ protected:
+  KBTMutableCalObject(std::optional<std::string> objectType, bool includeCalendar);
+
+  void _addLineWithKey_value_type(std::string key, KBTMutableCalObjectValue value,
+                                  std::int32_t type);
+  /// The component alone.
+  NSData _icsData() const;
+  static NSData _calendarPrologue();
+  static NSData _calendarEpilogue();
+
+ private:
+  void appendComponentToString(std::string& text) const;
+  const KBTMutableCalObjectLine* firstLineWithKey(std::string_view key) const;
+  static void _appendKey_value_toString(std::string_view key, std::string_view value,
+                                        std::string& text);
+
+  std::vector<KBTMutableCalObjectLine> lines_;
+  std::optional<std::string> objectType_;
+  bool includeCalendar_;
+};
+
+}  // namespace quillmere
+
+#endif
