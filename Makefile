@@ -10,9 +10,9 @@ SOURCES = $(shell git ls-files -co --exclude-standard '*.h' '*.cpp')
 .PHONY: deps build demo test bench fuzz lint format format-check docs install clean
 
 deps: ## install the Debian packages that are missing
-	@missing=$$(dpkg-query -W -f='$${Package} $${Status}\n' $(PACKAGES) 2>/dev/null \
-	  | awk '/ install ok installed$$/ {print $$1}' | sort > .deps.tmp; \
-	  printf '%s\n' $(PACKAGES) | sort | comm -23 - .deps.tmp; rm -f .deps.tmp); \
+	@missing=$$(for package in $(PACKAGES); do \
+	  dpkg -s $$package 2>/dev/null | grep -q '^Status: install ok installed' || echo $$package; \
+	done); \
 	if [ -n "$$missing" ]; then \
 	  echo "installing:" $$missing; \
 	  $(SUDO) apt-get update -q && \

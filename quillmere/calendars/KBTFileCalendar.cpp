@@ -22,7 +22,7 @@ std::optional<std::string> KBTFileCalendar::cachingString() const {
   return lastModified_->xmlDateString();
 }
 
-void KBTFileCalendar::setCachingString(std::optional<std::string> cachingString) {
+void KBTFileCalendar::setCachingString(const std::optional<std::string>& cachingString) {
   lastModified_ = NSDate::initWithXMLDateString(cachingString);
 }
 

@@ -35,7 +35,7 @@ class KBTFileCalendar : public KBTDataCalendar {
   /// The file's modification date when it was last read or written; null before that.
   std::optional<std::string> cachingString() const override;
   /// Null or text of another form: as if the file had never been read.
-  void setCachingString(std::optional<std::string> cachingString) override;
+  void setCachingString(const std::optional<std::string>& cachingString) override;
 
   /// Answers true when the file was never read or is younger than when it last was; false when it
   /// is missing.

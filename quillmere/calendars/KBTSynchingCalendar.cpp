@@ -78,7 +78,7 @@ void KBTSynchingCalendar::setCalendarName(std::optional<std::string> name) {
 
 std::optional<std::string> KBTSynchingCalendar::cachingString() const { return std::nullopt; }
 
-void KBTSynchingCalendar::setCachingString(std::optional<std::string>) {}
+void KBTSynchingCalendar::setCachingString(const std::optional<std::string>&) {}
 
 bool KBTSynchingCalendar::isEqualToCalendar(const KBTSynchingCalendar&) const { return false; }
 

@@ -51,7 +51,7 @@ class KBTSynchingCalendar : public std::enable_shared_from_this<KBTSynchingCalen
   /// A short text that lets a later run skip work: a modification date, an entity tag. Null when
   /// there is none, as always in the base.
   virtual std::optional<std::string> cachingString() const;
-  virtual void setCachingString(std::optional<std::string> cachingString);
+  virtual void setCachingString(const std::optional<std::string>& cachingString);
 
   /// Whether both stand for the same store. The base has none and answers false.
   virtual bool isEqualToCalendar(const KBTSynchingCalendar& other) const;

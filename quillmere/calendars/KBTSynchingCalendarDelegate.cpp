@@ -4,7 +4,7 @@ namespace quillmere {
 
 void KBTSynchingCalendarDelegate::synchingCalendar_didReceiveChallenge_completionHandler(
     KBTSynchingCalendar&, const std::shared_ptr<NSURLAuthenticationChallenge>&,
-    NSURLSessionChallengeCompletionHandler completionHandler) {
+    const NSURLSessionChallengeCompletionHandler& completionHandler) {
   completionHandler(NSURLSessionAuthChallengeDisposition::useCredential, nullptr);
 }
 

@@ -115,7 +115,7 @@ class KBTSynchingCalendarDelegate {
   /// once, now or later. By default the request goes on without a credential.
   virtual void synchingCalendar_didReceiveChallenge_completionHandler(
       KBTSynchingCalendar& calendar, const std::shared_ptr<NSURLAuthenticationChallenge>& challenge,
-      NSURLSessionChallengeCompletionHandler completionHandler);
+      const NSURLSessionChallengeCompletionHandler& completionHandler);
 };
 
 }  // namespace quillmere

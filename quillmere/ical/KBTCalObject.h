@@ -62,8 +62,8 @@ class KBTCalObject : public KBTICSDataSource {
   /// text.
   virtual std::optional<std::string_view> key();
 
-  /// The line's value, unfolded and unescaped: "\n" is a newline, "\t" a tab, "\r" a carriage
-  /// return, and "\" before any other character is left out ("\N" is "N").
+  /// The line's value, unfolded and unescaped: `\n` is a newline, `\t` a tab, `\r` a carriage
+  /// return, and a backslash before any other character is left out (`\N` is "N").
   virtual std::optional<std::string_view> value();
 
   /// The parameters by name. Nothing in them is unquoted, unescaped or case-folded; a name without

@@ -22,11 +22,13 @@ namespace quillmere {
 ///     start); event->appendKey_stringValue("SUMMARY", "Lunch; or dinner"); NSData document =
 ///     event->icsData();
 ///
-/// Every value is escaped, whatever its type ("\" LF CR TAB "," ";" become "\\" "\n" "\r" "\t" "\,"
-/// "\;"), and folded: the first physical line holds 60 characters of the escaped value, every
-/// further one 70. Characters are UTF-16 units, and neither the key nor octets are counted, so a
-/// physical line may exceed RFC 5545's 75 octets. A fold may stand inside an escape or a character;
-/// `KBTCalObject`, which unfolds bytes, gives every value back exactly.
+/// Every value is escaped, whatever its type: a backslash goes before backslash, comma and
+/// semicolon, and
+/// `\n`, `\r` and `\t` stand for LF, CR and TAB. And every value is folded: the first physical line
+/// holds 60 characters of the escaped value, every further one 70. Characters are UTF-16 units, and
+/// neither the key nor octets are counted, so a physical line may exceed RFC 5545's 75 octets. A
+/// fold may stand inside an escape or a character; `KBTCalObject`, which unfolds bytes, gives every
+/// value back exactly.
 ///
 /// Keys are trusted and written as they are, so a key may carry parameters
 /// ("DTSTART;TZID=Asia/Tokyo"). A nested component is written by lines whose keys are "BEGIN" and

@@ -11,24 +11,24 @@ namespace {
 
 constexpr int maximumFrames = 64;
 
-void printLine(std::string_view text, const std::source_location& location) {
-  std::fprintf(stderr, "%s:%u: %.*s\n", location.file_name(), location.line(),
-               static_cast<int>(text.size()), text.data());
+void printLine(std::string_view text, KSSourceLocation location) {
+  std::fprintf(stderr, "%s:%d: %.*s\n", location.file, location.line, static_cast<int>(text.size()),
+               text.data());
 }
 
 }  // namespace
 
-void KSFinishPorting(const std::source_location& location) {
+void KSFinishPorting(KSSourceLocation location) {
   printLine("not yet ported", location);
   std::abort();
 }
 
-void KSRejectUnusedImplementation(const std::source_location& location) {
+void KSRejectUnusedImplementation(KSSourceLocation location) {
   printLine("this operation must not be called", location);
   std::abort();
 }
 
-void KSRecordBacktrace(std::string_view text, const std::source_location& location) {
+void KSRecordBacktrace(std::string_view text, KSSourceLocation location) {
   printLine(text, location);
   std::array<void*, maximumFrames> frames{};
   const int count = ::backtrace(frames.data(), maximumFrames);

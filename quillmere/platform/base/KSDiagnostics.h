@@ -1,23 +1,33 @@
 #ifndef QUILLMERE_PLATFORM_BASE_KSDIAGNOSTICS_H
 #define QUILLMERE_PLATFORM_BASE_KSDIAGNOSTICS_H
 
-#include <source_location>
 #include <string_view>
 
 namespace quillmere {
 
+/// A place in a source file; made as a default argument it is the caller's.
+struct KSSourceLocation {
+  const char* file;
+  int line;
+
+  // The built-ins, since not every compiler that the library supports has std::source_location.
+  static constexpr KSSourceLocation current(const char* file = __builtin_FILE(),
+                                            int line = __builtin_LINE()) {
+    return {file, line};
+  }
+};
+
 /// Stops the process: a path that is deliberately not ported was reached. Prints one line with the
 /// caller's source file and line on standard error and calls `std::abort()`.
-[[noreturn]] void KSFinishPorting(
-    const std::source_location& location = std::source_location::current());
+[[noreturn]] void KSFinishPorting(KSSourceLocation location = KSSourceLocation::current());
 
 /// Stops the process the same way: an operation that must never be called was called.
 [[noreturn]] void KSRejectUnusedImplementation(
-    const std::source_location& location = std::source_location::current());
+    KSSourceLocation location = KSSourceLocation::current());
 
 /// Prints `text`, the caller's source file and line and a backtrace on standard error, and goes on.
 void KSRecordBacktrace(std::string_view text,
-                       const std::source_location& location = std::source_location::current());
+                       KSSourceLocation location = KSSourceLocation::current());
 
 }  // namespace quillmere
 

@@ -126,6 +126,12 @@ struct ZoneAccess {
   static const NSTimeZone::Zone& zone(const NSTimeZone& zone) { return *zone.zone_; }
 };
 
+static std::optional<NSTimeZone> loadZone(const std::string& ianaName) {
+  cctz::time_zone zone;
+  if (!isZoneFile(ianaName) || !cctz::load_time_zone(ianaName, &zone)) return std::nullopt;
+  return ZoneAccess::make(zone);
+}
+
 const cctz::time_zone& cctzZone(const NSTimeZone& zone) { return ZoneAccess::zone(zone).zone; }
 
 std::optional<NSTimeZone> NSTimeZone::timeZoneWithName(std::string_view name) {
@@ -133,11 +139,15 @@ std::optional<NSTimeZone> NSTimeZone::timeZoneWithName(std::string_view name) {
   // One a thread, so that nobody needs a lock.
   thread_local std::unordered_map<std::string, NSTimeZone> knownZones;
 
-  const std::string ianaName(lookUp(windowsZones, name).value_or(name));
-  if (const auto known = knownZones.find(ianaName); known != knownZones.end()) return known->second;
-  cctz::time_zone zone;
-  if (!isZoneFile(ianaName) || !cctz::load_time_zone(ianaName, &zone)) return std::nullopt;
-  return knownZones.emplace(ianaName, ZoneAccess::make(zone)).first->second;
+  if (const auto known = knownZones.find(std::string(name)); known != knownZones.end()) {
+    return known->second;
+  }
+  auto zone = loadZone(std::string(name));
+  if (!zone) {
+    if (const auto ianaName = lookUp(windowsZones, name)) zone = loadZone(std::string(*ianaName));
+  }
+  if (zone) knownZones.emplace(name, *zone);
+  return zone;
 }
 
 std::optional<NSTimeZone> NSTimeZone::timeZoneWithAbbreviation(std::string_view abbreviation) {

@@ -1,0 +1,154 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <quillmere/calendars/KBTFileCalendar.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+
+#include "tests/support/FileFaults.h"
+#include "tests/support/RecordingDelegate.h"
+#include "tests/support/TemporaryFolder.h"
+
+namespace quillmere {
+namespace {
+
+using testing::FileCall, testing::FileFault, testing::Item, testing::readFile,
+    testing::RecordingDelegate, testing::TemporaryFolder, testing::writeFile;
+using Log = std::vector<std::string>;
+
+// Sets a file's modification date, in microseconds since 1970.
+void touch(const std::string& path, std::int64_t microseconds) {
+  const timespec time{microseconds / 1'000'000, microseconds % 1'000'000 * 1000};
+  const timespec times[2] = {time, time};
+  ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+}
+
+constexpr std::int64_t someDate = 1704447000'250001;
+constexpr const char* someDateAsText = "2024-01-05T09:30:00.250001Z";
+
+std::string eventDocument(const std::string& version) {
+  return "BEGIN:VCALENDAR\r\nBEGIN:VEVENT\r\nUID:a\r\nDTSTAMP:" + version +
+         "\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n";
+}
+
+class FileCalendar : public ::testing::Test {
+ protected:
+  FileCalendar() { calendar->setDelegate(host); }
+
+  Log fetch() {
+    calendar->fetchExternalChanges();
+    return host->take();
+  }
+  Log check() {
+    calendar->checkForExternalChanges();
+    return host->take();
+  }
+
+  TemporaryFolder folder;
+  std::string path = folder / "calendar.ics";
+  std::shared_ptr<RecordingDelegate> host = std::make_shared<RecordingDelegate>();
+  std::shared_ptr<KBTFileCalendar> calendar = KBTFileCalendar::initWithPath(path);
+};
+
+TEST_F(FileCalendar, FetchesOnceAndThenOnlyWhatIsYounger) {
+  writeFile(path, eventDocument("1"));
+  touch(path, someDate);
+  EXPECT_EQ(fetch(), (Log{"began", "new a 1", "fetched"}));
+  EXPECT_EQ(calendar->cachingString(), someDateAsText);
+  EXPECT_EQ(fetch(), Log{"fetched"}) << "unchanged: not read, so not begun";
+
+  writeFile(path, eventDocument("2"));
+  touch(path, someDate);
+  EXPECT_EQ(fetch(), Log{"fetched"}) << "of the same date: not younger";
+  touch(path, someDate - 1);
+  EXPECT_EQ(fetch(), Log{"fetched"}) << "older";
+  touch(path, someDate + 1);
+  EXPECT_EQ(fetch(), (Log{"began", "update a 2", "fetched"})) << "a microsecond younger";
+
+  writeFile(path, "");
+  touch(path, someDate + 2);
+  EXPECT_EQ(fetch(), (Log{"began", "gone a", "fetched"}));
+}
+
+TEST_F(FileCalendar, ChecksForAYoungerFile) {
+  EXPECT_EQ(check(), Log{"checked changes"}) << "never read";
+  writeFile(path, eventDocument("1"));
+  touch(path, someDate);
+  fetch();
+  EXPECT_EQ(check(), Log{"checked none"});
+  touch(path, someDate + 1);
+  EXPECT_EQ(check(), Log{"checked changes"});
+  EXPECT_EQ(check(), Log{"checked changes"}) << "a check learns nothing";
+  std::filesystem::remove(path);
+  EXPECT_EQ(check(), Log{"checked none"}) << "missing";
+}
+
+TEST_F(FileCalendar, TheCachingStringCarriesOverToTheNextRun) {
+  writeFile(path, eventDocument("1"));
+  touch(path, someDate);
+  calendar->setCachingString(someDateAsText);
+  calendar->setObjects({Item::make("a", "1")});
+  EXPECT_EQ(fetch(), Log{"fetched"});
+  EXPECT_EQ(calendar->cachingString(), someDateAsText);
+
+  for (const std::optional<std::string>& unusable :
+       {std::optional<std::string>(), std::optional<std::string>("a tag"),
+        std::optional<std::string>("")}) {
+    calendar->setCachingString(unusable);
+    EXPECT_EQ(calendar->cachingString(), std::nullopt);
+    EXPECT_EQ(fetch(), (Log{"began", "fetched"})) << "read again, and the object is as it was";
+  }
+}
+
+TEST_F(FileCalendar, AMissingFileIsAnEmptyOneOnceItIsRead) {
+  calendar->setObjects({Item::make("a", "1")});
+  EXPECT_EQ(fetch(), (Log{"began", "gone a", "fetched"}));
+  EXPECT_EQ(calendar->cachingString(), std::nullopt);
+
+  calendar->setObjects({Item::make("a", "1")});
+  calendar->setCachingString(someDateAsText);
+  EXPECT_EQ(fetch(), Log{"fetched"}) << "with a date it is not younger, so it is not read";
+}
+
+TEST_F(FileCalendar, ItsOwnSaveIsNoExternalChange) {
+  calendar->insertObject(
+      Item::make("a", "1", "BEGIN:VEVENT\r\nUID:a\r\nDTSTAMP:1\r\nEND:VEVENT\r\n"));
+  calendar->saveChanges();
+  EXPECT_EQ(host->take(), Log{"saved"});
+  EXPECT_NE(calendar->cachingString(), std::nullopt);
+  EXPECT_EQ(check(), Log{"checked none"});
+  EXPECT_EQ(fetch(), Log{"fetched"});
+
+  const auto other = KBTFileCalendar::initWithPath(path);
+  other->setDelegate(host);
+  other->fetchExternalChanges();
+  EXPECT_EQ(host->take(), (Log{"began", "new a 1", "fetched"}));
+}
+
+TEST_F(FileCalendar, AFailedWriteIsReportedAsASaveAndLeavesTheOldFile) {
+  writeFile(path, "old");
+  calendar->insertObject(Item::make("a"));
+  const FileFault fault(FileCall::fsync, 1, EIO);
+  calendar->saveChanges();
+  EXPECT_EQ(host->take(), Log{"saved"});
+  EXPECT_FALSE(calendar->hasPendingChanges());
+  EXPECT_EQ(readFile(path), "old");
+  EXPECT_EQ(folder.entryCount(), 1U);
+
+  const auto nowhere = KBTFileCalendar::initWithPath(folder / "missing/calendar.ics");
+  nowhere->setDelegate(host);
+  nowhere->saveChanges();
+  EXPECT_EQ(host->take(), Log{"saved"});
+  EXPECT_EQ(nowhere->cachingString(), std::nullopt);
+}
+
+TEST_F(FileCalendar, EqualsAnyFileCalendarOfTheSamePathText) {
+  EXPECT_EQ(calendar->path(), path);
+  EXPECT_TRUE(calendar->isEqualToCalendar(*KBTFileCalendar::initWithPath(path)));
+  EXPECT_FALSE(
+      calendar->isEqualToCalendar(*KBTFileCalendar::initWithPath(folder / "./calendar.ics")));
+  EXPECT_FALSE(calendar->isEqualToCalendar(*KBTSynchingCalendar::init()));
+}
+
+}  // namespace
+}  // namespace quillmere

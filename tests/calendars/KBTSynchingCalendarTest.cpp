@@ -1,0 +1,172 @@
+#include <gtest/gtest.h>
+#include <quillmere/calendars/KBTSynchingCalendar.h>
+#include <quillmere/platform/base/makeObject.h>
+
+#include "tests/support/RecordingDelegate.h"
+
+namespace quillmere {
+namespace {
+
+using testing::Item, testing::RecordingDelegate;
+using Log = std::vector<std::string>;
+
+// Lets tests see and set what subclasses work with.
+class OpenCalendar : public KBTSynchingCalendar {
+ public:
+  using KBTSynchingCalendar::deleteSet, KBTSynchingCalendar::insertSet,
+      KBTSynchingCalendar::objectsByUniqueName, KBTSynchingCalendar::setIsChecking,
+      KBTSynchingCalendar::setIsSaving, KBTSynchingCalendar::updateSet;
+};
+
+class SynchingCalendar : public ::testing::Test {
+ protected:
+  SynchingCalendar() { calendar->setDelegate(host); }
+
+  std::shared_ptr<RecordingDelegate> host = std::make_shared<RecordingDelegate>();
+  std::shared_ptr<OpenCalendar> calendar = makeObject<OpenCalendar>();
+};
+
+TEST_F(SynchingCalendar, StartsWithNothing) {
+  EXPECT_FALSE(calendar->hasPendingChanges());
+  EXPECT_FALSE(calendar->isChecking());
+  EXPECT_FALSE(calendar->isSaving());
+  EXPECT_EQ(calendar->calendarName(), std::nullopt);
+  EXPECT_EQ(calendar->cachingString(), std::nullopt);
+  EXPECT_TRUE(calendar->objectsByUniqueName().empty());
+}
+
+TEST_F(SynchingCalendar, TheBaseAnswersAtOnceThatNothingChanged) {
+  calendar->checkForExternalChanges();
+  calendar->fetchExternalChanges();
+  calendar->cancel();
+  EXPECT_EQ(host->take(), (Log{"checked none", "fetched"}));
+  calendar->setCachingString("token");
+  EXPECT_EQ(calendar->cachingString(), std::nullopt);
+  EXPECT_FALSE(calendar->isEqualToCalendar(*calendar));
+}
+
+TEST_F(SynchingCalendar, SetObjectsReplacesTheObjectsAndLeavesPendingNames) {
+  const auto first = Item::make("a"), second = Item::make("a"), other = Item::make("b");
+  calendar->insertObject(Item::make("old"));
+  calendar->deleteObject(Item::make("gone"));
+  calendar->setIsSaving(true);  // not consulted
+  calendar->setObjects({first, other, second});
+  EXPECT_EQ(calendar->objectsByUniqueName().keys(), (Log{"a", "b"}));
+  EXPECT_EQ(*calendar->objectsByUniqueName().find("a"), second);
+  EXPECT_EQ(calendar->insertSet().names(), Log{"old"});
+  EXPECT_EQ(calendar->deleteSet().names(), Log{"gone"});
+}
+
+TEST_F(SynchingCalendar, OnlyAnInsertionMakesAnObjectKnown) {
+  const auto a = Item::make("a"), again = Item::make("a");
+  calendar->insertObject(a);
+  calendar->insertObject(again);
+  calendar->updateObject(Item::make("never known"));
+  calendar->deleteObject(Item::make("nor this"));
+  EXPECT_EQ(calendar->objectsByUniqueName().keys(), Log{"a"});
+  EXPECT_EQ(*calendar->objectsByUniqueName().find("a"), again);
+  EXPECT_EQ(calendar->insertSet().names(), Log{"a"});
+  EXPECT_EQ(calendar->updateSet().names(), Log{"never known"});
+  EXPECT_EQ(calendar->deleteSet().names(), Log{"nor this"});
+}
+
+TEST_F(SynchingCalendar, ChangesDoNotCancelEachOther) {
+  const auto a = Item::make("a");
+  calendar->insertObject(a);
+  calendar->updateObject(a);
+  calendar->deleteObject(a);
+  EXPECT_TRUE(calendar->insertSet().contains("a"));
+  EXPECT_TRUE(calendar->updateSet().contains("a"));
+  EXPECT_TRUE(calendar->deleteSet().contains("a"));
+}
+
+TEST_F(SynchingCalendar, WhileASaveIsInFlightChangesAreDropped) {
+  const auto a = Item::make("a");
+  calendar->setIsSaving(true);
+  calendar->insertObject(a);
+  calendar->updateObject(a);
+  calendar->deleteObject(a);
+  EXPECT_FALSE(calendar->hasPendingChanges());
+  EXPECT_TRUE(calendar->objectsByUniqueName().empty());
+  EXPECT_EQ(host->take(), Log{});
+
+  calendar->setIsSaving(false);
+  calendar->setIsChecking(true);
+  calendar->updateObject(a);
+  EXPECT_TRUE(calendar->hasPendingChanges()) << "a check does not block changes";
+}
+
+TEST_F(SynchingCalendar, EachKindOfChangeIsPendingUntilReset) {
+  using Change = void (KBTSynchingCalendar::*)(const KBTClientObject&);
+  for (const Change change :
+       {&KBTSynchingCalendar::insertObject, &KBTSynchingCalendar::updateObject,
+        &KBTSynchingCalendar::deleteObject}) {
+    (calendar.get()->*change)(Item::make("a"));
+    EXPECT_TRUE(calendar->hasPendingChanges());
+    calendar->resetChanges();
+    EXPECT_FALSE(calendar->hasPendingChanges());
+  }
+}
+
+TEST_F(SynchingCalendar, TheBaseSaveForgetsDeletedObjectsAndChanges) {
+  const auto a = Item::make("a"), b = Item::make("b");
+  calendar->setObjects({a, b});
+  calendar->deleteObject(a);
+  calendar->updateObject(b);
+  bool pendingWhenTold = true;
+  host->onCallback = [&](const std::string&) { pendingWhenTold = calendar->hasPendingChanges(); };
+  calendar->saveChanges();
+  EXPECT_EQ(host->take(), Log{"saved"});
+  EXPECT_FALSE(pendingWhenTold) << "the reset comes before the callback";
+  EXPECT_EQ(calendar->objectsByUniqueName().keys(), Log{"b"});
+}
+
+TEST_F(SynchingCalendar, ADelegateThatIsGoneCountsAsNone) {
+  calendar->insertObject(Item::make("a"));
+  host.reset();
+  calendar->setObjects({Item::make("b")});
+  calendar->insertObject(Item::make("c"));
+  calendar->deleteObject(Item::make("d"));
+  calendar->checkForExternalChanges();
+  calendar->fetchExternalChanges();
+  EXPECT_TRUE(calendar->objectsByUniqueName().empty());
+  EXPECT_EQ(calendar->insertSet().names(), Log{"a"}) << "no name, no record";
+  calendar->saveChanges();
+  EXPECT_FALSE(calendar->hasPendingChanges());
+}
+
+TEST_F(SynchingCalendar, DoesNotKeepItsDelegateAlive) {
+  const std::weak_ptr<RecordingDelegate> weak = host;
+  host.reset();
+  EXPECT_TRUE(weak.expired());
+}
+
+TEST_F(SynchingCalendar, TheDelegateMayChangeAndLetGoOfTheCalendarInACallback) {
+  const auto b = Item::make("b");
+  host->onCallback = [&](const std::string& line) {
+    if (line == "saved" && calendar) {
+      calendar->insertObject(b);
+      calendar.reset();
+    }
+  };
+  const std::weak_ptr<OpenCalendar> weak = calendar;
+  calendar->saveChanges();
+  EXPECT_TRUE(weak.expired());
+}
+
+TEST_F(SynchingCalendar, AnUnansweredChallengeGoesOnWithoutACredential) {
+  int answers = 0;
+  static_cast<KBTSynchingCalendarDelegate&>(*host)
+      .synchingCalendar_didReceiveChallenge_completionHandler(
+          *calendar, nullptr,
+          [&](NSURLSessionAuthChallengeDisposition disposition,
+              const std::shared_ptr<NSURLCredential>& credential) {
+            ++answers;
+            EXPECT_EQ(static_cast<int>(disposition), 0);
+            EXPECT_EQ(credential, nullptr);
+          });
+  EXPECT_EQ(answers, 1);
+}
+
+}  // namespace
+}  // namespace quillmere

@@ -1,0 +1,57 @@
+// Counts allocations, so it is a program of its own: its operator new stands in for the library's.
+
+#include <gtest/gtest.h>
+#include <quillmere/ical/KBTCalObject.h>
+
+#include <cstddef>
+#include <cstdlib>
+#include <new>
+#include <string>
+
+namespace {
+
+std::size_t allocations = 0;
+
+}  // namespace
+
+void* operator new(std::size_t size) {
+  ++allocations;
+  if (void* memory = std::malloc(size ? size : 1)) return memory;
+  throw std::bad_alloc();
+}
+void operator delete(void* memory) noexcept { std::free(memory); }
+void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+
+namespace quillmere {
+namespace {
+
+std::string manyLines() {
+  std::string text;
+  for (int i = 0; i < 1000; ++i) {
+    text += "ATTENDEE;CN=Somebody with a long name;ROLE=CHAIR:mailto:somebody@example.com\r\n";
+    text +=
+        "DESCRIPTION:a text that is longer than any small string\\, escaped\r\n  and folded\r\n";
+  }
+  return text;
+}
+
+TEST(Allocations, NoneForALineWhoseKeyAloneIsAskedFor) {
+  const auto reader = KBTCalObject::initWithData(NSData::dataWithString(manyLines()));
+  const std::size_t before = allocations;
+  std::size_t lines = 0;
+  while (reader->nextLine()) lines += reader->key() ? 1 : 0;
+  EXPECT_EQ(lines, 2000U);
+  EXPECT_EQ(allocations - before, 0U);
+}
+
+TEST(Allocations, ValuesShareOneBuffer) {
+  const auto reader = KBTCalObject::initWithData(NSData::dataWithString(manyLines()));
+  const std::size_t before = allocations;
+  std::size_t bytes = 0;
+  while (reader->nextLine()) bytes += reader->value()->size();
+  EXPECT_EQ(bytes, 90'000U);
+  EXPECT_LE(allocations - before, 3U) << "the buffer should grow to the longest value and stay";
+}
+
+}  // namespace
+}  // namespace quillmere

@@ -1,0 +1,153 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <quillmere/platform/base/NSFileManager.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <thread>
+
+#include "tests/support/FileFaults.h"
+#include "tests/support/TemporaryFolder.h"
+
+namespace quillmere {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::FileCall, testing::FileFault, testing::readFile, testing::TemporaryFolder,
+    testing::writeFile;
+
+NSErrorPtr writeTo(const std::string& path, std::string_view bytes) {
+  return NSFileManager::writeData_toFileAtomically(NSData::dataWithBytes(bytes), path);
+}
+
+mode_t permissionsOf(const std::string& path) {
+  struct stat status {};
+  EXPECT_EQ(::stat(path.c_str(), &status), 0);
+  return status.st_mode & 07777;
+}
+
+TEST(AtomicWrite, MakesANewFileWithWhatTheUmaskLeaves) {
+  const TemporaryFolder folder;
+  const mode_t before = ::umask(027);
+  EXPECT_EQ(writeTo(folder / "new.ics", "bytes"), nullptr);
+  ::umask(before);
+  EXPECT_EQ(readFile(folder / "new.ics"), "bytes");
+  EXPECT_EQ(permissionsOf(folder / "new.ics"), 0640U);
+  EXPECT_EQ(folder.entryCount(), 1U);
+}
+
+TEST(AtomicWrite, KeepsThePermissionsOfTheFileItReplaces) {
+  const TemporaryFolder folder;
+  for (const mode_t mode : {0600U, 0644U, 0666U, 0751U}) {
+    writeFile(folder / "a.ics", "old");
+    ASSERT_EQ(::chmod((folder / "a.ics").c_str(), mode), 0);
+    EXPECT_EQ(writeTo(folder / "a.ics", "new"), nullptr);
+    EXPECT_EQ(readFile(folder / "a.ics"), "new");
+    EXPECT_EQ(permissionsOf(folder / "a.ics"), mode);
+  }
+}
+
+TEST(AtomicWrite, ReplacesTheFileInsteadOfWritingIntoIt) {
+  const TemporaryFolder folder;
+  writeFile(folder / "a.ics", "old");
+  fs::create_hard_link(folder / "a.ics", folder / "other name");
+  EXPECT_EQ(writeTo(folder / "a.ics", "new"), nullptr);
+  EXPECT_EQ(readFile(folder / "other name"), "old");
+}
+
+TEST(AtomicWrite, FollowsLinksToTheirTarget) {
+  const TemporaryFolder folder;
+  fs::create_directory(folder / "real");
+  writeFile(folder / "real/a.ics", "old");
+  fs::create_symlink("real/a.ics", folder / "relative");
+  fs::create_symlink(folder / "relative", folder / "chain");
+  fs::create_symlink("real/missing.ics", folder / "dangling");
+  fs::create_symlink("loop", folder / "loop");
+
+  EXPECT_EQ(writeTo(folder / "chain", "new"), nullptr);
+  EXPECT_TRUE(fs::is_symlink(folder / "chain"));
+  EXPECT_TRUE(fs::is_symlink(folder / "relative"));
+  EXPECT_EQ(readFile(folder / "real/a.ics"), "new");
+
+  EXPECT_EQ(writeTo(folder / "dangling", "made"), nullptr);
+  EXPECT_EQ(readFile(folder / "real/missing.ics"), "made");
+
+  EXPECT_EQ(writeTo(folder / "loop", "never")->code(), ELOOP);
+}
+
+TEST(AtomicWrite, RefusesWhatIsNoRegularFile) {
+  const TemporaryFolder folder;
+  fs::create_directory(folder / "directory");
+  ASSERT_EQ(::mkfifo((folder / "pipe").c_str(), 0600), 0);
+  EXPECT_EQ(writeTo(folder / "directory", "x")->code(), EISDIR);
+  EXPECT_EQ(writeTo(folder / "pipe", "x")->code(), EINVAL);
+  EXPECT_EQ(writeTo(folder / "missing/a.ics", "x")->code(), ENOENT);
+  EXPECT_EQ(writeTo(folder / "", "x")->domain(), NSPOSIXErrorDomain);
+  EXPECT_EQ(folder.entryCount(), 2U);
+}
+
+TEST(AtomicWrite, LeavesTheOldFileWholeWhateverFails) {
+  struct Case {
+    FileCall call;
+    int nth;
+    int error;
+    const char* afterwards;
+  };
+  // The second fsync is the directory's: by then the new file is in place.
+  const Case cases[] = {
+      {FileCall::write, 1, ENOSPC, "old"}, {FileCall::write, 3, EIO, "old"},
+      {FileCall::fsync, 1, EIO, "old"},    {FileCall::rename, 1, EXDEV, "old"},
+      {FileCall::fchmod, 1, EPERM, "old"}, {FileCall::fsync, 2, EIO, "new bytes"},
+  };
+  for (const Case& c : cases) {
+    const TemporaryFolder folder;
+    writeFile(folder / "a.ics", "old");
+    testing::limitWrites(3);
+    const FileFault fault(c.call, c.nth, c.error);
+    const auto error = writeTo(folder / "a.ics", "new bytes");
+    testing::limitWrites(0);
+    ASSERT_NE(error, nullptr);
+    EXPECT_EQ(error->domain(), NSPOSIXErrorDomain);
+    EXPECT_EQ(error->code(), c.error);
+    EXPECT_EQ(readFile(folder / "a.ics"), c.afterwards);
+    EXPECT_EQ(folder.entryCount(), 1U) << "a temporary file was left";
+  }
+}
+
+TEST(AtomicWrite, GoesOnAfterAnInterruptedOrPartialWrite) {
+  const TemporaryFolder folder;
+  testing::limitWrites(3);
+  const FileFault fault(FileCall::write, 2, EINTR);
+  EXPECT_EQ(writeTo(folder / "a.ics", "written in four pieces"), nullptr);
+  testing::limitWrites(0);
+  EXPECT_EQ(readFile(folder / "a.ics"), "written in four pieces");
+}
+
+TEST(ModificationDate, IsTheFilesToTheMicrosecond) {
+  const TemporaryFolder folder;
+  writeFile(folder / "a.ics", "");
+  const timespec times[2] = {{0, UTIME_OMIT}, {1704447000, 250001999}};
+  ASSERT_EQ(::utimensat(AT_FDCWD, (folder / "a.ics").c_str(), times, 0), 0);
+  EXPECT_EQ(NSFileManager::modificationDateOfItemAtPath(folder / "a.ics"),
+            NSDate::dateWithMicrosecondsSince1970(1704447000'250001));
+  EXPECT_EQ(NSFileManager::modificationDateOfItemAtPath(folder / "none"), std::nullopt);
+}
+
+TEST(ReadingAFile, GivesItsBytesOrNull) {
+  const TemporaryFolder folder;
+  const std::string bytes("a\0b\r\n\xff", 6);
+  writeFile(folder / "a.ics", bytes);
+  writeFile(folder / "empty", "");
+  ASSERT_EQ(::mkfifo((folder / "pipe").c_str(), 0600), 0);
+  EXPECT_EQ(NSData::dataWithContentsOfFile(folder / "a.ics"), NSData::dataWithBytes(bytes));
+  EXPECT_EQ(NSData::dataWithContentsOfFile(folder / "empty"), NSData());
+  EXPECT_EQ(NSData::dataWithContentsOfFile(folder / "none"), std::nullopt);
+  EXPECT_EQ(NSData::dataWithContentsOfFile(folder / ""), std::nullopt);
+  EXPECT_EQ(NSData::dataWithContentsOfFile(folder / "pipe"), std::nullopt);
+  // A file that tells no size in advance is read to its end all the same.
+  EXPECT_GT(NSData::dataWithContentsOfFile("/proc/self/maps").value().length(), 100U);
+}
+
+}  // namespace
+}  // namespace quillmere

@@ -1,0 +1,72 @@
+#include <gtest/gtest.h>
+#include <quillmere/platform/base/OrderedMap.h>
+
+#include <algorithm>
+#include <random>
+
+namespace quillmere {
+namespace {
+
+using Names = std::vector<std::string>;
+
+TEST(OrderedMap, KeepsTheOrderOfFirstInsertion) {
+  OrderedMap<int> map;
+  for (const char* key : {"c", "a", "b"}) map.set(key, 1);
+  map.set("a", 2);
+  EXPECT_EQ(map.keys(), (Names{"c", "a", "b"}));
+  EXPECT_EQ(*map.find("a"), 2);
+  map.erase("c");
+  map.erase("never there");
+  map.set("c", 3);
+  EXPECT_EQ(map.keys(), (Names{"a", "b", "c"}));
+  map.clear();
+  EXPECT_TRUE(map.empty());
+  EXPECT_EQ(map.keys(), Names{});
+}
+
+TEST(OrderedMap, ACopyIsIndependent) {
+  OrderedMap<int> original;
+  original.set("a", 1);
+  original.set("b", 2);
+  OrderedMap<int> copy = original;
+  original.erase("a");
+  copy.set("c", 3);
+  EXPECT_EQ(copy.keys(), (Names{"a", "b", "c"}));
+  EXPECT_EQ(original.keys(), Names{"b"});
+  original = copy;
+  copy.clear();
+  EXPECT_EQ(original.keys(), (Names{"a", "b", "c"}));
+}
+
+TEST(OrderedMap, AgreesWithAListOverRandomOperations) {
+  std::mt19937 random(2);
+  OrderedMap<unsigned> map;
+  std::vector<std::pair<std::string, unsigned>> list;
+  for (int step = 0; step < 20000; ++step) {
+    const std::string key = "name " + std::to_string(random() % 60);
+    const auto inList = std::find_if(list.begin(), list.end(),
+                                     [&](const auto& entry) { return entry.first == key; });
+    if (random() % 2) {
+      const auto value = static_cast<unsigned>(random());
+      map.set(key, value);
+      if (inList == list.end()) {
+        list.emplace_back(key, value);
+      } else {
+        inList->second = value;
+      }
+    } else {
+      map.erase(key);
+      if (inList != list.end()) list.erase(inList);
+    }
+    ASSERT_EQ(map.size(), list.size());
+    if (step % 100 != 0) continue;
+    const Names keys = map.keys();
+    ASSERT_TRUE(std::equal(keys.begin(), keys.end(), list.begin(), list.end(),
+                           [&](const std::string& mapKey, const auto& entry) {
+                             return mapKey == entry.first && *map.find(mapKey) == entry.second;
+                           }));
+  }
+}
+
+}  // namespace
+}  // namespace quillmere

@@ -1,0 +1,61 @@
+#include "tests/support/FileFaults.h"
+
+#include <fcntl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+
+namespace quillmere::testing {
+namespace {
+
+struct Pending {
+  FileCall call;
+  int callsLeft;
+  int error;
+};
+
+Pending pending{FileCall::write, 0, 0};
+unsigned long writeLimit = 0;
+
+bool fails(FileCall call) {
+  if (pending.call != call || pending.callsLeft == 0 || --pending.callsLeft != 0) return false;
+  errno = pending.error;
+  return true;
+}
+
+}  // namespace
+
+FileFault::FileFault(FileCall call, int nth, int error) { pending = {call, nth, error}; }
+
+FileFault::~FileFault() { pending.callsLeft = 0; }
+
+void limitWrites(unsigned long bytes) { writeLimit = bytes; }
+
+}  // namespace quillmere::testing
+
+using quillmere::testing::fails;
+using quillmere::testing::FileCall;
+
+extern "C" {
+
+ssize_t write(int file, const void* bytes, size_t count) {
+  if (fails(FileCall::write)) return -1;
+  const unsigned long limit = quillmere::testing::writeLimit;
+  return syscall(SYS_write, file, bytes, limit ? std::min(count, limit) : count);
+}
+
+int fsync(int file) {
+  return fails(FileCall::fsync) ? -1 : static_cast<int>(syscall(SYS_fsync, file));
+}
+
+int fchmod(int file, mode_t mode) {
+  return fails(FileCall::fchmod) ? -1 : static_cast<int>(syscall(SYS_fchmod, file, mode));
+}
+
+int rename(const char* from, const char* to) noexcept {
+  if (fails(FileCall::rename)) return -1;
+  return static_cast<int>(syscall(SYS_renameat, AT_FDCWD, from, AT_FDCWD, to));
+}
+}

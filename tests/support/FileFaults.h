@@ -1,0 +1,24 @@
+#ifndef QUILLMERE_TESTS_SUPPORT_FILEFAULTS_H
+#define QUILLMERE_TESTS_SUPPORT_FILEFAULTS_H
+
+namespace quillmere::testing {
+
+/// Makes one call of the file functions below fail, counted from now; the others go to the kernel.
+/// The test program's own definitions stand in for the C library's.
+enum class FileCall { write, fsync, rename, fchmod };
+
+class FileFault {
+ public:
+  /// The `nth` call (1 is the next) fails with `error`, an errno value.
+  FileFault(FileCall call, int nth, int error);
+  FileFault(const FileFault&) = delete;
+  FileFault& operator=(const FileFault&) = delete;
+  ~FileFault();
+};
+
+/// The longest count of bytes that one write takes; the rest is left to the caller. 0: no limit.
+void limitWrites(unsigned long bytes);
+
+}  // namespace quillmere::testing
+
+#endif
