@@ -9,10 +9,11 @@
 // Internal: how one piece of a FREEBUSY value (RFC 5545 sections 3.3.9 and 3.8.2.6) is read. There
 // are two rules, and they are meant to differ; keep them side by side.
 //
-//   piece                 of a server's answer (KBTFreeBusy)   of a value that a host has
-//   (KBTCalFreeBusyRange) no "/"                malformed: the answer is an error    skipped two
-//   "/" or more       the first one divides                skipped end or duration?      a duration
-//   if it parses as one       a duration if it begins with "P" or "p"
+//   piece              of a server's answer               of a value that a host has
+//                      (KBTFreeBusy)                      (KBTCalFreeBusyRange)
+//   no "/"             malformed: the answer is an error  skipped
+//   two "/" or more    the first one divides              skipped
+//   end or duration?   a duration if it parses as one     a duration if it begins with "P" or "p"
 namespace quillmere {
 
 /// A date that does not parse is null, and so is an end counted from a null start.

@@ -5,8 +5,7 @@
 //   - Quotation marks mean nothing: ":" ends parameters and ";" splits them inside quotes as well
 //     (scanKeyAndParameters, parseModifiers).
 //   - CR, LF and CR LF end lines, but only CR LF SPACE is unfolded; a tab continues nothing
-//   (scanValue,
-//     decodedValue).
+//     (scanValue, decodedValue).
 //   - "\N" is "N" (unescape).
 //   - A key asked for after the parameters includes their text (key).
 //   - A TZID moves "Z" values too, by the offset at the digits read as UTC (valueAsDateIsFullDay).

@@ -30,8 +30,8 @@ using KBTCalModifiers = std::map<std::string_view, std::string_view>;
 /// values. `KBTCalObject.cpp` names the rules that differ from RFC 5545.
 ///
 /// Lifetime: keys, values and parameters are views. Keys and parameters point into the document, a
-/// value into the document or into the reader; all are good until the next `nextLine()` or
-/// `reset()` and no longer than the reader. Copy what is to be kept.
+/// value into the document or into the reader; all are good until the next `nextLine()` and no longer
+/// than the reader. Copy what is to be kept.
 ///
 /// Text is UTF-8; a key or value that is not well-formed UTF-8 is null, a parameter that is not is
 /// left out.

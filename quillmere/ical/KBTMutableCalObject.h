@@ -17,10 +17,12 @@ namespace quillmere {
 
 /// Writes one iCalendar component (RFC 5545) from lines that are appended in order.
 ///
-///     auto event = KBTMutableCalObject::initWithObjectType_includeCalendarDeclaration("VEVENT",
-///     true); event->appendKey_stringValue("UID", uid); event->appendKey_datetimeValue("DTSTART",
-///     start); event->appendKey_stringValue("SUMMARY", "Lunch; or dinner"); NSData document =
-///     event->icsData();
+///     auto event = KBTMutableCalObject::initWithObjectType_includeCalendarDeclaration(
+///         "VEVENT", true);
+///     event->appendKey_stringValue("UID", uid);
+///     event->appendKey_datetimeValue("DTSTART", start);
+///     event->appendKey_stringValue("SUMMARY", "Lunch; or dinner");
+///     NSData document = event->icsData();
 ///
 /// Every value is escaped, whatever its type: a backslash goes before backslash, comma and
 /// semicolon, and

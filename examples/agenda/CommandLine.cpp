@@ -1,0 +1,246 @@
+#include "CommandLine.h"
+
+#include <getopt.h>
+
+#include <algorithm>
+#include <charconv>
+#include <string_view>
+
+#include "Problems.h"
+
+namespace agenda {
+namespace {
+
+using quillmere::NSDate;
+using std::string_view;
+
+constexpr std::int64_t maximumDays = 36600;
+
+enum Option {
+  fromOption = 1,
+  toOption,
+  daysOption,
+  zoneOption,
+  stateOption,
+  listOption,
+  addOption,
+  editOption,
+  removeOption,
+  summaryOption,
+  startOption,
+  endOption,
+  locationOption,
+  descriptionOption,
+  helpOption,
+};
+
+constexpr option options[] = {
+    {"from", required_argument, nullptr, fromOption},
+    {"to", required_argument, nullptr, toOption},
+    {"days", required_argument, nullptr, daysOption},
+    {"zone", required_argument, nullptr, zoneOption},
+    {"state", required_argument, nullptr, stateOption},
+    {"list", no_argument, nullptr, listOption},
+    {"add", required_argument, nullptr, addOption},
+    {"edit", required_argument, nullptr, editOption},
+    {"remove", required_argument, nullptr, removeOption},
+    {"summary", required_argument, nullptr, summaryOption},
+    {"start", required_argument, nullptr, startOption},
+    {"end", required_argument, nullptr, endOption},
+    {"location", required_argument, nullptr, locationOption},
+    {"description", required_argument, nullptr, descriptionOption},
+    {"help", no_argument, nullptr, helpOption},
+    {nullptr, 0, nullptr, 0},
+};
+
+// Whether `text` is laid out as `pattern`, in which every "0" stands for a digit.
+bool hasForm(string_view text, string_view pattern) {
+  return std::equal(text.begin(), text.end(), pattern.begin(), pattern.end(),
+                    [](char c, char p) { return p == '0' ? c >= '0' && c <= '9' : c == p; });
+}
+
+When parseWhen(string_view text) {
+  const bool isDay = hasForm(text, "0000-00-00");
+  if (isDay || hasForm(text, "0000-00-00T00:00")) {
+    std::string digits(text);
+    std::erase_if(digits, [](char c) { return c == '-' || c == ':'; });
+    const auto date = NSDate::initWithICSDateString(digits + (isDay ? "T000000" : "00"));
+    if (date) return {isDay ? When::Kind::day : When::Kind::wallTime, *date};
+  }
+  throw UsageProblem("\"" + std::string(text) +
+                     "\" is neither a day (2024-05-31) nor a time (2024-05-31T17:00)");
+}
+
+When parseDay(string_view text) {
+  const When when = parseWhen(text);
+  if (!when.isDay()) throw UsageProblem("\"" + std::string(text) + "\" is not a day (2024-05-31)");
+  return when;
+}
+
+std::int64_t parseDays(string_view text) {
+  std::int64_t days = 0;
+  const auto result = std::from_chars(text.data(), text.data() + text.size(), days);
+  const bool isNumber = result.ec == std::errc() && result.ptr == text.data() + text.size();
+  if (!isNumber || days < 1 || days > maximumDays) {
+    throw UsageProblem("--days takes a number from 1 to " + std::to_string(maximumDays));
+  }
+  return days;
+}
+
+class Parser {
+ public:
+  Options parse(int argc, char** argv) {
+    opterr = 0;  // the messages are this parser's own
+    while (true) {
+      const int found = getopt_long(argc, argv, ":", options, nullptr);
+      if (found == -1) break;
+      const std::string argument = argv[optind - 1];
+      if (found == ':') throw UsageProblem(argument + " needs an argument");
+      if (found == '?') throw UsageProblem(argument + " is no option, or takes no argument");
+      apply(static_cast<Option>(found), optarg ? optarg : "");
+    }
+    parsed_.files.assign(argv + optind, argv + argc);
+    if (parsed_.command != Command::help) check();
+    return parsed_;
+  }
+
+ private:
+  void apply(Option option, const std::string& argument) {
+    Fields& fields = parsed_.fields;
+    switch (option) {
+      case fromOption:
+        parsed_.from = parseDay(argument);
+        break;
+      case toOption:
+        parsed_.to = parseDay(argument);
+        break;
+      case daysOption:
+        parsed_.days = parseDays(argument);
+        hasDays_ = true;
+        break;
+      case zoneOption:
+        parsed_.zone = argument;
+        break;
+      case stateOption:
+        parsed_.stateFolder = argument;
+        break;
+      case listOption:
+        setCommand(Command::list);
+        break;
+      case addOption:
+        setCommand(Command::add);
+        setSummary(argument);
+        break;
+      case editOption:
+        setCommand(Command::edit);
+        parsed_.uid = argument;
+        break;
+      case removeOption:
+        setCommand(Command::remove);
+        parsed_.uid = argument;
+        break;
+      case summaryOption:
+        setSummary(argument);
+        break;
+      case startOption:
+        fields.start = parseWhen(argument);
+        break;
+      case endOption:
+        fields.end = parseWhen(argument);
+        break;
+      case locationOption:
+        fields.location = argument;
+        break;
+      case descriptionOption:
+        fields.description = argument;
+        break;
+      case helpOption:
+        parsed_.command = Command::help;
+        break;
+    }
+  }
+
+  void setCommand(Command command) {
+    if (parsed_.command == Command::help) return;
+    if (parsed_.command != Command::showDays) {
+      throw UsageProblem("only one of --list, --add, --edit and --remove can be done at a time");
+    }
+    parsed_.command = command;
+  }
+
+  void setSummary(const std::string& summary) {
+    if (parsed_.fields.summary) throw UsageProblem("the summary is given twice");
+    parsed_.fields.summary = summary;
+  }
+
+  void check() const {
+    if (parsed_.files.empty()) throw UsageProblem("no calendar file is given");
+    if (parsed_.to && hasDays_) throw UsageProblem("--to and --days exclude each other");
+    if (parsed_.from && parsed_.to && parsed_.to->date < parsed_.from->date) {
+      throw UsageProblem("--to lies before --from");
+    }
+    checkFields();
+  }
+
+  void checkFields() const {
+    const Fields& fields = parsed_.fields;
+    const bool changes = parsed_.command == Command::add || parsed_.command == Command::edit ||
+                         parsed_.command == Command::remove;
+    const bool hasFields =
+        fields.summary || fields.location || fields.description || fields.start || fields.end;
+    if (changes && parsed_.files.size() != 1) {
+      throw UsageProblem("--add, --edit and --remove take exactly one calendar file");
+    }
+    if (parsed_.command == Command::add && !fields.start) throw UsageProblem("--add needs --start");
+    if (parsed_.command == Command::edit && !hasFields) {
+      throw UsageProblem("--edit needs a field to change");
+    }
+    if (hasFields && parsed_.command != Command::add && parsed_.command != Command::edit) {
+      throw UsageProblem("only --add and --edit take fields");
+    }
+    if (!fields.start || !fields.end) return;
+    if (fields.start->isDay() != fields.end->isDay()) {
+      throw UsageProblem("--start and --end must both be days or both be times");
+    }
+    if (fields.end->date < fields.start->date) throw UsageProblem("--end lies before --start");
+  }
+
+  Options parsed_;
+  bool hasDays_ = false;
+};
+
+}  // namespace
+
+Options parseCommandLine(int argc, char** argv) { return Parser().parse(argc, argv); }
+
+const char* const helpText =
+    R"(Usage: agenda [OPTION]... FILE.ics...
+Shows what lies in calendar files, day by day, and the to-dos that are open.
+
+What to show:
+  --from DAY          the first day (today)
+  --days N            how many days (7)
+  --to DAY            the last day, instead of --days
+  --zone NAME         the time zone, such as Europe/Paris (the system's)
+  --list              instead of the days: UID and summary of everything
+
+What to change, in one file:
+  --add SUMMARY       a new event; needs --start. A missing file is made
+  --edit UID          replaces the fields that are given
+  --remove UID        the event or to-do, with all its changed instances
+  --summary TEXT  --location TEXT  --description TEXT  --start WHEN  --end WHEN
+                      the fields. Of whole days --end is the last one, of a to-do it is
+                      when it is due. A start that is moved alone takes the end along
+
+  --state FOLDER      keeps what was read there: the next run reads only files that have
+                      changed, and tells what is new, updated and gone
+  --help              this text
+
+DAY is like 2024-05-31; WHEN is a day, or a time like 2024-05-31T17:00.
+Repeating events are shown at their first date.
+
+Exit status: 0 all went well; 1 a calendar could not be read or saved; 2 the command line
+is wrong.
+)";
+
+}  // namespace agenda

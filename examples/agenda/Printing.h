@@ -1,0 +1,56 @@
+#ifndef AGENDA_PRINTING_H
+#define AGENDA_PRINTING_H
+
+#include <quillmere/platform/dates/NSDate.h>
+
+#include <cstddef>
+#include <iosfwd>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "CalendarHost.h"
+
+namespace agenda {
+
+/// Days from the start of the first up to the start of the one after the last.
+struct DayRange {
+  quillmere::NSDate first;
+  quillmere::NSDate end;
+};
+
+using Hosts = std::vector<std::shared_ptr<CalendarHost>>;
+
+/// The events of each day of the range, in the default zone, then the to-dos that are open and due
+/// before the range ends, or whenever.
+void printDays(std::ostream& out, const Hosts& hosts, const DayRange& range);
+
+/// UID and summary of every object, a tab between them.
+void printList(std::ostream& out, const CalendarHost& host);
+
+/// What a fetch found in the file.
+void printChanges(std::ostream& out, const std::string& file, const Changes& changes);
+
+/// `text` as it may go to a terminal: control characters are replaced, so that nobody's summary
+/// moves the cursor.
+std::string printable(std::string_view text);
+
+/// Shows on standard error, when that is a terminal, how far the reading of a file has come.
+class ProgressLine {
+ public:
+  explicit ProgressLine(const std::string& file);
+
+  /// The count of items so far; null clears the line.
+  void show(std::optional<std::size_t> items);
+
+ private:
+  std::string label_;
+  bool isTerminal_;
+  bool isShown_ = false;
+};
+
+}  // namespace agenda
+
+#endif

@@ -1,0 +1,216 @@
+// The state file holds these fields without anything between them:
+//
+//   signature    the 16 bytes "agenda state 01\n"
+//   path         text
+//   caching      optional text
+//   name         optional text
+//   count        number, then so many objects:
+//     name         text
+//     version      optional text
+//     flags        byte: 1 to-do, 2 done, 4 cancelled, 8 repeats
+//     summary      optional text
+//     location     optional text
+//     start, end   optional moment each
+//   checksum     number: the 64-bit FNV-1a hash of all bytes before it
+//
+// A number has eight bytes, the lowest first. A text is a number, its length, and so many bytes. A
+// moment is a byte, its kind, and a number, the microseconds since 1970. An optional field is a
+// byte, 0 or 1, and after a 1 the field.
+//
+// Nothing in the file is trusted: every length is held against the bytes that are left.
+
+#include "StateFile.h"
+
+#include <quillmere/platform/base/NSData.h>
+#include <quillmere/platform/base/NSFileManager.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <string_view>
+#include <utility>
+
+#include "Problems.h"
+
+namespace agenda {
+namespace {
+
+using quillmere::NSData;
+using quillmere::NSDate;
+using std::string_view;
+
+constexpr string_view signature = "agenda state 01\n";
+constexpr std::size_t numberLength = 8;
+constexpr unsigned bitsPerByte = 8;
+
+enum Flag : unsigned { toDoFlag = 1, doneFlag = 2, cancelledFlag = 4, repeatsFlag = 8 };
+constexpr unsigned allFlags = toDoFlag | doneFlag | cancelledFlag | repeatsFlag;
+
+std::uint64_t hashOf(string_view bytes) {
+  std::uint64_t hash = 0xcbf29ce484222325;
+  for (const char byte : bytes) {
+    hash = (hash ^ static_cast<unsigned char>(byte)) * 0x100000001b3;
+  }
+  return hash;
+}
+
+class Writer {
+ public:
+  void byte(unsigned value) { bytes_.push_back(static_cast<char>(value)); }
+
+  void number(std::uint64_t value) {
+    for (std::size_t i = 0; i < numberLength; ++i, value >>= bitsPerByte) byte(value & 0xff);
+  }
+
+  void text(string_view value) {
+    number(value.size());
+    bytes_ += value;
+  }
+
+  void text(const std::optional<std::string>& value) {
+    byte(value ? 1 : 0);
+    if (value) text(string_view(*value));
+  }
+
+  void moment(const std::optional<When>& value) {
+    byte(value ? 1 : 0);
+    if (!value) return;
+    byte(static_cast<unsigned>(value->kind));
+    number(static_cast<std::uint64_t>(value->date.microsecondsSince1970()));
+  }
+
+  void object(const AgendaObject& object) {
+    const Entry& entry = object.entry;
+    text(string_view(object.name));
+    text(object.version);
+    byte((entry.isToDo ? toDoFlag : 0U) | (entry.isDone ? doneFlag : 0U) |
+         (entry.isCancelled ? cancelledFlag : 0U) | (entry.repeats ? repeatsFlag : 0U));
+    text(entry.summary);
+    text(entry.location);
+    moment(entry.start);
+    moment(entry.end);
+  }
+
+  std::string finish() {
+    number(hashOf(bytes_));
+    return std::move(bytes_);
+  }
+
+ private:
+  std::string bytes_{signature};
+};
+
+class Reader {
+ public:
+  explicit Reader(string_view bytes) : rest_(bytes) {}
+
+  bool isAtEnd() const { return rest_.empty(); }
+
+  string_view take(std::uint64_t length) {
+    if (length > rest_.size()) throw CalendarProblem("it ends too early");
+    const string_view taken = rest_.substr(0, length);
+    rest_.remove_prefix(length);
+    return taken;
+  }
+
+  unsigned byte(unsigned maximum) {
+    const unsigned value = static_cast<unsigned char>(take(1).front());
+    if (value > maximum) throw CalendarProblem("it holds a value that has no meaning");
+    return value;
+  }
+
+  std::uint64_t number() {
+    std::uint64_t value = 0;
+    const string_view bytes = take(numberLength);
+    for (auto byte = bytes.rbegin(); byte != bytes.rend(); ++byte) {
+      value = value << bitsPerByte | static_cast<unsigned char>(*byte);
+    }
+    return value;
+  }
+
+  std::string text() { return std::string(take(number())); }
+
+  std::optional<std::string> optionalText() {
+    if (byte(1) == 0) return std::nullopt;
+    return text();
+  }
+
+  std::optional<When> moment() {
+    if (byte(1) == 0) return std::nullopt;
+    const auto kind = static_cast<When::Kind>(byte(static_cast<unsigned>(When::Kind::instant)));
+    const auto microseconds = static_cast<std::int64_t>(number());
+    return When{kind, NSDate::dateWithMicrosecondsSince1970(microseconds)};
+  }
+
+  std::shared_ptr<AgendaObject> object() {
+    auto object = std::make_shared<AgendaObject>();
+    object->name = text();
+    object->version = optionalText();
+    const unsigned flags = byte(allFlags);
+    Entry& entry = object->entry;
+    entry.isToDo = flags & toDoFlag;
+    entry.isDone = flags & doneFlag;
+    entry.isCancelled = flags & cancelledFlag;
+    entry.repeats = flags & repeatsFlag;
+    entry.summary = optionalText();
+    entry.location = optionalText();
+    entry.start = moment();
+    entry.end = moment();
+    return object;
+  }
+
+ private:
+  string_view rest_;
+};
+
+// The fields between the signature and the checksum, both of which must be right.
+string_view checkedFields(string_view bytes) {
+  if (!bytes.starts_with(signature)) throw CalendarProblem("it is no state file of agenda");
+  if (bytes.size() < signature.size() + numberLength) throw CalendarProblem("it ends too early");
+  const string_view hashed = bytes.substr(0, bytes.size() - numberLength);
+  if (Reader(bytes.substr(hashed.size())).number() != hashOf(hashed)) {
+    throw CalendarProblem("its checksum is wrong");
+  }
+  return hashed.substr(signature.size());
+}
+
+}  // namespace
+
+std::string stateFilePath(const std::string& folder, const std::string& calendarPath) {
+  constexpr string_view digits = "0123456789abcdef";
+  std::string name;
+  for (std::uint64_t hash = hashOf(calendarPath); hash != 0; hash >>= 4) name += digits[hash & 0xf];
+  return std::filesystem::path(folder) / (name + ".state");
+}
+
+std::optional<KeptCalendar> readState(const std::string& path, const std::string& calendarPath) {
+  const auto data = NSData::dataWithContentsOfFile(path);
+  if (!data) {
+    if (std::filesystem::exists(path)) throw CalendarProblem("it cannot be read");
+    return std::nullopt;
+  }
+  Reader reader(checkedFields(data->view()));
+  KeptCalendar kept;
+  kept.path = reader.text();
+  kept.cachingString = reader.optionalText();
+  kept.calendarName = reader.optionalText();
+  for (std::uint64_t count = reader.number(); count != 0; --count) {
+    kept.objects.push_back(reader.object());
+  }
+  if (!reader.isAtEnd()) throw CalendarProblem("it goes on behind its end");
+  if (kept.path != calendarPath) throw CalendarProblem("it belongs to " + kept.path);
+  return kept;
+}
+
+void writeState(const std::string& path, const KeptCalendar& kept) {
+  Writer writer;
+  writer.text(string_view(kept.path));
+  writer.text(kept.cachingString);
+  writer.text(kept.calendarName);
+  writer.number(kept.objects.size());
+  for (const auto& object : kept.objects) writer.object(*object);
+  const auto error = quillmere::NSFileManager::writeData_toFileAtomically(
+      NSData::dataWithString(writer.finish()), path);
+  if (error) throw CalendarProblem("cannot keep its state: " + error->localizedDescription());
+}
+
+}  // namespace agenda

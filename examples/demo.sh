@@ -1,0 +1,82 @@
+#!/usr/bin/env bash
+# Shows the example hosts at work on copies of the demo calendars, and fails when what they print or
+# save is not what it should be.
+#
+# Usage: demo.sh FOLDER_OF_EXAMPLE_PROGRAMS
+set -euo pipefail
+
+programs=$(realpath "${1:?usage: demo.sh FOLDER_OF_EXAMPLE_PROGRAMS}")
+data=$(realpath "$(dirname "$0")/data")
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+cp "$data"/*.ics "$work"
+cd "$work"
+touch -d '1 hour ago' ./*.ics # what the demo writes later is younger
+
+heading() { printf '\n== %s ==\n' "$1"; }
+
+# Runs agenda, shows what it prints, and keeps that in the file "output" for `expect`.
+agenda() {
+  printf '$ agenda'
+  printf ' %q' "$@"
+  printf '\n'
+  "$programs/agenda" --zone Europe/Berlin "$@" | tee output
+}
+
+# Fails unless the last output, or another file, holds the text.
+expect() {
+  grep -qF -- "$1" "${2:-output}" && return
+  printf 'demo: "%s" is missing in %s\n' "$1" "${2:-the output}" >&2
+  exit 1
+}
+
+week=(--from 2026-05-01 --days 8)
+
+heading "A team's calendar and the public holidays, read for the first time"
+agenda --state state "${week[@]}" team.ics feiertage.ics
+expect "16:00-17:30  Quarterly review with Boston, Boston – 4th floor  [Team Harbour]"
+expect "all day      Tag der Arbeit  [Feiertage in Süddeutschland]"
+expect "due Tue 2026-05-05 17:00  Book the ferry"
+
+heading "The same again: nothing has changed, so no calendar is read"
+agenda --state state "${week[@]}" team.ics feiertage.ics
+expect "team.ics: unchanged"
+expect "feiertage.ics: unchanged"
+
+heading "A new event is saved; zones, alarms and the journal stay"
+agenda --state state --add "Tea with Søren" --start 2026-05-07T15:00 --end 2026-05-07T15:45 \
+  --location "Café Süßholz, upstairs" team.ics
+uid=$(sed -n 's/^added //p' output)
+agenda --from 2026-05-07 --days 1 team.ics
+expect "15:00-15:45  Tea with Søren, Café Süßholz, upstairs"
+for kind in VTIMEZONE VALARM VJOURNAL RECURRENCE-ID ATTENDEE; do
+  kept=$(grep -c "$kind" team.ics)
+  test "$kept" -eq "$(grep -c "$kind" "$data/team.ics")"
+  echo "$kind: on $kept lines, as before"
+done
+
+heading "Another program renames an event and puts a new one in place of another"
+sed -i -e 's/^DTSTAMP:20260501T101000Z/DTSTAMP:20260503T120000Z/' \
+  -e 's/^SUMMARY:Lunch with the new colleagues/SUMMARY:Dinner with the new colleagues/' \
+  -e 's/^UID:e2c90d17-cancelled@/UID:0b5e8c3f-visit@/' \
+  -e 's/^SUMMARY:Budget call/SUMMARY:Visit from Boston/' \
+  -e 's/^STATUS:CANCELLED/STATUS:CONFIRMED/' team.ics
+agenda --state state "${week[@]}" team.ics
+expect "team.ics: 1 new, 1 updated, 1 gone"
+expect "new: Visit from Boston"
+expect "updated: Dinner with the new colleagues"
+expect "gone: Budget call"
+
+heading "The event is renamed, then removed"
+agenda --state state --edit "$uid" --summary "Coffee with Søren" team.ics
+expect "SUMMARY:Coffee with Søren" team.ics
+expect "SEQUENCE:1" team.ics
+agenda --state state --remove "$uid" team.ics
+agenda --list team.ics
+if grep -qF "$uid" output team.ics; then
+  echo "demo: the removed event is still there" >&2
+  exit 1
+fi
+expect "Dinner with the new colleagues"
+
+heading "All of this is what it should be"
