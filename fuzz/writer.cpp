@@ -14,17 +14,48 @@ using fuzzing::require;
 // 70 units of at most three bytes each, " " and CR LF.
 constexpr std::size_t longestPhysicalLine = 70 * 3 + 3;
 
+std::string escaped(std::string_view value) {
+  std::string text;
+  for (const char byte : value) {
+    switch (byte) {
+      case '\n':
+        text += "\\n";
+        break;
+      case '\r':
+        text += "\\r";
+        break;
+      case '\t':
+        text += "\\t";
+        break;
+      case '\\':
+      case ',':
+      case ';':
+        text += '\\';
+        [[fallthrough]];
+      default:
+        text += byte;
+    }
+  }
+  return text;
+}
+
 void check(std::string_view value) {
   const auto writer =
       KBTMutableCalObject::initWithObjectType_includeCalendarDeclaration("VEVENT", true);
   writer->appendKey_stringValue("SUMMARY", std::string(value));
   const NSData document = writer->icsData();
 
+  std::string unfolded;
   for (std::string_view rest = document.view(); !rest.empty();) {
     const std::size_t end = rest.find("\r\n");
     require(end != std::string_view::npos && end + 2 <= longestPhysicalLine, "lines are short");
+    const bool continues = rest.starts_with(' ');
+    if (!continues) unfolded += '\n';
+    unfolded += rest.substr(continues ? 1 : 0, end - (continues ? 1 : 0));
     rest.remove_prefix(end + 2);
   }
+  require(unfolded.find("\nSUMMARY:" + escaped(value) + "\nEND:") != std::string::npos,
+          "every byte is written");
 
   const auto reader = KBTCalObject::initWithData(document);
   while (reader->nextLine() && reader->key() != "SUMMARY") {

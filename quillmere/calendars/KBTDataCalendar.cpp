@@ -4,6 +4,8 @@
 #include <quillmere/platform/base/NSBundle.h>
 #include <quillmere/platform/base/makeObject.h>
 
+#include <deque>
+#include <functional>
 #include <string_view>
 #include <utility>
 
@@ -27,26 +29,39 @@ std::optional<std::string> copied(std::optional<string_view> text) {
 // One fetch under way.
 struct KBTDataCalendar::Fetch {
   OrderedSet remaining;  // known before the fetch and not found yet
-  OrderedSet seen;       // found, so that a second item of the name is skipped
+  OrderedViewSet seen;   // found, so that a second item of the name is skipped
 
-  // What the lines so far have told. Nothing of this is cleared between items, so an item that
-  // lacks one takes it over from the item before: a version (which sticks once it was made up), or
-  // a UID (which makes it a duplicate). Hosts keep names and versions between runs, so this must
-  // not change.
-  std::optional<std::string> uid;
+  // What the lines so far have told. Nothing of this is cleared between items, so an item that lacks
+  // one takes it over from the item before: a version (which sticks once it was made up), or a UID
+  // (which makes it a duplicate). Hosts keep names and versions between runs, so this must not change.
+  std::optional<string_view> uid;  // good until the fetch ends, like every name in `seen`
   std::optional<std::string> version;
   std::optional<std::string> sequence;
   std::shared_ptr<KBTCalObject>
       item;  // a reader over the item that began last; null before the first
+
+  // A name that lasts as long as the fetch: as it stands in the document, or a copy where that was
+  // folded or escaped.
+  string_view lasting(string_view name) {
+    const std::less_equal<> notBehind;
+    const bool standsInDocument =
+        notBehind(document.view().data(), name.data()) &&
+        notBehind(name.data() + name.size(), document.view().data() + document.length());
+    return standsInDocument ? name : copiedNames.emplace_back(name);
+  }
+
+  NSData document;
+  std::deque<std::string> copiedNames;
 };
 
 std::shared_ptr<KBTDataCalendar> KBTDataCalendar::init() { return makeObject<KBTDataCalendar>(); }
 
 void KBTDataCalendar::fetchExternalChanges() {
-  const auto self = shared_from_this();  // the delegate may let go of this calendar
+  const auto self = keptAlive();
   const auto reader = _getCalendarData();
   Fetch fetch;
-  for (const std::string& name : objectsByUniqueName().keys()) fetch.remaining.insert(name);
+  if (reader) fetch.document = reader->data();
+  for (std::string& name : objectsByUniqueName().keys()) fetch.remaining.insert(std::move(name));
 
   delegate()->synchingCalendarBeganFetchExternalChanges(*this);
   while (reader && reader->nextLine()) visitLine(*reader, fetch);
@@ -63,11 +78,12 @@ void KBTDataCalendar::visitLine(KBTCalObject& reader, Fetch& fetch) {
   } else if (key == "BEGIN" && isItem(reader.value())) {
     fetch.item = reader.subparserForCurrentEntry();
   } else if (key == "UID" && fetch.item) {
-    fetch.uid = copied(reader.value());
+    const auto name = reader.value();
+    fetch.uid = name ? std::optional(fetch.lasting(*name)) : std::nullopt;
   } else if (key == "DTSTAMP" && fetch.item) {
-    fetch.version = copied(reader.value());
+    fetch.version = reader.value();
   } else if (key == "SEQUENCE" && fetch.item) {
-    fetch.sequence = copied(reader.value());
+    fetch.sequence = reader.value();
   } else if (key == "END" && isItem(reader.value())) {
     finishItem(fetch);
   }
@@ -75,28 +91,25 @@ void KBTDataCalendar::visitLine(KBTCalObject& reader, Fetch& fetch) {
 
 void KBTDataCalendar::finishItem(Fetch& fetch) {
   if (!fetch.version) fetch.version = fetch.sequence.value_or("1");
-  if (!fetch.uid) fetch.uid = CFUUIDCreateString();
-  // An item that ends without having begun: the delegate gets a reader all the same, one without
-  // lines.
-  if (!fetch.item) fetch.item = KBTCalObject::initWithData(std::nullopt);
+  if (!fetch.uid) fetch.uid = fetch.lasting(CFUUIDCreateString());
+  if (!fetch.seen.insert(*fetch.uid)) return;
+  std::string name(*fetch.uid);
 
-  const std::string& name = *fetch.uid;
-  if (fetch.seen.contains(name)) return;
-  fetch.seen.insert(name);
-
+  // An item that ends without any having begun: the delegate gets a reader all the same, one without
+  // lines; but lines outside items go on counting nothing.
+  const auto reader = fetch.item ? fetch.item : KBTCalObject::initWithData(std::nullopt);
   if (const KBTClientObject* known = objectsByUniqueName().find(name)) {
     const KBTClientObject object = *known;
-    const auto host = delegate();
-    if (host->synchingCalendar_versionStringForObject(*this, object) != fetch.version) {
-      host->synchingCalendar_updateForObject_versionString_data(*this, object, *fetch.version,
-                                                                fetch.item);
+    if (delegate()->synchingCalendar_versionStringForObject(*this, object) != fetch.version) {
+      delegate()->synchingCalendar_updateForObject_versionString_data(*this, object, *fetch.version,
+                                                                      reader);
     }
     fetch.remaining.erase(name);
     return;
   }
   auto object = delegate()->synchingCalendar_newObjectNamed_versionString_data(
-      *this, name, *fetch.version, fetch.item);
-  if (object) objectsByUniqueName().set(name, std::move(object));
+      *this, name, *fetch.version, reader);
+  if (object) objectsByUniqueName().set(std::move(name), std::move(object));
 }
 
 void KBTDataCalendar::reportDeletions(const Fetch& fetch) {
@@ -110,7 +123,7 @@ void KBTDataCalendar::reportDeletions(const Fetch& fetch) {
 }
 
 void KBTDataCalendar::saveChanges() {
-  const auto self = shared_from_this();
+  const auto self = keptAlive();
   std::string document = "BEGIN:VCALENDAR\r\nVERSION:2.0\r\n";
   if (const auto name = calendarName()) document += "X-WR-CALNAME:" + *name + "\r\n";
   const auto hostVersion =

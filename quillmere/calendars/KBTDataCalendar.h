@@ -14,6 +14,9 @@ namespace quillmere {
 /// the first is reported. An X-WR-CALNAME names the calendar. An object that was inserted and not
 /// yet saved is not in the document, so a fetch reports it as deleted.
 ///
+/// Lines are taken as they come: what an item lacks it takes over from the items before it, and an
+/// alarm's UID or DTSTAMP counts as the item's. `docs/file-calendars.md` has all rules.
+///
 /// A save writes every known object, also one whose deletion is pending: a delegate that wants it
 /// gone answers no data for it. Only what the delegate answers is written; anything else that stood
 /// in the document (zones, journals, other properties of the calendar) is not.

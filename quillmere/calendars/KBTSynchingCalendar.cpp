@@ -61,12 +61,16 @@ std::shared_ptr<KBTSynchingCalendarDelegate> KBTSynchingCalendar::delegate() con
   return silent;
 }
 
-void KBTSynchingCalendar::setObjects(const std::vector<KBTClientObject>& objects) {
-  const auto self = shared_from_this();  // the delegate may let go of this calendar
+std::shared_ptr<KBTSynchingCalendar> KBTSynchingCalendar::keptAlive() {
+  return weak_from_this().lock();
+}
+
+void KBTSynchingCalendar::setObjects(std::vector<KBTClientObject> objects) {
+  const auto self = keptAlive();
   objectsByUniqueName_.clear();
-  for (const KBTClientObject& object : objects) {
-    const auto name = delegate()->synchingCalendar_uniqueNameForObject(*this, object);
-    if (name) objectsByUniqueName_.set(*name, object);
+  for (KBTClientObject& object : objects) {
+    const auto name = nameOf(object);
+    if (name) objectsByUniqueName_.set(*name, std::move(object));
   }
 }
 
@@ -101,26 +105,32 @@ void KBTSynchingCalendar::resetChanges() {
 }
 
 void KBTSynchingCalendar::insertObject(const KBTClientObject& object) {
-  const auto self = shared_from_this();
-  const auto name = recordChange(object, insertSet_);
-  if (name) objectsByUniqueName_.set(*name, object);
+  const auto self = keptAlive();
+  const KBTClientObject kept = object;  // the caller's may change while the delegate is asked
+  const auto name = recordChange(kept, insertSet_);
+  if (name) objectsByUniqueName_.set(*name, kept);
 }
 
 void KBTSynchingCalendar::updateObject(const KBTClientObject& object) {
-  const auto self = shared_from_this();
+  const auto self = keptAlive();
   recordChange(object, updateSet_);
 }
 
 void KBTSynchingCalendar::deleteObject(const KBTClientObject& object) {
-  const auto self = shared_from_this();
+  const auto self = keptAlive();
   recordChange(object, deleteSet_);
+}
+
+std::optional<std::string> KBTSynchingCalendar::nameOf(const KBTClientObject& object) {
+  if (!object) return std::nullopt;
+  return delegate()->synchingCalendar_uniqueNameForObject(*this, object);
 }
 
 // The object's name, which `pending` then holds; null when the change is not recorded.
 std::optional<std::string> KBTSynchingCalendar::recordChange(const KBTClientObject& object,
                                                              OrderedSet& pending) {
   if (isSaving_) return std::nullopt;
-  auto name = delegate()->synchingCalendar_uniqueNameForObject(*this, object);
+  auto name = nameOf(object);
   if (name) pending.insert(*name);
   return name;
 }

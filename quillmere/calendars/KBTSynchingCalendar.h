@@ -13,15 +13,14 @@ namespace quillmere {
 
 /// A calendar that keeps a host's objects in step with a store: the base of every kind of calendar.
 ///
-/// It knows objects by their unique names, which the delegate gives, and remembers which of them
-/// are to be inserted, updated or deleted. A host
+/// It knows objects by their unique names, which the delegate gives, and remembers which of them are
+/// to be inserted, updated or deleted. A host
 ///
 ///   1. makes a calendar, sets itself as delegate, and seeds it with the objects (`setObjects`) and
-///   the
-///      caching string (`setCachingString`) that it kept from the last run;
+///      the caching string (`setCachingString`) that it kept from the last run;
 ///   2. calls `fetchExternalChanges()`, and hears what is new, changed and gone;
-///   3. records its own changes (`insertObject`, `updateObject`, `deleteObject`), then
-///   `saveChanges()`;
+///   3. records its own changes (`insertObject`, `updateObject`, `deleteObject`), then calls
+///      `saveChanges()`;
 ///   4. keeps its objects and `cachingString()` for the next run.
 ///
 /// Every outcome is a callback of the delegate, sent on the thread that uses the calendar. The
@@ -42,7 +41,7 @@ class KBTSynchingCalendar : public std::enable_shared_from_this<KBTSynchingCalen
 
   /// Replaces the known objects; of several with one name the last stays. Pending changes are left
   /// as they are.
-  void setObjects(const std::vector<KBTClientObject>& objects);
+  void setObjects(std::vector<KBTClientObject> objects);
 
   /// The name for people, null until one is set or read from the store.
   virtual std::optional<std::string> calendarName() const;
@@ -73,8 +72,9 @@ class KBTSynchingCalendar : public std::enable_shared_from_this<KBTSynchingCalen
   void resetChanges();
 
   /// These three record a change of the host's for the next save. While a save is in flight the
-  /// change is dropped silently. Each change stands for itself: an object may be pending for
-  /// several.
+  /// change is dropped silently. Each change stands for itself: an object may be pending for several.
+  /// Null is no object and is not recorded. A calendar that saves whole documents forgets what was
+  /// recorded while it asked for the objects' data; record changes before `saveChanges()`.
   ///
   /// Also makes the object known, in place of any other of its name.
   void insertObject(const KBTClientObject& object);
@@ -93,6 +93,10 @@ class KBTSynchingCalendar : public std::enable_shared_from_this<KBTSynchingCalen
  protected:
   KBTSynchingCalendar() = default;
 
+  /// This calendar, to be held by an operation that goes on after a callback, in which the host may
+  /// let go of it. Null for a calendar that no shared pointer owns.
+  std::shared_ptr<KBTSynchingCalendar> keptAlive();
+
   /// The delegate, or one that hears nothing and answers null; never null.
   std::shared_ptr<KBTSynchingCalendarDelegate> delegate() const;
 
@@ -105,6 +109,7 @@ class KBTSynchingCalendar : public std::enable_shared_from_this<KBTSynchingCalen
   void setIsSaving(bool isSaving) { isSaving_ = isSaving; }
 
  private:
+  std::optional<std::string> nameOf(const KBTClientObject& object);
   std::optional<std::string> recordChange(const KBTClientObject& object, OrderedSet& pending);
 
   std::optional<std::string> calendarName_;

@@ -65,8 +65,9 @@ class KBTSynchingCalendarDelegate {
 
   virtual void synchingCalendarBeganFetchExternalChanges(KBTSynchingCalendar& calendar) = 0;
 
-  /// The store holds an item that the calendar does not know. The result is kept under the name;
-  /// null declines the item. `data` stands before the item's "BEGIN" line.
+  /// The store holds an item that the calendar does not know. The result is kept under the name; null
+  /// declines the item. `data` is a reader of the item's component, before its "BEGIN" line; where a
+  /// document has an "END" without a "BEGIN" it has no lines, or is the reader handed over before.
   virtual KBTClientObject synchingCalendar_newObjectNamed_versionString_data(
       KBTSynchingCalendar& calendar, const std::string& uniqueName,
       const std::string& versionString, const std::shared_ptr<KBTCalObject>& data) = 0;

@@ -37,17 +37,15 @@ constexpr char escapeLetter(char byte) {
   }
 }
 
-// The first byte that is not written as one unit by itself: one that is escaped, or not ASCII.
-const char* findSpecial(const char* from, const char* end) {
-  return scan::find<scan::Block>(
-      from, end,
-      [](scan::Block block) {
-        return block.equal('\\') | block.equal('\n') | block.equal('\r') | block.equal('\t') |
-               block.equal(',') | block.equal(';') | block.nonASCII();
-      },
-      [](char byte) {
-        return escapeLetter(byte) != 0 || static_cast<unsigned char>(byte) >= 0x80;
-      });
+// Marks what is not written as one unit by itself: what is escaped, or not ASCII.
+template <class BlockType>
+auto specials(BlockType block) {
+  return block.equal('\\') | block.equal('\n') | block.equal('\r') | block.equal('\t') |
+         block.equal(',') | block.equal(';') | block.nonASCII();
+}
+
+bool isSpecial(char byte) {
+  return escapeLetter(byte) != 0 || static_cast<unsigned char>(byte) >= 0x80;
 }
 
 // The length of the well-formed UTF-8 sequence at `from`, or 1 when there is none.
@@ -58,65 +56,95 @@ std::size_t characterLength(const char* from, const char* end) {
   return isLead && utf8::is_valid(from, from + length) ? static_cast<std::size_t>(length) : 1;
 }
 
+// Writes into a buffer of its own, so that the text grows by long pieces.
 class Folder {
  public:
   explicit Folder(std::string& text) : text_(text) {}
+  ~Folder() { flush(); }
 
   // One UTF-16 unit: a whole character, or a part of one that may be cut off from the rest.
   void appendUnit(const char* bytes, std::size_t length) {
     makeRoom();
-    text_.append(bytes, length);
-    --room_;
+    std::memcpy(to_, bytes, length);
+    advance(length, 1);
   }
 
-  // Bytes of one unit each.
-  void appendRun(const char* from, const char* end) {
-    while (from != end) {
-      makeRoom();
-      const std::size_t taken = std::min(room_, static_cast<std::size_t>(end - from));
-      text_.append(from, taken);
-      room_ -= taken;
-      from += taken;
+  // Bytes in front of [from, end) that are one unit each, as far as a block and the line go; the
+  // number taken.
+  std::size_t appendPlain(const char* from, const char* end) {
+    makeRoom();
+    if (end - from < scan::Block::width) {
+      if (isSpecial(*from)) return 0;
+      *to_ = *from;
+      return advance(1, 1);
     }
+    std::memcpy(to_, from, scan::Block::width);
+    const std::uint64_t found = specials(scan::Block::load(from)).bits();
+    const std::size_t plain =
+        found ? static_cast<std::size_t>(std::countr_zero(found) / scan::Block::bitsPerByte)
+              : scan::Block::width;
+    const std::size_t taken = std::min(plain, room_);
+    return advance(taken, taken);
   }
 
  private:
   // A fold is written when something follows it, so a value never ends in an empty piece.
   void makeRoom() {
+    if (std::end(buffer_) - to_ < 32) flush();
     if (room_ != 0) return;
-    text_.append(fold);
+    std::memcpy(to_, fold.data(), fold.size());
+    to_ += fold.size();
     room_ = nextPieceLength;
+  }
+
+  std::size_t advance(std::size_t bytes, std::size_t units) {
+    to_ += bytes;
+    room_ -= units;
+    return bytes;
+  }
+
+  void flush() {
+    text_.append(buffer_, to_);
+    to_ = buffer_;
   }
 
   std::string& text_;
   std::size_t room_ = firstPieceLength;
+  char buffer_[1024];
+  char* to_ = buffer_;
 };
 
 }  // namespace
 
 void appendEscapedAndFolded(std::string& text, string_view value) {
+  if (value.size() <= firstPieceLength && !scan::any(value.data(), value.data() + value.size(),
+                                                     [](auto block) { return specials(block); })) {
+    text.append(value);
+    return;
+  }
   Folder folder(text);
   const char* from = value.data();
   const char* const end = from + value.size();
-  for (;;) {
-    const char* const special = findSpecial(from, end);
-    folder.appendRun(from, special);
-    if (special == end) return;
-    if (const char letter = escapeLetter(*special)) {
-      const char escaped[] = {'\\', letter};
-      folder.appendRun(escaped, escaped + 2);
-      from = special + 1;
+  while (from != end) {
+    if (const std::size_t taken = folder.appendPlain(from, end)) {
+      from += taken;
       continue;
     }
-    const std::size_t length = characterLength(special, end);
+    if (const char letter = escapeLetter(*from)) {
+      folder.appendUnit("\\", 1);
+      folder.appendUnit(&letter, 1);
+      ++from;
+      continue;
+    }
+    const std::size_t length = characterLength(from, end);
     if (length == 4) {
       // A surrogate pair in UTF-16. Where it is cut, its bytes are cut two and two.
-      folder.appendUnit(special, 2);
-      folder.appendUnit(special + 2, 2);
+      folder.appendUnit(from, 2);
+      folder.appendUnit(from + 2, 2);
     } else {
-      folder.appendUnit(special, length);
+      folder.appendUnit(from, length);
     }
-    from = special + length;
+    from += length;
   }
 }
 

@@ -16,7 +16,8 @@
 //   end or duration?   a duration if it parses as one     a duration if it begins with "P" or "p"
 namespace quillmere {
 
-/// A date that does not parse is null, and so is an end counted from a null start.
+/// A date that does not parse is null, and so is an end counted from a null start or to a date
+/// outside the calendar's years.
 struct FreeBusyPeriod {
   std::optional<NSDate> start;
   std::optional<NSDate> end;

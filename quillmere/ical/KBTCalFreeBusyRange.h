@@ -14,8 +14,8 @@ namespace quillmere {
 /// A time range read from a FREEBUSY value (RFC 5545 section 3.8.2.6) that a host already has.
 /// Immutable.
 ///
-/// More lenient than `KBTFreeBusy`: a piece that does not have exactly one "/" is skipped. A date
-/// that does not parse is null in its range.
+/// Unlike `KBTFreeBusy`, it skips a piece that does not have exactly one "/". A date that does not
+/// parse is null in its range, and so is an end that a duration puts outside the calendar's years.
 class KBTCalFreeBusyRange {
  public:
   /// The ranges of one value, the text after the colon; possibly none.

@@ -42,6 +42,12 @@ const char* findUnescaped(const char* from, const char* end, char byte) {
   }
 }
 
+// Neither an escape nor a byte beyond ASCII.
+bool isPlain(string_view bytes) {
+  return !scan::any(bytes.data(), bytes.data() + bytes.size(),
+                    [](auto block) { return block.equal('\\') | block.nonASCII(); });
+}
+
 void appendUnfolded(std::string& to, string_view folded) {
   for (;;) {
     const std::size_t at = folded.find(fold);
@@ -139,36 +145,41 @@ void KBTCalObject::scanValue() {
 }
 
 std::optional<string_view> KBTCalObject::key() {
-  if (!keyBuilt_) {
-    // Once the parameters were parsed the mark before them is gone, and the key runs up to the
-    // value.
-    const bool endsAtModifiers = modifierPtr_ && !modifiersParsed_;
-    const string_view bytes =
-        between(keyPtr_, endsAtModifiers ? modifierPtr_ - 1 : keyAndModifiersEndPtr_);
-    key_ = isValidUTF8(bytes) ? std::optional(bytes) : std::nullopt;
-    keyBuilt_ = true;
-  }
-  return key_;
+  if (keyBuilt_) return key_;
+  keyBuilt_ = true;
+  // Once the parameters were parsed the mark before them is gone, and the key runs up to the
+  // value.
+  const bool endsAtModifiers = modifierPtr_ && !modifiersParsed_;
+  const string_view bytes =
+      between(keyPtr_, endsAtModifiers ? modifierPtr_ - 1 : keyAndModifiersEndPtr_);
+  if (!isValidUTF8(bytes)) return key_ = std::nullopt;
+  key_ = bytes;
+  return bytes;
 }
 
 std::optional<string_view> KBTCalObject::value() {
-  if (!valueBuilt_) {
-    value_ = decodedValue();
-    valueBuilt_ = true;
+  if (valueBuilt_) return value_;
+  valueBuilt_ = true;
+  const string_view bytes = unfoldedValue();
+  string_view text = bytes;
+  if (!isPlain(bytes)) {
+    if (!isValidUTF8(bytes)) return value_ = std::nullopt;
+    text = unescapedValue(bytes);
   }
-  return value_;
+  value_ = text;
+  return text;
 }
 
-std::optional<string_view> KBTCalObject::decodedValue() {
-  string_view bytes = between(valuePtr_, valueEndPtr_);
-  if (foldedValue_) {
-    // On the bytes, before they are taken for characters: a fold may stand inside a character.
-    valueBuffer_.clear();
-    appendUnfolded(valueBuffer_, bytes);
-    bytes = valueBuffer_;
-  }
-  if (!isValidUTF8(bytes)) return std::nullopt;
+string_view KBTCalObject::unfoldedValue() {
+  const string_view bytes = between(valuePtr_, valueEndPtr_);
+  if (!foldedValue_) return bytes;
+  // On the bytes, before they are taken for characters: a fold may stand inside a character.
+  valueBuffer_.clear();
+  appendUnfolded(valueBuffer_, bytes);
+  return valueBuffer_;
+}
 
+string_view KBTCalObject::unescapedValue(string_view bytes) {
   const std::size_t firstBackslash = bytes.find('\\');
   if (firstBackslash == string_view::npos) return bytes;
   if (!foldedValue_) valueBuffer_.assign(bytes);

@@ -92,6 +92,9 @@ class KBTCalObject : public KBTICSDataSource {
   /// The whole document, as it was given; no bytes when that was null.
   NSData icsData() override;
 
+  /// The bytes that this reader reads and that its keys point into; also of an entry the whole document.
+  const NSData& data() const { return data_; }
+
   /// `NSDate::initWithICSDateString`: "20240105T093000Z", null for null and for other text.
   static std::optional<NSDate> zuluStringAsDate(std::optional<std::string_view> text);
   /// `NSDate::initWithICSDateOnlyString`: "20240105" in the default zone, null for null and for
@@ -114,7 +117,8 @@ class KBTCalObject : public KBTICSDataSource {
 
   void scanKeyAndParameters();
   void scanValue();
-  std::optional<std::string_view> decodedValue();
+  std::string_view unfoldedValue();
+  std::string_view unescapedValue(std::string_view bytes);
   void parseModifiers();
 
   std::optional<std::string_view> key_;

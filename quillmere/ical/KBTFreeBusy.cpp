@@ -33,10 +33,10 @@ std::optional<std::vector<KBTFreeBusy::Values>> KBTFreeBusy::parse(const NSData&
   std::vector<Values> values;
   const auto reader = KBTCalObject::initWithData(data);
   while (reader->nextLine()) {
-    if (reader->key() != "FREEBUSY") continue;
+    if (reader->key() != "FREEBUSY" || !reader->value()) continue;
     const bool tentative = reader->valueForModifier("FBTYPE") == "BUSY-TENTATIVE";
     std::optional<std::string> malformed;
-    forEachPiece(reader->value().value_or(""), [&](std::string_view piece) {
+    forEachPiece(*reader->value(), [&](std::string_view piece) {
       const auto period = periodOfAnswer(piece);
       if (period) {
         values.push_back({period->start, period->end, tentative});

@@ -24,18 +24,20 @@ namespace quillmere {
 ///     event->appendKey_stringValue("SUMMARY", "Lunch; or dinner");
 ///     NSData document = event->icsData();
 ///
-/// Every value is escaped, whatever its type: a backslash goes before backslash, comma and
-/// semicolon, and
-/// `\n`, `\r` and `\t` stand for LF, CR and TAB. And every value is folded: the first physical line
-/// holds 60 characters of the escaped value, every further one 70. Characters are UTF-16 units, and
-/// neither the key nor octets are counted, so a physical line may exceed RFC 5545's 75 octets. A
-/// fold may stand inside an escape or a character; `KBTCalObject`, which unfolds bytes, gives every
-/// value back exactly.
+/// As the answer to a calendar that saves (`synchingCalendar_icsDataForObject`) a writer is made with
+/// `false`: the calendar puts the component into its own document.
 ///
-/// Keys are trusted and written as they are, so a key may carry parameters
-/// ("DTSTART;TZID=Asia/Tokyo"). A nested component is written by lines whose keys are "BEGIN" and
-/// "END". Bytes of a value that are not UTF-8 are written as they are, each counting as one
-/// character. Lines are never changed or removed.
+/// Every value is escaped, whatever its type: a backslash goes before backslash, comma and semicolon,
+/// and `\n`, `\r` and `\t` stand for LF, CR and TAB. And every value is folded: the first physical line
+/// holds 60 characters of the escaped value, every further one 70. Characters are UTF-16 units, and
+/// neither the key nor octets are counted, so a physical line may exceed RFC 5545's 75 octets. A fold
+/// may stand inside an escape or a character; `KBTCalObject`, which unfolds bytes, gives every UTF-8
+/// value back exactly. Bytes that are not UTF-8 are written as they are, each counting as one
+/// character (and read back as null).
+///
+/// Keys are trusted and written as they are, so a key may carry parameters ("DTSTART;TZID=Asia/Tokyo").
+/// A nested component is written by lines whose keys are "BEGIN" and "END". Lines are never changed or
+/// removed.
 class KBTMutableCalObject : public KBTICSDataSource {
  public:
   /// `objectType` is the component's name, such as "VEVENT"; null writes the lines without "BEGIN"
@@ -79,6 +81,7 @@ class KBTMutableCalObject : public KBTICSDataSource {
 
  private:
   void appendComponentToString(std::string& text) const;
+  void prefetchValue(std::size_t number) const;
   const KBTMutableCalObjectLine* firstLineWithKey(std::string_view key) const;
   static void _appendKey_value_toString(std::string_view key, std::string_view value,
                                         std::string& text);
@@ -86,6 +89,7 @@ class KBTMutableCalObject : public KBTICSDataSource {
   std::vector<KBTMutableCalObjectLine> lines_;
   std::optional<std::string> objectType_;
   bool includeCalendar_;
+  std::size_t expectedSize_ = 64;  // of the text, enough as a rule
 };
 
 }  // namespace quillmere

@@ -56,6 +56,8 @@ TEST(FreeBusy, BothClassesReadPeriodsWhereTheyAgree) {
       {"soon/20240105T090000Z", {"null-20240105T090000Z"}},
       {"soon/PT1H", {"null-null"}},
       {"/", {"null-null"}},
+      {"20240105T090000Z/PT1H, 20240105T120000Z/PT1H",
+       {"20240105T090000Z-20240105T100000Z", "null-null"}},
       // A day is a day on the default zone's clock, hours are elapsed time.
       {"20240309T170000Z/P1D", {"20240309T170000Z-20240310T160000Z"}},
       {"20240309T170000Z/PT24H", {"20240309T170000Z-20240310T170000Z"}},
@@ -65,7 +67,6 @@ TEST(FreeBusy, BothClassesReadPeriodsWhereTheyAgree) {
   };
   for (const auto& c : cases) {
     EXPECT_EQ(ranges(c.value), c.periods) << c.value;
-    // As a line's value the comma would need no escape either: it stands between periods.
     EXPECT_EQ(answer(std::string("FREEBUSY:") + c.value + "\r\n"), c.periods) << c.value;
   }
 }
@@ -99,15 +100,18 @@ TEST(KBTFreeBusy, ReadsEveryLineWhateverItsComponentAndType) {
                    "FREEBUSY;FBTYPE=BUSY-UNAVAILABLE:20240102T000000Z/PT1H\r\n"
                    "FREEBUSY;FBTYPE=FREE:20240103T000000Z/PT1H\r\n"
                    "FREEBUSY;FBTYPE=busy-tentative:20240104T000000Z/PT1H\r\n"
+                   "FREEBUSY;FBTYPE=\"BUSY-TENTATIVE\":20240104T020000Z/PT1H\r\n"
+                   "FREEBUSY;fbtype=BUSY-TENTATIVE:20240104T040000Z/PT1H\r\n"
                    "freebusy:20240105T000000Z/PT1H\r\n"
                    "FREEBUSY:20240106T000000Z\r\n /PT1H\r\n"
                    "END:VFREEBUSY\r\nEND:VCALENDAR\r\n"),
             (Log{"tentative 20240101T000000Z-20240101T010000Z",
                  "tentative 20240101T020000Z-20240101T030000Z", "20240102T000000Z-20240102T010000Z",
                  "20240103T000000Z-20240103T010000Z", "20240104T000000Z-20240104T010000Z",
+                 "20240104T020000Z-20240104T030000Z", "20240104T040000Z-20240104T050000Z",
                  "20240106T000000Z-20240106T010000Z"}));
   EXPECT_EQ(answer(""), Log{});
-  EXPECT_EQ(answer("FREEBUSY:\xFF/PT1H\r\n"), Log{"error "}) << "not UTF-8, so no text to tell";
+  EXPECT_EQ(answer("FREEBUSY:\xFF/PT1H\r\n"), Log{}) << "not UTF-8, so no text with periods";
 }
 
 TEST(KBTFreeBusy, AnErrorNeedNotBeAskedFor) {
@@ -139,6 +143,7 @@ TEST(KBTFreeBusy, MakesObjectsOfADerivedClass) {
 TEST(KBTCalFreeBusyRange, ReadsFromTheReadersPositionToItsEnd) {
   const auto reader = KBTCalObject::initWithData(
       NSData::dataWithBytes("FREEBUSY:20240101T000000Z/PT1H\r\nSUMMARY:20240102T000000Z/PT1H\r\n"
+                            "freebusy:20240102T000000Z/PT1H\r\n"
                             "FREEBUSY;FBTYPE=FREE:20240103T000000Z/PT1H,bad\r\nFREEBUSY:\xFF\r\n"
                             "FREEBUSY:20240104T000000Z/PT1H\r\n"));
   reader->nextLine();

@@ -66,9 +66,11 @@ TEST(KBTMutableCalObject, WithoutATypeWritesTheLinesAlone) {
   const auto writer = writerOf();
   EXPECT_EQ(textOf(*writer), "");
   writer->appendKey_stringValue("DTSTART;TZID=Asia/Tokyo", "20240105T093000");
-  writer->appendKey_stringValue("BEGIN", "VALARM");
-  EXPECT_EQ(textOf(*writer), "DTSTART;TZID=Asia/Tokyo:20240105T093000\r\nBEGIN:VALARM\r\n")
-      << "keys are not escaped";
+  writer->appendKey_stringValue("BEGIN", "A,B");
+  EXPECT_EQ(textOf(*writer), "DTSTART;TZID=Asia/Tokyo:20240105T093000\r\nBEGIN:A\\,B\r\n")
+      << "keys are not escaped, values of every key are";
+  EXPECT_EQ(writer->valueForKey("DTSTART"), std::nullopt) << "the parameters are part of the key";
+  EXPECT_EQ(textOf(*writerOf("")), "BEGIN:\r\nEND:\r\n") << "an empty type is one";
 }
 
 TEST(KBTMutableCalObject, WritesEveryType) {
@@ -86,9 +88,17 @@ TEST(KBTMutableCalObject, WritesEveryType) {
   const struct {
     double number;
     const char* text;
-  } doubles[] = {
-      {2.0, "2"},        {0.1, "0.1"},        {-3.25, "-3.25"},      {1e100, "1e+100"},
-      {HUGE_VAL, "inf"}, {-HUGE_VAL, "-inf"}, {std::nan(""), "nan"}, {48.85837009, "48.85837009"}};
+  } doubles[] = {{2.0, "2"},
+                 {0.1, "0.1"},
+                 {-3.25, "-3.25"},
+                 {1e100, "1e+100"},
+                 {HUGE_VAL, "inf"},
+                 {-HUGE_VAL, "-inf"},
+                 {std::nan(""), "nan"},
+                 {-std::nan(""), "nan"},
+                 {-0.0, "-0"},
+                 {100000.0, "1e+05"},
+                 {48.85837009, "48.85837009"}};
   for (const auto& c : doubles) {
     const auto number = writerOf();
     number->appendKey_doubleValue("N", c.number);
@@ -106,9 +116,14 @@ TEST(KBTMutableCalObject, AnUnknownTypeIsWrittenLikeAString) {
   };
   const auto writer = makeObject<OpenWriter>();
   writer->_addLineWithKey_value_type("A", std::string("x,y"), 9);
-  writer->_addLineWithKey_value_type("B", NSDate::dateWithMicrosecondsSince1970(0), 0);
-  EXPECT_EQ(textOf(*writer), "A:x\\,y\r\nB:1970-01-01 00:00:00 +0000\r\n");
+  writer->_addLineWithKey_value_type("B", NSDate::dateWithMicrosecondsSince1970(0), 9);
+  // A value that is not what its type says is written by the type all the same, and escaped.
+  writer->_addLineWithKey_value_type("C", std::string("x;y"), KBTMutableCalObjectLine::dateType);
+  writer->_addLineWithKey_value_type("D", std::string("x;y"), KBTMutableCalObjectLine::doubleType);
+  EXPECT_EQ(textOf(*writer),
+            "A:x\\,y\r\nB:1970-01-01 00:00:00 +0000\r\nC;VALUE=DATE:x\\;y\r\nD:x\\;y\r\n");
   EXPECT_FALSE(writer->valueForKeyIsAllDay("A"));
+  EXPECT_TRUE(writer->valueForKeyIsAllDay("C"));
   EXPECT_EQ(OpenWriter::_calendarPrologue().view(),
             "BEGIN:VCALENDAR\r\nPRODID:-//Tessaly//Quillmere 0.1//EN\r\nVERSION:2.0\r\n"
             "CALSCALE:GREGORIAN\r\n");
@@ -154,6 +169,9 @@ TEST(KBTMutableCalObject, WrapsOneOrSeveralComponentsInADocument) {
   EXPECT_EQ(KBTMutableCalObject::icsCalendarDataForObjects({toDo, event, nullptr}).view(),
             prologue + toDos + events + "END:VCALENDAR\r\n")
       << "never wrapped twice";
+  const auto lines = writerOf(std::nullopt, true);
+  lines->appendKey_stringValue("K", "v");
+  EXPECT_EQ(textOf(*lines), prologue + "K:v\r\nEND:VCALENDAR\r\n");
   EXPECT_EQ(KBTMutableCalObject::icsCalendarDataForObjects({}).view(),
             prologue + "END:VCALENDAR\r\n");
 }
@@ -164,6 +182,7 @@ TEST(KBTMutableCalObject, AnswersTheFirstValueOfAKey) {
   writer->appendKey_dateValue("DTSTART", date);
   writer->appendKey_stringValue("DTSTART", "second");
   writer->appendKey_datetimeValue("DTEND", date);
+  writer->appendKey_dateValue("DTEND", date);
   EXPECT_EQ(writer->valueForKey("DTSTART"), KBTMutableCalObjectValue(date));
   EXPECT_EQ(writer->valueForKey("dtstart"), std::nullopt);
   EXPECT_EQ(writer->valueForKey("DTSTART;VALUE=DATE"), std::nullopt);
@@ -207,7 +226,8 @@ TEST(KBTMutableCalObject, WhatIsWrittenReadsBackExactly) {
   const auto character = [&random]() -> char32_t {
     switch (random() % 6) {
       case 0:
-        return U"\\\n\r\t,;:\" n\0"[random() % 11];
+        return random() % 4 == 0 ? static_cast<char32_t>(random() % 0x20)
+                                 : U"\\\n\r\t,;:\" n\0"[random() % 11];
       case 1:
         return static_cast<char32_t>(0x80 + random() % 0x780);
       case 2: {

@@ -17,8 +17,14 @@ namespace scan {
 inline constexpr std::uint64_t everyByte = 0x0101010101010101;
 inline constexpr std::uint64_t highBits = 0x8080808080808080;
 
-/// One block of bytes: `matches` gives a mask whose lowest set bit marks the first byte of
-/// interest, at byte `bit / bitsPerByte`.
+// A block of bytes, and the marks that tell which of them are of interest. The lowest set bit of
+// `bits()` marks the first such byte, at byte `bit / bitsPerByte`.
+
+struct WordMarks {
+  std::uint64_t marks;
+  friend WordMarks operator|(WordMarks a, WordMarks b) { return {a.marks | b.marks}; }
+  std::uint64_t bits() const { return marks; }
+};
 struct Word {
   static constexpr int width = 8;
   static constexpr int bitsPerByte = 8;
@@ -33,14 +39,21 @@ struct Word {
     return word;
   }
   // Of the marks only the lowest is exact: the borrow can raise false ones above it, never below.
-  std::uint64_t equal(char byte) const {
+  WordMarks equal(char byte) const {
     const std::uint64_t difference = bytes ^ (everyByte * static_cast<unsigned char>(byte));
-    return (difference - everyByte) & ~difference & highBits;
+    return {(difference - everyByte) & ~difference & highBits};
   }
-  std::uint64_t nonASCII() const { return bytes & highBits; }
+  WordMarks nonASCII() const { return {bytes & highBits}; }
 };
 
 #if defined(__SSE2__)
+struct VectorMarks {
+  __m128i marks;
+  friend VectorMarks operator|(VectorMarks a, VectorMarks b) {
+    return {_mm_or_si128(a.marks, b.marks)};
+  }
+  std::uint64_t bits() const { return static_cast<unsigned>(_mm_movemask_epi8(marks)); }
+};
 struct Vector {
   static constexpr int width = 16;
   static constexpr int bitsPerByte = 1;
@@ -49,27 +62,55 @@ struct Vector {
   static Vector load(const char* from) {
     return {_mm_loadu_si128(reinterpret_cast<const __m128i*>(from))};
   }
-  std::uint64_t equal(char byte) const {
-    return static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(bytes, _mm_set1_epi8(byte))));
-  }
-  std::uint64_t nonASCII() const { return static_cast<unsigned>(_mm_movemask_epi8(bytes)); }
+  VectorMarks equal(char byte) const { return {_mm_cmpeq_epi8(bytes, _mm_set1_epi8(byte))}; }
+  VectorMarks nonASCII() const { return {bytes}; }
 };
 using Block = Vector;
 #else
 using Block = Word;
 #endif
 
-/// The first byte in [from, end) that `marks` (for a block) or `matches` (for one byte) tells of;
+/// The first byte in [from, end) that `marks` (of a block) or `matches` (of one byte) tells of;
 /// `end` when there is none. Reads no byte at or past `end`.
 template <class BlockType, class Marks, class Matches>
 const char* find(const char* from, const char* end, Marks marks, Matches matches) {
   for (; end - from >= BlockType::width; from += BlockType::width) {
-    if (const std::uint64_t found = marks(BlockType::load(from))) {
+    if (const std::uint64_t found = marks(BlockType::load(from)).bits()) {
       return from + std::countr_zero(found) / BlockType::bitsPerByte;
     }
   }
   while (from != end && !matches(*from)) ++from;
   return from;
+}
+
+/// Whether `marks` tells of any byte in [from, end). Short runs and the last bytes of long ones
+/// take no loop over bytes: two blocks that overlap cover them.
+template <class Marks>
+bool any(const char* from, const char* end, Marks marks) {
+  const auto length = end - from;
+  if (length >= Block::width) {
+    for (; end - from > Block::width; from += Block::width) {
+      if (marks(Block::load(from)).bits()) return true;
+    }
+    return marks(Block::load(end - Block::width)).bits() != 0;
+  }
+  if (length >= Word::width) {
+    return (marks(Word::load(from)) | marks(Word::load(end - Word::width))).bits() != 0;
+  }
+  // Put together in a register: bytes stored one by one and loaded as a word would wait.
+  std::uint64_t word = 0;
+  if (length >= 4) {
+    std::uint32_t first = 0;
+    std::uint32_t last = 0;
+    std::memcpy(&first, from, 4);
+    std::memcpy(&last, end - 4, 4);
+    word = first | std::uint64_t{last} << 32;
+  } else if (length > 0) {
+    for (const char byte : {from[0], from[length / 2], end[-1]}) {
+      word = word << 8 | static_cast<unsigned char>(byte);
+    }
+  }
+  return marks(Word{word}).bits() != 0;
 }
 
 template <class BlockType>

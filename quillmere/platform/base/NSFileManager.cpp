@@ -2,8 +2,10 @@
 #include <quillmere/platform/base/FileDescriptor.h>
 #include <quillmere/platform/base/NSFileManager.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -75,17 +77,32 @@ bool writeFully(int file, std::string_view bytes) {
   while (!bytes.empty()) {
     const ssize_t count = ::write(file, bytes.data(), bytes.size());
     if (count < 0 && errno == EINTR) continue;
-    if (count < 0) return false;
+    if (count <= 0) {
+      if (count == 0) errno = EIO;  // a device that takes nothing would keep this loop for ever
+      return false;
+    }
     bytes.remove_prefix(static_cast<std::size_t>(count));
   }
   return true;
 }
 
-// Gives the new file the owner and permissions of the file it replaces. The owner is kept where the
-// process may give files away; the permissions must be.
-bool takeOverAttributes(int file, const struct stat& old) {
-  if (::fchown(file, old.st_uid, old.st_gid) != 0 && errno != EPERM) return false;
-  return ::fchmod(file, old.st_mode & permissionBits) == 0;
+// With an access list, the group's permission bits are the list's mask: they mean nothing without it.
+bool copyAccessList(int file, const fs::path& target) {
+  constexpr const char* attribute = "system.posix_acl_access";
+  const ssize_t length = ::getxattr(target.c_str(), attribute, nullptr, 0);
+  if (length <= 0) return true;  // there is none, or the file system has none
+  std::string list(static_cast<std::size_t>(length), '\0');
+  return ::getxattr(target.c_str(), attribute, list.data(), list.size()) == length &&
+         ::fsetxattr(file, attribute, list.data(), list.size(), 0) == 0;
+}
+
+// Gives the new file the owner and permissions of the file at `target`, which it replaces. The owner
+// and group are kept where the process may give files away; the permissions must be.
+bool takeOverAttributes(int file, const fs::path& target, const struct stat& old) {
+  constexpr auto sameOwner = static_cast<uid_t>(-1);
+  const bool ownerKept = ::fchown(file, old.st_uid, old.st_gid) == 0;
+  [[maybe_unused]] const bool groupKept = ownerKept || ::fchown(file, sameOwner, old.st_gid) == 0;
+  return ::fchmod(file, old.st_mode & permissionBits) == 0 && copyAccessList(file, target);
 }
 
 bool flushDirectory(const fs::path& directory) {
@@ -105,10 +122,10 @@ int replaceFile(const fs::path& target, std::string_view bytes) {
   constexpr mode_t ownerOnly = 0600;  // until the old permissions are set
   constexpr mode_t everyone = 0666;   // less the umask
   TemporaryFile temporary(target, replacing ? ownerOnly : everyone);
-  const bool done =
-      temporary.isOpen() && (!replacing || takeOverAttributes(temporary.descriptor(), old)) &&
-      writeFully(temporary.descriptor(), bytes) && ::fsync(temporary.descriptor()) == 0 &&
-      temporary.renameTo(target) && flushDirectory(target.parent_path());
+  const bool done = temporary.isOpen() && writeFully(temporary.descriptor(), bytes) &&
+                    (!replacing || takeOverAttributes(temporary.descriptor(), target, old)) &&
+                    ::fsync(temporary.descriptor()) == 0 && temporary.renameTo(target) &&
+                    flushDirectory(target.parent_path());
   return done ? 0 : errno;
 }
 
@@ -117,8 +134,13 @@ int replaceFile(const fs::path& target, std::string_view bytes) {
 std::optional<NSDate> NSFileManager::modificationDateOfItemAtPath(const std::string& path) {
   struct stat status {};
   if (::stat(path.c_str(), &status) != 0) return std::nullopt;
-  return NSDate::dateWithMicrosecondsSince1970(
-      status.st_mtim.tv_sec * NSDate::microsecondsPerSecond + status.st_mtim.tv_nsec / 1000);
+  // Dates beyond these have no text form that could be kept between runs.
+  constexpr std::int64_t firstSecond = -62'135'596'800;  // 1 January of year 1
+  constexpr std::int64_t lastSecond = 253'402'300'799;   // 31 December 9999, 23:59:59
+  const std::int64_t second =
+      std::clamp<std::int64_t>(status.st_mtim.tv_sec, firstSecond, lastSecond);
+  return NSDate::dateWithMicrosecondsSince1970(second * NSDate::microsecondsPerSecond +
+                                               status.st_mtim.tv_nsec / 1000);
 }
 
 NSErrorPtr NSFileManager::writeData_toFileAtomically(const NSData& data, const std::string& path) {

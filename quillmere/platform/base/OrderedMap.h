@@ -1,124 +1,147 @@
 #ifndef QUILLMERE_PLATFORM_BASE_ORDEREDMAP_H
 #define QUILLMERE_PLATFORM_BASE_ORDEREDMAP_H
 
+#include <algorithm>
+#include <bit>
 #include <cstddef>
-#include <functional>
+#include <cstdint>
+#include <deque>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <utility>
 #include <variant>
 #include <vector>
 
 namespace quillmere {
 
-/// A hash with a secret seed of the process. Keys come from documents that strangers write, who
-/// could choose them to collide under a known hash.
+/// A hash with a secret seed of the process. Keys come from documents that strangers write, who could
+/// choose them to collide under a known hash.
 std::size_t seededHash(std::string_view text);
 
 /// A dictionary with text keys that remembers the order in which keys were first inserted; insert,
-/// look-up and erase take amortised constant time.
+/// look-up and erase take amortised constant time. With `std::string_view` as `Key` the texts must
+/// outlive the dictionary.
 ///
-/// It has no iterators: whoever walks it calls delegates on the way, and those may change it. So a
-/// walk goes over `keys()`, a copy, and looks every key up again.
-template <class Value>
+/// It has no iterators: whoever walks it calls delegates on the way, and those may change it. So a walk
+/// goes over `keys()`, a copy, and looks every key up again. For the same reason a value leaves the
+/// dictionary before it is destroyed: its destructor may come back here.
+template <class Value, class Key = std::string>
 class OrderedMap {
  public:
-  OrderedMap() = default;
-  // The entries of the table are linked by pointers to each other, so a copy is made key by key.
-  OrderedMap(const OrderedMap& other) { append(other); }
-  OrderedMap& operator=(const OrderedMap& other) {
-    if (this != &other) {
-      clear();
-      append(other);
-    }
-    return *this;
-  }
-  ~OrderedMap() = default;
-
-  std::size_t size() const { return entries_.size(); }
-  bool empty() const { return entries_.empty(); }
-  bool contains(std::string_view key) const { return entries_.contains(key); }
+  std::size_t size() const { return size_; }
+  bool empty() const { return size_ == 0; }
+  bool contains(std::string_view key) const { return find(key) != nullptr; }
 
   /// The value under `key`, or null; good until the map changes.
   const Value* find(std::string_view key) const {
-    const auto found = entries_.find(key);
-    return found == entries_.end() ? nullptr : &found->second.value;
+    const std::size_t number = numberOf(key, hashOf(key));
+    return number == 0 ? nullptr : &entries_[number - 1].value;
   }
 
-  /// Stores `value` under `key`. A key that is already there keeps its place.
-  void set(std::string_view key, Value value) {
-    const auto found = entries_.find(key);
-    if (found != entries_.end()) {
-      found->second.value = std::move(value);
-      return;
+  /// Stores `value` under `key`, and tells whether the key is new. One that is already there keeps its
+  /// place.
+  bool set(Key key, Value value) {
+    const std::uint32_t hash = hashOf(key);
+    if (const std::size_t number = numberOf(key, hash)) {
+      std::swap(entries_[number - 1].value, value);
+      return false;
     }
-    Node& node = *entries_.emplace(std::string(key), Links{std::move(value)}).first;
-    node.second.previous = last_;
-    (last_ ? last_->second.next : first_) = &node;
-    last_ = &node;
+    if (entries_.size() >= slots_.size() / 2) rebuild();
+    entries_.push_back({std::move(key), std::move(value), hash, true});
+    addSlot(hash, entries_.size());
+    ++size_;
+    return true;
   }
 
   /// Takes `key` out; nothing happens when it is not there.
   void erase(std::string_view key) {
-    const auto found = entries_.find(key);
-    if (found == entries_.end()) return;
-    const Links& links = found->second;
-    (links.previous ? links.previous->second.next : first_) = links.next;
-    (links.next ? links.next->second.previous : last_) = links.previous;
-    entries_.erase(found);
+    const std::size_t number = numberOf(key, hashOf(key));
+    if (number == 0) return;
+    --size_;
+    const Entry gone = std::exchange(entries_[number - 1], {});
   }
 
-  void clear() {
-    entries_.clear();
-    first_ = last_ = nullptr;
-  }
+  void clear() { const OrderedMap gone = std::exchange(*this, {}); }
 
   /// All keys, in the order of their first insertion.
-  std::vector<std::string> keys() const {
-    std::vector<std::string> result;
+  std::vector<Key> keys() const {
+    std::vector<Key> result;
     result.reserve(size());
-    for (const Node* node = first_; node; node = node->second.next) result.push_back(node->first);
+    for (const Entry& entry : entries_) {
+      if (entry.isPresent) result.push_back(entry.key);
+    }
     return result;
   }
 
  private:
-  struct Links;
-  using Node = std::pair<const std::string, Links>;
-  struct Links {
-    Value value;
-    Node* previous = nullptr;
-    Node* next = nullptr;
+  // An entry that was taken out stays, empty, until the table is built anew.
+  struct Entry {
+    Key key;
+    Value value{};
+    std::uint32_t hash = 0;
+    bool isPresent = false;
   };
-  struct Hash {
-    using is_transparent = void;
-    std::size_t operator()(std::string_view key) const { return seededHash(key); }
+  // What a look-up goes through before it looks at an entry.
+  struct Slot {
+    std::uint32_t hash = 0;
+    std::uint32_t number = 0;  // of the entry, from 1; 0 ends a search
   };
 
-  void append(const OrderedMap& other) {
-    for (const Node* node = other.first_; node; node = node->second.next) {
-      set(node->first, node->second.value);
+  static std::uint32_t hashOf(std::string_view key) {
+    return static_cast<std::uint32_t>(seededHash(key));
+  }
+
+  // The entry's number, from 1; 0 when there is none.
+  std::size_t numberOf(std::string_view key, std::uint32_t hash) const {
+    if (slots_.empty()) return 0;
+    for (std::size_t at = hash;; ++at) {
+      const Slot& slot = slots_[at & (slots_.size() - 1)];
+      if (slot.number == 0) return 0;
+      if (slot.hash != hash) continue;
+      const Entry& entry = entries_[slot.number - 1];
+      if (entry.isPresent && entry.key == key) return slot.number;
     }
   }
 
-  std::unordered_map<std::string, Links, Hash, std::equal_to<>> entries_;
-  Node* first_ = nullptr;
-  Node* last_ = nullptr;
+  void addSlot(std::uint32_t hash, std::size_t number) {
+    std::size_t at = hash & (slots_.size() - 1);
+    while (slots_[at].number != 0) at = (at + 1) & (slots_.size() - 1);
+    slots_[at] = {hash, static_cast<std::uint32_t>(number)};
+  }
+
+  // Drops what was taken out, and makes room for as many entries again.
+  void rebuild() {
+    constexpr std::size_t fewestSlots = 16;
+    std::erase_if(entries_, [](const Entry& entry) { return !entry.isPresent; });
+    slots_.assign(std::bit_ceil(std::max(fewestSlots, 4 * entries_.size())), {});
+    std::size_t number = 0;
+    for (const Entry& entry : entries_) addSlot(entry.hash, ++number);
+  }
+
+  std::deque<Entry> entries_;  // in order of insertion
+  std::vector<Slot> slots_;    // a power of two, at most half of them taken
+  std::size_t size_ = 0;
 };
 
 /// A set of texts that remembers the order of insertion.
-class OrderedSet {
+template <class Name>
+class OrderedSetOf {
  public:
   bool empty() const { return names_.empty(); }
   bool contains(std::string_view name) const { return names_.contains(name); }
-  void insert(std::string_view name) { names_.set(name, {}); }
+  /// Whether the name is new.
+  bool insert(Name name) { return names_.set(std::move(name), {}); }
   void erase(std::string_view name) { names_.erase(name); }
   void clear() { names_.clear(); }
-  std::vector<std::string> names() const { return names_.keys(); }
+  std::vector<Name> names() const { return names_.keys(); }
 
  private:
-  OrderedMap<std::monostate> names_;
+  OrderedMap<std::monostate, Name> names_;
 };
+
+using OrderedSet = OrderedSetOf<std::string>;
+/// The names must outlive the set.
+using OrderedViewSet = OrderedSetOf<std::string_view>;
 
 }  // namespace quillmere
 

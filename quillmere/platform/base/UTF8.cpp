@@ -5,9 +5,9 @@
 namespace quillmere {
 
 bool isValidUTF8(std::string_view bytes) {
-  const char* end = bytes.data() + bytes.size();
-  const char* nonASCII = findNonASCII(bytes.data(), end);
-  return nonASCII == end || utf8::is_valid(nonASCII, end);
+  const char* const end = bytes.data() + bytes.size();
+  if (!scan::any(bytes.data(), end, [](auto block) { return block.nonASCII(); })) return true;
+  return utf8::is_valid(findNonASCII(bytes.data(), end), end);
 }
 
 }  // namespace quillmere

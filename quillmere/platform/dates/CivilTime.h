@@ -26,13 +26,30 @@ inline NSDate dateAt(cctz::time_point<cctz::seconds> point) {
 
 /// The civil time of `date` in UTC.
 inline cctz::civil_second civilUTC(NSDate date) {
-  return cctz::convert(timePoint(date), cctz::utc_time_zone());
+  using namespace std::chrono;
+  const sys_seconds instant{seconds(date.secondsSince1970())};
+  const auto day = floor<days>(instant);
+  // The standard's calendar is quicker by far, but ends where the year no longer fits 16 bits.
+  if (day < sys_days(year::min() / January / 1) || day > sys_days(year::max() / December / 31)) {
+    return cctz::convert(timePoint(date), cctz::utc_time_zone());
+  }
+  const year_month_day civil(day);
+  const hh_mm_ss time(instant - day);
+  return cctz::civil_second(int{civil.year()}, unsigned{civil.month()}, unsigned{civil.day()},
+                            time.hours().count(), time.minutes().count(), time.seconds().count());
 }
 
 /// The instant of a civil time. A time that a change to daylight saving skips moves forward by the
 /// gap, of a repeated one the first is taken: both are what the offset before the change gives.
 inline NSDate dateOfCivil(const cctz::civil_second& civil, const cctz::time_zone& zone) {
   return dateAt(zone.lookup(civil).pre);
+}
+
+/// The first instant of a day: midnight, or the end of the gap that midnight lies in.
+inline NSDate startOfDay(cctz::civil_day day, const cctz::time_zone& zone) {
+  const auto midnight = zone.lookup(cctz::civil_second(day));
+  const bool skipped = midnight.kind == cctz::time_zone::civil_lookup::SKIPPED;
+  return dateAt(skipped ? midnight.trans : midnight.pre);
 }
 
 }  // namespace quillmere

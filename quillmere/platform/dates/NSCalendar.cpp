@@ -24,6 +24,13 @@ std::optional<NSDate> dateWithinYears(const civil_second& civil, const cctz::tim
   return dateOfCivil(civil, zone);
 }
 
+// A day past the new month's end becomes its last.
+civil_day addMonths(civil_day day, std::int64_t months) {
+  const civil_month month = civil_month(day) + months;
+  const int lastDay = (civil_day(month + 1) - 1).day();
+  return civil_day(month.year(), month.month(), std::min(day.day(), lastDay));
+}
+
 }  // namespace
 
 NSDateComponents NSCalendar::componentsFromDate(NSDate date) const {
@@ -44,24 +51,18 @@ std::optional<NSDate> NSCalendar::dateByAddingComponents_toDate(const NSDateComp
   const civil_second start = cctz::convert(timePoint(date), zone);
 
   NSDate moved = date;
-  if (components.year || components.month || components.day) {
-    const civil_month month =
-        civil_month(start) + 12 * amount(components.year) + amount(components.month);
-    const int lastDay = (civil_day(month + 1) - 1).day();
-    const civil_day day = civil_day(month.year(), month.month(), std::min(start.day(), lastDay)) +
-                          amount(components.day);
-    // A day that does not move the civil date must not move the instant either: in a repeated hour
-    // the date may be the second of the two.
-    if (day != civil_day(start)) {
-      const auto inRange =
-          dateWithinYears(civil_second(day.year(), day.month(), day.day(), start.hour(),
-                                       start.minute(), start.second()),
-                          zone);
-      if (!inRange) return std::nullopt;
-      const std::int64_t fraction =
-          date.microsecondsSince1970() - date.secondsSince1970() * NSDate::microsecondsPerSecond;
-      moved = NSDate::dateWithMicrosecondsSince1970(inRange->microsecondsSince1970() + fraction);
-    }
+  const civil_day day = addMonths(addMonths(civil_day(start), 12 * amount(components.year)),
+                                  amount(components.month)) +
+                        amount(components.day);
+  // Fields that do not move the civil day must not move the instant either: in a repeated hour the
+  // date may be the second of the two.
+  if (day != civil_day(start)) {
+    const auto onDay = dateWithinYears(civil_second(day.year(), day.month(), day.day(),
+                                                    start.hour(), start.minute(), start.second()),
+                                       zone);
+    if (!onDay) return std::nullopt;
+    moved = NSDate::dateWithMicrosecondsSince1970(onDay->microsecondsSince1970() +
+                                                  date.microsecondsOfSecond());
   }
 
   const std::int64_t seconds =
@@ -74,7 +75,7 @@ std::optional<NSDate> NSCalendar::dateByAddingComponents_toDate(const NSDateComp
 
 NSDate NSCalendar::startOfDayForDate(NSDate date) const {
   const cctz::time_zone& zone = cctzZone(zone_);
-  return dateOfCivil(civil_second(civil_day(cctz::convert(timePoint(date), zone))), zone);
+  return startOfDay(civil_day(cctz::convert(timePoint(date), zone)), zone);
 }
 
 }  // namespace quillmere

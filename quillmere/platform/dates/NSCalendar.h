@@ -10,7 +10,7 @@
 namespace quillmere {
 
 /// The proleptic Gregorian calendar in one time zone: turns instants into civil fields and back,
-/// and adds fields to instants. Its years are 1 to 144683.
+/// and adds fields to instants. The dates it makes lie in the years 1 to 144683.
 ///
 /// A wall time that a change to daylight saving skips moves forward by the gap, of a repeated one
 /// the first is meant. In America/New_York, 10 March 2024, 02:30 is 03:30 (07:30 UTC), and 3
@@ -35,13 +35,15 @@ class NSCalendar {
   /// day 0 is the day before the first. Null when the result lies outside the calendar's years.
   std::optional<NSDate> dateFromComponents(const NSDateComponents& components) const;
 
-  /// `date` and so much time; undefined components add nothing. Years and months come first (a day
-  /// past the month's end becomes its last), then days, both in wall time; then hours, minutes and
-  /// seconds as elapsed time. Null when the result lies outside the calendar's years.
+  /// `date` and so much time; undefined components add nothing. The largest come first: years, then
+  /// months (after each, a day past the month's end becomes its last, so 29 February 2024 and one year
+  /// and one month is 28 March 2025), then days, all in wall time; then hours, minutes and seconds as
+  /// elapsed time. Null when the result lies outside the calendar's years.
   std::optional<NSDate> dateByAddingComponents_toDate(const NSDateComponents& components,
                                                       NSDate date) const;
 
-  /// The first instant of the day that `date` lies in.
+  /// The first instant of the day that `date` lies in: midnight, or the end of the gap that a change
+  /// to daylight saving puts in its place.
   NSDate startOfDayForDate(NSDate date) const;
 
  private:

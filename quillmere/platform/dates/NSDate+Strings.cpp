@@ -83,6 +83,29 @@ std::string formatted(const char* format, const cctz::civil_second& civil) {
   return {text, static_cast<std::size_t>(length)};
 }
 
+// "20240105" or "20240105T093000Z".
+std::string icsText(const cctz::civil_second& civil, bool withTime) {
+  if (civil.year() < 0 || civil.year() > 9999) {
+    return formatted(withTime ? "%04lld%02d%02dT%02d%02d%02dZ" : "%04lld%02d%02d", civil);
+  }
+  std::string text(withTime ? "00000000T000000Z" : "00000000");
+  const auto put = [&text](std::size_t at, int number) {
+    text[at] = static_cast<char>('0' + number / 10);
+    text[at + 1] = static_cast<char>('0' + number % 10);
+  };
+  const int year = static_cast<int>(civil.year());
+  put(0, year / 100);
+  put(2, year % 100);
+  put(4, civil.month());
+  put(6, civil.day());
+  if (withTime) {
+    put(9, civil.hour());
+    put(11, civil.minute());
+    put(13, civil.second());
+  }
+  return text;
+}
+
 }  // namespace
 
 std::string NSDate::description() const {
@@ -105,18 +128,16 @@ std::optional<NSDate> NSDate::initWithICSDateOnlyString(std::optional<string_vie
   if (!text) return std::nullopt;
   FieldReader reader(*text);
   const int year = reader.digits(4), month = reader.digits(2), day = reader.digits(2);
-  const auto civil = civilTime(year, month, day, 0, 0, 0);
-  if (!reader.ended() || !civil) return std::nullopt;
-  return dateOfCivil(*civil, cctzZone(NSTimeZone::defaultTimeZone()));
+  const auto midnight = civilTime(year, month, day, 0, 0, 0);
+  if (!reader.ended() || !midnight) return std::nullopt;
+  return startOfDay(cctz::civil_day(*midnight), cctzZone(NSTimeZone::defaultTimeZone()));
 }
 
-std::string NSDate::icsDateString() const {
-  return formatted("%04lld%02d%02dT%02d%02d%02dZ", civilUTC(*this));
-}
+std::string NSDate::icsDateString() const { return icsText(civilUTC(*this), true); }
 
 std::string NSDate::icsDateOnlyString() const {
   const cctz::time_zone& zone = cctzZone(NSTimeZone::defaultTimeZone());
-  return formatted("%04lld%02d%02d", cctz::convert(timePoint(*this), zone));
+  return icsText(cctz::convert(timePoint(*this), zone), false);
 }
 
 std::optional<NSDate> NSDate::initWithXMLDateString(std::optional<string_view> text) {
@@ -151,9 +172,8 @@ std::optional<NSDate> NSDate::initWithXMLDateString(std::optional<string_view> t
 }
 
 std::string NSDate::xmlDateString() const {
-  const std::int64_t fraction = microseconds_ - secondsSince1970() * microsecondsPerSecond;
   char digits[16];
-  std::snprintf(digits, sizeof digits, ".%06dZ", static_cast<int>(fraction));
+  std::snprintf(digits, sizeof digits, ".%06dZ", static_cast<int>(microsecondsOfSecond()));
   return formatted("%04lld-%02d-%02dT%02d:%02d:%02d", civilUTC(*this)) + digits;
 }
 

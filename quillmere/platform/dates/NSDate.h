@@ -30,6 +30,11 @@ class NSDate {
     const std::int64_t seconds = microseconds_ / microsecondsPerSecond;
     return microseconds_ % microsecondsPerSecond < 0 ? seconds - 1 : seconds;
   }
+  /// The rest of the instant after that second, 0 to 999999.
+  constexpr std::int64_t microsecondsOfSecond() const {
+    const std::int64_t rest = microseconds_ % microsecondsPerSecond;
+    return rest < 0 ? rest + microsecondsPerSecond : rest;
+  }
   double timeIntervalSince1970() const;
 
   /// The instant `seconds` later (earlier when negative); stays at the end of the range beyond it.

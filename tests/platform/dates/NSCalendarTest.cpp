@@ -42,6 +42,8 @@ TEST(NSCalendar, KnowsWhenADayStarts) {
             "20240105T150000Z");
   EXPECT_EQ(textOf(calendarIn("America/Sao_Paulo").startOfDayForDate(utc("20181104T120000Z"))),
             "20181104T030000Z");
+  EXPECT_EQ(textOf(calendarIn("America/Toronto").startOfDayForDate(utc("19190331T120000Z"))),
+            "19190331T043000Z");
 }
 
 TEST(NSCalendar, AddsTheLargestFieldsFirst) {
@@ -53,6 +55,7 @@ TEST(NSCalendar, AddsTheLargestFieldsFirst) {
   } cases[] = {
       {"UTC", "20240131T120000Z", {.month = 1}, "20240229T120000Z"},
       {"UTC", "20240229T120000Z", {.year = 1}, "20250228T120000Z"},
+      {"UTC", "20240229T120000Z", {.year = 1, .month = 1}, "20250328T120000Z"},
       {"UTC", "20240131T120000Z", {.month = 1, .day = 1}, "20240301T120000Z"},
       {"UTC", "20240331T120000Z", {.month = -1}, "20240229T120000Z"},
       {"UTC", "20240115T120000Z", {.year = -1, .month = 13, .day = -15}, "20240131T120000Z"},
@@ -84,6 +87,12 @@ TEST(NSCalendar, ResultsOutsideItsYearsAreNull) {
 
   constexpr auto huge = std::numeric_limits<std::int64_t>::max();
   constexpr auto tiny = std::numeric_limits<std::int64_t>::min();
+  EXPECT_EQ(calendar
+                .dateByAddingComponents_toDate({.year = 300000},
+                                               NSDate::dateWithMicrosecondsSince1970(tiny))
+                ->xmlDateString(),
+            "9692-12-20T19:29:45.224192Z")
+      << "from before the calendar's years into them";
   const NSDate date = utc("20240105T093000Z");
   for (const std::int64_t amount : {huge, tiny, std::int64_t{1} << 40}) {
     EXPECT_EQ(calendar.dateByAddingComponents_toDate({.year = amount}, date), std::nullopt);

@@ -1,0 +1,53 @@
+// Fetches a file of the given number of events, and tells how far that raised the resident memory.
+
+#include <quillmere/calendars/KBTFileCalendar.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "Race.h"
+#include "RecordingHost.h"
+
+namespace {
+
+using namespace benchmarks;
+
+// A size that the system tells about this process.
+double bytesOfStatus(const std::string& name) {
+  std::ifstream status("/proc/self/status");
+  std::string word;
+  double kilobytes = 0;
+  while (status >> word && word != name + ':') {
+  }
+  status >> kilobytes;
+  require(kilobytes > 0, "the memory of the process cannot be told");
+  return 1024 * kilobytes;
+}
+
+}  // namespace
+
+int main(int count, char** arguments) {
+  const std::size_t events = eventsFromArguments(count, arguments);
+  require(count == 3, "the second argument is the file to fetch");
+  const std::string path = arguments[2];
+  const auto fileSize = static_cast<double>(std::filesystem::file_size(path));
+
+  const double before = bytesOfStatus("VmRSS");
+  const auto host = std::make_shared<RecordingHost>();
+  const auto calendar = quillmere::KBTFileCalendar::initWithPath(path);
+  calendar->setDelegate(host);
+  calendar->fetchExternalChanges();
+  const double peak = bytesOfStatus("VmHWM") - before;
+  require(host->hasFetched() && host->objects().size() == events,
+          "the fetch did not report every event");
+
+  const double most = 1.3 * fileSize + 200 * static_cast<double>(events);
+  Row row;
+  row.measure = "fetch of a file, peak memory " + megabytes(peak) + " MB";
+  row.ofLimit = formatted(peak / fileSize, "%.2f x file size");
+  row.target = "at most 1.3 x file size + 200 bytes an object, " + megabytes(most) + " MB";
+  row.met = yesNo(peak <= most);
+  print(row);
+}
