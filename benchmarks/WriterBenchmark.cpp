@@ -123,12 +123,12 @@ int main(int count, char** arguments) {
   const std::size_t wholeBytes =
       componentBytes + KBTMutableCalObject::icsCalendarDataForObjects({}).length();
 
-  const GeneratedCalendar generated = generateCalendar(eventCount / 10);
+  const GeneratedCalendar generated = generateCalendar(eventCount);
   const LibicalComponent calendar = parseWithLibical(generated.text);
   require(calendar && visitValues(calendar.get()) == generated.tally.lines,
           "libical found another number of lines");
   const std::vector<icalcomponent*> peers = eventsOf(calendar.get());
-  require(peers.size() == eventCount / 10, "libical found another number of events");
+  require(peers.size() == eventCount, "libical found another number of events");
   std::size_t peerBytes = 0;
   for (icalcomponent* peer : peers) peerBytes += std::string_view(libicalText(peer).get()).size();
   const std::size_t wholePeerBytes = std::string_view(libicalText(calendar.get()).get()).size();

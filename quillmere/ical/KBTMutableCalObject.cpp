@@ -1,6 +1,7 @@
-#include <quillmere/ical/FoldedValue.h>
+#include <quillmere/ical/FoldedLine.h>
 #include <quillmere/ical/KBTCalObject.h>
 #include <quillmere/ical/KBTMutableCalObject.h>
+#include <quillmere/platform/base/LargePages.h>
 #include <quillmere/platform/base/makeObject.h>
 
 #include <algorithm>
@@ -99,6 +100,7 @@ NSData KBTMutableCalObject::icsData() {
 NSData KBTMutableCalObject::_icsData() const {
   std::string component;
   component.reserve(expectedSize_);
+  preferLargePages(component.data(), component.capacity());
   appendComponentToString(component);
   return NSData::dataWithString(std::move(component));
 }
@@ -137,11 +139,16 @@ void KBTMutableCalObject::prefetchValue(std::size_t number) const {
   }
 }
 
+void KBTMutableCalObject::prefetchFirstLines() const {
+  for (std::size_t i = 0; i < std::min(lines_.size(), prefetchDistance); ++i) {
+    __builtin_prefetch(&lines_[i]);
+    __builtin_prefetch(&lines_[i].value());
+  }
+}
+
 void KBTMutableCalObject::_appendKey_value_toString(string_view key, string_view value,
                                                     std::string& text) {
-  text.append(key).push_back(':');
-  appendEscapedAndFolded(text, value);
-  text.append("\r\n");
+  appendFoldedLine(text, key, value);
 }
 
 const Line* KBTMutableCalObject::firstLineWithKey(string_view key) const {
@@ -173,9 +180,13 @@ NSData KBTMutableCalObject::icsCalendarDataForObjects(
   }
   std::string document;
   document.reserve(size);
+  preferLargePages(document.data(), document.capacity());
   document += prologue;
-  for (const auto& object : objects) {
-    if (object) object->appendComponentToString(document);  // never wrapped in a second document
+  for (std::size_t i = 0; i < objects.size(); ++i) {
+    if (i + 2 < objects.size()) __builtin_prefetch(objects[i + 2].get());
+    if (i + 1 < objects.size() && objects[i + 1]) objects[i + 1]->prefetchFirstLines();
+    // Never wrapped in a second document.
+    if (objects[i]) objects[i]->appendComponentToString(document);
   }
   document += epilogue;
   return NSData::dataWithString(std::move(document));

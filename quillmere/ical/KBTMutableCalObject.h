@@ -81,6 +81,7 @@ class KBTMutableCalObject : public KBTICSDataSource {
 
  private:
   void appendComponentToString(std::string& text) const;
+  void prefetchFirstLines() const;
   void prefetchValue(std::size_t number) const;
   const KBTMutableCalObjectLine* firstLineWithKey(std::string_view key) const;
   static void _appendKey_value_toString(std::string_view key, std::string_view value,

@@ -38,12 +38,21 @@ struct Word {
     }
     return word;
   }
+  void store(char* to) const {
+    const std::uint64_t native =
+        std::endian::native == std::endian::big ? __builtin_bswap64(bytes) : bytes;
+    std::memcpy(to, &native, width);
+  }
   // Of the marks only the lowest is exact: the borrow can raise false ones above it, never below.
   WordMarks equal(char byte) const {
     const std::uint64_t difference = bytes ^ (everyByte * static_cast<unsigned char>(byte));
     return {(difference - everyByte) & ~difference & highBits};
   }
   WordMarks nonASCII() const { return {bytes & highBits}; }
+  // Bytes below `byte`, an ASCII character, and all that are not ASCII.
+  WordMarks belowOrNonASCII(char byte) const {
+    return {((bytes - everyByte * static_cast<unsigned char>(byte)) | bytes) & highBits};
+  }
 };
 
 #if defined(__SSE2__)
@@ -62,8 +71,13 @@ struct Vector {
   static Vector load(const char* from) {
     return {_mm_loadu_si128(reinterpret_cast<const __m128i*>(from))};
   }
+  void store(char* to) const { _mm_storeu_si128(reinterpret_cast<__m128i*>(to), bytes); }
   VectorMarks equal(char byte) const { return {_mm_cmpeq_epi8(bytes, _mm_set1_epi8(byte))}; }
   VectorMarks nonASCII() const { return {bytes}; }
+  // As signed numbers, bytes that are not ASCII are below every other.
+  VectorMarks belowOrNonASCII(char byte) const {
+    return {_mm_cmplt_epi8(bytes, _mm_set1_epi8(byte))};
+  }
 };
 using Block = Vector;
 #else

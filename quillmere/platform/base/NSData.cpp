@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <quillmere/platform/base/FileDescriptor.h>
+#include <quillmere/platform/base/LargePages.h>
 #include <quillmere/platform/base/NSData.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -29,7 +30,7 @@ std::optional<std::size_t> readFully(int file, char* buffer, std::size_t capacit
 
 NSData NSData::dataWithBytes(std::string_view bytes) {
   if (bytes.empty()) return {};
-  std::shared_ptr<char[]> copy(std::make_unique_for_overwrite<char[]>(bytes.size()));
+  auto copy = std::make_shared_for_overwrite<char[]>(bytes.size());
   std::memcpy(copy.get(), bytes.data(), bytes.size());
   char* first = copy.get();
   return {std::shared_ptr<const char>(std::move(copy), first), bytes.size()};
@@ -52,7 +53,8 @@ std::optional<NSData> NSData::dataWithContentsOfFile(const std::string& path) tr
   }
 
   const auto expected = static_cast<std::size_t>(status.st_size);
-  std::shared_ptr<char[]> buffer(std::make_unique_for_overwrite<char[]>(expected));
+  auto buffer = std::make_shared_for_overwrite<char[]>(expected);
+  preferLargePages(buffer.get(), expected);
   const auto length = readFully(file.get(), buffer.get(), expected);
   if (!length) return std::nullopt;
   char* first = buffer.get();
