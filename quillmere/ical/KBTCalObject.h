@@ -26,8 +26,16 @@ using KBTCalModifiers = std::map<std::string_view, std::string_view>;
 ///       if (reader->key() == "SUMMARY") use(reader->value());
 ///     }
 ///
-/// It is deliberately simple: no tree, no checking, no errors. Malformed text gives odd keys and
-/// values. `KBTCalObject.cpp` names the rules that differ from RFC 5545.
+/// It is deliberately simple: no tree, no checking, no errors. Malformed text gives odd keys and values,
+/// and these rules are fixed, since hosts keep what they read from run to run:
+///
+///   - A line without ":" and ";" has no end: it is part of the next line's key. The last one is a key
+///     with an empty value.
+///   - CR, LF and CR LF end lines. A space after that continues the value, but only CR LF SPACE is
+///     removed from it; a tab continues nothing, and keys and parameters have no continuation.
+///   - Quotation marks mean nothing: ":" ends the parameters and ";" divides them inside quotes as well.
+///     A backslash hides the ":" after it from ending them. A name runs to its "=", even across ";".
+///   - A backslash at the very end of a value stays.
 ///
 /// Lifetime: keys, values and parameters are views. Keys and parameters point into the document, a
 /// value into the document or into the reader; all are good until the next `nextLine()` and no longer
@@ -51,11 +59,12 @@ class KBTCalObject : public KBTICSDataSource {
   /// True when no line follows.
   virtual bool isAtEnd() const;
 
-  /// Moves to the next content line (RFC 5545 section 3.1), over all of its continuation lines.
-  /// False when there is none; then nothing changes.
+  /// Moves to the next content line (RFC 5545 section 3.1, but for the rules above). False when there
+  /// is none; then nothing changes.
   virtual bool nextLine();
 
-  /// Requires: a successful `nextLine()`. This and the next four answer for the current line.
+  /// Requires: a successful `nextLine()`. This and all up to `subparserForCurrentEntry` answer for the
+  /// current line.
   ///
   /// The line's name exactly as written, e.g. "DTSTART". Ask for it before the parameters: once
   /// they were asked for, the key of a line that has any runs up to the ":" and includes their

@@ -62,6 +62,20 @@ TEST(KBTCalObjectEntry, AnEndThatIsPartOfALongerKeyDoesNotEndIt) {
   EXPECT_EQ(keysOf(*reader), "BEGIN UID \r\nEND UID END ");
 }
 
+TEST(KBTCalObjectEntry, TheEndKeyIsExactAndItsParametersDoNotMatter) {
+  EXPECT_EQ(keysOf(*entry(1, "BEGIN:VEVENT\r\nend:VEVENT\r\nEND;X=1:VEVENT\r\nUID:2\r\n")),
+            "BEGIN end END ");
+}
+
+TEST(KBTCalObjectEntry, ResetKeepsTheLineUntilTheNext) {
+  const auto reader = entry(1, "BEGIN:VEVENT\r\nUID;A=1:x\r\n");
+  while (reader->nextLine()) reader->modifiers();
+  reader->reset();
+  EXPECT_EQ(reader->key(), "UID");
+  EXPECT_EQ(reader->value(), "x");
+  EXPECT_EQ(reader->valueForModifier("A"), "1");
+}
+
 TEST(KBTCalObjectEntry, CopiesItsTextAndIsThenAtItsEnd) {
   const string_view event = "BEGIN:VEVENT\r\nUID:1\r\nEND:VEVENT\r\n";
   const auto reader = entry(1);

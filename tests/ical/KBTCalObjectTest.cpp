@@ -86,7 +86,10 @@ TEST(KBTCalObject, OnlyCRLFSpaceIsUnfolded) {
   EXPECT_EQ(valueOf("D:abc\r def\r"), "abc\r def");
   EXPECT_EQ(valueOf("D:abc\r\n d\n e\r\n f"), "abcd\n ef");
   EXPECT_EQ(linesOf("D:abc\r\n\tdef:x\r\n"), (std::vector<Line>{{"D", "abc"}, {"\tdef", "x"}}));
-  EXPECT_EQ(valueOf("D:abc\r\n "), "abc");
+  EXPECT_EQ(linesOf("D:abc\r\n "), (std::vector<Line>{{"D", "abc"}}));
+  // Keys and parameters are not unfolded, and no line ending ends them.
+  EXPECT_EQ(linesOf("ATTEN\r\n DEE:v"), (std::vector<Line>{{"ATTEN\r\n DEE", "v"}}));
+  EXPECT_EQ(linesOf("K;A=1\r\nL:w"), (std::vector<Line>{{"K", "w"}}));
 }
 
 TEST(KBTCalObject, AFoldInsideACharacterIsMended) {
@@ -100,18 +103,12 @@ TEST(KBTCalObject, UnescapesEachCharacterOnce) {
     const char* written;
     const char* read;
   } cases[] = {
-      {"a\\,b\\nc", "a,b\nc"},
-      {"\\t\\r\\;\\,", "\t\r;,"},
-      {"\\\\n", "\\n"},
-      {"\\\\\\n", "\\\n"},
-      {"\\N", "N"},
-      {"\\x\\:", "x:"},
-      {"end\\", "end\\"},
-      {"\\", "\\"},
-      {"\\\\", "\\"},
-      {"\\\xC3\xA9t\\n", "\xC3\xA9t\n"},
-      {"a\\\r\n nb", "a\nb"},
-      {"\\\r\n \r\n n", "\n"},
+      {"a\\,b\\nc", "a,b\nc"}, {"\\t\\r\\;\\,", "\t\r;,"},
+      {"\\\\n", "\\n"},        {"\\\\\\n", "\\\n"},
+      {"\\N\\T\\R", "NTR"},    {"\\x\\:", "x:"},
+      {"end\\", "end\\"},      {"\\", "\\"},
+      {"\\\\", "\\"},          {"\\\xC3\xA9t\\n", "\xC3\xA9t\n"},
+      {"a\\\r\n nb", "a\nb"},  {"\\\r\n \r\n n", "\n"},
   };
   for (const auto& c : cases) {
     EXPECT_EQ(valueOf(std::string("S:") + c.written + "\r\n"), c.read) << c.written;
@@ -159,6 +156,9 @@ TEST(KBTCalObject, ParametersAreRaw) {
       {"K;:v", {}, "v"},
       {"K;A=1;:v", {{"A", "1"}}, "v"},
       {"K;=1:v", {{"", "1"}}, "v"},
+      {"K;A=1;FLAG:v", {{"A", "1"}, {"FLAG", ""}}, "v"},
+      {"K;A=1 : v", {{"A", "1 "}}, " v"},
+      {"K;CN=a\r\n b;X=1:v", {{"CN", "a\r\n b"}, {"X", "1"}}, "v"},
       // A backslash hides the ":" after it and stays where it is.
       {"K;A=b\\:c:v", {{"A", "b\\:c"}}, "v"},
       {"K;A=b\\\\:c", {{"A", "b\\\\"}}, "c"},
@@ -188,6 +188,15 @@ TEST(KBTCalObject, AKeyAskedForAfterTheParametersHoldsTheirText) {
     reader->modifiers();
     EXPECT_EQ(reader->key(), key);
   }
+  const auto asked = onLine("K;A=1:v");
+  asked->valueForModifier("A");
+  EXPECT_EQ(asked->key(), "K;A=1");
+  const auto dated = onLine("D;A=1:20240101T000000Z");
+  bool isFullDay = true;
+  dated->valueAsDateIsFullDay(isFullDay);
+  EXPECT_EQ(dated->key(), "D;A=1");
+  EXPECT_EQ(onLine("K\\:v")->key(), "K\\") << "a backslash hides nothing in a key";
+
   const auto reader = onLine("K;A=1:v");
   reader->key();
   reader->modifiers();
@@ -195,15 +204,20 @@ TEST(KBTCalObject, AKeyAskedForAfterTheParametersHoldsTheirText) {
 }
 
 TEST(KBTCalObject, ResetGoesBackAndKeepsTheLineUntilTheNext) {
-  const auto reader = readerOf("A;P=1:one\r\nB:t\\,wo\r\n");
+  const auto reader = readerOf("A;P=1:one\r\nB;Q=2:t\\,wo\r\n");
   EXPECT_FALSE(reader->isAtEnd());
   while (reader->nextLine()) reader->value();
   EXPECT_TRUE(reader->isAtEnd());
+  const KBTCalModifiers lastOnes{{"Q", "2"}};
   EXPECT_EQ(reader->key(), "B") << "a failed step changes nothing";
+  EXPECT_EQ(reader->modifiers(), lastOnes);
+  reader->nextLine();
+  EXPECT_EQ(reader->modifiers(), lastOnes);
   reader->reset();
   EXPECT_FALSE(reader->isAtEnd());
   EXPECT_EQ(reader->key(), "B");
   EXPECT_EQ(reader->value(), "t,wo");
+  EXPECT_EQ(reader->modifiers(), lastOnes);
   EXPECT_TRUE(reader->nextLine());
   EXPECT_EQ(reader->key(), "A");
   EXPECT_EQ(reader->value(), "one");
@@ -236,6 +250,8 @@ TEST(KBTCalObject, ReadsDatesInTheirZones) {
       {"D;TZID=Europe/Paris:20240701T090000", "20240701T070000Z"},
       {"D;TZID=W. Europe Standard Time:20240701T090000", "20240701T070000Z"},
       {"D;TZID=PST:20240101T090000", "20240101T170000Z"},
+      // EST is a name as well, of a zone without summer time; names come first.
+      {"D;TZID=EST:20240701T090000", "20240701T140000Z"},
       // "Z" does not protect a value from its TZID.
       {"D;TZID=Europe/Paris:20240101T090000Z", "20240101T080000Z"},
       // Quotation marks belong to the name, which is then unknown, and the default zone is taken.
@@ -248,6 +264,9 @@ TEST(KBTCalObject, ReadsDatesInTheirZones) {
       {"D;TZID=Europe/Paris:20241027T023000", "20241027T013000Z"},
       {"D;VALUE=DATE-TIME:20240101T090000Z", "20240101T090000Z"},
       {"D;VALUE=date:20240101T090000Z", "20240101T090000Z"},
+      {"D;VALUE=\"DATE\":20240101T090000Z", "20240101T090000Z"},
+      {"D;value=DATE:20240101T090000Z", "20240101T090000Z"},
+      {"D;TZID=America/New_York:99991231T235959", "99991231T235959Z"},
   };
   for (const auto& c : cases) EXPECT_EQ(dateOf(c.line, false), c.date) << c.line;
 
@@ -278,7 +297,12 @@ TEST(KBTCalObject, ReadsDurations) {
       {"PT1H30M", NSDateComponents{.hour = 1, .minute = 30}},
       {"P1M", NSDateComponents{.month = 1}},
       {"P1Y2M3DT4H5M6S", NSDateComponents{1, 2, 3, 4, 5, 6}},
-      {"p1dt2h", NSDateComponents{.day = 1, .hour = 2}},
+      {"p1y2m3dt4h5m6s", NSDateComponents{1, 2, 3, 4, 5, 6}},
+      {"p2w", NSDateComponents{}},
+      {"P0D", NSDateComponents{.day = 0}},
+      {"PT1H2DT3M", NSDateComponents{.day = 2, .hour = 1, .minute = 3}},
+      {"P1S2H", NSDateComponents{.hour = 2, .second = 1}},
+      {"P5TH", NSDateComponents{.hour = 0}},
       {"P2W", NSDateComponents{}},
       {"P2W3D", NSDateComponents{.day = 3}},
       {"P", NSDateComponents{}},
@@ -303,7 +327,6 @@ TEST(KBTCalObject, ReadsDurations) {
   EXPECT_EQ(KBTCalObject::icalDurationAsDateComponents(std::nullopt), std::nullopt);
 }
 
-// Any two of these are met in real documents; here they come large.
 TEST(KBTCalObject, LongAndHostileDocumentsAreReadInOnePass) {
   const std::string megabytes(8 << 20, 'x');
   EXPECT_EQ(valueOf("S:" + megabytes)->size(), megabytes.size());

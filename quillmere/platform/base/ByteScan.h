@@ -123,6 +123,9 @@ bool any(const char* from, const char* end, Marks marks) {
     for (const char byte : {from[0], from[length / 2], end[-1]}) {
       word = word << 8 | static_cast<unsigned char>(byte);
     }
+    word |= word << 24 | word << 48;  // the same bytes again, so that no other is looked at
+  } else {
+    return false;
   }
   return marks(Word{word}).bits() != 0;
 }

@@ -1,8 +1,7 @@
 #include <quillmere/platform/base/LargePages.h>
+#include <sys/mman.h>
 
 #include <memory>
-
-#include <sys/mman.h>
 
 namespace quillmere {
 

@@ -26,7 +26,7 @@ class NSData {
   /// or a device might never end).
   static std::optional<NSData> dataWithContentsOfFile(const std::string& path);
 
-  /// First byte; null when there are no bytes.
+  /// First byte; of no use, and possibly null, when there are no bytes.
   const char* bytes() const { return bytes_.get(); }
   std::size_t length() const { return length_; }
   /// The bytes as a view, good as long as one copy of this object lives.

@@ -83,12 +83,12 @@ std::string formatted(const char* format, const cctz::civil_second& civil) {
   return {text, static_cast<std::size_t>(length)};
 }
 
-// "20240105" or "20240105T093000Z".
-std::string icsText(const cctz::civil_second& civil, bool withTime) {
-  if (civil.year() < 0 || civil.year() > 9999) {
-    return formatted(withTime ? "%04lld%02d%02dT%02d%02d%02dZ" : "%04lld%02d%02d", civil);
-  }
-  std::string text(withTime ? "00000000T000000Z" : "00000000");
+// "20240105T093000Z". The form has four digits for the year: a date that lies outside is written as the
+// nearest one inside, which zone offsets need at the ends ("for ever" is often 31 December 9999).
+std::string icsText(cctz::civil_second civil) {
+  civil = std::clamp(civil, cctz::civil_second(1, 1, 1, 0, 0, 0),
+                     cctz::civil_second(9999, 12, 31, 23, 59, 59));
+  std::string text("00000000T000000Z");
   const auto put = [&text](std::size_t at, int number) {
     text[at] = static_cast<char>('0' + number / 10);
     text[at + 1] = static_cast<char>('0' + number % 10);
@@ -98,11 +98,9 @@ std::string icsText(const cctz::civil_second& civil, bool withTime) {
   put(2, year % 100);
   put(4, civil.month());
   put(6, civil.day());
-  if (withTime) {
-    put(9, civil.hour());
-    put(11, civil.minute());
-    put(13, civil.second());
-  }
+  put(9, civil.hour());
+  put(11, civil.minute());
+  put(13, civil.second());
   return text;
 }
 
@@ -133,11 +131,12 @@ std::optional<NSDate> NSDate::initWithICSDateOnlyString(std::optional<string_vie
   return startOfDay(cctz::civil_day(*midnight), cctzZone(NSTimeZone::defaultTimeZone()));
 }
 
-std::string NSDate::icsDateString() const { return icsText(civilUTC(*this), true); }
+std::string NSDate::icsDateString() const { return icsText(civilUTC(*this)); }
 
 std::string NSDate::icsDateOnlyString() const {
   const cctz::time_zone& zone = cctzZone(NSTimeZone::defaultTimeZone());
-  return icsText(cctz::convert(timePoint(*this), zone), false);
+  constexpr std::size_t dateLength = 8;
+  return icsText(cctz::convert(timePoint(*this), zone)).substr(0, dateLength);
 }
 
 std::optional<NSDate> NSDate::initWithXMLDateString(std::optional<string_view> text) {
@@ -162,7 +161,9 @@ std::optional<NSDate> NSDate::initWithXMLDateString(std::optional<string_view> t
     if (!west) reader.literal('+');
     const int hours = reader.digits(2);
     reader.literal(':');
-    offset = (hours * 60 + reader.digits(2)) * (west ? -60 : 60);
+    const int minutes = reader.digits(2);
+    if (hours > 23 || minutes > 59) return std::nullopt;
+    offset = (hours * 60 + minutes) * (west ? -60 : 60);
   }
 
   const auto civil = civilTime(year, month, day, hour, minute, second);

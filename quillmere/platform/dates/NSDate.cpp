@@ -1,5 +1,6 @@
 #include <quillmere/platform/dates/NSDate.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <limits>
@@ -31,12 +32,10 @@ double NSDate::timeIntervalSince1970() const {
 }
 
 NSDate NSDate::dateByAddingSeconds(std::int64_t seconds) const {
-  std::int64_t added = 0;
-  if (__builtin_mul_overflow(seconds, microsecondsPerSecond, &added) ||
-      __builtin_add_overflow(microseconds_, added, &added)) {
-    return NSDate(seconds < 0 ? Limits::min() : Limits::max());
-  }
-  return NSDate(added);
+  __extension__ using Wide = __int128;
+  const Wide sum = static_cast<Wide>(seconds) * microsecondsPerSecond + microseconds_;
+  return NSDate(static_cast<std::int64_t>(
+      std::clamp(sum, static_cast<Wide>(Limits::min()), static_cast<Wide>(Limits::max()))));
 }
 
 }  // namespace quillmere

@@ -96,9 +96,10 @@ bool isZoneFile(const std::string& name) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '/' ||
            c == '_' || c == '-' || c == '+';
   };
-  if (name.empty() || name.front() == '/' || !std::all_of(name.begin(), name.end(), allowed)) {
-    return false;
-  }
+  // One spelling for each file, so that what is kept of zones stays as small as the database.
+  const bool isPlainPath = !name.empty() && name.front() != '/' && name.back() != '/' &&
+                           name.find("//") == std::string::npos;
+  if (!isPlainPath || !std::all_of(name.begin(), name.end(), allowed)) return false;
   const char* folder = std::getenv("TZDIR");
   std::error_code error;
   return std::filesystem::is_regular_file(

@@ -113,6 +113,11 @@ TEST(ByteScan, FindsWhatAPlainLoopFinds) {
     ASSERT_EQ(index(findNonASCII(from, end)), index(nonASCII));
     ASSERT_EQ(index(scan::findNonASCII<scan::Word>(from, end)), index(nonASCII));
     ASSERT_EQ(index(findByte(from, end, ':')), index(std::find(from, end, ':')));
+    ASSERT_EQ(scan::any(from, end, [](auto block) { return block.equal(':') | block.equal(';'); }),
+              either != end);
+    const auto low = std::find_if(from, end, [](char c) { return c < ' '; });
+    ASSERT_EQ(scan::any(from, end, [](auto block) { return block.belowOrNonASCII(' '); }),
+              low != end);
   }
 }
 
