@@ -124,6 +124,19 @@ TEST_F(DataCalendar, CarriesNamesAndVersionsFromItemToItem) {
            "BEGIN:VJOURNAL\r\nUID:j\r\nDTSTAMP:5\r\nEND:VJOURNAL\r\n" + event(""),
        {"new a 1", "new j 5"}},
       {"but not before", "UID:x\r\nDTSTAMP:5\r\nSEQUENCE:6\r\n" + event("UID:a\r\n"), {"new a 1"}},
+      {"a SEQUENCE carries over as well",
+       event("UID:a\r\nDTSTAMP:1\r\nSEQUENCE:3\r\n") + event("UID:b\r\nDTSTAMP:\xFF\r\n"),
+       {"new a 1", "new b 3"}},
+      {"a UID that is not UTF-8 is none, and one is made up once",
+       event("UID:a\r\nDTSTAMP:1\r\n") + event("UID:\xFF\r\nUID:b\r\n"),
+       {"new a 1", "new b 1"}},
+      {"an empty SEQUENCE is a value", event("UID:a\r\nSEQUENCE:\r\n"), {"new a "}},
+      {"a duplicate of a declined item is skipped too",
+       event("UID:declined\r\nDTSTAMP:1\r\n") + event("UID:declined\r\nDTSTAMP:2\r\n"),
+       {"new declined 1"}},
+      {"a folded and an escaped UID are remembered as they read",
+       event("UID:a\\,\r\n b\r\nDTSTAMP:1\r\n") + event("UID:c\r\n") + event("UID:a\\,b\r\n"),
+       {"new a,b 1", "new c 1"}},
       {"empty values are values",
        event("UID:\r\nDTSTAMP:\r\n") + event("UID:b\r\n"),
        {"new  ", "new b "}},
@@ -137,6 +150,7 @@ TEST_F(DataCalendar, CarriesNamesAndVersionsFromItemToItem) {
        "BEGIN:VEVENT\r\nUID:a\r\n\r\nEND:VEVENT\r\n" + event("UID:b\r\n"),
        {"new b 1"}},
   };
+  host->declined = {"declined"};
   for (const auto& c : cases) EXPECT_EQ(reports(c.items), c.reports) << c.what;
 }
 
@@ -145,6 +159,63 @@ TEST_F(DataCalendar, AnItemWithoutAUIDGetsANewOneOnce) {
   ASSERT_EQ(log.size(), 1U);
   EXPECT_EQ(log[0].size(), std::string("new  1").size() + 36) << log[0];
   EXPECT_EQ(calendar->objectsByUniqueName().size(), 1U);
+}
+
+TEST_F(DataCalendar, ASecondEndHandsTheSameReaderOverAgain) {
+  EXPECT_EQ(reports(event("UID:a\r\nDTSTAMP:1\r\n") + "UID:b\r\nEND:VTODO\r\n"),
+            (Log{"new a 1", "new b 1"}));
+  EXPECT_EQ(host->readers[1], host->readers[0]);
+}
+
+TEST_F(DataCalendar, AnEndWithoutABeginDoesNotMakeLinesCount) {
+  EXPECT_EQ(reports("END:VEVENT\r\nUID:x\r\nDTSTAMP:5\r\nEND:VEVENT\r\n").size(), 1U);
+  EXPECT_EQ(reports("END:VEVENT\r\nDTSTAMP:5\r\n" + event("UID:y\r\n")).at(1), "new y 1");
+}
+
+TEST_F(DataCalendar, AnUpdateHandsTheItemsReaderOver) {
+  calendar->setObjects({Item::make("a", "1")});
+  const std::string text = event("UID:a\r\nDTSTAMP:2\r\n");
+  EXPECT_EQ(reports("").size(), 0U);
+  calendar->setObjects({Item::make("a", "1")});
+  EXPECT_EQ(fetch(text), (Log{"began", "update a 2", "fetched"}));
+  EXPECT_EQ(host->readers, Log{text});
+}
+
+TEST_F(DataCalendar, WhatAFetchCompares_IsTakenBeforeItBegins) {
+  const auto late = Item::make("late");
+  host->onCallback = [&](const std::string& line) {
+    if (line != "began") return;
+    calendar->insertObject(late);
+    calendar->document = event("UID:b\r\n");
+  };
+  EXPECT_EQ(fetch(event("UID:a\r\nDTSTAMP:1\r\n")), (Log{"began", "new a 1", "fetched"}));
+  EXPECT_EQ(calendar->objectsByUniqueName().keys(), (Log{"late", "a"}));
+}
+
+TEST_F(DataCalendar, ADeletedObjectIsKnownUntilRightAfterItsCallback) {
+  calendar->setObjects({Item::make("a"), Item::make("b")});
+  std::vector<Log> known;
+  host->onCallback = [&](const std::string& line) {
+    if (line.starts_with("gone")) known.push_back(calendar->objectsByUniqueName().keys());
+  };
+  fetch("");
+  EXPECT_EQ(known, (std::vector<Log>{{"a", "b"}, {"b"}}));
+}
+
+TEST_F(DataCalendar, AnItemIsStoredAlthoughItsDeletionIsPending) {
+  calendar->deleteObject(Item::make("a"));
+  EXPECT_EQ(fetch(event("UID:a\r\nDTSTAMP:1\r\n")), (Log{"began", "new a 1", "fetched"}));
+  EXPECT_TRUE(calendar->objectsByUniqueName().contains("a"));
+}
+
+TEST_F(DataCalendar, EachSendGoesToTheDelegateOfThatMoment) {
+  const auto other = std::make_shared<RecordingDelegate>();
+  calendar->setObjects({Item::make("a", "1")});
+  host->onCallback = [&](const std::string& line) {
+    if (line == "version of a") calendar->setDelegate(other);
+  };
+  EXPECT_EQ(fetch(event("UID:a\r\nDTSTAMP:2\r\n")), Log{"began"});
+  EXPECT_EQ(other->take(), (Log{"update a 2", "fetched"}));
 }
 
 TEST_F(DataCalendar, AnEndWithoutABeginFinishesAnItemWithAReaderWithoutLines) {
@@ -210,6 +281,12 @@ TEST_F(DataCalendar, NamesTheCalendarUnescapedAndTheHostsVersion) {
             "PRODID:-//Tessaly//Ridgeline 7.2//EN\r\nCALSCALE:GREGORIAN\r\nEND:VCALENDAR\r\n");
 }
 
+TEST_F(DataCalendar, AnEmptyNameIsWritten) {
+  calendar->setCalendarName("");
+  calendar->saveChanges();
+  EXPECT_NE(calendar->written.find("\r\nX-WR-CALNAME:\r\n"), std::string::npos);
+}
+
 TEST_F(DataCalendar, APendingDeletionIsStillWrittenAndForgottenAfterwards) {
   const auto a = Item::make("a", "", "a's lines\r\n"), b = Item::make("b");
   calendar->setObjects({a, b});
@@ -253,16 +330,24 @@ TEST_F(DataCalendar, TheDelegateMayCallBackFromEveryCallback) {
   const std::string document = event("UID:a\r\nDTSTAMP:1\r\n") + event("UID:b\r\nDTSTAMP:2\r\n");
   calendar->setObjects({Item::make("a"), Item::make("old")});
   int depth = 0;
+  std::set<std::string> heard;
   host->onCallback = [&](const std::string& line) {
-    if (depth > 0 || line == "saved") return;
+    if (depth > 0) return;
     ++depth;
+    heard.insert(line.substr(0, line.find(' ')));
     calendar->fetchExternalChanges();
-    calendar->insertObject(Item::make("from " + line));
-    calendar->setObjects({});
+    calendar->insertObject(Item::make("from " + line, "", "text"));
+    calendar->setObjects({Item::make("a", "1")});
+    calendar->saveChanges();
     --depth;
   };
   fetch(document);
-  EXPECT_TRUE(calendar->objectsByUniqueName().empty());
+  calendar->insertObject(Item::make("last"));
+  calendar->saveChanges();
+  for (const char* callback : {"began", "new", "version", "fetched", "data", "saved", "name"}) {
+    EXPECT_TRUE(heard.contains(callback)) << callback;
+  }
+  EXPECT_EQ(calendar->objectsByUniqueName().keys(), Log{"a"});
 }
 
 TEST_F(DataCalendar, TheDelegateMayLetGoOfTheCalendarDuringAFetch) {

@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <quillmere/calendars/KBTFileCalendar.h>
+#include <quillmere/platform/base/makeObject.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -56,6 +57,8 @@ TEST_F(FileCalendar, FetchesOnceAndThenOnlyWhatIsYounger) {
   EXPECT_EQ(fetch(), (Log{"began", "new a 1", "fetched"}));
   EXPECT_EQ(calendar->cachingString(), someDateAsText);
   EXPECT_EQ(fetch(), Log{"fetched"}) << "unchanged: not read, so not begun";
+  calendar->deleteObject(Item::make("a"));
+  EXPECT_EQ(fetch(), Log{"fetched"}) << "nor for pending changes";
 
   writeFile(path, eventDocument("2"));
   touch(path, someDate);
@@ -134,6 +137,7 @@ TEST_F(FileCalendar, AFailedWriteIsReportedAsASaveAndLeavesTheOldFile) {
   EXPECT_FALSE(calendar->hasPendingChanges());
   EXPECT_EQ(readFile(path), "old");
   EXPECT_EQ(folder.entryCount(), 1U);
+  EXPECT_NE(calendar->cachingString(), std::nullopt) << "the date is taken all the same";
 
   const auto nowhere = KBTFileCalendar::initWithPath(folder / "missing/calendar.ics");
   nowhere->setDelegate(host);
@@ -148,6 +152,10 @@ TEST_F(FileCalendar, EqualsAnyFileCalendarOfTheSamePathText) {
   EXPECT_FALSE(
       calendar->isEqualToCalendar(*KBTFileCalendar::initWithPath(folder / "./calendar.ics")));
   EXPECT_FALSE(calendar->isEqualToCalendar(*KBTSynchingCalendar::init()));
+  struct DerivedCalendar : KBTFileCalendar {
+    using KBTFileCalendar::KBTFileCalendar;
+  };
+  EXPECT_TRUE(calendar->isEqualToCalendar(*makeObject<DerivedCalendar>(std::string(path))));
 }
 
 }  // namespace

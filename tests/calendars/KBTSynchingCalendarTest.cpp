@@ -70,18 +70,32 @@ TEST_F(SynchingCalendar, OnlyAnInsertionMakesAnObjectKnown) {
   EXPECT_EQ(calendar->deleteSet().names(), Log{"nor this"});
 }
 
+TEST_F(SynchingCalendar, AnUpdateDoesNotReplaceTheKnownObject) {
+  const auto known = Item::make("a");
+  calendar->setObjects({known});
+  calendar->updateObject(Item::make("a"));
+  calendar->cancel();
+  EXPECT_EQ(*calendar->objectsByUniqueName().find("a"), known);
+  EXPECT_TRUE(calendar->hasPendingChanges());
+}
+
 TEST_F(SynchingCalendar, ChangesDoNotCancelEachOther) {
   const auto a = Item::make("a");
-  calendar->insertObject(a);
-  calendar->updateObject(a);
   calendar->deleteObject(a);
+  calendar->updateObject(a);
+  calendar->insertObject(a);
   EXPECT_TRUE(calendar->insertSet().contains("a"));
   EXPECT_TRUE(calendar->updateSet().contains("a"));
   EXPECT_TRUE(calendar->deleteSet().contains("a"));
+  calendar->saveChanges();
+  EXPECT_TRUE(calendar->objectsByUniqueName().empty())
+      << "a deletion wins in a save, also an earlier one";
 }
 
 TEST_F(SynchingCalendar, WhileASaveIsInFlightChangesAreDropped) {
   const auto a = Item::make("a");
+  int questions = 0;
+  host->onCallback = [&](const std::string&) { ++questions; };
   calendar->setIsSaving(true);
   calendar->insertObject(a);
   calendar->updateObject(a);
@@ -89,11 +103,26 @@ TEST_F(SynchingCalendar, WhileASaveIsInFlightChangesAreDropped) {
   EXPECT_FALSE(calendar->hasPendingChanges());
   EXPECT_TRUE(calendar->objectsByUniqueName().empty());
   EXPECT_EQ(host->take(), Log{});
+  EXPECT_EQ(questions, 0) << "not even its name is asked for";
 
   calendar->setIsSaving(false);
   calendar->setIsChecking(true);
+  calendar->insertObject(a);
   calendar->updateObject(a);
-  EXPECT_TRUE(calendar->hasPendingChanges()) << "a check does not block changes";
+  calendar->deleteObject(a);
+  for (const auto* names :
+       {&calendar->insertSet(), &calendar->updateSet(), &calendar->deleteSet()}) {
+    EXPECT_TRUE(names->contains("a")) << "a check does not block changes";
+  }
+}
+
+TEST_F(SynchingCalendar, NullIsNoObject) {
+  calendar->setObjects({nullptr, Item::make("a")});
+  calendar->insertObject(nullptr);
+  calendar->updateObject(nullptr);
+  calendar->deleteObject(nullptr);
+  EXPECT_FALSE(calendar->hasPendingChanges());
+  EXPECT_EQ(calendar->objectsByUniqueName().keys(), Log{"a"});
 }
 
 TEST_F(SynchingCalendar, EachKindOfChangeIsPendingUntilReset) {

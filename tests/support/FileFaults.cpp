@@ -1,6 +1,7 @@
 #include "tests/support/FileFaults.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -19,17 +20,24 @@ struct Pending {
 Pending pending{FileCall::write, 0, 0};
 unsigned long writeLimit = 0;
 
+Replacement replacement;
+unsigned permissionsWhenWritten = 0;
+
 bool fails(FileCall call) {
   if (pending.call != call || pending.callsLeft == 0 || --pending.callsLeft != 0) return false;
   errno = pending.error;
   return true;
 }
 
+void noteReplacement(const char* from) { replacement = {from, permissionsWhenWritten}; }
+
 }  // namespace
 
 FileFault::FileFault(FileCall call, int nth, int error) { pending = {call, nth, error}; }
 
 FileFault::~FileFault() { pending.callsLeft = 0; }
+
+const Replacement& lastReplacement() { return replacement; }
 
 void limitWrites(unsigned long bytes) { writeLimit = bytes; }
 
@@ -42,6 +50,10 @@ extern "C" {
 
 ssize_t write(int file, const void* bytes, size_t count) {
   if (fails(FileCall::write)) return -1;
+  struct stat status {};
+  if (fstat(file, &status) == 0 && S_ISREG(status.st_mode)) {
+    quillmere::testing::permissionsWhenWritten = status.st_mode & 07777U;
+  }
   const unsigned long limit = quillmere::testing::writeLimit;
   return syscall(SYS_write, file, bytes, limit ? std::min(count, limit) : count);
 }
@@ -56,6 +68,8 @@ int fchmod(int file, mode_t mode) {
 
 int rename(const char* from, const char* to) noexcept {
   if (fails(FileCall::rename)) return -1;
-  return static_cast<int>(syscall(SYS_renameat, AT_FDCWD, from, AT_FDCWD, to));
+  const long result = syscall(SYS_renameat, AT_FDCWD, from, AT_FDCWD, to);
+  if (result == 0) quillmere::testing::noteReplacement(from);
+  return static_cast<int>(result);
 }
 }

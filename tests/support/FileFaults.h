@@ -1,6 +1,8 @@
 #ifndef QUILLMERE_TESTS_SUPPORT_FILEFAULTS_H
 #define QUILLMERE_TESTS_SUPPORT_FILEFAULTS_H
 
+#include <string>
+
 namespace quillmere::testing {
 
 /// Makes one call of the file functions below fail, counted from now; the others go to the kernel.
@@ -15,6 +17,13 @@ class FileFault {
   FileFault& operator=(const FileFault&) = delete;
   ~FileFault();
 };
+
+/// What the last successful rename moved, and the permissions that file had when it was first written to.
+struct Replacement {
+  std::string from;
+  unsigned permissionsWhenWritten = 0;
+};
+const Replacement& lastReplacement();
 
 /// The longest count of bytes that one write takes; the rest is left to the caller. 0: no limit.
 void limitWrites(unsigned long bytes);

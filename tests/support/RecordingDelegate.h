@@ -34,8 +34,9 @@ struct FixedData : KBTICSDataSource {
   std::string bytes;
 };
 
-/// Writes every callback down as one line of text, e.g. "new a 20240101T000000Z". Questions about
-/// an object (name, version, data) are answered from the item and not written down.
+/// Writes every callback down as one line of text, e.g. "new a 20240101T000000Z". Questions about an
+/// object (name, version, data) are answered from the item and not written down, but `onCallback` hears
+/// of them too: "name of a", "version of a", "data of a".
 class RecordingDelegate : public KBTSynchingCalendarDelegate {
  public:
   std::vector<std::string> log;
@@ -49,6 +50,7 @@ class RecordingDelegate : public KBTSynchingCalendarDelegate {
 
   std::optional<std::string> synchingCalendar_uniqueNameForObject(
       KBTSynchingCalendar&, const KBTClientObject& object) override {
+    onCallback("name of " + Item::of(object).name);
     return Item::of(object).name;
   }
   void synchingCalendar_setUniqueName_forObject(KBTSynchingCalendar&, const std::string& name,
@@ -57,10 +59,12 @@ class RecordingDelegate : public KBTSynchingCalendarDelegate {
   }
   std::optional<std::string> synchingCalendar_versionStringForObject(
       KBTSynchingCalendar&, const KBTClientObject& object) override {
+    onCallback("version of " + Item::of(object).name);
     return Item::of(object).version;
   }
   std::shared_ptr<KBTICSDataSource> synchingCalendar_icsDataForObject(
       KBTSynchingCalendar&, const KBTClientObject& object) override {
+    onCallback("data of " + Item::of(object).name);
     if (Item::of(object).ics.empty()) return nullptr;
     return std::make_shared<FixedData>(Item::of(object).ics);
   }

@@ -2,10 +2,11 @@
 #include <gtest/gtest.h>
 #include <quillmere/platform/base/NSFileManager.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <thread>
+#include <cstring>
 
 #include "tests/support/FileFaults.h"
 #include "tests/support/TemporaryFolder.h"
@@ -54,6 +55,46 @@ TEST(AtomicWrite, ReplacesTheFileInsteadOfWritingIntoIt) {
   fs::create_hard_link(folder / "a.ics", folder / "other name");
   EXPECT_EQ(writeTo(folder / "a.ics", "new"), nullptr);
   EXPECT_EQ(readFile(folder / "other name"), "old");
+}
+
+TEST(AtomicWrite, WritesBesideTheTargetAndUnseenByOthers) {
+  const TemporaryFolder folder;
+  writeFile(folder / "a.ics", "old");
+  ASSERT_EQ(::chmod((folder / "a.ics").c_str(), 0666), 0);
+  EXPECT_EQ(writeTo(folder / "a.ics", "new"), nullptr);
+  EXPECT_EQ(fs::path(testing::lastReplacement().from).parent_path() / "", folder / "");
+  EXPECT_EQ(testing::lastReplacement().permissionsWhenWritten, 0600U);
+}
+
+TEST(AtomicWrite, TakesARelativePath) {
+  const TemporaryFolder folder;
+  const fs::path before = fs::current_path();
+  fs::current_path(folder / "");
+  EXPECT_EQ(writeTo("a.ics", "bytes"), nullptr);
+  fs::current_path(before);
+  EXPECT_EQ(readFile(folder / "a.ics"), "bytes");
+}
+
+// Where the file system has access lists: without the list, its mask would pass for the group's rights.
+TEST(AtomicWrite, KeepsAnAccessList) {
+  const TemporaryFolder folder;
+  writeFile(folder / "a.ics", "old");
+  constexpr const char* attribute = "system.posix_acl_access";
+  const struct {
+    std::uint32_t version = 2;
+    struct {
+      std::uint16_t tag, permissions;
+      std::uint32_t id;
+    } entries[5] = {
+        {0x01, 6, ~0U}, {0x02, 6, 1234}, {0x04, 0, ~0U}, {0x10, 6, ~0U}, {0x20, 0, ~0U}};
+  } list;
+  const bool hasLists =
+      ::setxattr((folder / "a.ics").c_str(), attribute, &list, sizeof list, 0) == 0;
+  EXPECT_EQ(writeTo(folder / "a.ics", "new"), nullptr);
+  char kept[sizeof list + 1] = {};
+  const auto length = ::getxattr((folder / "a.ics").c_str(), attribute, kept, sizeof kept);
+  EXPECT_EQ(length == static_cast<ssize_t>(sizeof list), hasLists);
+  EXPECT_EQ(std::memcmp(kept, &list, sizeof list) == 0, hasLists);
 }
 
 TEST(AtomicWrite, FollowsLinksToTheirTarget) {
@@ -131,6 +172,9 @@ TEST(ModificationDate, IsTheFilesToTheMicrosecond) {
   ASSERT_EQ(::utimensat(AT_FDCWD, (folder / "a.ics").c_str(), times, 0), 0);
   EXPECT_EQ(NSFileManager::modificationDateOfItemAtPath(folder / "a.ics"),
             NSDate::dateWithMicrosecondsSince1970(1704447000'250001));
+  fs::create_symlink("a.ics", folder / "link");
+  EXPECT_EQ(NSFileManager::modificationDateOfItemAtPath(folder / "link"),
+            NSFileManager::modificationDateOfItemAtPath(folder / "a.ics"));
   EXPECT_EQ(NSFileManager::modificationDateOfItemAtPath(folder / "none"), std::nullopt);
 }
 

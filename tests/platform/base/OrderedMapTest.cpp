@@ -2,6 +2,7 @@
 #include <quillmere/platform/base/OrderedMap.h>
 
 #include <algorithm>
+#include <memory>
 #include <random>
 
 namespace quillmere {
@@ -36,6 +37,25 @@ TEST(OrderedMap, ACopyIsIndependent) {
   original = copy;
   copy.clear();
   EXPECT_EQ(original.keys(), (Names{"a", "b", "c"}));
+}
+
+// A value's destructor may come back to the map that held it.
+TEST(OrderedMap, IsWholeAgainBeforeAValueIsDestroyed) {
+  OrderedMap<std::shared_ptr<void>> map;
+  int destroyed = 0;
+  const auto value = [&](const char* key) {
+    return std::shared_ptr<void>(nullptr, [&map, &destroyed, key](void*) {
+      ++destroyed;
+      EXPECT_FALSE(map.contains(key));
+      map.set(std::string("left by ") + key, nullptr);
+    });
+  };
+  map.set("a", value("a"));
+  map.set("b", value("b"));
+  map.erase("a");
+  map.clear();
+  EXPECT_EQ(destroyed, 2);
+  EXPECT_EQ(map.keys(), Names{"left by b"});
 }
 
 TEST(OrderedMap, AgreesWithAListOverRandomOperations) {
