@@ -5,7 +5,9 @@
 #include <quillmere/platform/dates/NSDateComponents.h>
 #include <quillmere/platform/dates/NSTimeZone.h>
 
+#include <cstdint>
 #include <optional>
+#include <utility>
 
 namespace quillmere {
 
