@@ -23,6 +23,8 @@ else()
   set(quillmere_pc_requires "Requires")
   set(quillmere_pc_static_libs " -lcctz")
 endif()
+# The way from the .pc file's folder to the prefix, so that an installed tree may stand anywhere.
+file(RELATIVE_PATH quillmere_pc_up /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 configure_file(cmake/quillmere.pc.in ${CMAKE_CURRENT_BINARY_DIR}/quillmere.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/quillmere.pc
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

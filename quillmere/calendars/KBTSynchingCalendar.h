@@ -21,7 +21,8 @@ namespace quillmere {
 ///   2. calls `fetchExternalChanges()`, and hears what is new, changed and gone;
 ///   3. records its own changes (`insertObject`, `updateObject`, `deleteObject`), then calls
 ///      `saveChanges()`;
-///   4. keeps its objects and `cachingString()` for the next run.
+///   4. keeps its objects, `cachingString()` and `calendarName()` for the next run. They belong together:
+///      a caching string without the objects lets the next save write a calendar that lacks them.
 ///
 /// Every outcome is a callback of the delegate, sent on the thread that uses the calendar. The
 /// calendar never keeps its delegate alive: a delegate that is gone, like one that was never set,

@@ -66,9 +66,9 @@ class KBTCalObject : public KBTICSDataSource {
   /// Requires: a successful `nextLine()`. This and all up to `subparserForCurrentEntry` answer for the
   /// current line.
   ///
-  /// The line's name exactly as written, e.g. "DTSTART". Ask for it before the parameters: once
-  /// they were asked for, the key of a line that has any runs up to the ":" and includes their
-  /// text.
+  /// The line's name exactly as written, e.g. "DTSTART". Call it first on every line: once the parameters
+  /// were asked for, by `valueForModifier` or `valueAsDateIsFullDay` too, the key of a line that has any
+  /// runs up to the ":" and includes their text.
   virtual std::optional<std::string_view> key();
 
   /// The line's value, unfolded and unescaped: `\n` is a newline, `\t` a tab, `\r` a carriage
@@ -84,7 +84,7 @@ class KBTCalObject : public KBTICSDataSource {
 
   /// The value as a date (RFC 5545 sections 3.3.4 and 3.3.5), null when it is none.
   ///
-  /// With the parameter VALUE=DATE, `isFullDay` is set and the result is the start of the day in
+  /// With the parameter VALUE=DATE, written exactly so, `isFullDay` is set and the result is the start of the day in
   /// the default zone. Otherwise it is cleared and the digits are read as UTC, whether "Z" follows
   /// them or not; a TZID then moves the result by that zone's offset. The zone is found by name,
   /// else by abbreviation, else it is the default zone. Its offset is taken at the digits read as

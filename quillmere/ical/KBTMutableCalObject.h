@@ -20,6 +20,7 @@ namespace quillmere {
 ///     auto event = KBTMutableCalObject::initWithObjectType_includeCalendarDeclaration(
 ///         "VEVENT", true);
 ///     event->appendKey_stringValue("UID", uid);
+///     event->appendKey_datetimeValue("DTSTAMP", NSDate::date());
 ///     event->appendKey_datetimeValue("DTSTART", start);
 ///     event->appendKey_stringValue("SUMMARY", "Lunch; or dinner");
 ///     NSData document = event->icsData();
@@ -27,7 +28,8 @@ namespace quillmere {
 /// As the answer to a calendar that saves (`synchingCalendar_icsDataForObject`) a writer is made with
 /// `false`: the calendar puts the component into its own document.
 ///
-/// Every value is escaped, whatever its type: a backslash goes before backslash, comma and semicolon,
+/// Every value is escaped, whatever its type, so a rule or a list is written as text (see
+/// `docs/icalendar.md`): a backslash goes before backslash, comma and semicolon,
 /// and `\n`, `\r` and `\t` stand for LF, CR and TAB. And every value is folded: the first physical line
 /// holds 60 characters of the escaped value, every further one 70. Characters are UTF-16 units, and
 /// neither the key nor octets are counted, so a physical line may exceed RFC 5545's 75 octets. A fold

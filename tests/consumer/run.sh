@@ -32,7 +32,7 @@ case $mode in
     cmake --install "$build_tree" --prefix "$scratch/prefix"
     mkdir "$scratch/build"
     pc=$(find "$scratch/prefix" -name quillmere.pc)
-    flags=$(PKG_CONFIG_PATH=$(dirname "$pc") pkg-config --define-prefix --cflags --libs quillmere)
+    flags=$(PKG_CONFIG_PATH=$(dirname "$pc") pkg-config --cflags --libs quillmere)
     # shellcheck disable=SC2086
     "$CXX" -std=c++20 ${CXXFLAGS:-} "$scratch/host.cpp" $flags -o "$scratch/build/consumer"
     ;;

@@ -42,7 +42,8 @@ class NSDate {
 
   friend constexpr auto operator<=>(NSDate, NSDate) = default;
 
-  /// "2024-01-05 09:30:00 +0000": in UTC, the fraction of the second left out.
+  /// "2024-01-05 09:30:00 +0000": in UTC, the fraction of the second left out. For local
+  /// time, ask `NSCalendar::currentCalendar().componentsFromDate`.
   std::string description() const;
 
   /// Parses a DATE-TIME (RFC 5545 section 3.3.5) as UTC: eight digits, "T", six digits and an

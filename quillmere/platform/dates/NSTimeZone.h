@@ -33,7 +33,7 @@ class NSTimeZone {
   static void setDefaultTimeZone(std::optional<NSTimeZone> zone);
 
   /// The name in the zone database, also where the zone was asked for by another. The system's zone may
-  /// have a name of its own, such as "localtime".
+  /// have a name of its own, such as "/etc/localtime".
   const std::string& name() const;
 
   /// Seconds east of UTC at that instant; negative in the west.
