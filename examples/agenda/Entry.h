@@ -29,7 +29,7 @@ struct When {
   friend bool operator==(const When&, const When&) = default;
 };
 
-inline constexpr std::int64_t secondsPerDay = 24 * 60 * 60;
+inline constexpr std::int64_t secondsPerDay = std::int64_t{24} * 60 * 60;
 
 /// What an agenda shows of an event or a to-do.
 struct Entry {

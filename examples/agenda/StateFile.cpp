@@ -121,8 +121,8 @@ class Reader {
   std::uint64_t number() {
     std::uint64_t value = 0;
     const string_view bytes = take(numberLength);
-    for (auto byte = bytes.rbegin(); byte != bytes.rend(); ++byte) {
-      value = value << bitsPerByte | static_cast<unsigned char>(*byte);
+    for (std::size_t i = bytes.size(); i-- > 0;) {
+      value = value << bitsPerByte | static_cast<unsigned char>(bytes[i]);
     }
     return value;
   }

@@ -104,11 +104,10 @@ void KBTSynchingCalendar::resetChanges() {
   deleteSet_.clear();
 }
 
-void KBTSynchingCalendar::insertObject(const KBTClientObject& object) {
+void KBTSynchingCalendar::insertObject(KBTClientObject object) {
   const auto self = keptAlive();
-  const KBTClientObject kept = object;  // the caller's may change while the delegate is asked
-  const auto name = recordChange(kept, insertSet_);
-  if (name) objectsByUniqueName_.set(*name, kept);
+  const auto name = recordChange(object, insertSet_);
+  if (name) objectsByUniqueName_.set(*name, std::move(object));
 }
 
 void KBTSynchingCalendar::updateObject(const KBTClientObject& object) {

@@ -78,7 +78,7 @@ class KBTSynchingCalendar : public std::enable_shared_from_this<KBTSynchingCalen
   /// recorded while it asked for the objects' data; record changes before `saveChanges()`.
   ///
   /// Also makes the object known, in place of any other of its name.
-  void insertObject(const KBTClientObject& object);
+  void insertObject(KBTClientObject object);
   /// The object is expected to be the one that is known.
   void updateObject(const KBTClientObject& object);
   /// The object stays known until it is saved.

@@ -126,11 +126,12 @@ TEST_F(SynchingCalendar, NullIsNoObject) {
 }
 
 TEST_F(SynchingCalendar, EachKindOfChangeIsPendingUntilReset) {
-  using Change = void (KBTSynchingCalendar::*)(const KBTClientObject&);
-  for (const Change change :
-       {&KBTSynchingCalendar::insertObject, &KBTSynchingCalendar::updateObject,
-        &KBTSynchingCalendar::deleteObject}) {
-    (calendar.get()->*change)(Item::make("a"));
+  const auto a = Item::make("a");
+  const std::function<void()> changes[] = {[&] { calendar->insertObject(a); },
+                                           [&] { calendar->updateObject(a); },
+                                           [&] { calendar->deleteObject(a); }};
+  for (const auto& change : changes) {
+    change();
     EXPECT_TRUE(calendar->hasPendingChanges());
     calendar->resetChanges();
     EXPECT_FALSE(calendar->hasPendingChanges());
