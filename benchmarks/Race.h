@@ -10,8 +10,8 @@
 
 namespace benchmarks {
 
-/// Measures the processor time of contenders in turns, so that a disturbance of the machine hits all alike, and keeps
-/// the best round of each.
+/// Measures the processor time of contenders in turns, so that a disturbance of the machine hits
+/// all alike, and keeps the best round of each.
 class Race {
  public:
   /// One pass over the work. What it returns is destroyed after the clock was stopped.

@@ -33,8 +33,8 @@ class MemoryCalendar : public KBTDataCalendar {
 // A name that a component of its own can carry: a UID line must read back as it.
 bool isPlain(const std::string& text) { return text.find_first_of("\\\r\n") == std::string::npos; }
 
-// What the first fetch reports, told plainly: lines in their order, and nothing cleared between items. A name
-// that is made up is as many question marks.
+// What the first fetch reports, told plainly: lines in their order, and nothing cleared between
+// items. A name that is made up is as many question marks.
 const std::string madeUp(36, '?');
 
 Log expectedReports(const NSData& document) {

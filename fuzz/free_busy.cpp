@@ -13,8 +13,8 @@ namespace {
 
 using fuzzing::require;
 
-// The two rules differ only on pieces without exactly one slash. Bytes that a line would not give back
-// as they are prove nothing.
+// The two rules differ only on pieces without exactly one slash. Bytes that a line would not give
+// back as they are prove nothing.
 void checkRulesAgree(std::string_view value) {
   if (value.find_first_of("\\\r\n") != std::string_view::npos || !isValidUTF8(value)) return;
   const auto ranges = KBTCalFreeBusyRange::freeBusyRangesFromValueString(value);

@@ -31,9 +31,10 @@ struct KBTDataCalendar::Fetch {
   OrderedSet remaining;  // known before the fetch and not found yet
   OrderedViewSet seen;   // found, so that a second item of the name is skipped
 
-  // What the lines so far have told. Nothing of this is cleared between items, so an item that lacks
-  // one takes it over from the item before: a version (which sticks once it was made up), or a UID
-  // (which makes it a duplicate). Hosts keep names and versions between runs, so this must not change.
+  // What the lines so far have told. Nothing of this is cleared between items, so an item that
+  // lacks one takes it over from the item before: a version (which sticks once it was made up), or
+  // a UID (which makes it a duplicate). Hosts keep names and versions between runs, so this must
+  // not change.
   std::optional<string_view> uid;  // good until the fetch ends, like every name in `seen`
   std::optional<std::string> version;
   std::optional<std::string> sequence;
@@ -95,8 +96,8 @@ void KBTDataCalendar::finishItem(Fetch& fetch) {
   if (!fetch.seen.insert(*fetch.uid)) return;
   std::string name(*fetch.uid);
 
-  // An item that ends without any having begun: the delegate gets a reader all the same, one without
-  // lines; but lines outside items go on counting nothing.
+  // An item that ends without any having begun: the delegate gets a reader all the same, one
+  // without lines; but lines outside items go on counting nothing.
   const auto reader = fetch.item ? fetch.item : KBTCalObject::initWithData(std::nullopt);
   if (const KBTClientObject* known = objectsByUniqueName().find(name)) {
     const KBTClientObject object = *known;

@@ -14,13 +14,14 @@ namespace quillmere {
 /// operation returns.
 ///
 /// The caching string is the file's modification date as ISO 8601 text in UTC with six fraction
-/// digits ("2024-01-05T09:30:00.250000Z"). As long as the file is not younger, a fetch does not read it
-/// and sends the completed callback alone; nor is a file younger that is missing. The calendar's own
-/// save does not count as a change.
+/// digits ("2024-01-05T09:30:00.250000Z"). As long as the file is not younger, a fetch does not
+/// read it and sends the completed callback alone; nor is a file younger that is missing. The
+/// calendar's own save does not count as a change.
 ///
 /// When a missing or unreadable file is read, it reads as empty: every known object is reported as
-/// deleted. The file is replaced atomically (`NSFileManager::writeData_toFileAtomically`), but a write
-/// that fails is reported as a completed save, by contract: a host that must know reads the file again.
+/// deleted. The file is replaced atomically (`NSFileManager::writeData_toFileAtomically`), but a
+/// write that fails is reported as a completed save, by contract: a host that must know reads the
+/// file again.
 class KBTFileCalendar : public KBTDataCalendar {
  public:
   /// `path` need not exist yet.
@@ -38,8 +39,8 @@ class KBTFileCalendar : public KBTDataCalendar {
   /// Null or text of another form: as if the file had never been read.
   void setCachingString(const std::optional<std::string>& cachingString) override;
 
-  /// Answers true when there is no caching string; otherwise whether the file is younger than it says,
-  /// which a missing file is not.
+  /// Answers true when there is no caching string; otherwise whether the file is younger than it
+  /// says, which a missing file is not.
   void checkForExternalChanges() override;
   void fetchExternalChanges() override;
 

@@ -13,16 +13,17 @@ namespace quillmere {
 
 /// A calendar that keeps a host's objects in step with a store: the base of every kind of calendar.
 ///
-/// It knows objects by their unique names, which the delegate gives, and remembers which of them are
-/// to be inserted, updated or deleted. A host
+/// It knows objects by their unique names, which the delegate gives, and remembers which of them
+/// are to be inserted, updated or deleted. A host
 ///
 ///   1. makes a calendar, sets itself as delegate, and seeds it with the objects (`setObjects`) and
 ///      the caching string (`setCachingString`) that it kept from the last run;
 ///   2. calls `fetchExternalChanges()`, and hears what is new, changed and gone;
 ///   3. records its own changes (`insertObject`, `updateObject`, `deleteObject`), then calls
 ///      `saveChanges()`;
-///   4. keeps its objects, `cachingString()` and `calendarName()` for the next run. They belong together:
-///      a caching string without the objects lets the next save write a calendar that lacks them.
+///   4. keeps its objects, `cachingString()` and `calendarName()` for the next run. They belong
+///      together: a caching string without the objects lets the next save write a calendar that
+///      lacks them.
 ///
 /// Every outcome is a callback of the delegate, sent on the thread that uses the calendar. The
 /// calendar never keeps its delegate alive: a delegate that is gone, like one that was never set,
@@ -73,9 +74,9 @@ class KBTSynchingCalendar : public std::enable_shared_from_this<KBTSynchingCalen
   void resetChanges();
 
   /// These three record a change of the host's for the next save. While a save is in flight the
-  /// change is dropped silently. Each change stands for itself: an object may be pending for several.
-  /// Null is no object and is not recorded. A calendar that saves whole documents forgets what was
-  /// recorded while it asked for the objects' data; record changes before `saveChanges()`.
+  /// change is dropped silently. Each change stands for itself: an object may be pending for
+  /// several. Null is no object and is not recorded. A calendar that saves whole documents forgets
+  /// what was recorded while it asked for the objects' data; record changes before `saveChanges()`.
   ///
   /// Also makes the object known, in place of any other of its name.
   void insertObject(KBTClientObject object);

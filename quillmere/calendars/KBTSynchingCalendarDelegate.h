@@ -65,11 +65,11 @@ class KBTSynchingCalendarDelegate {
 
   virtual void synchingCalendarBeganFetchExternalChanges(KBTSynchingCalendar& calendar) = 0;
 
-  /// The store holds an item that the calendar does not know. The result is kept under the name; null
-  /// declines the item. `data` is a reader of the item's component, before its "BEGIN" line, whose value
-  /// tells "VEVENT" from "VTODO". It ends at the first "END", so of a component that holds another (an
-  /// alarm) it has only a part. Where a document has an "END" without a "BEGIN" it has no lines, or is the
-  /// reader handed over before.
+  /// The store holds an item that the calendar does not know. The result is kept under the name;
+  /// null declines the item. `data` is a reader of the item's component, before its "BEGIN" line,
+  /// whose value tells "VEVENT" from "VTODO". It ends at the first "END", so of a component that
+  /// holds another (an alarm) it has only a part. Where a document has an "END" without a "BEGIN"
+  /// it has no lines, or is the reader handed over before.
   virtual KBTClientObject synchingCalendar_newObjectNamed_versionString_data(
       KBTSynchingCalendar& calendar, const std::string& uniqueName,
       const std::string& versionString, const std::shared_ptr<KBTCalObject>& data) = 0;
@@ -104,8 +104,8 @@ class KBTSynchingCalendarDelegate {
   virtual void synchingCalendar_didDelete(KBTSynchingCalendar& calendar,
                                           const KBTClientObject& object) = 0;
 
-  /// Writing an object, or the whole document, failed; the pending changes are kept. File calendars never
-  /// send it.
+  /// Writing an object, or the whole document, failed; the pending changes are kept. File calendars
+  /// never send it.
   virtual void synchingCalendar_failedSavingObject_withError(KBTSynchingCalendar& calendar,
                                                              const KBTFailedObject& object,
                                                              const NSErrorPtr& error) = 0;

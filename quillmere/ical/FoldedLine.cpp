@@ -44,8 +44,8 @@ constexpr const char* escapeOf(char byte) {
 
 constexpr char firstPrintable = ' ';
 
-// Marks every byte that may need more than being copied as one unit: those that are escaped, all control
-// characters (three of which are), and all that is not ASCII.
+// Marks every byte that may need more than being copied as one unit: those that are escaped, all
+// control characters (three of which are), and all that is not ASCII.
 template <class BlockType>
 auto specials(BlockType block) {
   return block.equal('\\') | block.equal(',') | block.equal(';') |
@@ -64,7 +64,8 @@ struct WrittenCharacter {
 // A byte that is not UTF-8 is one unit.
 WrittenCharacter characterAt(const char* from, const char* end) {
   if (const char* const escape = escapeOf(*from)) return {escape, 1, escape + 1, 1, 1};
-  // A lead byte has as many one bits in front as its sequence has bytes; an ASCII character has none.
+  // A lead byte has as many one bits in front as its sequence has bytes; an ASCII character has
+  // none.
   const int length = std::countl_one(static_cast<unsigned char>(*from));
   const bool isLead = length >= 2 && length <= 4 && length <= end - from;
   if (!isLead || !utf8::is_valid(from, from + length)) return {from, 1, from, 0, 1};
@@ -84,8 +85,8 @@ scan::Block blockAt(const char* from, const char* end) {
 
 }  // namespace
 
-// The state is in local variables, which the compiler keeps in registers; as members of an object it
-// would have to write them out at every byte stored.
+// The state is in local variables, which the compiler keeps in registers; as members of an object
+// it would have to write them out at every byte stored.
 void appendFoldedLine(std::string& text, string_view key, string_view value) {
   constexpr std::size_t bufferSize = 1024;
   constexpr std::size_t longestStep = 2 * fold.size() + scan::Block::width + 4 + lineEnd.size();

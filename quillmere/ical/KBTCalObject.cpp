@@ -3,20 +3,20 @@
 //
 //   - A line without ":" or ";" runs on into the next line; a line ending ends neither keys nor
 //     parameters, and neither is unfolded (scanKeyAndParameters).
-//   - Quotation marks mean nothing: ":" ends parameters and ";" splits them inside quotes as well. A
-//     backslash hides a ":" (scanKeyAndParameters, parseModifiers).
-//   - A parameter's name runs to its "=", even across ";". Of a repeated name the last one counts, and
-//     empty parameter text stores nothing (parseModifiers).
+//   - Quotation marks mean nothing: ":" ends parameters and ";" splits them inside quotes as well.
+//     A backslash hides a ":" (scanKeyAndParameters, parseModifiers).
+//   - A parameter's name runs to its "=", even across ";". Of a repeated name the last one counts,
+//     and empty parameter text stores nothing (parseModifiers).
 //   - CR, LF and CR LF end lines, but only CR LF SPACE is unfolded; a tab continues nothing
 //     (scanValue, unfoldedValue).
 //   - `\t` and `\r` are escapes too, "\N" is "N", and a backslash at the end stays (unescape).
 //   - A key asked for after the parameters includes their text (key).
-//   - A time without "Z" is UTC. A TZID moves "Z" values too, by the offset at the digits read as UTC;
-//     an unknown one means the default zone (valueAsDateIsFullDay).
-//   - Weeks in durations set nothing, a sign makes the text no duration, and numbers wrap at 32 bits
-//     (KBTCalObject+Conversions.cpp).
-//   - An entry ends at the first "END", whatever it closes, and its end is a state and not a position
-//     (KBTCalObjectEntry.cpp).
+//   - A time without "Z" is UTC. A TZID moves "Z" values too, by the offset at the digits read as
+//     UTC; an unknown one means the default zone (valueAsDateIsFullDay).
+//   - Weeks in durations set nothing, a sign makes the text no duration, and numbers wrap at 32
+//     bits (KBTCalObject+Conversions.cpp).
+//   - An entry ends at the first "END", whatever it closes, and its end is a state and not a
+//     position (KBTCalObjectEntry.cpp).
 
 #include <quillmere/ical/KBTCalObject.h>
 #include <quillmere/ical/KBTCalObjectEntry.h>

@@ -26,20 +26,21 @@ using KBTCalModifiers = std::map<std::string_view, std::string_view>;
 ///       if (reader->key() == "SUMMARY") use(reader->value());
 ///     }
 ///
-/// It is deliberately simple: no tree, no checking, no errors. Malformed text gives odd keys and values,
-/// and these rules are fixed, since hosts keep what they read from run to run:
+/// It is deliberately simple: no tree, no checking, no errors. Malformed text gives odd keys and
+/// values, and these rules are fixed, since hosts keep what they read from run to run:
 ///
-///   - A line without ":" and ";" has no end: it is part of the next line's key. The last one is a key
-///     with an empty value.
+///   - A line without ":" and ";" has no end: it is part of the next line's key. The last one is a
+///     key with an empty value.
 ///   - CR, LF and CR LF end lines. A space after that continues the value, but only CR LF SPACE is
 ///     removed from it; a tab continues nothing, and keys and parameters have no continuation.
-///   - Quotation marks mean nothing: ":" ends the parameters and ";" divides them inside quotes as well.
-///     A backslash hides the ":" after it from ending them. A name runs to its "=", even across ";".
+///   - Quotation marks mean nothing: ":" ends the parameters and ";" divides them inside quotes as
+///     well. A backslash hides the ":" after it from ending them. A name runs to its "=", even
+///     across ";".
 ///   - A backslash at the very end of a value stays.
 ///
 /// Lifetime: keys, values and parameters are views. Keys and parameters point into the document, a
-/// value into the document or into the reader; all are good until the next `nextLine()` and no longer
-/// than the reader. Copy what is to be kept.
+/// value into the document or into the reader; all are good until the next `nextLine()` and no
+/// longer than the reader. Copy what is to be kept.
 ///
 /// Text is UTF-8; a key or value that is not well-formed UTF-8 is null, a parameter that is not is
 /// left out.
@@ -59,16 +60,16 @@ class KBTCalObject : public KBTICSDataSource {
   /// True when no line follows.
   virtual bool isAtEnd() const;
 
-  /// Moves to the next content line (RFC 5545 section 3.1, but for the rules above). False when there
-  /// is none; then nothing changes.
+  /// Moves to the next content line (RFC 5545 section 3.1, but for the rules above). False when
+  /// there is none; then nothing changes.
   virtual bool nextLine();
 
-  /// Requires: a successful `nextLine()`. This and all up to `subparserForCurrentEntry` answer for the
-  /// current line.
+  /// Requires: a successful `nextLine()`. This and all up to `subparserForCurrentEntry` answer for
+  /// the current line.
   ///
-  /// The line's name exactly as written, e.g. "DTSTART". Call it first on every line: once the parameters
-  /// were asked for, by `valueForModifier` or `valueAsDateIsFullDay` too, the key of a line that has any
-  /// runs up to the ":" and includes their text.
+  /// The line's name exactly as written, e.g. "DTSTART". Call it first on every line: once the
+  /// parameters were asked for, by `valueForModifier` or `valueAsDateIsFullDay` too, the key of a
+  /// line that has any runs up to the ":" and includes their text.
   virtual std::optional<std::string_view> key();
 
   /// The line's value, unfolded and unescaped: `\n` is a newline, `\t` a tab, `\r` a carriage
@@ -84,14 +85,14 @@ class KBTCalObject : public KBTICSDataSource {
 
   /// The value as a date (RFC 5545 sections 3.3.4 and 3.3.5), null when it is none.
   ///
-  /// With the parameter VALUE=DATE, written exactly so, `isFullDay` is set and the result is the start of the day in
-  /// the default zone. Otherwise it is cleared and the digits are read as UTC, whether "Z" follows
-  /// them or not; a TZID then moves the result by that zone's offset. The zone is found by name,
-  /// else by abbreviation, else it is the default zone. Its offset is taken at the digits read as
-  /// UTC, not at the true instant, so close to a change to or from daylight saving the result is
-  /// off by the change: TZID=America/New_York:20240310T063000 is taken with the offset at 06:30
-  /// UTC, still winter time's five hours, and gives 11:30 UTC, although New York had gone to summer
-  /// time and it was 10:30 UTC.
+  /// With the parameter VALUE=DATE, written exactly so, `isFullDay` is set and the result is the
+  /// start of the day in the default zone. Otherwise it is cleared and the digits are read as UTC,
+  /// whether "Z" follows them or not; a TZID then moves the result by that zone's offset. The zone
+  /// is found by name, else by abbreviation, else it is the default zone. Its offset is taken at
+  /// the digits read as UTC, not at the true instant, so close to a change to or from daylight
+  /// saving the result is off by the change: TZID=America/New_York:20240310T063000 is taken with
+  /// the offset at 06:30 UTC, still winter time's five hours, and gives 11:30 UTC, although New
+  /// York had gone to summer time and it was 10:30 UTC.
   virtual std::optional<NSDate> valueAsDateIsFullDay(bool& isFullDay);
 
   /// A reader of the component whose "BEGIN" line is the current line. It shares the bytes and may
@@ -101,7 +102,8 @@ class KBTCalObject : public KBTICSDataSource {
   /// The whole document, as it was given; no bytes when that was null.
   NSData icsData() override;
 
-  /// The bytes that this reader reads and that its keys point into; also of an entry the whole document.
+  /// The bytes that this reader reads and that its keys point into; also of an entry the whole
+  /// document.
   const NSData& data() const { return data_; }
 
   /// `NSDate::initWithICSDateString`: "20240105T093000Z", null for null and for other text.

@@ -21,18 +21,20 @@ inline constexpr const char* KBTFreeBusyMalformedPeriodKey = "MalformedPeriod";
 /// One period of a free/busy answer. Immutable.
 class KBTFreeBusy {
  public:
-  /// Reads every FREEBUSY line (RFC 5545 section 3.8.2.6) of a document, whichever component it stands
-  /// in: its periods in document order, possibly none. FREE and BUSY-UNAVAILABLE periods are periods
-  /// like the others; a line whose value is not UTF-8 has none. A date that does not parse is null in
-  /// its period, and so is an end that a duration puts outside the calendar's years.
+  /// Reads every FREEBUSY line (RFC 5545 section 3.8.2.6) of a document, whichever component it
+  /// stands in: its periods in document order, possibly none. FREE and BUSY-UNAVAILABLE periods are
+  /// periods like the others; a line whose value is not UTF-8 has none. A date that does not parse
+  /// is null in its period, and so is an end that a duration puts outside the calendar's years.
   ///
-  /// A period without "/" makes the answer malformed: the result is null, and `*error`, unless `error`
-  /// is null, is set to an error of `KBTDavConnectionErrorDomain`, code 3, with the period's text in its
-  /// user info under `KBTFreeBusyMalformedPeriodKey`. Otherwise `*error` is left as it is.
+  /// A period without "/" makes the answer malformed: the result is null, and `*error`, unless
+  /// `error` is null, is set to an error of `KBTDavConnectionErrorDomain`, code 3, with the
+  /// period's text in its user info under `KBTFreeBusyMalformedPeriodKey`. Otherwise `*error` is
+  /// left as it is.
   ///
   /// `Period` is the class of the objects made: this one, or one derived from it that can be
-  /// constructed from the same three values. It must be named (`freeBusyInfoFromICSData<Shift>(data)`),
-  /// also when the function is called through the derived class.
+  /// constructed from the same three values. It must be named
+  /// (`freeBusyInfoFromICSData<Shift>(data)`), also when the function is called through the derived
+  /// class.
   template <class Period = KBTFreeBusy>
   static std::optional<std::vector<std::shared_ptr<Period>>> freeBusyInfoFromICSData(
       const NSData& data, NSErrorPtr* error = nullptr) {

@@ -125,8 +125,8 @@ void KBTMutableCalObject::appendComponentToString(std::string& text) const {
   if (objectType_) text.append("END:").append(*objectType_).append("\r\n");
 }
 
-// Values stand wherever they were allocated, and a big calendar's are in no cache: asking for them ahead
-// of time takes the waiting out of the loop.
+// Values stand wherever they were allocated, and a big calendar's are in no cache: asking for them
+// ahead of time takes the waiting out of the loop.
 void KBTMutableCalObject::prefetchValue(std::size_t number) const {
   if (number >= lines_.size()) return;
   const auto* string = std::get_if<std::string>(&lines_[number].value());

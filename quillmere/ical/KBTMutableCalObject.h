@@ -25,21 +25,21 @@ namespace quillmere {
 ///     event->appendKey_stringValue("SUMMARY", "Lunch; or dinner");
 ///     NSData document = event->icsData();
 ///
-/// As the answer to a calendar that saves (`synchingCalendar_icsDataForObject`) a writer is made with
-/// `false`: the calendar puts the component into its own document.
+/// As the answer to a calendar that saves (`synchingCalendar_icsDataForObject`) a writer is made
+/// with `false`: the calendar puts the component into its own document.
 ///
 /// Every value is escaped, whatever its type, so a rule or a list is written as text (see
-/// `docs/icalendar.md`): a backslash goes before backslash, comma and semicolon,
-/// and `\n`, `\r` and `\t` stand for LF, CR and TAB. And every value is folded: the first physical line
-/// holds 60 characters of the escaped value, every further one 70. Characters are UTF-16 units, and
-/// neither the key nor octets are counted, so a physical line may exceed RFC 5545's 75 octets. A fold
-/// may stand inside an escape or a character; `KBTCalObject`, which unfolds bytes, gives every UTF-8
+/// `docs/icalendar.md`): a backslash goes before backslash, comma and semicolon, and `\n`, `\r` and
+/// `\t` stand for LF, CR and TAB. And every value is folded: the first physical line holds 60
+/// characters of the escaped value, every further one 70. Characters are UTF-16 units, and neither
+/// the key nor octets are counted, so a physical line may exceed RFC 5545's 75 octets. A fold may
+/// stand inside an escape or a character; `KBTCalObject`, which unfolds bytes, gives every UTF-8
 /// value back exactly. Bytes that are not UTF-8 are written as they are, each counting as one
 /// character (and read back as null).
 ///
-/// Keys are trusted and written as they are, so a key may carry parameters ("DTSTART;TZID=Asia/Tokyo").
-/// A nested component is written by lines whose keys are "BEGIN" and "END". Lines are never changed or
-/// removed.
+/// Keys are trusted and written as they are, so a key may carry parameters
+/// ("DTSTART;TZID=Asia/Tokyo"). A nested component is written by lines whose keys are "BEGIN" and
+/// "END". Lines are never changed or removed.
 class KBTMutableCalObject : public KBTICSDataSource {
  public:
   /// `objectType` is the component's name, such as "VEVENT"; null writes the lines without "BEGIN"

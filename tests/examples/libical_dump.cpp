@@ -1,5 +1,6 @@
 // Prints UID, SUMMARY, DTSTART and DTEND (of to-dos: DUE) of every event and to-do in a file as
-// libical reads them, one per line with tabs between. Fails when libical finds an error in the file.
+// libical reads them, one per line with tabs between. Fails when libical finds an error in the
+// file.
 
 #include <libical/ical.h>
 

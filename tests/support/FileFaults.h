@@ -18,7 +18,8 @@ class FileFault {
   ~FileFault();
 };
 
-/// What the last successful rename moved, and the permissions that file had when it was first written to.
+/// What the last successful rename moved, and the permissions that file had when it was first
+/// written to.
 struct Replacement {
   std::string from;
   unsigned permissionsWhenWritten = 0;

@@ -34,9 +34,9 @@ struct FixedData : KBTICSDataSource {
   std::string bytes;
 };
 
-/// Writes every callback down as one line of text, e.g. "new a 20240101T000000Z". Questions about an
-/// object (name, version, data) are answered from the item and not written down, but `onCallback` hears
-/// of them too: "name of a", "version of a", "data of a".
+/// Writes every callback down as one line of text, e.g. "new a 20240101T000000Z". Questions about
+/// an object (name, version, data) are answered from the item and not written down, but
+/// `onCallback` hears of them too: "name of a", "version of a", "data of a".
 class RecordingDelegate : public KBTSynchingCalendarDelegate {
  public:
   std::vector<std::string> log;

@@ -5,9 +5,9 @@
 
 namespace quillmere {
 
-/// Asks the system to back a fresh buffer with large pages, where it is long enough to hold some: filling
-/// hundreds of megabytes otherwise takes a page fault every four kilobytes, and most of its time. Does
-/// nothing to the bytes. Internal.
+/// Asks the system to back a fresh buffer with large pages, where it is long enough to hold some:
+/// filling hundreds of megabytes otherwise takes a page fault every four kilobytes, and most of its
+/// time. Does nothing to the bytes. Internal.
 void preferLargePages(char* buffer, std::size_t length);
 
 }  // namespace quillmere

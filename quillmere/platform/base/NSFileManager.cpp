@@ -86,7 +86,8 @@ bool writeFully(int file, std::string_view bytes) {
   return true;
 }
 
-// With an access list, the group's permission bits are the list's mask: they mean nothing without it.
+// With an access list, the group's permission bits are the list's mask: they mean nothing without
+// it.
 bool copyAccessList(int file, const fs::path& target) {
   constexpr const char* attribute = "system.posix_acl_access";
   const ssize_t length = ::getxattr(target.c_str(), attribute, nullptr, 0);
@@ -96,8 +97,8 @@ bool copyAccessList(int file, const fs::path& target) {
          ::fsetxattr(file, attribute, list.data(), list.size(), 0) == 0;
 }
 
-// Gives the new file the owner and permissions of the file at `target`, which it replaces. The owner
-// and group are kept where the process may give files away; the permissions must be.
+// Gives the new file the owner and permissions of the file at `target`, which it replaces. The
+// owner and group are kept where the process may give files away; the permissions must be.
 bool takeOverAttributes(int file, const fs::path& target, const struct stat& old) {
   constexpr auto sameOwner = static_cast<uid_t>(-1);
   const bool ownerKept = ::fchown(file, old.st_uid, old.st_gid) == 0;

@@ -14,17 +14,17 @@
 
 namespace quillmere {
 
-/// A hash with a secret seed of the process. Keys come from documents that strangers write, who could
-/// choose them to collide under a known hash.
+/// A hash with a secret seed of the process. Keys come from documents that strangers write, who
+/// could choose them to collide under a known hash.
 std::size_t seededHash(std::string_view text);
 
 /// A dictionary with text keys that remembers the order in which keys were first inserted; insert,
 /// look-up and erase take amortised constant time. With `std::string_view` as `Key` the texts must
 /// outlive the dictionary.
 ///
-/// It has no iterators: whoever walks it calls delegates on the way, and those may change it. So a walk
-/// goes over `keys()`, a copy, and looks every key up again. For the same reason a value leaves the
-/// dictionary before it is destroyed: its destructor may come back here.
+/// It has no iterators: whoever walks it calls delegates on the way, and those may change it. So a
+/// walk goes over `keys()`, a copy, and looks every key up again. For the same reason a value
+/// leaves the dictionary before it is destroyed: its destructor may come back here.
 template <class Value, class Key = std::string>
 class OrderedMap {
  public:
@@ -38,8 +38,8 @@ class OrderedMap {
     return number == 0 ? nullptr : &entries_[number - 1].value;
   }
 
-  /// Stores `value` under `key`, and tells whether the key is new. One that is already there keeps its
-  /// place.
+  /// Stores `value` under `key`, and tells whether the key is new. One that is already there keeps
+  /// its place.
   bool set(Key key, Value value) {
     const std::uint32_t hash = hashOf(key);
     if (const std::size_t number = numberOf(key, hash)) {

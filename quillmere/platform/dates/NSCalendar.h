@@ -38,14 +38,14 @@ class NSCalendar {
   std::optional<NSDate> dateFromComponents(const NSDateComponents& components) const;
 
   /// `date` and so much time; undefined components add nothing. The largest come first: years, then
-  /// months (after each, a day past the month's end becomes its last, so 29 February 2024 and one year
-  /// and one month is 28 March 2025), then days, all in wall time; then hours, minutes and seconds as
-  /// elapsed time. Null when the result lies outside the calendar's years.
+  /// months (after each, a day past the month's end becomes its last, so 29 February 2024 and one
+  /// year and one month is 28 March 2025), then days, all in wall time; then hours, minutes and
+  /// seconds as elapsed time. Null when the result lies outside the calendar's years.
   std::optional<NSDate> dateByAddingComponents_toDate(const NSDateComponents& components,
                                                       NSDate date) const;
 
-  /// The first instant of the day that `date` lies in: midnight, or the end of the gap that a change
-  /// to daylight saving puts in its place.
+  /// The first instant of the day that `date` lies in: midnight, or the end of the gap that a
+  /// change to daylight saving puts in its place.
   NSDate startOfDayForDate(NSDate date) const;
 
  private:

@@ -83,8 +83,9 @@ std::string formatted(const char* format, const cctz::civil_second& civil) {
   return {text, static_cast<std::size_t>(length)};
 }
 
-// "20240105T093000Z". The form has four digits for the year: a date that lies outside is written as the
-// nearest one inside, which zone offsets need at the ends ("for ever" is often 31 December 9999).
+// "20240105T093000Z". The form has four digits for the year: a date that lies outside is written as
+// the nearest one inside, which zone offsets need at the ends ("for ever" is often 31 December
+// 9999).
 std::string icsText(cctz::civil_second civil) {
   civil = std::clamp(civil, cctz::civil_second(1, 1, 1, 0, 0, 0),
                      cctz::civil_second(9999, 12, 31, 23, 59, 59));

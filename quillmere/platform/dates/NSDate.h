@@ -54,8 +54,8 @@ class NSDate {
   /// Parses a DATE (RFC 5545 section 3.3.4), e.g. "20240105": the start of that day in the default
   /// zone. Null for null, for any other text, and for a day that does not exist.
   static std::optional<NSDate> initWithICSDateOnlyString(std::optional<std::string_view> text);
-  /// The UTC DATE-TIME form, "20240105T093000Z". It has four digits for the year, so a date outside the
-  /// years 1 to 9999 is written as the nearest one inside.
+  /// The UTC DATE-TIME form, "20240105T093000Z". It has four digits for the year, so a date outside
+  /// the years 1 to 9999 is written as the nearest one inside.
   std::string icsDateString() const;
   /// The DATE form, "20240105", of the date's day in the default zone.
   std::string icsDateOnlyString() const;
@@ -64,8 +64,8 @@ class NSDate {
   /// "2024-01-05T10:30:00+01:00". Any number of fraction digits is taken, those after the sixth
   /// count nothing. Null for null and for any other text.
   static std::optional<NSDate> initWithXMLDateString(std::optional<std::string_view> text);
-  /// The ISO 8601 UTC form with all six fraction digits, "2024-01-05T09:30:00.250000Z". In the years 1
-  /// to 9999 parsing it gives the same date.
+  /// The ISO 8601 UTC form with all six fraction digits, "2024-01-05T09:30:00.250000Z". In the
+  /// years 1 to 9999 parsing it gives the same date.
   std::string xmlDateString() const;
 
  private:

@@ -16,8 +16,8 @@ class NSTimeZone {
  public:
   /// The zone of that name: of a file in the system's zone database, so an IANA name such as
   /// "Europe/Paris", or else a Windows name ("W. Europe Standard Time"), which Outlook and Exchange
-  /// write, by CLDR's mapping. Null for any other text. The first use of a zone on a thread reads its
-  /// file.
+  /// write, by CLDR's mapping. Null for any other text. The first use of a zone on a thread reads
+  /// its file.
   static std::optional<NSTimeZone> timeZoneWithName(std::string_view name);
 
   /// The zone that a published table gives for an abbreviation such as "PST" or "CEST". Null for
@@ -32,8 +32,8 @@ class NSTimeZone {
   /// library on a second thread.
   static void setDefaultTimeZone(std::optional<NSTimeZone> zone);
 
-  /// The name in the zone database, also where the zone was asked for by another. The system's zone may
-  /// have a name of its own, such as "/etc/localtime".
+  /// The name in the zone database, also where the zone was asked for by another. The system's zone
+  /// may have a name of its own, such as "/etc/localtime".
   const std::string& name() const;
 
   /// Seconds east of UTC at that instant; negative in the west.

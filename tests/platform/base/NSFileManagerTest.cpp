@@ -75,7 +75,8 @@ TEST(AtomicWrite, TakesARelativePath) {
   EXPECT_EQ(readFile(folder / "a.ics"), "bytes");
 }
 
-// Where the file system has access lists: without the list, its mask would pass for the group's rights.
+// Where the file system has access lists: without the list, its mask would pass for the group's
+// rights.
 TEST(AtomicWrite, KeepsAnAccessList) {
   const TemporaryFolder folder;
   writeFile(folder / "a.ics", "old");
