@@ -135,6 +135,7 @@ std::optional<std::string> KBTSynchingCalendar::recordChange(const KBTClientObje
 }
 
 void KBTSynchingCalendar::saveChanges() {
+  const auto self = keptAlive();
   for (const std::string& name : deleteSet_.names()) objectsByUniqueName_.erase(name);
   resetChanges();
   delegate()->synchingCalendarCompletedSave(*this);

@@ -86,15 +86,20 @@ bool writeFully(int file, std::string_view bytes) {
   return true;
 }
 
-// With an access list, the group's permission bits are the list's mask: they mean nothing without
-// it.
+// Gives the new file the access list of the file it replaces, or none where that has none: a new
+// file may have one from its directory. Where there is a list, the group's permission bits are its
+// mask.
 bool copyAccessList(int file, const fs::path& target) {
   constexpr const char* attribute = "system.posix_acl_access";
+  const auto isNone = [] { return errno == ENODATA || errno == ENOTSUP; };
   const ssize_t length = ::getxattr(target.c_str(), attribute, nullptr, 0);
-  if (length <= 0) return true;  // there is none, or the file system has none
+  if (length < 0 && !isNone()) return false;
+  if (length <= 0) return ::fremovexattr(file, attribute) == 0 || isNone();
+
   std::string list(static_cast<std::size_t>(length), '\0');
-  return ::getxattr(target.c_str(), attribute, list.data(), list.size()) == length &&
-         ::fsetxattr(file, attribute, list.data(), list.size(), 0) == 0;
+  const ssize_t copied = ::getxattr(target.c_str(), attribute, list.data(), list.size());
+  if (copied >= 0 && copied != length) errno = EAGAIN;  // somebody changes it just now
+  return copied == length && ::fsetxattr(file, attribute, list.data(), list.size(), 0) == 0;
 }
 
 // Gives the new file the owner and permissions of the file at `target`, which it replaces. The
@@ -103,7 +108,7 @@ bool takeOverAttributes(int file, const fs::path& target, const struct stat& old
   constexpr auto sameOwner = static_cast<uid_t>(-1);
   const bool ownerKept = ::fchown(file, old.st_uid, old.st_gid) == 0;
   [[maybe_unused]] const bool groupKept = ownerKept || ::fchown(file, sameOwner, old.st_gid) == 0;
-  return ::fchmod(file, old.st_mode & permissionBits) == 0 && copyAccessList(file, target);
+  return copyAccessList(file, target) && ::fchmod(file, old.st_mode & permissionBits) == 0;
 }
 
 bool flushDirectory(const fs::path& directory) {

@@ -103,17 +103,22 @@ class OrderedMap {
     }
   }
 
+  // Takes the slot of an entry that is gone where it meets one, so that a key which comes and goes
+  // does not fill the slots around it.
   void addSlot(std::uint32_t hash, std::size_t number) {
     std::size_t at = hash & (slots_.size() - 1);
-    while (slots_[at].number != 0) at = (at + 1) & (slots_.size() - 1);
+    while (slots_[at].number != 0 && entries_[slots_[at].number - 1].isPresent) {
+      at = (at + 1) & (slots_.size() - 1);
+    }
     slots_[at] = {hash, static_cast<std::uint32_t>(number)};
   }
 
   // Drops what was taken out, and makes room for as many entries again.
   void rebuild() {
     constexpr std::size_t fewestSlots = 16;
+    std::vector<Slot> slots(std::bit_ceil(std::max(fewestSlots, 4 * size_)));
     std::erase_if(entries_, [](const Entry& entry) { return !entry.isPresent; });
-    slots_.assign(std::bit_ceil(std::max(fewestSlots, 4 * entries_.size())), {});
+    slots_ = std::move(slots);
     std::size_t number = 0;
     for (const Entry& entry : entries_) addSlot(entry.hash, ++number);
   }

@@ -75,27 +75,45 @@ TEST(AtomicWrite, TakesARelativePath) {
   EXPECT_EQ(readFile(folder / "a.ics"), "bytes");
 }
 
-// Where the file system has access lists: without the list, its mask would pass for the group's
-// rights.
+// An access list as the kernel keeps it: user 1234 may read and write, the owning group may not.
+struct AccessList {
+  std::uint32_t version = 2;
+  struct {
+    std::uint16_t tag, permissions;
+    std::uint32_t id;
+  } entries[5] = {{0x01, 6, ~0U}, {0x02, 6, 1234}, {0x04, 0, ~0U}, {0x10, 6, ~0U}, {0x20, 0, ~0U}};
+
+  // False where the file system has no access lists.
+  bool putOn(const std::string& path, const char* attribute) const {
+    return ::setxattr(path.c_str(), attribute, this, sizeof *this, 0) == 0;
+  }
+};
+
+// The bytes of a file's access list; empty without one.
+std::string accessListOf(const std::string& path) {
+  char bytes[256];
+  const auto length = ::getxattr(path.c_str(), "system.posix_acl_access", bytes, sizeof bytes);
+  return length > 0 ? std::string(bytes, static_cast<std::size_t>(length)) : "";
+}
+
 TEST(AtomicWrite, KeepsAnAccessList) {
   const TemporaryFolder folder;
   writeFile(folder / "a.ics", "old");
-  constexpr const char* attribute = "system.posix_acl_access";
-  const struct {
-    std::uint32_t version = 2;
-    struct {
-      std::uint16_t tag, permissions;
-      std::uint32_t id;
-    } entries[5] = {
-        {0x01, 6, ~0U}, {0x02, 6, 1234}, {0x04, 0, ~0U}, {0x10, 6, ~0U}, {0x20, 0, ~0U}};
-  } list;
-  const bool hasLists =
-      ::setxattr((folder / "a.ics").c_str(), attribute, &list, sizeof list, 0) == 0;
+  const bool hasLists = AccessList().putOn(folder / "a.ics", "system.posix_acl_access");
+  const std::string before = accessListOf(folder / "a.ics");
+  EXPECT_EQ(before.empty(), !hasLists);
   EXPECT_EQ(writeTo(folder / "a.ics", "new"), nullptr);
-  char kept[sizeof list + 1] = {};
-  const auto length = ::getxattr((folder / "a.ics").c_str(), attribute, kept, sizeof kept);
-  EXPECT_EQ(length == static_cast<ssize_t>(sizeof list), hasLists);
-  EXPECT_EQ(std::memcmp(kept, &list, sizeof list) == 0, hasLists);
+  EXPECT_EQ(accessListOf(folder / "a.ics"), before);
+}
+
+TEST(AtomicWrite, TakesNoAccessListFromItsDirectory) {
+  const TemporaryFolder folder;
+  writeFile(folder / "a.ics", "old");
+  const bool hasLists = AccessList().putOn(folder / "", "system.posix_acl_default");
+  writeFile(folder / "other.ics", "");
+  EXPECT_EQ(accessListOf(folder / "other.ics").empty(), !hasLists);
+  EXPECT_EQ(writeTo(folder / "a.ics", "new"), nullptr);
+  EXPECT_EQ(accessListOf(folder / "a.ics"), "");
 }
 
 TEST(AtomicWrite, FollowsLinksToTheirTarget) {

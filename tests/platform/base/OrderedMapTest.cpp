@@ -25,6 +25,17 @@ TEST(OrderedMap, KeepsTheOrderOfFirstInsertion) {
   EXPECT_EQ(map.keys(), Names{});
 }
 
+TEST(OrderedMap, AKeyThatComesAndGoesStaysQuickToFind) {
+  OrderedMap<int> map;
+  for (int i = 0; i < 1000; ++i) map.set("name " + std::to_string(i), i);
+  for (int i = 0; i < 300'000; ++i) {
+    map.set("comes and goes", i);
+    map.erase("comes and goes");
+  }
+  EXPECT_EQ(map.size(), 1000U);
+  EXPECT_EQ(*map.find("name 999"), 999);
+}
+
 TEST(OrderedMap, ACopyIsIndependent) {
   OrderedMap<int> original;
   original.set("a", 1);
