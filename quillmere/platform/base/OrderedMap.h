@@ -34,16 +34,16 @@ class OrderedMap {
 
   /// The value under `key`, or null; good until the map changes.
   const Value* find(std::string_view key) const {
-    const std::size_t number = numberOf(key, hashOf(key));
-    return number == 0 ? nullptr : &entries_[number - 1].value;
+    const Slot* slot = slotOf(key, hashOf(key));
+    return slot ? &entries_[slot->number - 1].value : nullptr;
   }
 
   /// Stores `value` under `key`, and tells whether the key is new. One that is already there keeps
   /// its place.
   bool set(Key key, Value value) {
     const std::uint32_t hash = hashOf(key);
-    if (const std::size_t number = numberOf(key, hash)) {
-      std::swap(entries_[number - 1].value, value);
+    if (const Slot* slot = slotOf(key, hash)) {
+      std::swap(entries_[slot->number - 1].value, value);
       return false;
     }
     if (entries_.size() >= slots_.size() / 2) rebuild();
@@ -55,10 +55,11 @@ class OrderedMap {
 
   /// Takes `key` out; nothing happens when it is not there.
   void erase(std::string_view key) {
-    const std::size_t number = numberOf(key, hashOf(key));
-    if (number == 0) return;
+    const Slot* slot = slotOf(key, hashOf(key));
+    if (!slot) return;
     --size_;
-    const Entry gone = std::exchange(entries_[number - 1], {});
+    const std::size_t number = std::exchange(slots_[indexOf(slot)].number, gone);
+    const Entry taken = std::exchange(entries_[number - 1], {});
   }
 
   void clear() { const OrderedMap gone = std::exchange(*this, {}); }
@@ -84,32 +85,35 @@ class OrderedMap {
   // What a look-up goes through before it looks at an entry.
   struct Slot {
     std::uint32_t hash = 0;
-    std::uint32_t number = 0;  // of the entry, from 1; 0 ends a search
+    std::uint32_t number = 0;  // of the entry, from 1; 0 ends a search, `gone` does not
   };
+  static constexpr std::uint32_t gone = ~std::uint32_t{0};
 
   static std::uint32_t hashOf(std::string_view key) {
     return static_cast<std::uint32_t>(seededHash(key));
   }
 
-  // The entry's number, from 1; 0 when there is none.
-  std::size_t numberOf(std::string_view key, std::uint32_t hash) const {
-    if (slots_.empty()) return 0;
+  // Null when the key is not there.
+  const Slot* slotOf(std::string_view key, std::uint32_t hash) const {
+    if (slots_.empty()) return nullptr;
     for (std::size_t at = hash;; ++at) {
       const Slot& slot = slots_[at & (slots_.size() - 1)];
-      if (slot.number == 0) return 0;
-      if (slot.hash != hash) continue;
-      const Entry& entry = entries_[slot.number - 1];
-      if (entry.isPresent && entry.key == key) return slot.number;
+      if (slot.number == 0) return nullptr;
+      if (slot.hash == hash && slot.number != gone && entries_[slot.number - 1].key == key) {
+        return &slot;
+      }
     }
+  }
+
+  std::size_t indexOf(const Slot* slot) const {
+    return static_cast<std::size_t>(slot - slots_.data());
   }
 
   // Takes the slot of an entry that is gone where it meets one, so that a key which comes and goes
   // does not fill the slots around it.
   void addSlot(std::uint32_t hash, std::size_t number) {
     std::size_t at = hash & (slots_.size() - 1);
-    while (slots_[at].number != 0 && entries_[slots_[at].number - 1].isPresent) {
-      at = (at + 1) & (slots_.size() - 1);
-    }
+    while (slots_[at].number != 0 && slots_[at].number != gone) at = (at + 1) & (slots_.size() - 1);
     slots_[at] = {hash, static_cast<std::uint32_t>(number)};
   }
 
