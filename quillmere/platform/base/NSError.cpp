@@ -1,6 +1,7 @@
 #include <quillmere/platform/base/NSError.h>
 #include <quillmere/platform/base/makeObject.h>
 
+#include <string_view>
 #include <system_error>
 #include <utility>
 
@@ -34,6 +35,16 @@ NSErrorPtr NSError::underlyingError() const {
   if (entry == userInfo_.end()) return nullptr;
   const auto* error = std::get_if<NSErrorPtr>(&entry->second);
   return error ? *error : nullptr;
+}
+
+void KSWrapUnderlyingError(NSErrorPtr* error, std::string domain, std::int64_t code,
+                           NSErrorUserInfo userInfo, KSSourceLocation location) {
+  if (!error) return;
+  const std::string_view path = location.file;
+  userInfo[KSErrorFileKey] = std::string(path.substr(path.rfind('/') + 1));
+  userInfo[KSErrorLineKey] = std::int64_t{location.line};
+  if (*error) userInfo[NSUnderlyingErrorKey] = *error;
+  *error = NSError::errorWithDomain_code_userInfo(std::move(domain), code, std::move(userInfo));
 }
 
 }  // namespace quillmere

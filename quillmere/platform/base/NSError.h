@@ -1,6 +1,7 @@
 #ifndef QUILLMERE_PLATFORM_BASE_NSERROR_H
 #define QUILLMERE_PLATFORM_BASE_NSERROR_H
 
+#include <quillmere/platform/base/KSDiagnostics.h>
 #include <quillmere/platform/base/NSData.h>
 
 #include <cstdint>
@@ -16,13 +17,21 @@ class NSError;
 /// An error, or null for success.
 using NSErrorPtr = std::shared_ptr<const NSError>;
 
-/// User info: text, bytes or a nested error by key.
-using NSErrorUserInfo = std::map<std::string, std::variant<std::string, NSData, NSErrorPtr>>;
+/// User info: text, bytes, a nested error or a number by key.
+using NSErrorUserInfo =
+    std::map<std::string, std::variant<std::string, NSData, NSErrorPtr, std::int64_t>>;
 
 /// Key of the text for people.
 inline constexpr const char* NSLocalizedDescriptionKey = "NSLocalizedDescription";
+/// Key of the text that tells people more, such as what to do about it.
+inline constexpr const char* NSLocalizedRecoverySuggestionErrorKey =
+    "NSLocalizedRecoverySuggestion";
 /// Key of the error that led to this one.
 inline constexpr const char* NSUnderlyingErrorKey = "NSUnderlyingError";
+/// Keys of the place in the library's source that made the error: the file's name without folder,
+/// and the line, a number.
+inline constexpr const char* KSErrorFileKey = "KSErrorFile";
+inline constexpr const char* KSErrorLineKey = "KSErrorLine";
 /// Domain of the operating system's errors; the code is an `errno` value.
 inline constexpr const char* NSPOSIXErrorDomain = "NSPOSIXErrorDomain";
 
@@ -50,6 +59,13 @@ class NSError {
   std::int64_t code_;
   NSErrorUserInfo userInfo_;
 };
+
+/// Stores a new error in the caller's out-argument; does nothing when `error` is null. The error
+/// that the out-argument held, if any, becomes the underlying one. The caller's place in the source
+/// goes into the user info.
+void KSWrapUnderlyingError(NSErrorPtr* error, std::string domain, std::int64_t code,
+                           NSErrorUserInfo userInfo,
+                           KSSourceLocation location = KSSourceLocation::current());
 
 }  // namespace quillmere
 

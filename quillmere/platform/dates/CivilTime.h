@@ -1,10 +1,14 @@
 #ifndef QUILLMERE_PLATFORM_DATES_CIVILTIME_H
 #define QUILLMERE_PLATFORM_DATES_CIVILTIME_H
 
+#include <quillmere/platform/dates/NSCalendar.h>
 #include <quillmere/platform/dates/NSDate.h>
 #include <quillmere/platform/dates/NSTimeZone.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cstdint>
+#include <limits>
 
 #include <cctz/civil_time.h>
 #include <cctz/time_zone.h>
@@ -14,6 +18,35 @@ namespace quillmere {
 
 /// The zone that an `NSTimeZone` stands for.
 const cctz::time_zone& cctzZone(const NSTimeZone& zone);
+
+/// The zone of `NSTimeZone::defaultTimeZone()`, good until the host sets another. To ask for it
+/// costs nothing, which copying the `NSTimeZone` does.
+const cctz::time_zone& cctzDefaultZone();
+
+/// An amount of any calendar unit, held so far from the ends of 64 bits that arithmetic on it cannot
+/// overflow, and so far beyond the calendar that it does not matter.
+inline std::int64_t boundedAmount(std::int64_t amount) {
+  constexpr std::int64_t largest = std::numeric_limits<std::int64_t>::max() / 1'000'000;
+  return std::clamp(amount, -largest, largest);
+}
+
+inline bool isInCalendar(cctz::year_t year) {
+  return year >= NSCalendar::minimumYear && year <= NSCalendar::maximumYear;
+}
+
+inline int daysInMonth(cctz::civil_month month) { return (cctz::civil_day(month + 1) - 1).day(); }
+
+/// The same day so many months on; past that month's end its last day.
+inline cctz::civil_day addMonths(cctz::civil_day day, std::int64_t months) {
+  const cctz::civil_month month = cctz::civil_month(day) + months;
+  return cctz::civil_day(month.year(), month.month(), std::min(day.day(), daysInMonth(month)));
+}
+
+/// So many years on and then so many months, each of them as above.
+inline cctz::civil_day addYearsAndMonths(cctz::civil_day day, std::int64_t years,
+                                         std::int64_t months) {
+  return addMonths(addMonths(day, 12 * boundedAmount(years)), boundedAmount(months));
+}
 
 inline cctz::time_point<cctz::seconds> timePoint(NSDate date) {
   return cctz::time_point<cctz::seconds>(cctz::seconds(date.secondsSince1970()));

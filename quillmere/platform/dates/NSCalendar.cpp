@@ -1,34 +1,18 @@
 #include <quillmere/platform/dates/CivilTime.h>
 #include <quillmere/platform/dates/NSCalendar.h>
 
-#include <algorithm>
-#include <limits>
-
 namespace quillmere {
 namespace {
 
-using cctz::civil_day, cctz::civil_month, cctz::civil_second;
-
-// Far more than any year of the calendar in any unit, and far less than overflow: an amount beyond
-// it only has to end up outside the calendar.
-constexpr std::int64_t largestAmount = std::numeric_limits<std::int64_t>::max() / 1'000'000;
+using cctz::civil_day, cctz::civil_second;
 
 std::int64_t amount(std::optional<std::int64_t> component, std::int64_t ifUndefined = 0) {
-  return std::clamp(component.value_or(ifUndefined), -largestAmount, largestAmount);
+  return boundedAmount(component.value_or(ifUndefined));
 }
 
 std::optional<NSDate> dateWithinYears(const civil_second& civil, const cctz::time_zone& zone) {
-  if (civil.year() < NSCalendar::minimumYear || civil.year() > NSCalendar::maximumYear) {
-    return std::nullopt;
-  }
+  if (!isInCalendar(civil.year())) return std::nullopt;
   return dateOfCivil(civil, zone);
-}
-
-// A day past the new month's end becomes its last.
-civil_day addMonths(civil_day day, std::int64_t months) {
-  const civil_month month = civil_month(day) + months;
-  const int lastDay = (civil_day(month + 1) - 1).day();
-  return civil_day(month.year(), month.month(), std::min(day.day(), lastDay));
 }
 
 }  // namespace
@@ -51,9 +35,9 @@ std::optional<NSDate> NSCalendar::dateByAddingComponents_toDate(const NSDateComp
   const civil_second start = cctz::convert(timePoint(date), zone);
 
   NSDate moved = date;
-  const civil_day day = addMonths(addMonths(civil_day(start), 12 * amount(components.year)),
-                                  amount(components.month)) +
-                        amount(components.day);
+  const civil_day day =
+      addYearsAndMonths(civil_day(start), amount(components.year), amount(components.month)) +
+      amount(components.day);
   // Fields that do not move the civil day must not move the instant either: in a repeated hour the
   // date may be the second of the two.
   if (day != civil_day(start)) {
@@ -68,8 +52,7 @@ std::optional<NSDate> NSCalendar::dateByAddingComponents_toDate(const NSDateComp
   const std::int64_t seconds =
       amount(components.hour) * 3600 + amount(components.minute) * 60 + amount(components.second);
   moved = moved.dateByAddingSeconds(seconds);
-  const std::int64_t year = cctz::convert(timePoint(moved), zone).year();
-  if (year < minimumYear || year > maximumYear) return std::nullopt;
+  if (!isInCalendar(cctz::convert(timePoint(moved), zone).year())) return std::nullopt;
   return moved;
 }
 

@@ -156,10 +156,15 @@ std::optional<NSTimeZone> NSTimeZone::timeZoneWithAbbreviation(std::string_view 
   return name ? timeZoneWithName(*name) : std::nullopt;
 }
 
-NSTimeZone NSTimeZone::defaultTimeZone() {
+static const NSTimeZone& defaultZone() {
   static const NSTimeZone systemZone = ZoneAccess::make(cctz::local_time_zone());
-  return hostsDefaultZone().value_or(systemZone);
+  const auto& hostsZone = hostsDefaultZone();
+  return hostsZone ? *hostsZone : systemZone;
 }
+
+NSTimeZone NSTimeZone::defaultTimeZone() { return defaultZone(); }
+
+const cctz::time_zone& cctzDefaultZone() { return cctzZone(defaultZone()); }
 
 void NSTimeZone::setDefaultTimeZone(std::optional<NSTimeZone> zone) {
   hostsDefaultZone() = std::move(zone);

@@ -1,0 +1,331 @@
+#include <quillmere/platform/base/KSDiagnostics.h>
+#include <quillmere/platform/dates/CivilTime.h>
+#include <quillmere/recurrence/KBTCalRepetition.h>
+
+#include <algorithm>
+#include <bit>
+#include <tuple>
+
+namespace quillmere {
+namespace {
+
+using cctz::civil_day, cctz::civil_month, cctz::civil_second;
+
+constexpr int daysPerWeek = 7;
+constexpr std::int64_t secondsPerMinute = 60;
+constexpr std::int64_t secondsPerHour = 3600;
+
+constexpr std::uint64_t bit(unsigned number) { return std::uint64_t{1} << number; }
+
+// The bits of the days `first` to `last`.
+constexpr std::uint64_t days(unsigned first, unsigned last) {
+  return bit(last + 1) - std::min(bit(first), bit(last + 1));
+}
+
+constexpr int moduloWeek(int number) { return (number % daysPerWeek + daysPerWeek) % daysPerWeek; }
+
+int weekdayOf(civil_day day) {
+  return (static_cast<int>(cctz::get_weekday(day)) + 1) % daysPerWeek;  // there Monday is 0
+}
+
+std::uint8_t lengthOfMonth(cctz::year_t year, int month) {
+  constexpr std::uint8_t lengths[] = {0, 31, 0, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+  constexpr int february = 2;
+  if (month != february) return lengths[month];
+  return static_cast<std::uint8_t>(daysInMonth(civil_month(year, month)));
+}
+
+civil_second civilOf(const KBTRepetitionInstance& instance) {
+  return civil_second(instance.year, instance.month, instance.day, instance.hour, instance.minute);
+}
+
+KBTRepetitionInstance instanceAt(const civil_second& civil, std::int64_t occurrence) {
+  KBTRepetitionInstance instance;
+  instance.occurrence = occurrence;
+  instance.second = static_cast<std::uint8_t>(civil.second());
+  instance.minute = static_cast<std::uint8_t>(civil.minute());
+  instance.hour = static_cast<std::uint8_t>(civil.hour());
+  instance.day = static_cast<std::uint8_t>(civil.day());
+  instance.weekday = static_cast<std::uint8_t>(weekdayOf(civil_day(civil)));
+  instance.month = static_cast<std::uint8_t>(civil.month());
+  instance.daysInMonth = lengthOfMonth(civil.year(), civil.month());
+  instance.year = civil.year();
+  return instance;
+}
+
+// Also outside MINUTELY and HOURLY rules an instance may name a wall time that no clock shows.
+civil_second shownTime(const civil_second& civil, const cctz::time_zone& zone) {
+  const auto time = zone.lookup(civil);
+  return time.kind == cctz::time_zone::civil_lookup::SKIPPED ? cctz::convert(time.pre, zone)
+                                                             : civil;
+}
+
+// Puts the date of `instance` and so many years and months in its place. False, and the end marker,
+// outside the calendar. Where a day past the month's end or a skipped time makes the date another,
+// later steps go on from that one: intended.
+bool addYearsAndMonths(std::int64_t years, std::int64_t months, KBTRepetitionInstance& instance) {
+  const cctz::time_zone& zone = cctzDefaultZone();
+  const civil_second from = shownTime(civilOf(instance), zone);
+  const civil_day day = quillmere::addYearsAndMonths(civil_day(from), years, months);
+  if (!isInCalendar(day.year())) {
+    instance.day = 0;
+    return false;
+  }
+  const civil_second wanted(day.year(), day.month(), day.day(), from.hour(), from.minute(),
+                            from.second());
+  instance = instanceAt(shownTime(wanted, zone), instance.occurrence);
+  return true;
+}
+
+void addSeconds(std::int64_t seconds, KBTRepetitionInstance& instance) {
+  const cctz::time_zone& zone = cctzDefaultZone();
+  const civil_second from = civilOf(instance);
+  const auto before = zone.lookup(from).pre;
+  auto after = before;
+  civil_second civil;
+  bool comesLater = false;
+  // In an hour that the clocks repeat, an instance stands for the first of two times. Steps go on
+  // until that is later than the time before, so that no series stands still.
+  while (!comesLater) {
+    after += cctz::seconds(seconds);
+    civil = cctz::convert(after, zone);
+    if (!isInCalendar(civil.year())) {
+      instance.day = 0;
+      return;
+    }
+    const bool clocksAgree = civil - from == (after - before).count();
+    const civil_second toTheMinute = civil - civil.second();
+    comesLater = clocksAgree || zone.lookup(toTheMinute).pre > before;
+  }
+  instance = instanceAt(civil, instance.occurrence);
+  // The platform's weekday, 1 Sunday to 7 Saturday: intended, and nothing reads it.
+  ++instance.weekday;
+}
+
+}  // namespace
+
+KBTRepetitionInstance KBTCalRepetition::firstRepetitionInstance() const {
+  return startDate_ ? _instanceForDate_occurence(*startDate_, 0) : KBTRepetitionInstance();
+}
+
+KBTRepetitionInstance KBTCalRepetition::_instanceForDate_occurence(NSDate date,
+                                                                   std::int64_t occurrence) {
+  const civil_second civil = cctz::convert(timePoint(date), cctzDefaultZone());
+  if (isInCalendar(civil.year())) return instanceAt(civil, occurrence);
+  KBTRepetitionInstance end;
+  end.occurrence = occurrence;
+  return end;
+}
+
+std::optional<NSDate> KBTCalRepetition::dateForInstance(const KBTRepetitionInstance& instance) {
+  if (instance.day == 0) return std::nullopt;
+  return dateOfCivil(civilOf(instance), cctzDefaultZone());
+}
+
+KBTRepetitionInstance KBTCalRepetition::nextRepetitionInstance(
+    KBTRepetitionInstance instance) const {
+  ++instance.occurrence;
+  if (endCount_ != 0 && endCount_ <= instance.occurrence) instance.day = 0;
+  if (instance.day == 0) return instance;
+  step(instance);
+  if (endDate_ && dateForInstance(instance) > beginningOfDayAfterEndDate_) instance.day = 0;
+  return instance;
+}
+
+void KBTCalRepetition::step(KBTRepetitionInstance& instance) const {
+  const std::int64_t interval = boundedAmount(intervalCount_);
+  switch (frequency_) {
+    case MINUTELY:
+      return addSeconds(interval * secondsPerMinute, instance);
+    case HOURLY:
+      return addSeconds(interval * secondsPerHour, instance);
+    case DAILY:
+      return addDays_repetitionInstance(interval, instance);
+    case WEEKLY:
+      return stepWeekly(instance);
+    case MONTHLY:
+      return stepMonthly(instance);
+    case YEARLY:
+      return stepYearly(instance);
+    default:
+      KSRejectUnusedImplementation();
+  }
+}
+
+// In the bits of a week that begins on the rule's first weekday, bit 0 is that day.
+void KBTCalRepetition::stepWeekly(KBTRepetitionInstance& instance) const {
+  std::int64_t daysOn = daysPerWeek * boundedAmount(intervalCount_);
+  if (dayOfWeekMask_ != 0) {
+    const int first = static_cast<int>(effectiveFirstWeekday());
+    const std::uint64_t week = dayOfWeekMask_ >> first | dayOfWeekMask_ << (daysPerWeek - first);
+    const int place = moduloWeek(instance.weekday - first);
+    const std::uint64_t rest = (week & days(0, daysPerWeek - 1)) >> place >> 1;
+    daysOn = rest != 0 ? std::countr_zero(rest) + 1 : daysOn + std::countr_zero(week) - place;
+  }
+  addDays_repetitionInstance(daysOn, instance);
+}
+
+void KBTCalRepetition::stepMonthly(KBTRepetitionInstance& instance) const {
+  bool isFound = _findMonthMatchAfterDay_instance(instance.day, instance);
+  while (!isFound && addYearsAndMonths(0, intervalCount_, instance)) {
+    isFound = _findMonthMatchAfterDay_instance(0, instance);
+  }
+}
+
+void KBTCalRepetition::stepYearly(KBTRepetitionInstance& instance) const {
+  if (monthOfYearMask_ == 0) {
+    addYearsAndMonths(intervalCount_, 0, instance);
+    return;
+  }
+  unsigned afterDay = instance.day;
+  for (;;) {
+    const unsigned month = instance.month;
+    if ((monthOfYearMask_ & bit(month)) && _findMonthMatchAfterDay_instance(afterDay, instance)) {
+      return;
+    }
+    afterDay = 0;
+    const std::uint64_t laterMonths = monthOfYearMask_ >> month >> 1;
+    const bool isInCalendar =
+        laterMonths != 0 ? addYearsAndMonths(0, std::countr_zero(laterMonths) + 1, instance)
+                         : addYearsAndMonths(intervalCount_, 1 - int(month), instance);
+    if (!isInCalendar) return;
+  }
+}
+
+KBTRepetitionInstance KBTCalRepetition::repetitionInstanceAtOrAfterDate(NSDate date) const {
+  if (frequency_ < DAILY) KSFinishPorting();
+  const civil_day wanted(cctz::convert(timePoint(date), cctzDefaultZone()));
+  const auto isEarlier = [&](const KBTRepetitionInstance& instance) {
+    return std::tuple(instance.year, int{instance.month}, int{instance.day}) <
+           std::tuple(wanted.year(), wanted.month(), wanted.day());
+  };
+  KBTRepetitionInstance instance = firstRepetitionInstance();
+  while (instance.day != 0 && isEarlier(instance)) instance = nextRepetitionInstance(instance);
+  return instance;
+}
+
+void KBTCalRepetition::addDays_repetitionInstance(std::int64_t days,
+                                                  KBTRepetitionInstance& instance) {
+  if (days < 0 || instance.day == 0) return;
+  days = boundedAmount(days);
+  std::int64_t day = instance.day + days;
+  while (day > instance.daysInMonth) {
+    day -= instance.daysInMonth;
+    constexpr std::uint8_t december = 12;
+    if (instance.month == december) {
+      instance.month = 0;
+      ++instance.year;
+      if (!isInCalendar(instance.year)) {
+        instance.day = 0;
+        return;
+      }
+    }
+    ++instance.month;
+    instance.daysInMonth = lengthOfMonth(instance.year, instance.month);
+  }
+  instance.day = static_cast<std::uint8_t>(day);
+  instance.weekday =
+      static_cast<std::uint8_t>((instance.weekday + days % daysPerWeek) % daysPerWeek);
+}
+
+void KBTCalRepetition::_nextRepetition_fromDay_forMask_overwrite(KBTRepetitionInstance& instance,
+                                                                 unsigned day, std::uint64_t mask,
+                                                                 bool overwrite) {
+  const std::uint64_t matches = mask & days(day, instance.daysInMonth);
+  const int found = matches != 0 ? std::countr_zero(matches) : instance.daysInMonth + 1;
+  if (!overwrite && found >= instance.day) return;
+  instance.weekday = static_cast<std::uint8_t>(moduloWeek(instance.weekday + found - instance.day));
+  instance.day = static_cast<std::uint8_t>(found);
+}
+
+// The first of these rules that a rule has a part for decides; so BYMONTHDAY goes before BYDAY, and
+// weekdays without numbers or set positions select nothing.
+bool KBTCalRepetition::_findMonthMatchAfterDay_instance(unsigned day,
+                                                        KBTRepetitionInstance& instance) const {
+  if (dayOfMonthMask_.absoluteDaysMask != 0 || dayOfMonthMask_.offsetDaysMask != 0) {
+    return findMonthDay(day, instance);
+  }
+  if (weekOfMonthIndex_ != 0) return findNumberedWeekday(day, instance);
+  if (bySetPosMask_.absoluteBySetPosMask != 0 || bySetPosMask_.offsetBySetPosMask != 0) {
+    return findSetPosition(day, instance);
+  }
+  return day == 0;
+}
+
+bool KBTCalRepetition::findMonthDay(unsigned day, KBTRepetitionInstance& instance) const {
+  const unsigned length = instance.daysInMonth;
+  std::uint64_t fromEnd = 0;
+  for (unsigned n = 1; n <= length; ++n) {
+    if (dayOfMonthMask_.offsetDaysMask & bit(n)) fromEnd |= bit(length + 1 - n);
+  }
+  const std::uint64_t range = days(day + 1, length);
+  bool isFound = false;
+  for (const std::uint64_t mask : {dayOfMonthMask_.absoluteDaysMask, fromEnd}) {
+    if ((mask & range) == 0) continue;
+    _nextRepetition_fromDay_forMask_overwrite(instance, day + 1, mask, !isFound);
+    isFound = true;
+  }
+  return isFound;
+}
+
+bool KBTCalRepetition::findNumberedWeekday(unsigned day, KBTRepetitionInstance& instance) const {
+  constexpr int mostWeeksInMonth = 5;
+  // A number without a weekday, and one that no month reaches, match nothing for good.
+  if (dayOfWeekMask_ == 0 || weekOfMonthIndex_ > mostWeeksInMonth) {
+    instance.day = 0;
+    return true;
+  }
+  const int weekday = std::countr_zero(dayOfWeekMask_);
+  const int first = 1 + moduloWeek(weekday - instance.weekday + instance.day - 1);
+  const int last = first + (instance.daysInMonth - first) / daysPerWeek * daysPerWeek;
+  const int after = static_cast<int>(day);
+  if (weekOfMonthIndex_ > 0) {
+    const int wanted = first + daysPerWeek * (static_cast<int>(weekOfMonthIndex_) - 1);
+    if (wanted > last || wanted <= after) return false;
+    _nextRepetition_fromDay_forMask_overwrite(instance, 1, bit(static_cast<unsigned>(wanted)),
+                                              true);
+    return true;
+  }
+  // Intended: every number from the end means the last one, and the instance goes there in any case.
+  _nextRepetition_fromDay_forMask_overwrite(instance, 1, bit(static_cast<unsigned>(last)), true);
+  return last > after;
+}
+
+bool KBTCalRepetition::findSetPosition(unsigned day, KBTRepetitionInstance& instance) const {
+  if (dayOfWeekMask_ == 0) KSFinishPorting();
+  std::uint64_t matches = 0;
+  for (unsigned n = 1; n <= instance.daysInMonth; ++n) {
+    const int weekday = moduloWeek(instance.weekday + static_cast<int>(n) - instance.day);
+    if (dayOfWeekMask_ & bit(static_cast<unsigned>(weekday))) matches |= bit(n);
+  }
+  constexpr unsigned largestPosition = 5;
+  bool isFound = false;
+  const auto take = [&](std::uint64_t candidate) {
+    if ((candidate & ~days(0, day)) == 0) return false;
+    _nextRepetition_fromDay_forMask_overwrite(instance, 1, candidate, !isFound);
+    return isFound = true;
+  };
+  std::uint64_t rest = matches;
+  for (unsigned position = 1; position <= largestPosition; ++position) {
+    const std::uint64_t lowest = rest & (~rest + 1);
+    if ((bySetPosMask_.absoluteBySetPosMask & bit(position)) && take(lowest)) break;
+    rest &= ~lowest;
+  }
+  rest = matches;
+  for (unsigned position = 1; position <= largestPosition; ++position) {
+    const std::uint64_t highest = std::bit_floor(rest);
+    if (bySetPosMask_.offsetBySetPosMask & bit(position)) take(highest);
+    rest &= ~highest;
+  }
+  return isFound;
+}
+
+KBTRepetitionInstance KBTCalRepetition::lastInstanceOfCount() const {
+  KBTRepetitionInstance instance = firstRepetitionInstance();
+  while (instance.day != 0 && instance.occurrence + 1 < endCount_) {
+    instance = nextRepetitionInstance(instance);
+  }
+  return instance;
+}
+
+}  // namespace quillmere
