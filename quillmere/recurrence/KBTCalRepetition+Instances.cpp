@@ -24,15 +24,17 @@ constexpr std::uint64_t days(unsigned first, unsigned last) {
 
 constexpr int moduloWeek(int number) { return (number % daysPerWeek + daysPerWeek) % daysPerWeek; }
 
+// A mask of weekdays for a week that begins on `first`: bit 0 is that weekday.
+constexpr std::uint64_t weekFrom(int first, std::uint64_t weekdays) {
+  return (weekdays >> first | weekdays << (daysPerWeek - first)) & days(0, daysPerWeek - 1);
+}
+
 int weekdayOf(civil_day day) {
   return (static_cast<int>(cctz::get_weekday(day)) + 1) % daysPerWeek;  // there Monday is 0
 }
 
 std::uint8_t lengthOfMonth(cctz::year_t year, int month) {
-  constexpr std::uint8_t lengths[] = {0, 31, 0, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
-  constexpr int february = 2;
-  if (month != february) return lengths[month];
-  return static_cast<std::uint8_t>(daysInMonth(civil_month(year, month)));
+  return static_cast<std::uint8_t>(daysInMonth(year, month));
 }
 
 civil_second civilOf(const KBTRepetitionInstance& instance) {
@@ -102,6 +104,22 @@ void addSeconds(std::int64_t seconds, KBTRepetitionInstance& instance) {
   ++instance.weekday;
 }
 
+// Takes up to `most` such steps at once where that leads to the same instance, for a stranger's
+// count may ask for thousands of millions of them: within some days at whose ends clocks agree. (Two
+// settings of the clocks that make up for each other have never come closer than that.)
+void addSecondsOften(std::int64_t seconds, std::int64_t most, KBTRepetitionInstance& instance) {
+  constexpr std::int64_t span = 3 * 24 * secondsPerHour;
+  const cctz::time_zone& zone = cctzDefaultZone();
+  const civil_second from = civilOf(instance);
+  const auto before = zone.lookup(from).pre;
+  for (std::int64_t steps = std::min(most, span / seconds); steps > 1; steps /= 2) {
+    const civil_second civil = cctz::convert(before + cctz::seconds(steps * seconds), zone);
+    if (!isInCalendar(civil.year()) || civil - from != steps * seconds) continue;
+    instance = instanceAt(civil, instance.occurrence + steps);
+    return;
+  }
+}
+
 }  // namespace
 
 KBTRepetitionInstance KBTCalRepetition::firstRepetitionInstance() const {
@@ -132,15 +150,17 @@ KBTRepetitionInstance KBTCalRepetition::nextRepetitionInstance(
   return instance;
 }
 
+std::int64_t KBTCalRepetition::stepInSeconds() const {
+  return boundedAmount(intervalCount_) * (frequency_ == HOURLY ? secondsPerHour : secondsPerMinute);
+}
+
 void KBTCalRepetition::step(KBTRepetitionInstance& instance) const {
-  const std::int64_t interval = boundedAmount(intervalCount_);
   switch (frequency_) {
     case MINUTELY:
-      return addSeconds(interval * secondsPerMinute, instance);
     case HOURLY:
-      return addSeconds(interval * secondsPerHour, instance);
+      return addSeconds(stepInSeconds(), instance);
     case DAILY:
-      return addDays_repetitionInstance(interval, instance);
+      return addDays_repetitionInstance(intervalCount_, instance);
     case WEEKLY:
       return stepWeekly(instance);
     case MONTHLY:
@@ -152,14 +172,13 @@ void KBTCalRepetition::step(KBTRepetitionInstance& instance) const {
   }
 }
 
-// In the bits of a week that begins on the rule's first weekday, bit 0 is that day.
 void KBTCalRepetition::stepWeekly(KBTRepetitionInstance& instance) const {
   std::int64_t daysOn = daysPerWeek * boundedAmount(intervalCount_);
   if (dayOfWeekMask_ != 0) {
     const int first = static_cast<int>(effectiveFirstWeekday());
-    const std::uint64_t week = dayOfWeekMask_ >> first | dayOfWeekMask_ << (daysPerWeek - first);
+    const std::uint64_t week = weekFrom(first, dayOfWeekMask_);
     const int place = moduloWeek(instance.weekday - first);
-    const std::uint64_t rest = (week & days(0, daysPerWeek - 1)) >> place >> 1;
+    const std::uint64_t rest = week >> place >> 1;
     daysOn = rest != 0 ? std::countr_zero(rest) + 1 : daysOn + std::countr_zero(week) - place;
   }
   addDays_repetitionInstance(daysOn, instance);
@@ -255,8 +274,9 @@ bool KBTCalRepetition::_findMonthMatchAfterDay_instance(unsigned day,
 bool KBTCalRepetition::findMonthDay(unsigned day, KBTRepetitionInstance& instance) const {
   const unsigned length = instance.daysInMonth;
   std::uint64_t fromEnd = 0;
-  for (unsigned n = 1; n <= length; ++n) {
-    if (dayOfMonthMask_.offsetDaysMask & bit(n)) fromEnd |= bit(length + 1 - n);
+  std::uint64_t offsets = dayOfMonthMask_.offsetDaysMask & days(1, length);
+  for (; offsets != 0; offsets &= offsets - 1) {
+    fromEnd |= bit(length + 1 - static_cast<unsigned>(std::countr_zero(offsets)));
   }
   const std::uint64_t range = days(day + 1, length);
   bool isFound = false;
@@ -293,11 +313,13 @@ bool KBTCalRepetition::findNumberedWeekday(unsigned day, KBTRepetitionInstance& 
 
 bool KBTCalRepetition::findSetPosition(unsigned day, KBTRepetitionInstance& instance) const {
   if (dayOfWeekMask_ == 0) KSFinishPorting();
+  const std::uint64_t week =
+      weekFrom(moduloWeek(instance.weekday - instance.day + 1), dayOfWeekMask_);
   std::uint64_t matches = 0;
-  for (unsigned n = 1; n <= instance.daysInMonth; ++n) {
-    const int weekday = moduloWeek(instance.weekday + static_cast<int>(n) - instance.day);
-    if (dayOfWeekMask_ & bit(static_cast<unsigned>(weekday))) matches |= bit(n);
+  for (unsigned start = 1; start <= instance.daysInMonth; start += daysPerWeek) {
+    matches |= week << start;
   }
+  matches &= days(1, instance.daysInMonth);
   constexpr unsigned largestPosition = 5;
   bool isFound = false;
   const auto take = [&](std::uint64_t candidate) {
@@ -323,6 +345,9 @@ bool KBTCalRepetition::findSetPosition(unsigned day, KBTRepetitionInstance& inst
 KBTRepetitionInstance KBTCalRepetition::lastInstanceOfCount() const {
   KBTRepetitionInstance instance = firstRepetitionInstance();
   while (instance.day != 0 && instance.occurrence + 1 < endCount_) {
+    if (frequency_ < DAILY) {
+      addSecondsOften(stepInSeconds(), endCount_ - 2 - instance.occurrence, instance);
+    }
     instance = nextRepetitionInstance(instance);
   }
   return instance;

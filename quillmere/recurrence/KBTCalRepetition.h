@@ -243,6 +243,7 @@ class KBTCalRepetition : public HWObject {
   bool isMonthlyOrYearly() const { return frequency_ == MONTHLY || frequency_ == YEARLY; }
   void storeEndDate(NSDate endDate);
 
+  std::int64_t stepInSeconds() const;  // of MINUTELY and HOURLY rules
   void step(KBTRepetitionInstance& instance) const;
   void stepWeekly(KBTRepetitionInstance& instance) const;
   void stepMonthly(KBTRepetitionInstance& instance) const;

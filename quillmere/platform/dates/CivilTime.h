@@ -34,18 +34,25 @@ inline bool isInCalendar(cctz::year_t year) {
   return year >= NSCalendar::minimumYear && year <= NSCalendar::maximumYear;
 }
 
-inline int daysInMonth(cctz::civil_month month) { return (cctz::civil_day(month + 1) - 1).day(); }
+/// `month` is 1 to 12.
+inline int daysInMonth(cctz::year_t year, int month) {
+  constexpr int lengths[] = {0, 31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+  const bool isLeapYear = year % 4 == 0 && (year % 100 != 0 || year % 400 == 0);
+  return lengths[month] + (month == 2 && isLeapYear ? 1 : 0);
+}
 
 /// The same day so many months on; past that month's end its last day.
 inline cctz::civil_day addMonths(cctz::civil_day day, std::int64_t months) {
   const cctz::civil_month month = cctz::civil_month(day) + months;
-  return cctz::civil_day(month.year(), month.month(), std::min(day.day(), daysInMonth(month)));
+  return cctz::civil_day(month.year(), month.month(),
+                         std::min(day.day(), daysInMonth(month.year(), month.month())));
 }
 
 /// So many years on and then so many months, each of them as above.
 inline cctz::civil_day addYearsAndMonths(cctz::civil_day day, std::int64_t years,
                                          std::int64_t months) {
-  return addMonths(addMonths(day, 12 * boundedAmount(years)), boundedAmount(months));
+  if (years != 0) day = addMonths(day, 12 * boundedAmount(years));
+  return addMonths(day, boundedAmount(months));
 }
 
 inline cctz::time_point<cctz::seconds> timePoint(NSDate date) {

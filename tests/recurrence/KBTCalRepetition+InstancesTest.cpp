@@ -1,0 +1,312 @@
+#include <gtest/gtest.h>
+#include <quillmere/recurrence/KBTCalRepetition.h>
+
+#include <limits>
+
+#include "tests/support/ScopedTimeZone.h"
+#include "tests/support/Series.h"
+
+namespace quillmere {
+namespace {
+
+using testing::localDate;
+using testing::Rule;
+using testing::ruleFrom;
+using testing::ruleOf;
+using testing::ScopedTimeZone;
+using testing::seriesOf;
+using testing::textOf;
+
+struct Row {
+  const char* rule;
+  const char* start;
+  const char* series;  // the first occurrences, or all with "end"
+};
+
+template <std::size_t Count>
+void expectSeries(const Row (&rows)[Count]) {
+  for (const Row& row : rows) {
+    const std::string_view expected = row.series;
+    const auto occurrences = 1 + std::count(expected.begin(), expected.end(), ' ');
+    const Rule rule = ruleFrom(row.rule, row.start);
+    EXPECT_EQ(seriesOf(*rule, static_cast<int>(occurrences)), expected)
+        << row.rule << " from " << row.start;
+  }
+}
+
+TEST(KBTCalRepetitionInstances, Daily) {
+  expectSeries({
+      {"FREQ=DAILY", "20240131T100059", "20240131T1000 20240201T1000 20240202T1000"},
+      {"FREQ=DAILY;INTERVAL=29", "20240131T100000", "20240131T1000 20240229T1000 20240329T1000"},
+      {"FREQ=DAILY;INTERVAL=366", "20231231T100000", "20231231T1000 20241231T1000 20260101T1000"},
+      {"FREQ=DAILY", "21000228T100000", "21000228T1000 21000301T1000"},
+      {"FREQ=DAILY;BYDAY=MO;BYMONTH=1;BYMONTHDAY=9", "20240131T100000",
+       "20240131T1000 20240201T1000"},  // intended: only weeks, months and years have lists
+  });
+}
+
+TEST(KBTCalRepetitionInstances, Weekly) {
+  expectSeries({
+      {"FREQ=WEEKLY", "20231227T100000", "20231227T1000 20240103T1000"},
+      {"FREQ=WEEKLY;BYDAY=MO,WE,FR", "20240131T100000",
+       "20240131T1000 20240202T1000 20240205T1000 20240207T1000"},
+      // The start counts although it is no Monday.
+      {"FREQ=WEEKLY;INTERVAL=2;BYDAY=MO", "20240131T100000", "20240131T1000 20240212T1000"},
+      // Sunday ends a week from Monday, and begins one from Sunday.
+      {"FREQ=WEEKLY;INTERVAL=2;BYDAY=SU,TU", "20240206T100000",
+       "20240206T1000 20240211T1000 20240220T1000 20240225T1000"},
+      {"FREQ=WEEKLY;INTERVAL=2;BYDAY=SU,TU;WKST=SU", "20240206T100000",
+       "20240206T1000 20240218T1000 20240220T1000 20240303T1000"},
+      {"FREQ=WEEKLY;INTERVAL=3;BYDAY=SA,SU;WKST=SA", "20240203T100000",
+       "20240203T1000 20240204T1000 20240224T1000"},
+      {"FREQ=WEEKLY;BYDAY=SU,MO,TU,WE,TH,FR,SA;WKST=WE", "20240228T100000",
+       "20240228T1000 20240229T1000 20240301T1000"},
+  });
+}
+
+TEST(KBTCalRepetitionInstances, Monthly) {
+  expectSeries({
+      // Intended: a month's end that the day was moved to is where later months start from.
+      {"FREQ=MONTHLY", "20240131T100000", "20240131T1000 20240229T1000 20240329T1000"},
+      {"FREQ=MONTHLY;INTERVAL=13", "20231130T100000", "20231130T1000 20241230T1000 20260130T1000"},
+      {"FREQ=MONTHLY;BYMONTHDAY=31", "20240115T100000",
+       "20240115T1000 20240131T1000 20240331T1000 20240531T1000"},
+      {"FREQ=MONTHLY;BYMONTHDAY=-1", "20240131T100000",
+       "20240131T1000 20240229T1000 20240331T1000"},
+      {"FREQ=MONTHLY;BYMONTHDAY=15,1,-1,-31", "20240114T100000",
+       "20240114T1000 20240115T1000 20240131T1000 20240201T1000 20240215T1000 20240229T1000 "
+       "20240301T1000"},
+      {"FREQ=MONTHLY;BYDAY=-1FR", "20240131T100000", "20240131T1000 20240223T1000 20240329T1000"},
+      // Intended: every number from the end means the last.
+      {"FREQ=MONTHLY;BYDAY=-2FR", "20240131T100000", "20240131T1000 20240223T1000 20240329T1000"},
+      {"FREQ=MONTHLY;BYDAY=5MO", "20240101T100000", "20240101T1000 20240129T1000 20240429T1000"},
+      {"FREQ=MONTHLY;BYDAY=1SU", "20240107T100000", "20240107T1000 20240204T1000 20240303T1000"},
+      {"FREQ=MONTHLY;BYDAY=6MO", "20240101T100000", "20240101T1000 end"},
+      {"FREQ=MONTHLY;BYDAY=999999999999MO", "20240101T100000", "20240101T1000 end"},
+      // Intended: weekdays alone select nothing, and BYMONTH nothing in monthly rules.
+      {"FREQ=MONTHLY;BYDAY=MO,TU;BYMONTH=7", "20240131T100000", "20240131T1000 20240229T1000"},
+      // BYMONTHDAY goes before BYDAY.
+      {"FREQ=MONTHLY;BYMONTHDAY=13;BYDAY=FR;BYSETPOS=1", "20240101T100000",
+       "20240101T1000 20240113T1000 20240213T1000"},
+      {"FREQ=MONTHLY;BYDAY=MO,TU,WE,TH,FR;BYSETPOS=-1", "20240131T100000",
+       "20240131T1000 20240229T1000 20240329T1000 20240430T1000"},
+      {"FREQ=MONTHLY;BYDAY=SA,SU;BYSETPOS=1,3,-2", "20240201T100000",
+       "20240201T1000 20240203T1000 20240210T1000 20240224T1000 20240302T1000"},
+      // The positive positions give one day at a time, the earliest of both kinds comes first.
+      {"FREQ=MONTHLY;BYDAY=MO;BYSETPOS=5,-1,-4", "20240201T100000",
+       "20240201T1000 20240205T1000 20240226T1000 20240304T1000"},
+      {"FREQ=MONTHLY;BYDAY=WE;BYSETPOS=5", "20240131T100000",
+       "20240131T1000 20240529T1000 20240731T1000"},
+  });
+}
+
+TEST(KBTCalRepetitionInstances, Yearly) {
+  expectSeries({
+      {"FREQ=YEARLY", "20240229T100000", "20240229T1000 20250228T1000 20260228T1000"},
+      // Intended: without BYMONTH nothing else counts.
+      {"FREQ=YEARLY;INTERVAL=4;BYMONTHDAY=1;BYDAY=2MO", "20240229T100000",
+       "20240229T1000 20280229T1000"},
+      {"FREQ=YEARLY;BYMONTH=1,6;BYMONTHDAY=15", "20240131T100000",
+       "20240131T1000 20240615T1000 20250115T1000 20250615T1000"},
+      {"FREQ=YEARLY;BYMONTH=2;BYMONTHDAY=29", "20240229T100000", "20240229T1000 20280229T1000"},
+      {"FREQ=YEARLY;INTERVAL=2;BYMONTH=3,10;BYDAY=-1SU", "20240331T100000",
+       "20240331T1000 20241027T1000 20260329T1000"},
+      {"FREQ=YEARLY;BYMONTH=11;BYDAY=4TH", "20241128T100000",
+       "20241128T1000 20251127T1000 20261126T1000"},
+      // Plain weekdays select nothing; the day is that of the start, moved to a month's end for good.
+      {"FREQ=YEARLY;BYMONTH=1,2,5;BYDAY=MO", "20240131T100000",
+       "20240131T1000 20240229T1000 20240529T1000 20250129T1000 20250228T1000 20250528T1000"},
+      {"FREQ=YEARLY;BYMONTH=2;BYMONTHDAY=30", "20240131T100000", "20240131T1000 end"},
+      {"FREQ=YEARLY;BYMONTH=4;BYDAY=6MO", "20240131T100000", "20240131T1000 end"},
+  });
+}
+
+TEST(KBTCalRepetitionInstances, EndsByCountAndDay) {
+  expectSeries({
+      {"FREQ=DAILY;COUNT=3", "20240131T100000", "20240131T1000 20240201T1000 20240202T1000 end"},
+      {"FREQ=DAILY;COUNT=1", "20240131T100000", "20240131T1000 end"},
+      {"FREQ=DAILY;COUNT=3;UNTIL=20240201", "20240131T100000", "20240131T1000 20240201T1000 end"},
+      {"FREQ=DAILY;COUNT=2;UNTIL=20240209", "20240131T100000", "20240131T1000 20240201T1000 end"},
+      {"FREQ=DAILY;UNTIL=20240131T000000Z", "20240130T235900", "20240130T2359 20240131T2359 end"},
+      // Intended: midnight after the last day still counts, a minute later does not.
+      {"FREQ=HOURLY;INTERVAL=12;UNTIL=20240131", "20240131T120000",
+       "20240131T1200 20240201T0000 end"},
+      {"FREQ=DAILY;UNTIL=20240131", "20240131T000100", "20240131T0001 end"},
+      // The start is an occurrence in any case.
+      {"FREQ=DAILY;UNTIL=20230101", "20240131T100000", "20240131T1000 end"},
+  });
+}
+
+TEST(KBTCalRepetitionInstances, AnEndMarkerIsFollowedByOne) {
+  const Rule rule = ruleFrom("FREQ=DAILY;COUNT=1", "20240131T100000");
+  const auto end = rule->nextRepetitionInstance(rule->firstRepetitionInstance());
+  rule->setRecurrenceCount(0);
+  EXPECT_EQ(textOf(rule->nextRepetitionInstance(end)), "end");
+  EXPECT_EQ(KBTCalRepetition::dateForInstance(end), std::nullopt);
+  EXPECT_EQ(seriesOf(*ruleOf("FREQ=MINUTELY"), 3), "end") << "without a start";
+}
+
+TEST(KBTCalRepetitionInstances, CarryEveryField) {
+  const ScopedTimeZone zone("America/New_York");
+  const Rule rule = ruleFrom("FREQ=DAILY;INTERVAL=31", "20240128T235930");
+  KBTRepetitionInstance instance = rule->firstRepetitionInstance();
+  EXPECT_EQ(instance, (KBTRepetitionInstance{0, 30, 59, 23, 28, 0, 1, 31, 2024}));
+  instance = rule->nextRepetitionInstance(instance);
+  EXPECT_EQ(instance, (KBTRepetitionInstance{1, 30, 59, 23, 28, 3, 2, 29, 2024}));
+  EXPECT_EQ(KBTCalRepetition::dateForInstance(instance), localDate("20240228T235900"))
+      << "intended: dates are whole minutes";
+  // Intended: these two frequencies count weekdays from 1.
+  const Rule hourly = ruleFrom("FREQ=HOURLY", "20240127T233000");
+  instance = hourly->nextRepetitionInstance(hourly->firstRepetitionInstance());
+  EXPECT_EQ(instance, (KBTRepetitionInstance{1, 0, 30, 0, 28, 1, 1, 31, 2024}));
+  const Rule monthly = ruleFrom("FREQ=MONTHLY;BYDAY=-1FR", "20240131T100000");
+  instance = monthly->nextRepetitionInstance(monthly->firstRepetitionInstance());
+  EXPECT_EQ(instance, (KBTRepetitionInstance{1, 0, 0, 10, 23, 5, 2, 29, 2024}));
+}
+
+// Rules through the changes of clocks. Texts are wall time; dates are looked at where they tell
+// more.
+TEST(KBTCalRepetitionInstances, InNewYork) {
+  // 2024: 02:00 to 03:00 on 10 March; 02:00 back to 01:00 on 3 November.
+  const ScopedTimeZone zone("America/New_York");
+  expectSeries({
+      // Days keep the wall time, also one that is skipped; its date is later.
+      {"FREQ=DAILY", "20240309T023000", "20240309T0230 20240310T0230 20240311T0230"},
+      // Intended: a month or year step takes the moved time along.
+      {"FREQ=MONTHLY", "20240210T023000", "20240210T0230 20240310T0330 20240410T0330"},
+      {"FREQ=MONTHLY;BYDAY=2SU", "20240211T023000", "20240211T0230 20240310T0230 20240414T0330"},
+      {"FREQ=YEARLY", "20230310T023000", "20230310T0230 20240310T0330 20250310T0330"},
+      // Hours are elapsed time, but one of the repeated hour's two is passed over.
+      {"FREQ=HOURLY", "20240310T003000", "20240310T0030 20240310T0130 20240310T0330"},
+      {"FREQ=HOURLY", "20241103T003000", "20241103T0030 20241103T0130 20241103T0230"},
+      {"FREQ=HOURLY;INTERVAL=6", "20241102T200000", "20241102T2000 20241103T0100 20241103T0600"},
+      {"FREQ=MINUTELY;INTERVAL=20", "20241103T012000", "20241103T0120 20241103T0140 20241103T0200"},
+      {"FREQ=MINUTELY;INTERVAL=45", "20241103T001500",
+       "20241103T0015 20241103T0100 20241103T0145 20241103T0215"},
+  });
+  const Rule daily = ruleFrom("FREQ=DAILY", "20240309T023000");
+  const auto skipped = daily->nextRepetitionInstance(daily->firstRepetitionInstance());
+  EXPECT_EQ(KBTCalRepetition::dateForInstance(skipped), localDate("20240310T033000"));
+}
+
+TEST(KBTCalRepetitionInstances, InParis) {
+  // 2024: 02:00 to 03:00 on 31 March; 03:00 back to 02:00 on 27 October.
+  const ScopedTimeZone zone("Europe/Paris");
+  expectSeries({
+      {"FREQ=MONTHLY;BYDAY=-1SU", "20240225T023000", "20240225T0230 20240331T0230 20240428T0330"},
+      {"FREQ=HOURLY", "20241027T013000", "20241027T0130 20241027T0230 20241027T0330"},
+      {"FREQ=WEEKLY;UNTIL=20241027", "20241020T000000", "20241020T0000 20241027T0000 end"},
+  });
+}
+
+TEST(KBTCalRepetitionInstances, InLordHowe) {
+  // Half an hour: 02:00 back to 01:30 on 7 April 2024, 02:00 to 02:30 on 6 October.
+  const ScopedTimeZone zone("Australia/Lord_Howe");
+  expectSeries({
+      {"FREQ=HOURLY", "20240407T004500", "20240407T0045 20240407T0145 20240407T0215"},
+      {"FREQ=MINUTELY;INTERVAL=15", "20240407T011500",
+       "20240407T0115 20240407T0130 20240407T0145 20240407T0200"},
+      {"FREQ=HOURLY", "20241006T011500", "20241006T0115 20241006T0245 20241006T0345"},
+      {"FREQ=MONTHLY;BYDAY=1SU", "20240901T021500", "20240901T0215 20241006T0215 20241103T0245"},
+  });
+}
+
+TEST(KBTCalRepetitionInstances, InSaoPaulo) {
+  // Midnight changes: 00:00 to 01:00 on 4 November 2018; 00:00 back to 23:00 on 17 February 2019.
+  const ScopedTimeZone zone("America/Sao_Paulo");
+  expectSeries({
+      {"FREQ=DAILY", "20181103T000000", "20181103T0000 20181104T0000 20181105T0000"},
+      {"FREQ=MONTHLY", "20181004T000000", "20181004T0000 20181104T0100 20181204T0100"},
+      {"FREQ=HOURLY", "20190216T223000", "20190216T2230 20190216T2330 20190217T0030"},
+      {"FREQ=HOURLY;UNTIL=20190216", "20190216T220000",
+       "20190216T2200 20190216T2300 20190217T0000 end"},
+  });
+}
+
+TEST(KBTCalRepetitionInstances, InAZoneThatSkippedADay) {
+  // Samoa had no 30 December 2011.
+  const ScopedTimeZone zone("Pacific/Apia");
+  expectSeries({
+      {"FREQ=DAILY", "20111229T100000", "20111229T1000 20111230T1000 20111231T1000"},
+      {"FREQ=MONTHLY", "20111130T100000", "20111130T1000 20111231T1000 20120131T1000"},
+      {"FREQ=HOURLY", "20111229T233000", "20111229T2330 20111231T0030"},
+  });
+}
+
+TEST(KBTCalRepetitionInstances, FindsTheFirstOnOrAfterADay) {
+  const struct {
+    const char* rule;
+    const char* date;
+    const char* found;
+  } rows[] = {
+      {"FREQ=DAILY", "20230101T000000", "20240131T1000"},
+      {"FREQ=DAILY", "20240301T235900", "20240301T1000"},  // the day counts, not the time
+      {"FREQ=MONTHLY;BYDAY=-1FR", "20240224T000000", "20240329T1000"},
+      {"FREQ=YEARLY", "20300201T000000", "20310131T1000"},
+      {"FREQ=DAILY;COUNT=3", "20240203T000000", "end"},
+      {"FREQ=DAILY", "20740131T100000", "20740131T1000"},
+  };
+  for (const auto& row : rows) {
+    const Rule rule = ruleFrom(row.rule, "20240131T100000");
+    EXPECT_EQ(textOf(rule->repetitionInstanceAtOrAfterDate(localDate(row.date))), row.found)
+        << row.rule << " from " << row.date;
+  }
+  const Rule rule = ruleFrom("FREQ=DAILY", "20240131T100000");
+  EXPECT_EQ(rule->repetitionInstanceAtOrAfterDate(localDate("20740131T100000")).occurrence, 18263);
+}
+
+TEST(KBTCalRepetitionInstances, MoveByDays) {
+  const Rule rule = ruleFrom("FREQ=DAILY", "20240131T100000");  // a Wednesday
+  const struct {
+    std::int64_t days;
+    const char* day;
+    int weekday;
+  } rows[] = {
+      {0, "20240131T1000", 3},       {1, "20240201T1000", 4},
+      {30, "20240301T1000", 5},      {-1, "20240131T1000", 3},
+      {146'097, "24240131T1000", 3}, {std::numeric_limits<std::int64_t>::max(), "end", 3},
+  };
+  for (const auto& row : rows) {
+    KBTRepetitionInstance instance = rule->firstRepetitionInstance();
+    KBTCalRepetition::addDays_repetitionInstance(row.days, instance);
+    EXPECT_EQ(textOf(instance), row.day);
+    EXPECT_EQ(instance.weekday, row.weekday) << row.day;
+  }
+}
+
+// Every walk ends: with intervals and counts of any size, from both ends of the calendar, and also
+// where nothing can match.
+TEST(KBTCalRepetitionInstances, EndWithTheCalendar) {
+  const ScopedTimeZone zone("America/New_York");
+  const NSCalendar calendar = NSCalendar::currentCalendar();
+  const NSDate last = calendar.dateFromComponents({144683, 12, 31, 23, 59}).value();
+  const NSDate first = calendar.dateFromComponents({1, 1, 1}).value();
+  const char* const lists[] = {"", ";BYMONTH=2;BYMONTHDAY=30,31", ";BYMONTH=2;BYDAY=MO",
+                               ";BYMONTHDAY=31,-31"};
+  for (const char* frequency : {"MINUTELY", "HOURLY", "DAILY", "WEEKLY", "MONTHLY", "YEARLY"}) {
+    for (const char* list : lists) {
+      const std::string text = std::string("FREQ=") + frequency + list;
+      const Rule rule = ruleOf(text);
+      rule->setStartDate(first);
+      EXPECT_NE(seriesOf(*rule, 2), "end") << text;
+      rule->setStartDate(last);
+      EXPECT_EQ(textOf(rule->nextRepetitionInstance(rule->firstRepetitionInstance())), "end")
+          << text;
+      rule->setIntervalCount(std::numeric_limits<std::int64_t>::max());
+      rule->setRecurrenceCount(std::numeric_limits<std::int64_t>::max());
+      rule->setStartDate(first);
+      auto instance = rule->firstRepetitionInstance();
+      for (int i = 0; i < 40; ++i) instance = rule->nextRepetitionInstance(instance);
+      EXPECT_EQ(textOf(instance), "end") << text;
+    }
+  }
+  const Rule rule = ruleOf("FREQ=DAILY");
+  rule->setStartDate(last.dateByAddingSeconds(60));
+  EXPECT_EQ(seriesOf(*rule, 2), "end") << "a start outside the calendar";
+  rule->setStartDate(first);
+  rule->setEndDate(NSDate::dateWithMicrosecondsSince1970(std::numeric_limits<std::int64_t>::min()));
+  EXPECT_EQ(textOf(rule->nextRepetitionInstance(rule->firstRepetitionInstance())), "end");
+}
+
+}  // namespace
+}  // namespace quillmere

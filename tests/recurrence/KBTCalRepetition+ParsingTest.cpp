@@ -1,0 +1,221 @@
+#include <gtest/gtest.h>
+#include <quillmere/recurrence/KBTCalRepetition.h>
+
+#include <limits>
+
+#include "tests/support/ScopedTimeZone.h"
+#include "tests/support/Series.h"
+
+namespace quillmere {
+namespace {
+
+using testing::ruleOf;
+using testing::ScopedTimeZone;
+
+// What is protected, for tests.
+struct Exposed : KBTCalRepetition {
+  using KBTCalRepetition::_indexForWKST;
+  using KBTCalRepetition::_parseRRule;
+};
+
+TEST(KBTCalRepetitionParsing, ReadsEveryPart) {
+  const auto rule = ruleOf(
+      "RRULE:FREQ=MONTHLY;INTERVAL=2;BYMONTH=12,1;BYMONTHDAY=1,-1,31;BYDAY=FR,MO;BYSETPOS=-1,2;"
+      "WKST=SU;COUNT=7");
+  EXPECT_EQ(rule->frequency(), KBTCalRepetition::MONTHLY);
+  EXPECT_EQ(rule->intervalCount(), 2);
+  EXPECT_EQ(rule->monthsOfTheYear(), (KBTCalRepetition::Numbers{1, 12}));
+  EXPECT_EQ(rule->daysOfTheMonth(), (KBTCalRepetition::Numbers{1, 31, -1}));
+  EXPECT_EQ(rule->daysOfTheWeek(),
+            (KBTCalRepetition::Weekdays{KBTCalRepetitionDayOfWeek::dayOfWeek(1),
+                                        KBTCalRepetitionDayOfWeek::dayOfWeek(5)}));
+  EXPECT_EQ(rule->setPositions(), (KBTCalRepetition::Numbers{2, -1}));
+  EXPECT_EQ(rule->assignedFirstWeekday(), 0);
+  EXPECT_EQ(rule->recurrenceCount(), 7);
+  EXPECT_EQ(rule->startDate(), std::nullopt);
+  EXPECT_EQ(rule->endDate(), std::nullopt) << "a count without a start has no last date";
+
+  const auto bare = ruleOf("FREQ=WEEKLY;BYDAY=MO,WE");
+  EXPECT_EQ(bare->intervalCount(), 1);
+  EXPECT_EQ(bare->assignedFirstWeekday(), -1);
+  EXPECT_EQ(bare->effectiveFirstWeekday(), 1);
+  EXPECT_EQ(bare->recurrenceCount(), 0);
+  EXPECT_EQ(bare->repetitionEndDate(), std::nullopt);
+}
+
+// What a rule is read as, told by writing it again.
+TEST(KBTCalRepetitionParsing, AcceptsWhatProducersWrite) {
+  const struct {
+    const char* text;
+    const char* written;
+  } rows[] = {
+      {"FREQ=MINUTELY;INTERVAL=15", "FREQ=MINUTELY;INTERVAL=15"},
+      {"WKST=MO;FREQ=HOURLY", "FREQ=HOURLY"},
+      {"FREQ=YEARLY;BYDAY=+3TU", "FREQ=YEARLY;BYDAY=3TU"},
+      {"FREQ=MONTHLY;BYDAY= -1FR", "FREQ=MONTHLY;BYDAY=-1FR"},
+      {"FREQ=MONTHLY;BYDAY=2xMO", "FREQ=MONTHLY;BYDAY=2MO"},
+      {"FREQ=WEEKLY;BYDAY=SA,SA,SU", "FREQ=WEEKLY;BYDAY=SU,SA"},
+      {"FREQ=DAILY;COUNT=0", "FREQ=DAILY"},
+      {"FREQ=DAILY;COUNT=", "FREQ=DAILY"},
+      {"FREQ=DAILY;COUNT=twelve", "FREQ=DAILY"},
+      {"FREQ=DAILY;COUNT=3;COUNT=4", "FREQ=DAILY;COUNT=4"},
+      {"FREQ=DAILY;INTERVAL=2a", "FREQ=DAILY;INTERVAL=2"},
+      {"FREQ=DAILY;INTERVAL=99999999999999999999", "FREQ=DAILY;INTERVAL=9223372036854775807"},
+      {"FREQ=DAILY;WKST=", "FREQ=DAILY"},
+      {"RRULE:FREQ=DAILY;WKST=SA", "FREQ=DAILY;WKST=SA"},
+  };
+  for (const auto& row : rows) {
+    const auto rule = ruleOf(row.text);
+    ASSERT_TRUE(rule) << row.text;
+    EXPECT_EQ(rule->rrule(), row.written) << row.text;
+  }
+}
+
+TEST(KBTCalRepetitionParsing, RefusesWithCodeAndText) {
+  constexpr const char* unknownFrequency = "Unknown value \"%s\" for FREQ";
+  constexpr const char* interval = "Interval must be greater than 0.";
+  constexpr const char* month = "Month values must be from 1 to 12.";
+  constexpr const char* monthDay = "Month day values must be from 1 to 31 or -1 to -31.";
+  constexpr const char* numbered =
+      "BYDAY with numeric value \"%s\" is not supported with provided FREQ value.";
+  constexpr const char* notValid = "BYDAY value \"%s\" not valid.";
+  constexpr const char* severalNumbered = "BYDAY value \"%s\" not supported.";
+  constexpr const char* count =
+      "End count must be zero (for date-based or limitless recurrences) or greater.";
+  constexpr const char* unprocessed = "Encountered unprocessed recurrence properties %s";
+  constexpr const char* date = "Unrecognized date format";
+  constexpr const char* position =
+      "Set position values (i.e. BYSETPOS) are only supported for MONTHLY repeats representing "
+      "BYDAY rules and therefore must be from 1 to 5 or -1 to -5.";
+  constexpr const char* noPosition =
+      "BYSETPOS value \"%s\" only supported for MONTHLY rules with a corresponding BYDAY rule.";
+  const struct {
+    const char* text;
+    std::int64_t code;
+    const char* description;
+    const char* placeholder = "";
+  } rows[] = {
+      {"", 1, unknownFrequency, "(null)"},
+      {"FREQ=DAILY;", 1, unknownFrequency, "(null)"},
+      {"FREQ=DAILY;COUNT", 1, unknownFrequency, "(null)"},
+      {" RRULE:FREQ=DAILY", 1, unknownFrequency, "(null)"},
+      {"freq=daily", 1, unknownFrequency, "(null)"},
+      {"FREQ=daily", 1, unknownFrequency, "daily"},
+      {"FREQ=DAILY=", 1, unknownFrequency, "DAILY="},
+      {"FREQ=%@", 1, unknownFrequency, "%@"},
+      {"FREQ=DAILY;INTERVAL=0", 2, interval},
+      {"FREQ=DAILY;INTERVAL=", 2, interval},
+      {"FREQ=DAILY;INTERVAL=+-3", 2, interval},
+      {"FREQ=DAILY;INTERVAL=-99999999999999999999", 2, interval},
+      {"FREQ=DAILY;INTERVAL=0;BYWEEKNO=3;COUNT=-1", 2, interval},
+      {"FREQ=YEARLY;BYMONTH=0", 3, month},
+      {"FREQ=YEARLY;BYMONTH=12,13", 3, month},
+      {"FREQ=YEARLY;BYMONTH=-1", 3, month},
+      {"FREQ=YEARLY;BYMONTH=", 3, month},
+      {"FREQ=MONTHLY;BYMONTHDAY=0", 4, monthDay},
+      {"FREQ=MONTHLY;BYMONTHDAY=32", 4, monthDay},
+      {"FREQ=MONTHLY;BYMONTHDAY=1,-32", 4, monthDay},
+      {"FREQ=MONTHLY;BYMONTHDAY=1,,2", 4, monthDay},
+      {"FREQ=WEEKLY;BYDAY=2MO", 5, numbered, "2MO"},
+      {"FREQ=DAILY;BYDAY=-1XX", 5, numbered, "-1XX"},
+      {"FREQ=WEEKLY;BYDAY=MO,XX", 5, notValid, "MO,XX"},
+      {"FREQ=MONTHLY;BYDAY=0MO", 5, notValid, "0MO"},
+      {"FREQ=MONTHLY;BYDAY=3", 5, notValid, "3"},
+      {"FREQ=MONTHLY;BYDAY=1M", 5, notValid, "1M"},
+      {"FREQ=MONTHLY;BYDAY=", 5, notValid, ""},
+      {"FREQ=WEEKLY;BYDAY=mo", 5, notValid, "mo"},
+      {"FREQ=WEEKLY;BYDAY=MO, TU", 5, notValid, "MO, TU"},
+      {"FREQ=MONTHLY;BYDAY=1MO,3MO", 6, severalNumbered, "1MO,3MO"},
+      {"FREQ=WEEKLY;BYDAY=MO,2TU", 6, severalNumbered, "MO,2TU"},
+      {"FREQ=MONTHLY;BYDAY=2MO,", 6, severalNumbered, "2MO,"},
+      {"FREQ=DAILY;COUNT=-1", 7, count},
+      {"FREQ=DAILY;BYHOUR=9", 8, unprocessed, "(\n    FREQ,\n    BYHOUR\n)"},
+      {"X=1;FREQ=DAILY;=", 8, unprocessed, "(\n    X,\n    FREQ,\n    \n)"},
+      {"FREQ=DAILY;UNTIL=NEVER", 9, date},
+      {"FREQ=DAILY;UNTIL=20250230", 9, date},
+      {"FREQ=DAILY;UNTIL=2025013", 9, date},
+      {"FREQ=DAILY;UNTIL=20250131 ;COUNT=-1", 9, date},
+      {"FREQ=DAILY;UNTIL=T235959Z", 9, date},
+      {"FREQ=MONTHLY;BYDAY=MO;BYSETPOS=6", 10, position},
+      {"FREQ=MONTHLY;BYDAY=MO;BYSETPOS=1,-6", 10, position},
+      {"FREQ=MONTHLY;BYDAY=MO;BYSETPOS=", 10, position},
+      {"FREQ=YEARLY;BYDAY=MO;BYSETPOS=1", 10, noPosition, "1"},
+      {"FREQ=MONTHLY;BYSETPOS=1,9;BYHOUR=9", 10, noPosition, "1,9"},
+  };
+  for (const auto& row : rows) {
+    NSErrorPtr error;
+    EXPECT_EQ(KBTCalRepetition::initWithRRule_error(row.text, &error), nullptr) << row.text;
+    ASSERT_TRUE(error) << row.text;
+    EXPECT_EQ(error->domain(), "com.tessaly.Quillmere.ErrorDomain");
+    EXPECT_EQ(error->code(), row.code) << row.text;
+    std::string expected = row.description;
+    if (const auto at = expected.find("%s"); at != std::string::npos) {
+      expected.replace(at, 2, row.placeholder);
+    }
+    EXPECT_EQ(error->localizedDescription(), expected) << row.text;
+    EXPECT_EQ(KBTCalRepetition::initWithRRule_error(row.text, nullptr), nullptr) << row.text;
+  }
+}
+
+TEST(KBTCalRepetitionParsing, ErrorsTellWhereTheyComeFromAndWhatWentBefore) {
+  NSErrorPtr error;
+  KBTCalRepetition::initWithRRule_error("FREQ=DAILY;UNTIL=NEVERT1", &error);
+  const NSErrorPtr first = error;
+  EXPECT_EQ(first->underlyingError(), nullptr);
+  EXPECT_EQ(std::get<std::string>(first->userInfo().at(NSLocalizedRecoverySuggestionErrorKey)),
+            "The date-only string “NEVER” could not be parsed as a date.");
+  EXPECT_EQ(std::get<std::string>(first->userInfo().at(KSErrorFileKey)),
+            "KBTCalRepetition+Parsing.cpp");
+  EXPECT_GT(std::get<std::int64_t>(first->userInfo().at(KSErrorLineKey)), 0);
+
+  KBTCalRepetition::initWithRRule_error(std::nullopt, &error);
+  EXPECT_EQ(error->code(), KBTUnknownFrequencyError);
+  EXPECT_EQ(error->underlyingError(), first);
+  EXPECT_FALSE(error->userInfo().contains(NSLocalizedRecoverySuggestionErrorKey));
+
+  const NSErrorPtr second = error;
+  ASSERT_TRUE(KBTCalRepetition::initWithRRule_error("FREQ=DAILY", &error));
+  EXPECT_EQ(error, second) << "a success leaves the argument alone";
+}
+
+TEST(KBTCalRepetitionParsing, RefusesSecondlyWithoutAnError) {
+  NSErrorPtr error;
+  ::testing::internal::CaptureStderr();
+  EXPECT_EQ(KBTCalRepetition::initWithRRule_error("FREQ=SECONDLY;INTERVAL=0", &error), nullptr);
+  EXPECT_NE(::testing::internal::GetCapturedStderr().find("NOTREACHED"), std::string::npos);
+  EXPECT_EQ(error, nullptr);
+}
+
+TEST(KBTCalRepetitionParsing, AnUnknownWeekStartIsNone) {
+  EXPECT_EQ(Exposed::_indexForWKST(std::nullopt), -1);
+  EXPECT_EQ(Exposed::_indexForWKST("TH"), 4);
+  ::testing::internal::CaptureStderr();
+  const auto rule = ruleOf("FREQ=DAILY;WKST=XX");
+  EXPECT_NE(::testing::internal::GetCapturedStderr().find("NOTREACHED"), std::string::npos);
+  ASSERT_TRUE(rule);
+  EXPECT_EQ(rule->assignedFirstWeekday(), -1);
+}
+
+TEST(KBTCalRepetitionParsing, OfUntilTheDayCounts) {
+  const ScopedTimeZone zone("America/New_York");
+  for (const char* text : {"FREQ=DAILY;UNTIL=20250131", "FREQ=DAILY;UNTIL=20250131T120000Z",
+                           "FREQ=DAILY;COUNT=5;UNTIL=20250131TRUBBISH"}) {
+    const auto rule = ruleOf(text);
+    ASSERT_TRUE(rule) << text;
+    EXPECT_EQ(rule->repetitionEndDate(), testing::localDate("20250131T000000")) << text;
+    EXPECT_EQ(rule->beginningOfDayAfterEndDate(), testing::localDate("20250201T000000")) << text;
+  }
+  EXPECT_EQ(ruleOf("FREQ=DAILY;COUNT=5;UNTIL=20250131")->recurrenceCount(), 5) << "both stay";
+}
+
+TEST(KBTCalRepetitionParsing, SplitsIntoPartsOfWhichTheLastOfAKindCounts) {
+  const auto parts = Exposed::_parseRRule("RRULE:A=1;B=x=y;A=;RRULE:C=2");
+  ASSERT_TRUE(parts);
+  EXPECT_EQ(parts->keys(), (std::vector<std::string_view>{"A", "B", "RRULE:C"}));
+  EXPECT_EQ(*parts->find("A"), "");
+  EXPECT_EQ(*parts->find("B"), "x=y");
+  EXPECT_EQ(Exposed::_parseRRule("A=1;;B=2"), std::nullopt);
+}
+
+}  // namespace
+}  // namespace quillmere

@@ -1,0 +1,314 @@
+// Rules made of parts, and changed by their setters; the companions of a rule.
+
+#include <gtest/gtest.h>
+#include <quillmere/recurrence/KBTCalRepetition.h>
+
+#include <functional>
+#include <unordered_set>
+
+#include "tests/support/ScopedTimeZone.h"
+#include "tests/support/Series.h"
+
+namespace quillmere {
+namespace {
+
+using Day = KBTCalRepetitionDayOfWeek;
+using Numbers = KBTCalRepetition::Numbers;
+using Weekdays = KBTCalRepetition::Weekdays;
+using testing::localDate;
+using testing::Rule;
+using testing::ruleFrom;
+using testing::ruleOf;
+using testing::ScopedTimeZone;
+using testing::seriesOf;
+
+struct Parts {
+  std::uint64_t frequency = KBTCalRepetition::MONTHLY;
+  std::int64_t interval = 1;
+  std::optional<Weekdays> weekdays;
+  std::int64_t firstWeekday = -1;
+  std::optional<Numbers> monthDays;
+  std::optional<Numbers> months;
+  std::optional<Numbers> weeks;
+  std::optional<Numbers> yearDays;
+  std::optional<Numbers> positions;
+
+  Rule make(NSErrorPtr* error) const {
+    return KBTCalRepetition::
+        initWithFrequency_interval_daysOfTheWeek_firstWeekday_daysOfTheMonth_monthsOfTheYear_weeksOfTheYear_daysOfTheYear_setPositions_end_error(
+            frequency, interval, weekdays, firstWeekday, monthDays, months, weeks, yearDays,
+            positions, nullptr, error);
+  }
+};
+
+constexpr auto daily = KBTCalRepetition::DAILY;
+constexpr auto weekly = KBTCalRepetition::WEEKLY;
+constexpr auto monthly = KBTCalRepetition::MONTHLY;
+constexpr auto yearly = KBTCalRepetition::YEARLY;
+
+TEST(KBTCalRepetition, IsMadeOfItsParts) {
+  const struct {
+    Parts parts;
+    const char* written;
+  } rows[] = {
+      {{.frequency = 1, .interval = 30}, "FREQ=MINUTELY;INTERVAL=30"},
+      {{.frequency = weekly, .weekdays = Weekdays{Day::dayOfWeek(3), Day::dayOfWeek(1)}},
+       "FREQ=WEEKLY;BYDAY=MO,WE"},
+      {{.weekdays = Weekdays{Day::dayOfWeek_weekNumber(Day::FRIDAY, -1)}},
+       "FREQ=MONTHLY;BYDAY=-1FR"},
+      {{.frequency = weekly, .weekdays = Weekdays{Day::dayOfWeek(9), Day::dayOfWeek(-1)}},
+       "FREQ=WEEKLY"},
+      {{.weekdays = Weekdays{}, .monthDays = Numbers{-2, 15, 1, -1}},
+       "FREQ=MONTHLY;BYMONTHDAY=1,15,-1,-2"},
+      {{.frequency = yearly, .months = Numbers{12, 2}}, "FREQ=YEARLY;BYMONTH=2,12"},
+      {{.weekdays = Weekdays{Day::dayOfWeek(6)}, .positions = Numbers{-1, 2}},
+       "FREQ=MONTHLY;BYDAY=SA;BYSETPOS=2,-1"},
+      {{.weekdays = Weekdays{Day::dayOfWeek(9)}, .positions = Numbers{5, -5}},
+       "FREQ=MONTHLY;BYSETPOS=5,-5"},
+      {{.frequency = daily, .positions = Numbers{}}, "FREQ=DAILY"},
+      {{.frequency = daily, .firstWeekday = 0}, "FREQ=DAILY;WKST=SU"},
+      {{.frequency = daily, .firstWeekday = 1}, "FREQ=DAILY"},
+      {{.frequency = daily, .firstWeekday = 7}, "FREQ=DAILY"},
+      {{.frequency = daily, .firstWeekday = -2}, "FREQ=DAILY"},
+  };
+  for (const auto& row : rows) {
+    NSErrorPtr error;
+    const Rule rule = row.parts.make(&error);
+    ASSERT_TRUE(rule) << row.written;
+    EXPECT_EQ(rule->rrule(), row.written);
+    EXPECT_EQ(error, nullptr);
+  }
+  EXPECT_EQ((Parts{.frequency = daily, .firstWeekday = 7}).make(nullptr)->assignedFirstWeekday(),
+            -1);
+}
+
+TEST(KBTCalRepetition, RefusesBadParts) {
+  const Weekdays numbered{Day::dayOfWeek(2), Day::dayOfWeek_weekNumber(1, 2)};
+  const struct {
+    Parts parts;
+    std::int64_t code;  // 0 for none
+    const char* description;
+  } rows[] = {
+      {{.frequency = 0}, 0, ""},
+      {{.frequency = 7, .interval = 0}, 0, ""},
+      {{.interval = 0, .months = Numbers{13}}, 2, "Interval must be greater than 0."},
+      {{.monthDays = Numbers{0}, .months = Numbers{1, 0}}, 3, "Month values must be from 1 to 12."},
+      {{.monthDays = Numbers{-32}}, 4, "Month day values must be from 1 to 31 or -1 to -31."},
+      {{.weekdays = numbered, .months = Numbers{13}},
+       5,
+       "BYDAY with numeric value \"(\n    KBTCalRepetitionDayOfWeek 2 with offset 0,\n"
+       "    KBTCalRepetitionDayOfWeek 1 with offset 2\n)\" is not supported with provided FREQ "
+       "value."},
+      {{.weekdays = Weekdays{Day::dayOfWeek(1)}, .positions = Numbers{1, 6}},
+       10,
+       "Set position values (i.e. BYSETPOS) are only supported for MONTHLY repeats representing "
+       "BYDAY rules and therefore must be from 1 to 5 or -1 to -5."},
+      {{.frequency = yearly, .weekdays = Weekdays{Day::dayOfWeek(1)}, .positions = Numbers{6}},
+       10,
+       "BYSETPOS value \"(\n    6\n)\" only supported for MONTHLY rules with a corresponding BYDAY "
+       "rule."},
+      {{.weekdays = Weekdays{}, .positions = Numbers{1}},
+       10,
+       "BYSETPOS value \"(\n    1\n)\" only supported for MONTHLY rules with a corresponding BYDAY "
+       "rule."},
+  };
+  for (const auto& row : rows) {
+    NSErrorPtr error;
+    EXPECT_EQ(row.parts.make(&error), nullptr) << row.description;
+    EXPECT_EQ(error ? error->code() : 0, row.code) << row.description;
+    EXPECT_EQ(error ? error->localizedDescription() : "", row.description);
+  }
+}
+
+// Intended: who does not ask for errors gets the weekdays up to the first numbered one, plain.
+TEST(KBTCalRepetition, WithoutAnErrorArgumentSeveralNumberedWeekdaysCountAsPlain) {
+  const Weekdays weekdays{Day::dayOfWeek(2), Day::dayOfWeek_weekNumber(1, 2), Day::dayOfWeek(5)};
+  for (const std::uint64_t frequency : {weekly, monthly}) {
+    const Rule rule = Parts{.frequency = frequency, .weekdays = weekdays}.make(nullptr);
+    ASSERT_TRUE(rule);
+    EXPECT_EQ(rule->daysOfTheWeek(), (Weekdays{Day::dayOfWeek(1), Day::dayOfWeek(2)}));
+  }
+}
+
+TEST(KBTCalRepetitionDeathTest, StopsOnWhatIsNotPorted) {
+  const std::vector<std::function<void()>> calls = {
+      [] { (void)Parts{.frequency = 0, .weeks = Numbers{}}.make(nullptr); },
+      [] { (void)Parts{.yearDays = Numbers{1}}.make(nullptr); },
+      [] {
+        const auto weekdays = Weekdays{Day::dayOfWeek_weekNumber(1, 1)};
+        (void)Parts{.frequency = weekly, .weekdays = weekdays}.make(nullptr);
+      },
+      [] { ruleOf("FREQ=DAILY")->setDaysOfTheWeek({{Day::dayOfWeek_weekNumber(1, 1)}}); },
+      [] { (void)ruleOf("FREQ=HOURLY")->repetitionInstanceAtOrAfterDate(NSDate::date()); },
+      [] {
+        const Rule rule = ruleFrom("FREQ=MONTHLY;BYDAY=MO;BYSETPOS=1", "20240101T100000");
+        rule->setDaysOfTheWeek(std::nullopt);
+        (void)rule->nextRepetitionInstance(rule->firstRepetitionInstance());
+      }};
+  for (const auto& call : calls) {
+    EXPECT_EXIT(call(), ::testing::KilledBySignal(SIGABRT), "not yet ported");
+  }
+}
+
+TEST(KBTCalRepetitionDeathTest, StopsOnWhatMustNotBeCalled) {
+  struct Secondly : KBTCalRepetition {};  // no initializer makes one
+  const auto step = [] {
+    Secondly rule;
+    rule.setStartDate(localDate("20240101T100000"));
+    (void)rule.nextRepetitionInstance(rule.firstRepetitionInstance());
+  };
+  EXPECT_EXIT(step(), ::testing::KilledBySignal(SIGABRT), "must not be called");
+  EXPECT_EXIT(KBTCalRepetitionEnd::init(), ::testing::KilledBySignal(SIGABRT),
+              "must not be called");
+}
+
+TEST(KBTCalRepetition, TheShortInitializerLeavesOutAllLists) {
+  NSErrorPtr error;
+  const Rule rule =
+      KBTCalRepetition::initWithFrequency_interval_end_error(daily, 3, nullptr, &error);
+  ASSERT_TRUE(rule);
+  EXPECT_EQ(rule->rrule(), "FREQ=DAILY;INTERVAL=3");
+  EXPECT_EQ(rule->assignedFirstWeekday(), -1);
+  EXPECT_FALSE(KBTCalRepetition::initWithFrequency_interval_end_error(daily, 0, nullptr, &error));
+  EXPECT_EQ(error->code(), KBTIntervalError);
+}
+
+TEST(KBTCalRepetition, AnIntervalBelowOneIsNotStored) {
+  const Rule rule = ruleOf("FREQ=DAILY;INTERVAL=2");
+  rule->setIntervalCount(0);
+  EXPECT_EQ(rule->intervalCount(), 2);
+  rule->setIntervalCount(1);
+  EXPECT_EQ(rule->intervalCount(), 1);
+}
+
+TEST(KBTCalRepetition, CountAndEndDateReplaceEachOther) {
+  const ScopedTimeZone zone("America/New_York");
+  const Rule rule = ruleOf("FREQ=DAILY");
+  const NSDate end = localDate("20240310T153000");
+  rule->setEndDate(end);
+  EXPECT_EQ(rule->rrule(), "FREQ=DAILY;UNTIL=20240310T193000Z");
+  EXPECT_EQ(rule->repetitionEndDate(), end);
+  const NSDate nextDay = localDate("20240311T000000");
+  EXPECT_EQ(rule->beginningOfDayAfterEndDate(), nextDay);
+
+  rule->setRecurrenceCount(5);
+  EXPECT_EQ(rule->rrule(), "FREQ=DAILY;COUNT=5");
+  EXPECT_EQ(rule->repetitionEndDate(), std::nullopt);
+  EXPECT_EQ(rule->beginningOfDayAfterEndDate(), nextDay) << "intended: it stays";
+
+  rule->setEndDate(end);
+  EXPECT_EQ(rule->recurrenceCount(), 0);
+  rule->setRecurrenceCount(5);
+  rule->setEndDate(std::nullopt);
+  EXPECT_EQ(rule->rrule(), "FREQ=DAILY");
+  EXPECT_EQ(rule->beginningOfDayAfterEndDate(), std::nullopt);
+}
+
+TEST(KBTCalRepetition, TheDayAfterTheEndIsOneOfWallTime) {
+  // On 4 November 2018 clocks in São Paulo went from 00:00 to 01:00: that day starts at 01:00, and
+  // a day later is 01:00 as well.
+  const ScopedTimeZone zone("America/Sao_Paulo");
+  const Rule rule = ruleOf("FREQ=DAILY;UNTIL=20181104");
+  EXPECT_EQ(rule->repetitionEndDate(), localDate("20181104T010000"));
+  EXPECT_EQ(rule->beginningOfDayAfterEndDate(), localDate("20181105T010000"));
+}
+
+// Intended: a list without numbers leaves the number of an earlier one.
+TEST(KBTCalRepetition, ReplacingTheWeekdaysKeepsAnOldNumber) {
+  const Rule rule = ruleOf("FREQ=MONTHLY;BYDAY=-1FR");
+  rule->setDaysOfTheWeek({{Day::dayOfWeek(1), Day::dayOfWeek(2)}});
+  EXPECT_EQ(rule->rrule(), "FREQ=MONTHLY;BYDAY=-1MO,-1TU");
+  EXPECT_EQ(rule->daysOfTheWeek().front(), Day::dayOfWeek_weekNumber(1, -1));
+  rule->setDaysOfTheWeek({{Day::dayOfWeek_weekNumber(3, 2)}});
+  EXPECT_EQ(rule->rrule(), "FREQ=MONTHLY;BYDAY=2WE");
+  rule->setDaysOfTheWeek({{Day::dayOfWeek_weekNumber(3, 4), Day::dayOfWeek(0)}});
+  EXPECT_EQ(rule->rrule(), "FREQ=MONTHLY;BYDAY=2WE") << "visited up to the numbered one";
+  rule->setDaysOfTheWeek(Weekdays{});
+  EXPECT_EQ(rule->rrule(), "FREQ=MONTHLY");
+}
+
+TEST(KBTCalRepetition, TheEndOfACountedSeriesIsItsLastOccurrence) {
+  const ScopedTimeZone zone("America/New_York");
+  const struct {
+    const char* rule;
+    std::optional<NSDate> end;
+  } rows[] = {
+      {"FREQ=DAILY;COUNT=1", localDate("20240131T100000")},
+      {"FREQ=DAILY;COUNT=3", localDate("20240202T100000")},
+      {"FREQ=MONTHLY;BYMONTHDAY=31;COUNT=3", localDate("20240531T100000")},
+      {"FREQ=DAILY", std::nullopt},
+      {"FREQ=MONTHLY;BYDAY=6MO;COUNT=3", std::nullopt},
+      {"FREQ=DAILY;COUNT=3;UNTIL=20240601", localDate("20240601T000000")},
+      {"FREQ=YEARLY;COUNT=9223372036854775807", std::nullopt},
+      // Elapsed hours but for the repeated one of each November, 2024 to 2030.
+      {"FREQ=HOURLY;COUNT=60000", localDate("20240131T100000").dateByAddingSeconds(60'006 * 3600)},
+      {"FREQ=MINUTELY;INTERVAL=1440;COUNT=3", localDate("20240202T100000")},
+  };
+  for (const auto& row : rows) {
+    const Rule rule = ruleFrom(row.rule, "20240131T100000");
+    EXPECT_EQ(rule->endDate(), row.end) << row.rule;
+  }
+  const Rule negative = ruleFrom("FREQ=DAILY", "20240131T100000");
+  negative->setRecurrenceCount(-2);
+  EXPECT_EQ(negative->recurrenceCount(), -2);
+  EXPECT_EQ(negative->endDate(), localDate("20240131T100000"));
+  EXPECT_EQ(seriesOf(*negative, 3), "20240131T1000 end");
+}
+
+// Many steps taken at once must lead where single ones do, however clocks were set on the way.
+TEST(KBTCalRepetition, CountsManyShortStepsAsItTakesThem) {
+  for (const char* zoneName : {"America/New_York", "Australia/Lord_Howe", "America/Sao_Paulo"}) {
+    const ScopedTimeZone zone(zoneName);
+    for (const char* text : {"FREQ=MINUTELY;INTERVAL=7", "FREQ=HOURLY", "FREQ=HOURLY;INTERVAL=5"}) {
+      const Rule rule = ruleFrom(text, "20170131T100000");
+      KBTRepetitionInstance instance = rule->firstRepetitionInstance();
+      for (int i = 0; i < 20'000; ++i) instance = rule->nextRepetitionInstance(instance);
+      rule->setRecurrenceCount(20'001);
+      EXPECT_EQ(rule->endDate(), KBTCalRepetition::dateForInstance(instance))
+          << text << " in " << zoneName;
+    }
+  }
+}
+
+TEST(KBTCalRepetition, DescribesItselfForDebugging) {
+  const ScopedTimeZone zone("UTC");
+  const Rule rule = ruleFrom("FREQ=MONTHLY;BYDAY=-1FR;COUNT=4", "20240131T100000");
+  EXPECT_EQ(rule->testString(), "2/23/2024 3/29/2024 4/26/2024 ");
+  HWDebugDictionary dictionary = rule->debugDictionary();
+  EXPECT_EQ(dictionary.size(), 4U);
+  EXPECT_EQ(std::get<NSDate>(dictionary.at("startDate")), localDate("20240131T100000"));
+  EXPECT_EQ(std::get<NSDate>(dictionary.at("endDate")), localDate("20240426T100000"));
+  EXPECT_EQ(std::get<std::string>(dictionary.at("RRULE")), "FREQ=MONTHLY;COUNT=4;BYDAY=-1FR");
+  EXPECT_TRUE(std::get<std::string>(dictionary.at("self")).starts_with("<KBTCalRepetition: 0x"));
+
+  const Rule bare = ruleOf("FREQ=DAILY");
+  EXPECT_EQ(bare->debugDictionary().size(), 2U);
+  EXPECT_EQ(bare->testString(), "");
+  bare->setStartDate(localDate("20240226T100000"));
+  EXPECT_EQ(bare->testString(),
+            "2/27/2024 2/28/2024 2/29/2024 3/1/2024 3/2/2024 3/3/2024 3/4/2024 3/5/2024 3/6/2024 "
+            "3/7/2024 ");
+}
+
+TEST(KBTCalRepetition, WritesUntilSoThatItMayComeBackADayEarlier) {
+  const ScopedTimeZone zone("Europe/Paris");
+  const Rule rule = ruleOf("FREQ=DAILY;UNTIL=20250131");
+  EXPECT_EQ(rule->rrule(), "FREQ=DAILY;UNTIL=20250130T230000Z");
+  EXPECT_EQ(ruleOf(rule->rrule())->repetitionEndDate(), localDate("20250130T000000"));
+}
+
+TEST(KBTCalRepetitionDayOfWeek, IsAValue) {
+  const Day lastFriday = Day::dayOfWeek_weekNumber(Day::FRIDAY, -1);
+  EXPECT_EQ(lastFriday.dayOfTheWeek(), 5);
+  EXPECT_EQ(lastFriday.weekNumber(), -1);
+  EXPECT_EQ(lastFriday.description(), "KBTCalRepetitionDayOfWeek 5 with offset -1");
+  EXPECT_EQ(lastFriday.hash(), static_cast<std::size_t>(5 ^ -1));
+  EXPECT_TRUE(lastFriday.isEqual(Day::initWithDayOfTheWeek_weekNumber(5, -1)));
+  EXPECT_NE(lastFriday, Day::dayOfWeek(5));
+  EXPECT_NE(lastFriday, Day::dayOfWeek_weekNumber(4, -1));
+  const std::unordered_set<Day> days{lastFriday, lastFriday, Day::dayOfWeek(5)};
+  EXPECT_EQ(days.size(), 2U);
+}
+
+}  // namespace
+}  // namespace quillmere
