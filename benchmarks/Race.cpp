@@ -37,9 +37,9 @@ double secondsOfRound(const Race::Contender& contender) {
 
 }  // namespace
 
-const Race::Contender& Race::add(std::string name, std::size_t bytes, Pass pass,
+const Race::Contender& Race::add(std::string name, std::size_t amount, Pass pass,
                                  std::size_t passes) {
-  contenders_.push_back({std::move(name), bytes, passes, std::move(pass)});
+  contenders_.push_back({std::move(name), amount, passes, std::move(pass)});
   return contenders_.back();
 }
 
@@ -57,9 +57,13 @@ void require(bool condition, const char* message) {
   std::exit(EXIT_FAILURE);
 }
 
+void print(std::initializer_list<std::string> fields) {
+  for (const std::string& field : fields) std::printf("| %s ", field.c_str());
+  std::puts("|");
+}
+
 void print(const Row& row) {
-  std::printf("| %s | %s | %s | %s | %s | %s |\n", row.measure.c_str(), row.speed.c_str(),
-              row.ofLimit.c_str(), row.ofLibical.c_str(), row.target.c_str(), row.met.c_str());
+  print({row.measure, row.speed, row.ofLimit, row.ofLibical, row.target, row.met});
 }
 
 Row rowOf(const Race::Contender& contender) {

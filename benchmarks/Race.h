@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <deque>
 #include <functional>
+#include <initializer_list>
 #include <limits>
 #include <memory>
 #include <string>
@@ -19,16 +20,17 @@ class Race {
 
   struct Contender {
     std::string name;
-    std::size_t bytes;   // of work in a pass
+    std::size_t amount;  // of work in a pass: bytes, or whatever is counted
     std::size_t passes;  // in a round
     Pass pass;
     double seconds = std::numeric_limits<double>::infinity();  // of a pass, in the best round
 
-    double bytesPerSecond() const { return static_cast<double>(bytes) / seconds; }
+    double bytesPerSecond() const { return static_cast<double>(amount) / seconds; }
+    double nanosecondsEach() const { return 1e9 * seconds / static_cast<double>(amount); }
   };
 
   /// The reference stays good, and tells the result after `run()`.
-  const Contender& add(std::string name, std::size_t bytes, Pass pass, std::size_t passes = 1);
+  const Contender& add(std::string name, std::size_t amount, Pass pass, std::size_t passes = 1);
 
   void run();
 
@@ -39,7 +41,10 @@ class Race {
 /// Ends the program with a message when a benchmark did not do its work.
 void require(bool condition, const char* message);
 
-/// One row of the report, a Markdown table. Empty fields are left blank.
+/// Prints one row of a Markdown table.
+void print(std::initializer_list<std::string> fields);
+
+/// One row of the table of speeds. Empty fields are left blank.
 struct Row {
   std::string measure;
   std::string speed;  // in MB/s

@@ -34,6 +34,7 @@ week=(--from 2026-05-01 --days 8)
 
 heading "A team's calendar and the public holidays, read for the first time"
 agenda --state state "${week[@]}" team.ics feiertage.ics
+expect "11:00-11:15  Stand-up (later, because of the fire drill)"
 expect "16:00-17:30  Quarterly review with Boston, Boston – 4th floor  [Team Harbour]"
 expect "all day      Tag der Arbeit  [Feiertage in Süddeutschland]"
 expect "due Tue 2026-05-05 17:00  Book the ferry"
@@ -42,6 +43,17 @@ heading "The same again: nothing has changed, so no calendar is read"
 agenda --state state "${week[@]}" team.ics feiertage.ics
 expect "team.ics: unchanged"
 expect "feiertage.ics: unchanged"
+
+heading "A choir's calendar: repeating events, over the end of daylight saving"
+agenda --from 2026-10-20 --days 14 chorale.ics
+expect "20:00-22:00  Répétition générale, Église Saint-Martin"
+expect "20:00-20:45  Appel avec le chœur de Portland"
+expect "19:00-19:45  Appel avec le chœur de Portland"
+expect "18:00-19:00  Bureau de l’association"
+expect "all day      Anniversaire d’Aïcha"
+expect "17:30-19:30  Concert d’automne"
+expect "all day      Inventaire des partitions (repeats)"
+expect "FREQ=YEARLY;BYWEEKNO=44;BYDAY=MO: Encountered unprocessed recurrence properties"
 
 heading "A new event is saved; zones, alarms and the journal stay"
 agenda --state state --add "Tea with Søren" --start 2026-05-07T15:00 --end 2026-05-07T15:45 \

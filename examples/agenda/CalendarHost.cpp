@@ -86,6 +86,7 @@ void CalendarHost::restore(const KeptCalendar& kept) {
     objects_[object->name] = object;
     seeds.push_back(object);
   }
+  splitEvents_ = kept.splitEvents;
   calendar_->setObjects(seeds);
   calendar_->setCalendarName(kept.calendarName);
 
@@ -96,7 +97,8 @@ void CalendarHost::restore(const KeptCalendar& kept) {
 }
 
 KeptCalendar CalendarHost::kept() const {
-  KeptCalendar kept{calendar_->path(), calendar_->cachingString(), calendar_->calendarName(), {}};
+  KeptCalendar kept{
+      calendar_->path(), calendar_->cachingString(), calendar_->calendarName(), {}, splitEvents_};
   for (const auto& [uid, object] : objects_) kept.objects.push_back(object);
   return kept;
 }
@@ -129,9 +131,34 @@ void CalendarHost::readFile(Items items) {
   wanted_ = items;
   if (items == Items::every) calendar_->setCachingString(std::nullopt);
   items_ = 0;
+  changes_.wasRead = false;
   error_ = nullptr;
   calendar_->fetchExternalChanges();
   if (error_) throw CalendarProblem("cannot be read: " + error_->localizedDescription());
+  if (changes_.wasRead) readSplitEvents();
+}
+
+// Of several components with one UID the calendar reports only the first, so the host looks for the
+// others itself. What cannot be taken apart is shown as it was reported.
+void CalendarHost::readSplitEvents() {
+  splitEvents_.clear();
+  const string_view document = calendar_->document().view();
+  if (document.find("RECURRENCE-ID") == string_view::npos) return;
+  try {
+    const auto components = splitDocument(document).components;
+    for (const Component& component : components) {
+      const bool isPart = component.name == "VEVENT" && !component.uid.empty();
+      if (isPart && isChangedInstance(component.text)) splitEvents_[component.uid];
+    }
+    for (const Component& component : components) {
+      const auto found = splitEvents_.find(component.uid);
+      if (found == splitEvents_.end() || component.name != "VEVENT") continue;
+      const auto reader = KBTCalObject::initWithData(NSData::dataWithBytes(component.text));
+      found->second.push_back(readEntry(*reader));
+    }
+  } catch (const CalendarProblem&) {
+    splitEvents_.clear();
+  }
 }
 
 // A large file takes a while to read, and others may write it meanwhile.

@@ -81,6 +81,7 @@ class CalendarHost : public quillmere::KBTSynchingCalendarDelegate {
   std::string name() const;
   /// By UID.
   const std::map<std::string, std::shared_ptr<AgendaObject>>& objects() const { return objects_; }
+  const SplitEvents& splitEvents() const { return splitEvents_; }
 
  protected:
   CalendarHost(std::string path, Progress progress);
@@ -101,6 +102,7 @@ class CalendarHost : public quillmere::KBTSynchingCalendarDelegate {
   void readFile(Items items);
   bool changedOutside();
   void readItem(AgendaObject& object, const std::string& version, quillmere::KBTCalObject& item);
+  void readSplitEvents();
   void countItem();
   std::shared_ptr<AgendaObject> objectNamed(const std::string& uid) const;
 
@@ -148,6 +150,7 @@ class CalendarHost : public quillmere::KBTSynchingCalendarDelegate {
   std::shared_ptr<AgendaCalendar> calendar_;
   Progress progress_;
   std::map<std::string, std::shared_ptr<AgendaObject>> objects_;
+  SplitEvents splitEvents_;
 
   // The fetch or check under way, or the last one.
   Changes changes_;

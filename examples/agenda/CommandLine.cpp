@@ -237,7 +237,8 @@ What to change, in one file:
   --help              this text
 
 DAY is like 2024-05-31; WHEN is a day, or a time like 2024-05-31T17:00.
-Repeating events are shown at their first date.
+Repeating events are shown on each of their dates. Rules that cannot be followed are listed
+at the end; their events are on the first date only, marked "repeats".
 
 Exit status: 0 all went well; 1 a calendar could not be read or saved; 2 the command line
 is wrong.

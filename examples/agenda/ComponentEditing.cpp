@@ -108,7 +108,7 @@ When movedEnd(const When& newStart, const When& oldStart, const When& oldEnd) {
 // Brings start and end into the form in which the component tells them.
 void completeTimes(Fields& fields, const Entry& old) {
   if (!fields.start && !fields.end) return;
-  if (fields.start && old.repeats) {
+  if (fields.start && old.repeats()) {
     throw CalendarProblem("it repeats, so its start cannot be moved");
   }
   if (fields.end && !old.isToDo) fields.end = endAsWritten(*fields.end);

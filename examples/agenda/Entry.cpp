@@ -3,6 +3,7 @@
 #include <quillmere/platform/dates/NSCalendar.h>
 #include <quillmere/platform/dates/NSTimeZone.h>
 
+#include <algorithm>
 #include <charconv>
 #include <string_view>
 #include <utility>
@@ -29,13 +30,13 @@ NSDate instantOfDigits(NSDate digitsAsUTC, const NSCalendar& calendar) {
 }
 
 // A zone by the names that calendars use for it. Readers leave quotation marks on parameters.
-NSTimeZone zoneNamed(string_view name) {
+std::optional<NSTimeZone> zoneNamed(string_view name) {
   if (name.size() >= 2 && name.starts_with('"') && name.ends_with('"')) {
     name = name.substr(1, name.size() - 2);
   }
   auto zone = NSTimeZone::timeZoneWithName(name);
   if (!zone) zone = NSTimeZone::timeZoneWithAbbreviation(name);
-  return zone.value_or(NSTimeZone::defaultTimeZone());
+  return zone;
 }
 
 // A date property, and the calendar by which a duration is added to it.
@@ -47,22 +48,41 @@ struct ZonedWhen {
 // `valueAsDateIsFullDay` is not used here: it takes a zone's offset at the digits read as UTC,
 // which is off for some hours around a change to or from daylight saving, and cannot tell a time of
 // no zone from one in UTC.
-std::optional<ZonedWhen> currentWhen(KBTCalObject& reader) {
-  const auto value = reader.value();
-  if (!value) return std::nullopt;
+std::optional<ZonedWhen> whenOfText(string_view text, KBTCalObject& reader) {
   constexpr std::size_t dayLength = 8;
-  if (value->size() == dayLength) {
-    const auto digits = KBTCalObject::zuluStringAsDate(std::string(*value) + "T000000");
+  if (text.size() == dayLength) {
+    const auto digits = KBTCalObject::zuluStringAsDate(std::string(text) + "T000000");
     if (!digits) return std::nullopt;
     return ZonedWhen{{When::Kind::day, *digits}, calendarInUTC()};
   }
-  const auto digits = KBTCalObject::zuluStringAsDate(value);
+  const auto digits = KBTCalObject::zuluStringAsDate(text);
   if (!digits) return std::nullopt;
-  if (value->ends_with('Z')) return ZonedWhen{{When::Kind::instant, *digits}, calendarInUTC()};
+  if (text.ends_with('Z')) return ZonedWhen{{When::Kind::instant, *digits}, calendarInUTC()};
+  // A zone that nobody knows is none: the time then counts in the zone in which it is shown.
   const auto zoneName = reader.valueForModifier("TZID");
-  if (!zoneName) return ZonedWhen{{When::Kind::wallTime, *digits}, calendarInUTC()};
-  const NSCalendar calendar(zoneNamed(*zoneName));
+  const auto zone = zoneName ? zoneNamed(*zoneName) : std::nullopt;
+  if (!zone) return ZonedWhen{{When::Kind::wallTime, *digits}, calendarInUTC()};
+  const NSCalendar calendar(*zone);
   return ZonedWhen{{When::Kind::instant, instantOfDigits(*digits, calendar)}, calendar};
+}
+
+std::optional<ZonedWhen> currentWhen(KBTCalObject& reader) {
+  const auto value = reader.value();
+  if (!value) return std::nullopt;
+  return whenOfText(*value, reader);
+}
+
+// Appends the dates of a list; of a period, which has a "/", its start.
+void appendDates(KBTCalObject& reader, std::vector<When>& dates) {
+  string_view rest = reader.value().value_or("");
+  while (!rest.empty()) {
+    const std::size_t comma = std::min(rest.find(','), rest.size());
+    const string_view text = rest.substr(0, comma);
+    if (const auto date = whenOfText(text.substr(0, text.find('/')), reader)) {
+      dates.push_back(date->when);
+    }
+    rest.remove_prefix(std::min(comma + 1, rest.size()));
+  }
 }
 
 // The library's durations leave out weeks, which stand alone ("P2W"), and signs.
@@ -96,7 +116,9 @@ struct EntryLines {
   std::optional<NSDateComponents> duration;
 
   void readLine(string_view key, KBTCalObject& reader) {
-    if (key == "SUMMARY") {
+    if (key == "UID") {
+      entry.uid = copied(reader.value()).value_or("");
+    } else if (key == "SUMMARY") {
       entry.summary = copied(reader.value());
     } else if (key == "LOCATION") {
       entry.location = copied(reader.value());
@@ -106,8 +128,14 @@ struct EntryLines {
       end = currentWhen(reader);
     } else if (key == "DURATION") {
       duration = durationComponents(reader.value().value_or(""));
-    } else if (key == "RRULE" || key == "RDATE") {
-      entry.repeats = true;
+    } else if (key == "RRULE") {
+      entry.repetition.rules.emplace_back(reader.value().value_or(""));
+    } else if (key == "RDATE") {
+      appendDates(reader, entry.repetition.addedDates);
+    } else if (key == "EXDATE") {
+      appendDates(reader, entry.repetition.removedDates);
+    } else if (key == "RECURRENCE-ID") {
+      if (const auto date = currentWhen(reader)) entry.replacedDate = date->when;
     } else if (key == "STATUS") {
       entry.isDone = entry.isDone || reader.value() == "COMPLETED";
       entry.isCancelled = reader.value() == "CANCELLED";
@@ -117,11 +145,15 @@ struct EntryLines {
   }
 
   Entry finish() {
-    if (start) entry.start = start->when;
+    if (start) {
+      entry.start = start->when;
+      entry.repetition.zone = start->calendar.timeZone().name();
+    }
     if (end) {
       entry.end = end->when;
     } else if (start && duration) {
       entry.end = endAfter(*start, *duration);
+      entry.repetition.calendarDays = duration->day.value_or(0);
     }
     return std::move(entry);
   }

@@ -10,13 +10,13 @@
 #include <optional>
 #include <ostream>
 #include <tuple>
+#include <utility>
 
 namespace agenda {
 namespace {
 
 using quillmere::NSCalendar;
 using quillmere::NSDate;
-using quillmere::NSDateComponents;
 using std::string_view;
 
 // An event or a to-do where it is shown.
@@ -25,6 +25,19 @@ struct Occurrence {
   NSDate end;  // not before the start; of a to-do when it is due
   const Entry* entry;
   const CalendarHost* host;
+  bool hasOtherDates = false;  // that are not shown
+};
+
+// A repeating event of which not every occurrence is shown.
+struct IncompleteEvent {
+  const Entry* entry;
+  const CalendarHost* host;
+  std::vector<std::string> problems;
+};
+
+struct Events {
+  std::vector<Occurrence> occurrences;
+  std::vector<IncompleteEvent> incomplete;
 };
 
 bool comesFirst(const Occurrence& a, const Occurrence& b) {
@@ -35,37 +48,42 @@ bool comesFirst(const Occurrence& a, const Occurrence& b) {
   return order(a) < order(b);
 }
 
-NSDate nextDay(NSDate day, std::int64_t days = 1) {
-  NSDateComponents step;
-  step.day = days;
-  return NSCalendar::currentCalendar().dateByAddingComponents_toDate(step, day).value_or(day);
+void addEvent(const DayRange& range, const Entry& entry, const CalendarHost& host,
+              const std::vector<When>& replaced, Events& events) {
+  if (entry.isToDo || !entry.start) return;
+  Occurrences found = occurrencesIn(range, entry, replaced);
+  const bool hasOtherDates = !found.problems.empty();
+  for (const Span& span : found.spans) {
+    events.occurrences.push_back({span.start, span.end, &entry, &host, hasOtherDates});
+  }
+  if (hasOtherDates) events.incomplete.push_back({&entry, &host, std::move(found.problems)});
 }
 
-// Where an event that has a start is shown. Repeating ones are at their first date: the library
-// does not expand recurrences yet, and this is the place that will ask for them.
-Occurrence occurrenceOf(const Entry& entry, const CalendarHost& host) {
-  const NSDate start = entry.start->instant();
-  NSDate end = entry.end ? std::max(entry.end->instant(), start) : start;
-  if (entry.start->isDay() && end == start) end = nextDay(start);
-  return {start, end, &entry, &host};
+// The components of one event: the series and its changed instances, or only some of these.
+void addSplitEvent(const DayRange& range, const std::vector<Entry>& entries,
+                   const CalendarHost& host, Events& events) {
+  std::vector<When> replaced;
+  for (const Entry& entry : entries) {
+    if (entry.replacedDate) replaced.push_back(*entry.replacedDate);
+  }
+  for (const Entry& entry : entries) {
+    const bool isSeries = !entry.replacedDate;
+    addEvent(range, entry, host, isSeries ? replaced : std::vector<When>(), events);
+  }
 }
 
-bool overlaps(const Occurrence& occurrence, const DayRange& range) {
-  return occurrence.start < range.end &&
-         (occurrence.end > range.first || occurrence.start >= range.first);
-}
-
-std::vector<Occurrence> eventsIn(const Hosts& hosts, const DayRange& range) {
-  std::vector<Occurrence> events;
+Events eventsIn(const Hosts& hosts, const DayRange& range) {
+  Events events;
   for (const auto& host : hosts) {
-    for (const auto& [uid, object] : host->objects()) {
-      const Entry& entry = object->entry;
-      if (entry.isToDo || !entry.start) continue;
-      const Occurrence occurrence = occurrenceOf(entry, *host);
-      if (overlaps(occurrence, range)) events.push_back(occurrence);
+    for (const auto& [name, object] : host->objects()) {
+      const bool isSplit = host->splitEvents().contains(object->entry.uid);
+      if (!isSplit) addEvent(range, object->entry, *host, {}, events);
+    }
+    for (const auto& [uid, entries] : host->splitEvents()) {
+      addSplitEvent(range, entries, *host, events);
     }
   }
-  std::sort(events.begin(), events.end(), comesFirst);
+  std::sort(events.occurrences.begin(), events.occurrences.end(), comesFirst);
   return events;
 }
 
@@ -110,7 +128,7 @@ void printOccurrence(std::ostream& out, string_view times, const Occurrence& occ
   const Entry& entry = *occurrence.entry;
   out << "  " << times << std::string(timesWidth - std::min(timesWidth, times.size()), ' ') << "  "
       << printable(titleOf(entry));
-  if (entry.repeats) out << " (repeats)";
+  if (occurrence.hasOtherDates) out << " (repeats)";
   if (entry.isCancelled) out << " (cancelled)";
   if (entry.location && !entry.location->empty()) out << ", " << printable(*entry.location);
   if (namesCalendar) out << "  [" << printable(occurrence.host->name()) << "]";
@@ -121,8 +139,8 @@ bool isOverBefore(const Occurrence& event, NSDate day) {
   return event.start < day && event.end <= day;
 }
 
-void printEvents(std::ostream& out, const Hosts& hosts, const DayRange& range) {
-  const auto events = eventsIn(hosts, range);
+void printEvents(std::ostream& out, const std::vector<Occurrence>& events, const DayRange& range,
+                 bool namesCalendar) {
   if (events.empty()) out << "Nothing takes place on these days.\n";
   auto upcoming = events.begin();
   std::vector<Occurrence> today;
@@ -134,7 +152,7 @@ void printEvents(std::ostream& out, const Hosts& hosts, const DayRange& range) {
     }
     if (!today.empty()) out << dayName(day) << "\n";
     for (const Occurrence& event : today) {
-      printOccurrence(out, timesOnDay(event, day, dayEnd), event, hosts.size() > 1);
+      printOccurrence(out, timesOnDay(event, day, dayEnd), event, namesCalendar);
     }
     day = dayEnd;
   }
@@ -148,7 +166,9 @@ void printToDos(std::ostream& out, const Hosts& hosts, NSDate end) {
       if (!entry.isToDo || entry.isDone || entry.isCancelled) continue;
       const NSDate due = entry.end ? entry.end->instant() : end;
       auto& toDos = entry.end ? dated : undated;
-      if (!entry.end || due < end) toDos.push_back({due, due, &entry, host.get()});
+      if (!entry.end || due < end) {
+        toDos.push_back({due, due, &entry, host.get(), entry.repeats()});
+      }
     }
   }
   if (dated.empty() && undated.empty()) return;
@@ -164,6 +184,25 @@ void printToDos(std::ostream& out, const Hosts& hosts, NSDate end) {
     printOccurrence(out, "no due date", toDo, hosts.size() > 1);
 }
 
+// Texts of several lines become one, with single blanks.
+std::string onOneLine(string_view text) {
+  std::string line = printable(text);
+  const auto areBlanks = [](char a, char b) { return a == ' ' && b == ' '; };
+  line.erase(std::unique(line.begin(), line.end(), areBlanks), line.end());
+  return line;
+}
+
+void printIncomplete(std::ostream& out, const std::vector<IncompleteEvent>& events,
+                     bool namesCalendar) {
+  if (!events.empty()) out << "Rules that cannot be followed\n";
+  for (const IncompleteEvent& event : events) {
+    out << "  " << printable(titleOf(*event.entry));
+    if (namesCalendar) out << "  [" << printable(event.host->name()) << "]";
+    out << "\n";
+    for (const std::string& problem : event.problems) out << "    " << onOneLine(problem) << "\n";
+  }
+}
+
 void printTitles(std::ostream& out, string_view label, const std::vector<std::string>& titles) {
   constexpr std::size_t maximum = 20;
   const std::size_t shown = std::min(maximum, titles.size());
@@ -174,8 +213,11 @@ void printTitles(std::ostream& out, string_view label, const std::vector<std::st
 }  // namespace
 
 void printDays(std::ostream& out, const Hosts& hosts, const DayRange& range) {
-  printEvents(out, hosts, range);
+  const bool namesCalendar = hosts.size() > 1;
+  const Events events = eventsIn(hosts, range);
+  printEvents(out, events.occurrences, range, namesCalendar);
   printToDos(out, hosts, range.end);
+  printIncomplete(out, events.incomplete, namesCalendar);
 }
 
 void printList(std::ostream& out, const CalendarHost& host) {

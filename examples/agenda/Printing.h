@@ -1,8 +1,6 @@
 #ifndef AGENDA_PRINTING_H
 #define AGENDA_PRINTING_H
 
-#include <quillmere/platform/dates/NSDate.h>
-
 #include <cstddef>
 #include <iosfwd>
 #include <memory>
@@ -12,19 +10,14 @@
 #include <vector>
 
 #include "CalendarHost.h"
+#include "Occurrences.h"
 
 namespace agenda {
-
-/// Days from the start of the first up to the start of the one after the last.
-struct DayRange {
-  quillmere::NSDate first;
-  quillmere::NSDate end;
-};
 
 using Hosts = std::vector<std::shared_ptr<CalendarHost>>;
 
 /// The events of each day of the range, in the default zone, then the to-dos that are open and due
-/// before the range ends, or whenever.
+/// before the range ends, or whenever, then the rules that could not be followed to the end.
 void printDays(std::ostream& out, const Hosts& hosts, const DayRange& range);
 
 /// UID and summary of every object, a tab between them.

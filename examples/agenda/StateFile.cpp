@@ -1,17 +1,30 @@
 // The state file holds these fields without anything between them:
 //
-//   signature    the 16 bytes "agenda state 01\n"
+//   signature    the 16 bytes "agenda state 02\n"
 //   path         text
 //   caching      optional text
 //   name         optional text
 //   count        number, then so many objects:
 //     name         text
 //     version      optional text
-//     flags        byte: 1 to-do, 2 done, 4 cancelled, 8 repeats
+//     entry        entry
+//   split        number, then so many events:
+//     UID          text
+//     entries      number, then so many entries
+//   checksum     number: the 64-bit FNV-1a hash of all bytes before it
+//
+// An entry is:
+//     UID          text
+//     flags        byte: 1 to-do, 2 done, 4 cancelled
 //     summary      optional text
 //     location     optional text
 //     start, end   optional moment each
-//   checksum     number: the 64-bit FNV-1a hash of all bytes before it
+//     rules        number, then so many texts
+//     added        number, then so many moments
+//     removed      number, then so many moments
+//     zone         text
+//     length       number, the days in it that are by the calendar
+//     replaced     optional moment
 //
 // A number has eight bytes, the lowest first. A text is a number, its length, and so many bytes. A
 // moment is a byte, its kind, and a number, the microseconds since 1970. An optional field is a
@@ -38,12 +51,12 @@ using quillmere::NSData;
 using quillmere::NSDate;
 using std::string_view;
 
-constexpr string_view signature = "agenda state 01\n";
+constexpr string_view signature = "agenda state 02\n";
 constexpr std::size_t numberLength = 8;
 constexpr unsigned bitsPerByte = 8;
 
-enum Flag : unsigned { toDoFlag = 1, doneFlag = 2, cancelledFlag = 4, repeatsFlag = 8 };
-constexpr unsigned allFlags = toDoFlag | doneFlag | cancelledFlag | repeatsFlag;
+enum Flag : unsigned { toDoFlag = 1, doneFlag = 2, cancelledFlag = 4 };
+constexpr unsigned allFlags = toDoFlag | doneFlag | cancelledFlag;
 
 std::uint64_t hashOf(string_view bytes) {
   std::uint64_t hash = 0xcbf29ce484222325;
@@ -71,23 +84,51 @@ class Writer {
     if (value) text(string_view(*value));
   }
 
-  void moment(const std::optional<When>& value) {
-    byte(value ? 1 : 0);
-    if (!value) return;
-    byte(static_cast<unsigned>(value->kind));
-    number(static_cast<std::uint64_t>(value->date.microsecondsSince1970()));
+  void moment(const When& value) {
+    byte(static_cast<unsigned>(value.kind));
+    number(static_cast<std::uint64_t>(value.date.microsecondsSince1970()));
   }
 
-  void object(const AgendaObject& object) {
-    const Entry& entry = object.entry;
-    text(string_view(object.name));
-    text(object.version);
+  void moment(const std::optional<When>& value) {
+    byte(value ? 1 : 0);
+    if (value) moment(*value);
+  }
+
+  void moments(const std::vector<When>& values) {
+    number(values.size());
+    for (const When& value : values) moment(value);
+  }
+
+  void entry(const Entry& entry) {
+    text(string_view(entry.uid));
     byte((entry.isToDo ? toDoFlag : 0U) | (entry.isDone ? doneFlag : 0U) |
-         (entry.isCancelled ? cancelledFlag : 0U) | (entry.repeats ? repeatsFlag : 0U));
+         (entry.isCancelled ? cancelledFlag : 0U));
     text(entry.summary);
     text(entry.location);
     moment(entry.start);
     moment(entry.end);
+    number(entry.repetition.rules.size());
+    for (const std::string& rule : entry.repetition.rules) text(string_view(rule));
+    moments(entry.repetition.addedDates);
+    moments(entry.repetition.removedDates);
+    text(string_view(entry.repetition.zone));
+    number(static_cast<std::uint64_t>(entry.repetition.calendarDays));
+    moment(entry.replacedDate);
+  }
+
+  void object(const AgendaObject& object) {
+    text(string_view(object.name));
+    text(object.version);
+    entry(object.entry);
+  }
+
+  void splitEvents(const SplitEvents& events) {
+    number(events.size());
+    for (const auto& [uid, entries] : events) {
+      text(string_view(uid));
+      number(entries.size());
+      for (const Entry& part : entries) entry(part);
+    }
   }
 
   std::string finish() {
@@ -134,28 +175,66 @@ class Reader {
     return text();
   }
 
-  std::optional<When> moment() {
-    if (byte(1) == 0) return std::nullopt;
+  When moment() {
     const auto kind = static_cast<When::Kind>(byte(static_cast<unsigned>(When::Kind::instant)));
     const auto microseconds = static_cast<std::int64_t>(number());
     return When{kind, NSDate::dateWithMicrosecondsSince1970(microseconds)};
   }
 
-  std::shared_ptr<AgendaObject> object() {
-    auto object = std::make_shared<AgendaObject>();
-    object->name = text();
-    object->version = optionalText();
+  std::optional<When> optionalMoment() {
+    if (byte(1) == 0) return std::nullopt;
+    return moment();
+  }
+
+  // A number, and so many times what `read` answers.
+  template <class Read>
+  auto list(Read read) {
+    std::vector<decltype(read())> values;
+    for (std::uint64_t count = number(); count != 0; --count) values.push_back(read());
+    return values;
+  }
+
+  std::vector<When> moments() {
+    return list([this] { return moment(); });
+  }
+
+  Entry entry() {
+    Entry entry;
+    entry.uid = text();
     const unsigned flags = byte(allFlags);
-    Entry& entry = object->entry;
     entry.isToDo = flags & toDoFlag;
     entry.isDone = flags & doneFlag;
     entry.isCancelled = flags & cancelledFlag;
-    entry.repeats = flags & repeatsFlag;
     entry.summary = optionalText();
     entry.location = optionalText();
-    entry.start = moment();
-    entry.end = moment();
-    return object;
+    entry.start = optionalMoment();
+    entry.end = optionalMoment();
+    entry.repetition.rules = list([this] { return text(); });
+    entry.repetition.addedDates = moments();
+    entry.repetition.removedDates = moments();
+    entry.repetition.zone = text();
+    entry.repetition.calendarDays = static_cast<std::int64_t>(number());
+    entry.replacedDate = optionalMoment();
+    return entry;
+  }
+
+  std::vector<std::shared_ptr<AgendaObject>> objects() {
+    return list([this] {
+      auto object = std::make_shared<AgendaObject>();
+      object->name = text();
+      object->version = optionalText();
+      object->entry = entry();
+      return object;
+    });
+  }
+
+  SplitEvents splitEvents() {
+    SplitEvents events;
+    for (std::uint64_t count = number(); count != 0; --count) {
+      const std::string uid = text();
+      events[uid] = list([this] { return entry(); });
+    }
+    return events;
   }
 
  private:
@@ -193,9 +272,8 @@ std::optional<KeptCalendar> readState(const std::string& path, const std::string
   kept.path = reader.text();
   kept.cachingString = reader.optionalText();
   kept.calendarName = reader.optionalText();
-  for (std::uint64_t count = reader.number(); count != 0; --count) {
-    kept.objects.push_back(reader.object());
-  }
+  kept.objects = reader.objects();
+  kept.splitEvents = reader.splitEvents();
   if (!reader.isAtEnd()) throw CalendarProblem("it goes on behind its end");
   if (kept.path != calendarPath) throw CalendarProblem("it belongs to " + kept.path);
   return kept;
@@ -208,6 +286,7 @@ void writeState(const std::string& path, const KeptCalendar& kept) {
   writer.text(kept.calendarName);
   writer.number(kept.objects.size());
   for (const auto& object : kept.objects) writer.object(*object);
+  writer.splitEvents(kept.splitEvents);
   const auto error = quillmere::NSFileManager::writeData_toFileAtomically(
       NSData::dataWithString(writer.finish()), path);
   if (error) throw CalendarProblem("cannot keep its state: " + error->localizedDescription());

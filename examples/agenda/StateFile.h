@@ -2,6 +2,7 @@
 #define AGENDA_STATEFILE_H
 
 #include <cstddef>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -19,12 +20,16 @@ struct AgendaObject {
   std::size_t place = 0;  ///< where its "BEGIN" stands in the document last read; not kept
 };
 
+/// Events of several components by UID: the series and its changed instances, in the file's order.
+using SplitEvents = std::map<std::string, std::vector<Entry>>;
+
 /// What one run leaves for the next.
 struct KeptCalendar {
   std::string path;
   std::optional<std::string> cachingString;
   std::optional<std::string> calendarName;
   std::vector<std::shared_ptr<AgendaObject>> objects;
+  SplitEvents splitEvents;
 };
 
 /// Where the state of the calendar file at `calendarPath` is kept in `folder`.

@@ -1,19 +1,15 @@
 #include <quillmere/platform/base/KSDiagnostics.h>
-#include <quillmere/platform/dates/CivilTime.h>
+#include <quillmere/platform/dates/CivilDate.h>
+#include <quillmere/platform/dates/WallClock.h>
 #include <quillmere/recurrence/KBTCalRepetition.h>
 
 #include <algorithm>
 #include <bit>
-#include <tuple>
 
 namespace quillmere {
 namespace {
 
-using cctz::civil_day, cctz::civil_month, cctz::civil_second;
-
 constexpr int daysPerWeek = 7;
-constexpr std::int64_t secondsPerMinute = 60;
-constexpr std::int64_t secondsPerHour = 3600;
 
 constexpr std::uint64_t bit(unsigned number) { return std::uint64_t{1} << number; }
 
@@ -29,77 +25,80 @@ constexpr std::uint64_t weekFrom(int first, std::uint64_t weekdays) {
   return (weekdays >> first | weekdays << (daysPerWeek - first)) & days(0, daysPerWeek - 1);
 }
 
-int weekdayOf(civil_day day) {
-  return (static_cast<int>(cctz::get_weekday(day)) + 1) % daysPerWeek;  // there Monday is 0
+CivilDate dayOf(const KBTRepetitionInstance& instance) {
+  return {instance.year, instance.month, instance.day};
 }
 
-std::uint8_t lengthOfMonth(cctz::year_t year, int month) {
-  return static_cast<std::uint8_t>(daysInMonth(year, month));
+std::int64_t wallTimeOf(const KBTRepetitionInstance& instance) {
+  return dayNumber(dayOf(instance)) * secondsPerDay + instance.hour * secondsPerHour +
+         instance.minute * secondsPerMinute;
 }
 
-civil_second civilOf(const KBTRepetitionInstance& instance) {
-  return civil_second(instance.year, instance.month, instance.day, instance.hour, instance.minute);
+void setDay(const CivilDate& day, int weekday, KBTRepetitionInstance& instance) {
+  instance.day = static_cast<std::uint8_t>(day.day);
+  instance.weekday = static_cast<std::uint8_t>(weekday);
+  instance.month = static_cast<std::uint8_t>(day.month);
+  instance.daysInMonth = static_cast<std::uint8_t>(daysInMonth(day.year, day.month));
+  instance.year = day.year;
 }
 
-KBTRepetitionInstance instanceAt(const civil_second& civil, std::int64_t occurrence) {
-  KBTRepetitionInstance instance;
-  instance.occurrence = occurrence;
-  instance.second = static_cast<std::uint8_t>(civil.second());
-  instance.minute = static_cast<std::uint8_t>(civil.minute());
-  instance.hour = static_cast<std::uint8_t>(civil.hour());
-  instance.day = static_cast<std::uint8_t>(civil.day());
-  instance.weekday = static_cast<std::uint8_t>(weekdayOf(civil_day(civil)));
-  instance.month = static_cast<std::uint8_t>(civil.month());
-  instance.daysInMonth = lengthOfMonth(civil.year(), civil.month());
-  instance.year = civil.year();
-  return instance;
+// The end marker outside the calendar.
+void setWallTime(std::int64_t wallTime, KBTRepetitionInstance& instance) {
+  const std::int64_t number = floorDivide(wallTime, secondsPerDay);
+  const CivilDate day = civilDate(number);
+  if (!isInCalendar(day.year)) {
+    instance.day = 0;
+    return;
+  }
+  setDay(day, weekdayOf(number), instance);
+  const auto second = static_cast<int>(wallTime - number * secondsPerDay);
+  instance.hour = static_cast<std::uint8_t>(second / secondsPerHour);
+  instance.minute = static_cast<std::uint8_t>(second / secondsPerMinute % secondsPerMinute);
+  instance.second = static_cast<std::uint8_t>(second % secondsPerMinute);
 }
 
 // Also outside MINUTELY and HOURLY rules an instance may name a wall time that no clock shows.
-civil_second shownTime(const civil_second& civil, const cctz::time_zone& zone) {
-  const auto time = zone.lookup(civil);
-  return time.kind == cctz::time_zone::civil_lookup::SKIPPED ? cctz::convert(time.pre, zone)
-                                                             : civil;
+// Intended: a step of months or years starts from the time that is shown instead, and so takes it
+// along.
+void moveToShownTime(WallClock& clock, KBTRepetitionInstance& instance) {
+  instance.second = 0;
+  const std::int64_t wallTime = wallTimeOf(instance);
+  const std::int64_t shown = clock.wallTimeAt(clock.instantOf(wallTime));
+  if (shown != wallTime) setWallTime(shown, instance);
 }
 
 // Puts the date of `instance` and so many years and months in its place. False, and the end marker,
-// outside the calendar. Where a day past the month's end or a skipped time makes the date another,
-// later steps go on from that one: intended.
+// outside the calendar. Intended: a day that a month's end cut stays cut in later steps.
 bool addYearsAndMonths(std::int64_t years, std::int64_t months, KBTRepetitionInstance& instance) {
-  const cctz::time_zone& zone = cctzDefaultZone();
-  const civil_second from = shownTime(civilOf(instance), zone);
-  const civil_day day = quillmere::addYearsAndMonths(civil_day(from), years, months);
-  if (!isInCalendar(day.year())) {
+  WallClock& clock = WallClock::current();
+  moveToShownTime(clock, instance);
+  const CivilDate day = addYearsAndMonths(dayOf(instance), years, months);
+  if (!isInCalendar(day.year)) {
     instance.day = 0;
     return false;
   }
-  const civil_second wanted(day.year(), day.month(), day.day(), from.hour(), from.minute(),
-                            from.second());
-  instance = instanceAt(shownTime(wanted, zone), instance.occurrence);
+  setDay(day, weekdayOf(dayNumber(day)), instance);
+  moveToShownTime(clock, instance);
   return true;
 }
 
 void addSeconds(std::int64_t seconds, KBTRepetitionInstance& instance) {
-  const cctz::time_zone& zone = cctzDefaultZone();
-  const civil_second from = civilOf(instance);
-  const auto before = zone.lookup(from).pre;
-  auto after = before;
-  civil_second civil;
+  WallClock& clock = WallClock::current();
+  const std::int64_t from = wallTimeOf(instance);
+  const std::int64_t before = clock.instantOf(from);
+  std::int64_t after = before;
+  std::int64_t wallTime = from;
   bool comesLater = false;
   // In an hour that the clocks repeat, an instance stands for the first of two times. Steps go on
   // until that is later than the time before, so that no series stands still.
   while (!comesLater) {
-    after += cctz::seconds(seconds);
-    civil = cctz::convert(after, zone);
-    if (!isInCalendar(civil.year())) {
-      instance.day = 0;
-      return;
-    }
-    const bool clocksAgree = civil - from == (after - before).count();
-    const civil_second toTheMinute = civil - civil.second();
-    comesLater = clocksAgree || zone.lookup(toTheMinute).pre > before;
+    after += seconds;
+    wallTime = clock.wallTimeAt(after);
+    const bool clocksAgree = wallTime - from == after - before;
+    const std::int64_t toTheMinute = floorDivide(wallTime, secondsPerMinute) * secondsPerMinute;
+    comesLater = clocksAgree || clock.instantOf(toTheMinute) > before;
   }
-  instance = instanceAt(civil, instance.occurrence);
+  setWallTime(wallTime, instance);
   // The platform's weekday, 1 Sunday to 7 Saturday: intended, and nothing reads it.
   ++instance.weekday;
 }
@@ -108,14 +107,15 @@ void addSeconds(std::int64_t seconds, KBTRepetitionInstance& instance) {
 // count may ask for thousands of millions of them: within some days at whose ends clocks agree. (Two
 // settings of the clocks that make up for each other have never come closer than that.)
 void addSecondsOften(std::int64_t seconds, std::int64_t most, KBTRepetitionInstance& instance) {
-  constexpr std::int64_t span = 3 * 24 * secondsPerHour;
-  const cctz::time_zone& zone = cctzDefaultZone();
-  const civil_second from = civilOf(instance);
-  const auto before = zone.lookup(from).pre;
+  constexpr std::int64_t span = 3 * secondsPerDay;
+  WallClock& clock = WallClock::current();
+  const std::int64_t from = wallTimeOf(instance);
+  const std::int64_t before = clock.instantOf(from);
   for (std::int64_t steps = std::min(most, span / seconds); steps > 1; steps /= 2) {
-    const civil_second civil = cctz::convert(before + cctz::seconds(steps * seconds), zone);
-    if (!isInCalendar(civil.year()) || civil - from != steps * seconds) continue;
-    instance = instanceAt(civil, instance.occurrence + steps);
+    const std::int64_t wallTime = clock.wallTimeAt(before + steps * seconds);
+    if (wallTime - from != steps * seconds) continue;
+    setWallTime(wallTime, instance);
+    instance.occurrence += steps;
     return;
   }
 }
@@ -128,16 +128,16 @@ KBTRepetitionInstance KBTCalRepetition::firstRepetitionInstance() const {
 
 KBTRepetitionInstance KBTCalRepetition::_instanceForDate_occurence(NSDate date,
                                                                    std::int64_t occurrence) {
-  const civil_second civil = cctz::convert(timePoint(date), cctzDefaultZone());
-  if (isInCalendar(civil.year())) return instanceAt(civil, occurrence);
-  KBTRepetitionInstance end;
-  end.occurrence = occurrence;
-  return end;
+  KBTRepetitionInstance instance;
+  instance.occurrence = occurrence;
+  setWallTime(WallClock::current().wallTimeAt(date.secondsSince1970()), instance);
+  return instance;
 }
 
 std::optional<NSDate> KBTCalRepetition::dateForInstance(const KBTRepetitionInstance& instance) {
-  if (instance.day == 0) return std::nullopt;
-  return dateOfCivil(civilOf(instance), cctzDefaultZone());
+  if (instance.day == 0 || !isInCalendar(instance.year)) return std::nullopt;
+  const std::int64_t instant = WallClock::current().instantOf(wallTimeOf(instance));
+  return NSDate::dateWithMicrosecondsSince1970(instant * NSDate::microsecondsPerSecond);
 }
 
 KBTRepetitionInstance KBTCalRepetition::nextRepetitionInstance(
@@ -213,13 +213,10 @@ void KBTCalRepetition::stepYearly(KBTRepetitionInstance& instance) const {
 
 KBTRepetitionInstance KBTCalRepetition::repetitionInstanceAtOrAfterDate(NSDate date) const {
   if (frequency_ < DAILY) KSFinishPorting();
-  const civil_day wanted(cctz::convert(timePoint(date), cctzDefaultZone()));
-  const auto isEarlier = [&](const KBTRepetitionInstance& instance) {
-    return std::tuple(instance.year, int{instance.month}, int{instance.day}) <
-           std::tuple(wanted.year(), wanted.month(), wanted.day());
-  };
+  const std::int64_t wallTime = WallClock::current().wallTimeAt(date.secondsSince1970());
+  const CivilDate day = civilDate(floorDivide(wallTime, secondsPerDay));
   KBTRepetitionInstance instance = firstRepetitionInstance();
-  while (instance.day != 0 && isEarlier(instance)) instance = nextRepetitionInstance(instance);
+  while (instance.day != 0 && dayOf(instance) < day) instance = nextRepetitionInstance(instance);
   return instance;
 }
 
@@ -240,7 +237,7 @@ void KBTCalRepetition::addDays_repetitionInstance(std::int64_t days,
       }
     }
     ++instance.month;
-    instance.daysInMonth = lengthOfMonth(instance.year, instance.month);
+    instance.daysInMonth = static_cast<std::uint8_t>(daysInMonth(instance.year, instance.month));
   }
   instance.day = static_cast<std::uint8_t>(day);
   instance.weekday =

@@ -35,9 +35,10 @@ std::optional<NSDate> NSCalendar::dateByAddingComponents_toDate(const NSDateComp
   const civil_second start = cctz::convert(timePoint(date), zone);
 
   NSDate moved = date;
+  const CivilDate inMonth = addYearsAndMonths({start.year(), start.month(), start.day()},
+                                              amount(components.year), amount(components.month));
   const civil_day day =
-      addYearsAndMonths(civil_day(start), amount(components.year), amount(components.month)) +
-      amount(components.day);
+      civil_day(inMonth.year, inMonth.month, inMonth.day) + amount(components.day);
   // Fields that do not move the civil day must not move the instant either: in a repeated hour the
   // date may be the second of the two.
   if (day != civil_day(start)) {
@@ -49,8 +50,9 @@ std::optional<NSDate> NSCalendar::dateByAddingComponents_toDate(const NSDateComp
                                                   date.microsecondsOfSecond());
   }
 
-  const std::int64_t seconds =
-      amount(components.hour) * 3600 + amount(components.minute) * 60 + amount(components.second);
+  const std::int64_t seconds = amount(components.hour) * secondsPerHour +
+                               amount(components.minute) * secondsPerMinute +
+                               amount(components.second);
   moved = moved.dateByAddingSeconds(seconds);
   if (!isInCalendar(cctz::convert(timePoint(moved), zone).year())) return std::nullopt;
   return moved;

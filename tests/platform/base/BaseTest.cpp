@@ -2,16 +2,23 @@
 // scans.
 
 #include <gtest/gtest.h>
+#include <libintl.h>
 #include <quillmere/platform/base/ByteScan.h>
 #include <quillmere/platform/base/CFUUID.h>
 #include <quillmere/platform/base/KSDiagnostics.h>
+#include <quillmere/platform/base/KSStringTable.h>
 #include <quillmere/platform/base/NSBundle.h>
 #include <quillmere/platform/base/NSData.h>
 #include <quillmere/platform/base/NSError.h>
 #include <quillmere/platform/base/UTF8.h>
 
 #include <cerrno>
+#include <clocale>
+#include <cstdlib>
+#include <filesystem>
 #include <random>
+
+#include "tests/support/TemporaryFolder.h"
 
 namespace quillmere {
 namespace {
@@ -41,6 +48,60 @@ TEST(NSError, TellsItsTextFromTheUserInfoOrFromDomainAndCode) {
   EXPECT_EQ(told->localizedDescription(), "gone");
   EXPECT_EQ(told->underlyingError(), plain);
   EXPECT_EQ(NSError::errorWithPOSIXCode(ENOSPC)->localizedDescription(), "No space left on device");
+}
+
+TEST(NSError, WrapsTheOneThatTheArgumentHeld) {
+  KSWrapUnderlyingError(nullptr, "D", 1, {});
+  NSErrorPtr error;
+  KSWrapUnderlyingError(&error, "D", 1, {{NSLocalizedDescriptionKey, "first"}});
+  const NSErrorPtr first = error;
+  const std::int64_t line = __LINE__ + 1;
+  KSWrapUnderlyingError(&error, "E", 2, {});
+  EXPECT_EQ(first->underlyingError(), nullptr);
+  EXPECT_EQ(first->localizedDescription(), "first");
+  EXPECT_EQ(error->domain(), "E");
+  EXPECT_EQ(error->code(), 2);
+  EXPECT_EQ(error->underlyingError(), first);
+  EXPECT_EQ(std::get<std::string>(error->userInfo().at(KSErrorFileKey)), "BaseTest.cpp");
+  EXPECT_EQ(std::get<std::int64_t>(error->userInfo().at(KSErrorLineKey)), line);
+}
+
+// A message catalogue with one text, as msgfmt writes it: header, a table each for the texts and
+// their translations (length and offset), and the texts.
+std::string messageCatalogue(const std::string& text, const std::string& translation) {
+  const auto word = [](std::size_t number) {
+    const auto value = static_cast<std::uint32_t>(number);
+    return std::string(reinterpret_cast<const char*>(&value), sizeof value);
+  };
+  constexpr std::size_t header = 28;
+  constexpr std::size_t table = 16;
+  const std::string encoding = "Content-Type: text/plain; charset=UTF-8\n";
+  const std::string strings[] = {"", text, encoding, translation};
+  std::string tables, texts;
+  for (const std::string& string : strings) {
+    tables += word(string.size()) + word(header + 2 * table + texts.size());
+    texts += string + '\0';
+  }
+  return word(0x950412de) + word(0) + word(2) + word(header) + word(header + table) + word(0) +
+         word(0) + tables + texts;
+}
+
+TEST(KSLocalizedString, IsTheHostsTranslationOrTheEnglishText) {
+  constexpr const char* english = "Unknown value \"%@\" for FREQ";
+  EXPECT_EQ(KSLocalizedString(english, "daily"), "Unknown value \"daily\" for FREQ");
+  EXPECT_EQ(KSLocalizedString("no placeholder", "x"), "no placeholder");
+
+  const testing::TemporaryFolder folder;
+  std::filesystem::create_directories(folder / "de/LC_MESSAGES");
+  testing::writeFile(folder / "de/LC_MESSAGES/Quillmere.mo",
+                     messageCatalogue(english, "Unbekannter Wert für FREQ: %@"));
+  ::bindtextdomain("Quillmere", (folder / "").c_str());
+  ASSERT_TRUE(::setlocale(LC_ALL, "C.UTF-8"));
+  ::setenv("LANGUAGE", "de", 1);
+  const std::string translated = KSLocalizedString(english, "daily");
+  ::unsetenv("LANGUAGE");
+  ::setlocale(LC_ALL, "C");
+  EXPECT_EQ(translated, "Unbekannter Wert für FREQ: daily");
 }
 
 TEST(KSDiagnosticsDeathTest, StopsNameTheCallersFileAndLine) {

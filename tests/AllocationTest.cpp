@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <quillmere/ical/KBTCalObject.h>
+#include <quillmere/recurrence/KBTCalRepetition.h>
 
 #include <cstddef>
 #include <cstdlib>
@@ -51,6 +52,23 @@ TEST(Allocations, ValuesShareOneBuffer) {
   while (reader->nextLine()) bytes += reader->value()->size();
   EXPECT_EQ(bytes, 90'000U);
   EXPECT_LE(allocations - before, 3U) << "the buffer should grow to the longest value and stay";
+}
+
+TEST(Allocations, NoneForAnOccurrence) {
+  for (const char* text : {"FREQ=HOURLY", "FREQ=DAILY;UNTIL=21000101", "FREQ=WEEKLY;BYDAY=MO,FR",
+                           "FREQ=MONTHLY;BYMONTHDAY=31,-1", "FREQ=MONTHLY;BYDAY=-1FR",
+                           "FREQ=MONTHLY;BYDAY=MO,TU;BYSETPOS=-1", "FREQ=YEARLY;BYMONTH=1,6"}) {
+    const auto rule = KBTCalRepetition::initWithRRule_error(text, nullptr);
+    rule->setStartDate(NSDate::initWithICSDateString("20240131T100000Z"));
+    KBTRepetitionInstance instance = rule->firstRepetitionInstance();
+    const std::size_t before = allocations;
+    std::int64_t seconds = 0;
+    for (; instance.occurrence < 100; instance = rule->nextRepetitionInstance(instance)) {
+      seconds += KBTCalRepetition::dateForInstance(instance)->secondsSince1970();
+    }
+    EXPECT_GT(seconds, 0);
+    EXPECT_EQ(allocations - before, 0U) << text;
+  }
 }
 
 }  // namespace

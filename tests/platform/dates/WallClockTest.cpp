@@ -1,0 +1,96 @@
+#include <gtest/gtest.h>
+#include <quillmere/platform/dates/CivilDate.h>
+#include <quillmere/platform/dates/CivilTime.h>
+#include <quillmere/platform/dates/WallClock.h>
+
+#include <random>
+
+#include "tests/support/ScopedTimeZone.h"
+
+namespace quillmere {
+namespace {
+
+const cctz::civil_second epoch(1970);
+
+std::int64_t instantByZone(std::int64_t wallTime) {
+  return cctzDefaultZone().lookup(epoch + wallTime).pre.time_since_epoch().count();
+}
+
+std::int64_t wallTimeByZone(std::int64_t instant) {
+  const cctz::time_point<cctz::seconds> point{cctz::seconds(instant)};
+  return cctz::convert(point, cctzDefaultZone()) - epoch;
+}
+
+void expectSame(std::int64_t time) {
+  WallClock& clock = WallClock::current();
+  ASSERT_EQ(clock.instantOf(time), instantByZone(time)) << "of wall time " << time;
+  ASSERT_EQ(clock.wallTimeAt(time), wallTimeByZone(time)) << "at instant " << time;
+}
+
+// The zones differ in how they end: by yearly rules, in either hemisphere, by rules for each year
+// up to 2087, by none.
+constexpr const char* zones[] = {"UTC",
+                                 "America/New_York",
+                                 "Europe/Paris",
+                                 "Australia/Lord_Howe",
+                                 "America/Sao_Paulo",
+                                 "Africa/Casablanca",
+                                 "Pacific/Apia",
+                                 "Asia/Tokyo",
+                                 "Asia/Gaza",
+                                 "Africa/Freetown",
+                                 "America/Scoresbysund",
+                                 "Antarctica/Troll",
+                                 "Europe/Dublin"};
+
+TEST(WallClock, AgreesWithTheZoneAnywhere) {
+  std::mt19937_64 random(4);
+  for (const char* name : zones) {
+    const testing::ScopedTimeZone zone(name);
+    for (const int lastYear : {2040, 2500, 144'683}) {
+      std::uniform_int_distribution<std::int64_t> times(
+          -100 * 366 * secondsPerDay, std::int64_t{lastYear - 1970} * 365 * secondsPerDay);
+      for (int i = 0; i < 1000; ++i) expectSame(times(random));
+    }
+    if (HasFatalFailure()) FAIL() << name;
+  }
+}
+
+// In half hours through every setting of the clocks in some years, forwards, and in leaps that pass
+// over several.
+TEST(WallClock, AgreesWithTheZoneOnWalks) {
+  const struct {
+    int year;
+    int years;
+    std::int64_t step;
+  } walks[] = {{1940, 5, 30 * 60},           {2005, 15, 30 * 60},
+               {2436, 4, 30 * 60},           {2398, 4, 30 * 60},
+               {2030, 900, 40 * 86'400 + 1}, {1850, 800, 170 * 86'400},
+               {2300, 900, 300 * 86'400 + 7}};
+  for (const char* name : zones) {
+    const testing::ScopedTimeZone zone(name);
+    for (const auto& walk : walks) {
+      const std::int64_t begin = dayNumber({walk.year, 1, 1}) * secondsPerDay;
+      const std::int64_t end = dayNumber({walk.year + walk.years, 1, 1}) * secondsPerDay;
+      for (std::int64_t time = begin; time < end; time += walk.step) expectSame(time);
+      if (HasFatalFailure()) FAIL() << name << " from " << walk.year;
+    }
+  }
+}
+
+TEST(CivilDate, IsTheSameDayAsItsNumber) {
+  EXPECT_EQ(civilDate(0), (CivilDate{1970, 1, 1}));
+  EXPECT_EQ(weekdayOf(0), 4);
+  EXPECT_EQ(weekdayOf(-5), 6);
+  for (const std::int64_t number :
+       {-719'162L, -719'528L, -1L, 59L, 11'016L, 52'100'000L, -60'000'000L}) {
+    const cctz::civil_day day = cctz::civil_day(1970, 1, 1) + number;
+    EXPECT_EQ(civilDate(number), (CivilDate{day.year(), day.month(), day.day()}));
+    EXPECT_EQ(dayNumber({day.year(), day.month(), day.day()}), number);
+    EXPECT_EQ(daysInMonth(day.year(), day.month()), cctz::civil_day(cctz::civil_month(day) + 1) -
+                                                        cctz::civil_day(cctz::civil_month(day)));
+  }
+}
+
+}  // namespace
+}  // namespace quillmere
