@@ -135,11 +135,15 @@ Sums byHand(const cctz::time_zone& zone, std::size_t count) {
   return sums;
 }
 
+// Every field that an instance has: the weekday is asked for, since a loop that knows the civil
+// time alone would, and the length of the month counts as well.
 template <class Days>
 Sums fieldsByHand() {
   Sums sums;
   for (Days at; sums.count != occurrences; at.step()) {
-    sums.addFields(at.day.year(), at.day.month(), at.day.day(), at.weekday);
+    const int weekday = (static_cast<int>(cctz::get_weekday(at.day)) + 1) % 7;
+    sums.addFields(at.day.year(), at.day.month(), at.day.day(), weekday);
+    sums.fields += lengthOf(civil_month(at.day));
   }
   return sums;
 }
@@ -167,6 +171,7 @@ Sums ourFields(const KBTCalRepetition& rule) {
   for (KBTRepetitionInstance at = rule.firstRepetitionInstance();
        at.day != 0 && sums.count != occurrences; at = rule.nextRepetitionInstance(at)) {
     sums.addFields(at.year, at.month, at.day, at.weekday);
+    sums.fields += at.daysInMonth;
   }
   return sums;
 }

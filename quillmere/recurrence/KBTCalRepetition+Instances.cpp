@@ -18,7 +18,10 @@ constexpr std::uint64_t days(unsigned first, unsigned last) {
   return bit(last + 1) - std::min(bit(first), bit(last + 1));
 }
 
-constexpr int moduloWeek(int number) { return (number % daysPerWeek + daysPerWeek) % daysPerWeek; }
+constexpr int moduloWeek(int number) {
+  const int rest = number % daysPerWeek;
+  return rest < 0 ? rest + daysPerWeek : rest;
+}
 
 // A mask of weekdays for a week that begins on `first`: bit 0 is that weekday.
 constexpr std::uint64_t weekFrom(int first, std::uint64_t weekdays) {
@@ -29,9 +32,12 @@ CivilDate dayOf(const KBTRepetitionInstance& instance) {
   return {instance.year, instance.month, instance.day};
 }
 
-std::int64_t wallTimeOf(const KBTRepetitionInstance& instance) {
-  return dayNumber(dayOf(instance)) * secondsPerDay + instance.hour * secondsPerHour +
+std::int64_t wallTimeOf(const KBTRepetitionInstance& instance, std::int64_t dayNumber) {
+  return dayNumber * secondsPerDay + instance.hour * secondsPerHour +
          instance.minute * secondsPerMinute;
+}
+std::int64_t wallTimeOf(const KBTRepetitionInstance& instance) {
+  return wallTimeOf(instance, dayNumber(dayOf(instance)));
 }
 
 void setDay(const CivilDate& day, int weekday, KBTRepetitionInstance& instance) {
@@ -57,12 +63,43 @@ void setWallTime(std::int64_t wallTime, KBTRepetitionInstance& instance) {
   instance.second = static_cast<std::uint8_t>(second % secondsPerMinute);
 }
 
+// The end marker outside the calendar. Fields are held in variables on the way, since most rules
+// come through here.
+KBTRepetitionInstance addDays(std::int64_t days, const KBTRepetitionInstance& instance) {
+  days = boundedAmount(days);
+  std::int64_t day = instance.day + days;
+  std::int64_t year = instance.year;
+  int month = instance.month;
+  int length = instance.daysInMonth;
+  while (day > length) {
+    day -= length;
+    constexpr int december = 12;
+    if (month == december) {
+      month = 0;
+      ++year;
+    }
+    ++month;
+    length = daysInMonth(year, month);
+    if (!isInCalendar(year)) day = 0;
+  }
+  const int weekday = instance.weekday + static_cast<int>(days % daysPerWeek);
+  return {instance.occurrence,
+          instance.second,
+          instance.minute,
+          instance.hour,
+          static_cast<std::uint8_t>(day),
+          static_cast<std::uint8_t>(weekday < daysPerWeek ? weekday : weekday - daysPerWeek),
+          static_cast<std::uint8_t>(month),
+          static_cast<std::uint8_t>(length),
+          year};
+}
+
 // Also outside MINUTELY and HOURLY rules an instance may name a wall time that no clock shows.
 // Intended: a step of months or years starts from the time that is shown instead, and so takes it
 // along.
-void moveToShownTime(WallClock& clock, KBTRepetitionInstance& instance) {
+void moveToShownTime(WallClock& clock, std::int64_t dayNumber, KBTRepetitionInstance& instance) {
   instance.second = 0;
-  const std::int64_t wallTime = wallTimeOf(instance);
+  const std::int64_t wallTime = wallTimeOf(instance, dayNumber);
   const std::int64_t shown = clock.wallTimeAt(clock.instantOf(wallTime));
   if (shown != wallTime) setWallTime(shown, instance);
 }
@@ -71,18 +108,19 @@ void moveToShownTime(WallClock& clock, KBTRepetitionInstance& instance) {
 // outside the calendar. Intended: a day that a month's end cut stays cut in later steps.
 bool addYearsAndMonths(std::int64_t years, std::int64_t months, KBTRepetitionInstance& instance) {
   WallClock& clock = WallClock::current();
-  moveToShownTime(clock, instance);
+  moveToShownTime(clock, dayNumber(dayOf(instance)), instance);
   const CivilDate day = addYearsAndMonths(dayOf(instance), years, months);
   if (!isInCalendar(day.year)) {
     instance.day = 0;
     return false;
   }
-  setDay(day, weekdayOf(dayNumber(day)), instance);
-  moveToShownTime(clock, instance);
+  const std::int64_t number = dayNumber(day);
+  setDay(day, weekdayOf(number), instance);
+  moveToShownTime(clock, number, instance);
   return true;
 }
 
-void addSeconds(std::int64_t seconds, KBTRepetitionInstance& instance) {
+KBTRepetitionInstance addSeconds(std::int64_t seconds, KBTRepetitionInstance instance) {
   WallClock& clock = WallClock::current();
   const std::int64_t from = wallTimeOf(instance);
   const std::int64_t before = clock.instantOf(from);
@@ -101,6 +139,7 @@ void addSeconds(std::int64_t seconds, KBTRepetitionInstance& instance) {
   setWallTime(wallTime, instance);
   // The platform's weekday, 1 Sunday to 7 Saturday: intended, and nothing reads it.
   ++instance.weekday;
+  return instance;
 }
 
 // Takes up to `most` such steps at once where that leads to the same instance, for a stranger's
@@ -141,73 +180,73 @@ std::optional<NSDate> KBTCalRepetition::dateForInstance(const KBTRepetitionInsta
 }
 
 KBTRepetitionInstance KBTCalRepetition::nextRepetitionInstance(
-    KBTRepetitionInstance instance) const {
-  ++instance.occurrence;
-  if (endCount_ != 0 && endCount_ <= instance.occurrence) instance.day = 0;
-  if (instance.day == 0) return instance;
-  step(instance);
-  if (endDate_ && dateForInstance(instance) > beginningOfDayAfterEndDate_) instance.day = 0;
-  return instance;
+    const KBTRepetitionInstance& instance) const {
+  const std::int64_t occurrence = instance.occurrence + 1;
+  const bool isCountedOut = endCount_ != 0 && endCount_ <= occurrence;
+  KBTRepetitionInstance next = instance.day == 0 || isCountedOut ? instance : step(instance);
+  next.occurrence = occurrence;
+  if (isCountedOut || (endDate_ && dateForInstance(next) > beginningOfDayAfterEndDate_)) {
+    next.day = 0;
+  }
+  return next;
 }
 
 std::int64_t KBTCalRepetition::stepInSeconds() const {
   return boundedAmount(intervalCount_) * (frequency_ == HOURLY ? secondsPerHour : secondsPerMinute);
 }
 
-void KBTCalRepetition::step(KBTRepetitionInstance& instance) const {
+KBTRepetitionInstance KBTCalRepetition::step(const KBTRepetitionInstance& instance) const {
   switch (frequency_) {
     case MINUTELY:
     case HOURLY:
       return addSeconds(stepInSeconds(), instance);
     case DAILY:
-      return addDays_repetitionInstance(intervalCount_, instance);
+      return addDays(intervalCount_, instance);
     case WEEKLY:
-      return stepWeekly(instance);
+      return addDays(daysToNextInWeeks(instance.weekday), instance);
     case MONTHLY:
-      return stepMonthly(instance);
+      return nextInMonths(instance);
     case YEARLY:
-      return stepYearly(instance);
+      return nextInYears(instance);
     default:
       KSRejectUnusedImplementation();
   }
 }
 
-void KBTCalRepetition::stepWeekly(KBTRepetitionInstance& instance) const {
-  std::int64_t daysOn = daysPerWeek * boundedAmount(intervalCount_);
-  if (dayOfWeekMask_ != 0) {
-    const int first = static_cast<int>(effectiveFirstWeekday());
-    const std::uint64_t week = weekFrom(first, dayOfWeekMask_);
-    const int place = moduloWeek(instance.weekday - first);
-    const std::uint64_t rest = week >> place >> 1;
-    daysOn = rest != 0 ? std::countr_zero(rest) + 1 : daysOn + std::countr_zero(week) - place;
-  }
-  addDays_repetitionInstance(daysOn, instance);
+std::int64_t KBTCalRepetition::daysToNextInWeeks(int weekday) const {
+  const std::int64_t weeks = daysPerWeek * boundedAmount(intervalCount_);
+  if (dayOfWeekMask_ == 0) return weeks;
+  const int first = static_cast<int>(effectiveFirstWeekday());
+  const int place = weekday - first + (weekday < first ? daysPerWeek : 0);
+  const std::uint64_t week = weekFrom(first, dayOfWeekMask_);
+  const std::uint64_t rest = week >> place >> 1;
+  return rest != 0 ? std::countr_zero(rest) + 1 : weeks + std::countr_zero(week) - place;
 }
 
-void KBTCalRepetition::stepMonthly(KBTRepetitionInstance& instance) const {
+KBTRepetitionInstance KBTCalRepetition::nextInMonths(KBTRepetitionInstance instance) const {
   bool isFound = _findMonthMatchAfterDay_instance(instance.day, instance);
   while (!isFound && addYearsAndMonths(0, intervalCount_, instance)) {
     isFound = _findMonthMatchAfterDay_instance(0, instance);
   }
+  return instance;
 }
 
-void KBTCalRepetition::stepYearly(KBTRepetitionInstance& instance) const {
+KBTRepetitionInstance KBTCalRepetition::nextInYears(KBTRepetitionInstance instance) const {
   if (monthOfYearMask_ == 0) {
     addYearsAndMonths(intervalCount_, 0, instance);
-    return;
+    return instance;
   }
   unsigned afterDay = instance.day;
   for (;;) {
     const unsigned month = instance.month;
-    if ((monthOfYearMask_ & bit(month)) && _findMonthMatchAfterDay_instance(afterDay, instance)) {
-      return;
-    }
+    const bool isMonthOfRule = (monthOfYearMask_ & bit(month)) != 0;
+    if (isMonthOfRule && _findMonthMatchAfterDay_instance(afterDay, instance)) return instance;
     afterDay = 0;
     const std::uint64_t laterMonths = monthOfYearMask_ >> month >> 1;
     const bool isInCalendar =
         laterMonths != 0 ? addYearsAndMonths(0, std::countr_zero(laterMonths) + 1, instance)
-                         : addYearsAndMonths(intervalCount_, 1 - int(month), instance);
-    if (!isInCalendar) return;
+                         : addYearsAndMonths(intervalCount_, 1 - int{instance.month}, instance);
+    if (!isInCalendar) return instance;
   }
 }
 
@@ -222,26 +261,7 @@ KBTRepetitionInstance KBTCalRepetition::repetitionInstanceAtOrAfterDate(NSDate d
 
 void KBTCalRepetition::addDays_repetitionInstance(std::int64_t days,
                                                   KBTRepetitionInstance& instance) {
-  if (days < 0 || instance.day == 0) return;
-  days = boundedAmount(days);
-  std::int64_t day = instance.day + days;
-  while (day > instance.daysInMonth) {
-    day -= instance.daysInMonth;
-    constexpr std::uint8_t december = 12;
-    if (instance.month == december) {
-      instance.month = 0;
-      ++instance.year;
-      if (!isInCalendar(instance.year)) {
-        instance.day = 0;
-        return;
-      }
-    }
-    ++instance.month;
-    instance.daysInMonth = static_cast<std::uint8_t>(daysInMonth(instance.year, instance.month));
-  }
-  instance.day = static_cast<std::uint8_t>(day);
-  instance.weekday =
-      static_cast<std::uint8_t>((instance.weekday + days % daysPerWeek) % daysPerWeek);
+  if (days >= 0 && instance.day != 0) instance = addDays(days, instance);
 }
 
 void KBTCalRepetition::_nextRepetition_fromDay_forMask_overwrite(KBTRepetitionInstance& instance,

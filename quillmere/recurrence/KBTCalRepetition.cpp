@@ -221,8 +221,4 @@ KBTCalRepetition::Numbers KBTCalRepetition::setPositions() const {
                    bySetPosMask_.offsetBySetPosMask);
 }
 
-std::int64_t KBTCalRepetition::effectiveFirstWeekday() const {
-  return isWeekday(_firstWeekday) ? _firstWeekday : KBTCalRepetitionDayOfWeek::MONDAY;
-}
-
 }  // namespace quillmere

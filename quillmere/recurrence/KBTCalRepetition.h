@@ -149,7 +149,9 @@ class KBTCalRepetition : public HWObject {
   /// The weekday on which weeks begin, -1 when the rule names none.
   std::int64_t assignedFirstWeekday() const { return _firstWeekday; }
   /// The same with Monday in place of none, whatever the user's own calendar has.
-  std::int64_t effectiveFirstWeekday() const;
+  std::int64_t effectiveFirstWeekday() const {
+    return _firstWeekday < 0 ? std::int64_t{KBTCalRepetitionDayOfWeek::MONDAY} : _firstWeekday;
+  }
 
   // Its occurrences, in ascending order. An instance whose `day` is 0 is the end marker: the series
   // has no further occurrence. A series also ends where the calendar does (`NSCalendar`), so that
@@ -161,7 +163,7 @@ class KBTCalRepetition : public HWObject {
   /// The occurrence after `instance`, which must be one of this rule; of an end marker an end
   /// marker. Constant time, but for a rule that cannot match, which is searched to the end of the
   /// calendar once.
-  KBTRepetitionInstance nextRepetitionInstance(KBTRepetitionInstance instance) const;
+  KBTRepetitionInstance nextRepetitionInstance(const KBTRepetitionInstance& instance) const;
 
   /// The first occurrence whose calendar day is that of `date` or later (at which time, does not
   /// count); the end marker when there is none. Stops the process for rules below DAILY.
@@ -244,10 +246,11 @@ class KBTCalRepetition : public HWObject {
   void storeEndDate(NSDate endDate);
 
   std::int64_t stepInSeconds() const;  // of MINUTELY and HOURLY rules
-  void step(KBTRepetitionInstance& instance) const;
-  void stepWeekly(KBTRepetitionInstance& instance) const;
-  void stepMonthly(KBTRepetitionInstance& instance) const;
-  void stepYearly(KBTRepetitionInstance& instance) const;
+  // The steps leave the number of the occurrence to the caller.
+  KBTRepetitionInstance step(const KBTRepetitionInstance& instance) const;
+  std::int64_t daysToNextInWeeks(int weekday) const;
+  KBTRepetitionInstance nextInMonths(KBTRepetitionInstance instance) const;
+  KBTRepetitionInstance nextInYears(KBTRepetitionInstance instance) const;
   bool findMonthDay(unsigned day, KBTRepetitionInstance& instance) const;
   bool findNumberedWeekday(unsigned day, KBTRepetitionInstance& instance) const;
   bool findSetPosition(unsigned day, KBTRepetitionInstance& instance) const;

@@ -89,7 +89,7 @@ constexpr CivilDate addMonths(const CivilDate& date, std::int64_t months) {
 /// So many years on and then so many months, each of them as above.
 constexpr CivilDate addYearsAndMonths(const CivilDate& date, std::int64_t years,
                                       std::int64_t months) {
-  return addMonths(addMonths(date, 12 * boundedAmount(years)), months);
+  return addMonths(years == 0 ? date : addMonths(date, 12 * boundedAmount(years)), months);
 }
 
 }  // namespace quillmere
