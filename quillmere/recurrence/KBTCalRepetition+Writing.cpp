@@ -1,7 +1,7 @@
 #include <quillmere/ical/KBTCalObject.h>
 #include <quillmere/recurrence/KBTCalRepetition.h>
 
-#include <sstream>
+#include <string>
 
 namespace quillmere {
 namespace {
@@ -11,35 +11,37 @@ constexpr const char* frequencyKeywords[] = {"SECONDLY", "MINUTELY", "HOURLY", "
 
 }  // namespace
 
+// Text is put together by itself: streams write numbers as the host's locale has them.
+
 std::string KBTCalRepetition::rrule() const {
-  std::ostringstream text;
-  text << "FREQ=" << frequencyKeywords[frequency_];
-  if (intervalCount_ != 1) text << ";INTERVAL=" << intervalCount_;
+  std::string text = std::string("FREQ=") + frequencyKeywords[frequency_];
+  if (intervalCount_ != 1) text += ";INTERVAL=" + std::to_string(intervalCount_);
   if (endDate_) {
-    text << ";UNTIL=" << KBTCalObject::datetimeAsZuluString(*endDate_);
+    text += ";UNTIL=" + KBTCalObject::datetimeAsZuluString(*endDate_);
   } else if (endCount_ != 0) {
-    text << ";COUNT=" << endCount_;
+    text += ";COUNT=" + std::to_string(endCount_);
   }
   if (const auto months = monthsOfTheYear(); !months.empty()) {
-    text << ";BYMONTH=" << _joinedNumberString(months);
+    text += ";BYMONTH=" + _joinedNumberString(months);
   }
   if (const auto days = daysOfTheMonth(); !days.empty()) {
-    text << ";BYMONTHDAY=" << _joinedNumberString(days);
+    text += ";BYMONTHDAY=" + _joinedNumberString(days);
   }
   const char* separator = ";BYDAY=";
   for (const KBTCalRepetitionDayOfWeek& day : daysOfTheWeek()) {
-    text << separator;
-    if (day.weekNumber() != 0) text << day.weekNumber();
-    text << _dayAbbreviations()[static_cast<std::size_t>(day.dayOfTheWeek())];
+    text += separator;
+    if (day.weekNumber() != 0) text += std::to_string(day.weekNumber());
+    text += _dayAbbreviations()[static_cast<std::size_t>(day.dayOfTheWeek())];
     separator = ",";
   }
   if (const auto positions = setPositions(); !positions.empty()) {
-    text << ";BYSETPOS=" << _joinedNumberString(positions);
+    text += ";BYSETPOS=" + _joinedNumberString(positions);
   }
   if (effectiveFirstWeekday() != KBTCalRepetitionDayOfWeek::MONDAY) {
-    text << ";WKST=" << _dayAbbreviations()[static_cast<std::size_t>(_firstWeekday)];
+    text += ";WKST=";
+    text += _dayAbbreviations()[static_cast<std::size_t>(_firstWeekday)];
   }
-  return text.str();
+  return text;
 }
 
 std::string KBTCalRepetition::_joinedNumberString(const Numbers& numbers) {
@@ -61,14 +63,15 @@ HWDebugDictionary KBTCalRepetition::debugDictionary() const {
 
 std::string KBTCalRepetition::testString() const {
   constexpr int longest = 10;
-  std::ostringstream text;
+  std::string text;
   KBTRepetitionInstance instance = firstRepetitionInstance();
   for (int i = 0; i < longest; ++i) {
     instance = nextRepetitionInstance(instance);
     if (instance.day == 0) break;
-    text << int{instance.month} << '/' << int{instance.day} << '/' << instance.year << ' ';
+    text += std::to_string(instance.month) + '/' + std::to_string(instance.day) + '/' +
+            std::to_string(instance.year) + ' ';
   }
-  return text.str();
+  return text;
 }
 
 }  // namespace quillmere

@@ -1,6 +1,7 @@
 #include <quillmere/platform/base/KSDiagnostics.h>
 #include <quillmere/platform/base/KSStringTable.h>
 #include <quillmere/platform/base/makeObject.h>
+#include <quillmere/platform/dates/CivilDate.h>
 #include <quillmere/platform/dates/NSCalendar.h>
 #include <quillmere/recurrence/KBTCalRepetition.h>
 #include <quillmere/recurrence/RuleErrors.h>
@@ -184,8 +185,8 @@ void KBTCalRepetition::storeEndDate(NSDate endDate) {
   oneDay.day = 1;
   auto next = calendar.dateFromComponents(day);
   if (next) next = calendar.dateByAddingComponents_toDate(oneDay, *next);
-  // No occurrence lies outside the calendar, so there the date itself bounds the series as well.
-  beginningOfDayAfterEndDate_ = next.value_or(endDate);
+  // Outside the calendar, where no occurrence lies, any date later than this one serves.
+  beginningOfDayAfterEndDate_ = next.value_or(endDate.dateByAddingSeconds(secondsPerDay));
 }
 
 std::optional<NSDate> KBTCalRepetition::endDate() const {

@@ -32,7 +32,7 @@ enum KBTCalRepetitionErrorCode : std::int64_t {
   KBTSeveralNumberedWeekdaysError = 6,  ///< a number in a list of several weekdays
   KBTCountError = 7,                    ///< a count below 0
   KBTUnsupportedPropertyError = 8,      ///< a part that rules here do not have, such as BYWEEKNO
-  KBTEndDateError = 9,                  ///< UNTIL does not begin with a date
+  KBTEndDateError = 9,                  ///< UNTIL, up to its first "T", is not a date
   KBTSetPositionError = 10,             ///< BYSETPOS out of range, or without MONTHLY and BYDAY
 };
 
@@ -48,7 +48,7 @@ enum KBTCalRepetitionErrorCode : std::int64_t {
 ///
 /// It has the frequencies MINUTELY to YEARLY, INTERVAL, UNTIL (a day), COUNT, BYMONTH, BYMONTHDAY,
 /// BYDAY (one weekday with a number in MONTHLY and YEARLY rules), WKST, and BYSETPOS in MONTHLY
-/// rules with BYDAY. Anything else is refused with an error. Within the subset some rules mean less
+/// rules with BYDAY. Anything else is refused. Within the subset some rules mean less
 /// than the RFC gives them; docs/recurrence.md lists which.
 ///
 /// All calendar fields are those of the default zone (`NSTimeZone::defaultTimeZone`), which must not
@@ -72,7 +72,7 @@ class KBTCalRepetition : public HWObject {
   static std::shared_ptr<KBTCalRepetition> initWithRRule_error(
       std::optional<std::string_view> rrule, NSErrorPtr* error);
 
-  /// A rule of its parts, each of which may be null; without an end (see `setEndDate` and
+  /// A rule of its parts, of which the lists and `end` may be null; without an end (see `setEndDate` and
   /// `setRecurrenceCount`). `firstWeekday` is a weekday number, or -1 for none.
   ///
   /// Null on failure, with the error in `error` unless that is null; a frequency that is not
@@ -95,9 +95,11 @@ class KBTCalRepetition : public HWObject {
 
   // The rule.
 
-  /// The rule as RRULE value, without "RRULE:"; `initWithRRule_error` reads it back. UNTIL is
-  /// written as a UTC date-time, the start of the last day in the default zone; since only the date
-  /// of it is read back, the series then ends a day earlier in zones east of UTC.
+  /// The rule as RRULE value, without "RRULE:". `initWithRRule_error` reads back what it has made
+  /// itself, and what setters make of it as long as the subset has it (several weekdays with a week
+  /// number, or a negative count, it has not). UNTIL is written as a UTC date-time of the end date,
+  /// but of that only the date is read back, as a day of the default zone: east of UTC, where the
+  /// parser's end dates are midnights, the series then ends a day earlier.
   std::string rrule() const;
 
   /// One of `Frequency`.
@@ -114,8 +116,8 @@ class KBTCalRepetition : public HWObject {
   void setRecurrenceCount(std::int64_t recurrenceCount);
 
   /// The end date as it was set; for a series that a count ends, the date of its last occurrence.
-  /// Null without either, without a start date, and when the series ends before its count. Walks
-  /// the whole series where a count ends it.
+  /// Null without either, and with a count alone when there is no start date or the series ends
+  /// before its count. Walks the whole series where a count ends it.
   std::optional<NSDate> endDate() const;
   /// The series ends with that day in the default zone: an occurrence at midnight after it is the
   /// last that may come. Drops the count. Null takes away count and end date.
@@ -161,8 +163,8 @@ class KBTCalRepetition : public HWObject {
   KBTRepetitionInstance firstRepetitionInstance() const;
 
   /// The occurrence after `instance`, which must be one of this rule; of an end marker an end
-  /// marker. Constant time, but for a rule that cannot match, which is searched to the end of the
-  /// calendar once.
+  /// marker. Time grows with the months between the two; a rule that cannot match is searched to the
+  /// end of the calendar, once.
   KBTRepetitionInstance nextRepetitionInstance(const KBTRepetitionInstance& instance) const;
 
   /// The first occurrence whose calendar day is that of `date` or later (at which time, does not
@@ -227,7 +229,7 @@ class KBTCalRepetition : public HWObject {
     std::uint64_t offsetBySetPosMask = 0;
   };
 
-  // Both initializers use these; each tells whether it took the value, and else fills the error.
+  // Each tells whether it took the value, and else fills the error.
   bool takeInterval(std::int64_t interval, NSErrorPtr* error);
   bool takeMonth(std::int64_t month, NSErrorPtr* error);
   bool takeMonthDay(std::int64_t day, NSErrorPtr* error);

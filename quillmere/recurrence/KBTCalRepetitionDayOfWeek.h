@@ -11,7 +11,7 @@ namespace quillmere {
 /// One element of a BYDAY list (RFC 5545 section 3.3.10): a weekday, and perhaps which one of them
 /// in the month or year. "-1FR", the last Friday, is
 /// `KBTCalRepetitionDayOfWeek::dayOfWeek_weekNumber(KBTCalRepetitionDayOfWeek::FRIDAY, -1)`. A
-/// value, and a key for ordered-by-hash containers.
+/// value, and a key for hashed containers.
 class KBTCalRepetitionDayOfWeek {
  public:
   /// Weekday numbers, wherever a recurrence rule has one.

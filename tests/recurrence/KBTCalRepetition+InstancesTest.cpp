@@ -305,6 +305,9 @@ TEST(KBTCalRepetitionInstances, EndWithTheCalendar) {
   const Rule rule = ruleOf("FREQ=DAILY");
   rule->setStartDate(last.dateByAddingSeconds(60));
   EXPECT_EQ(seriesOf(*rule, 2), "end") << "a start outside the calendar";
+  rule->setStartDate(last.dateByAddingSeconds(-86'400));
+  rule->setEndDate(last.dateByAddingSeconds(-3600));
+  EXPECT_EQ(seriesOf(*rule, 3), "1446831230T2359 1446831231T2359 end") << "the end day is whole";
   rule->setStartDate(first);
   rule->setEndDate(NSDate::dateWithMicrosecondsSince1970(std::numeric_limits<std::int64_t>::min()));
   EXPECT_EQ(textOf(rule->nextRepetitionInstance(rule->firstRepetitionInstance())), "end");

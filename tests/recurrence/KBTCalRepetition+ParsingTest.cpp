@@ -61,7 +61,14 @@ TEST(KBTCalRepetitionParsing, AcceptsWhatProducersWrite) {
       {"FREQ=DAILY;COUNT=3;COUNT=4", "FREQ=DAILY;COUNT=4"},
       {"FREQ=DAILY;INTERVAL=2a", "FREQ=DAILY;INTERVAL=2"},
       {"FREQ=DAILY;INTERVAL=99999999999999999999", "FREQ=DAILY;INTERVAL=9223372036854775807"},
+      {"FREQ=DAILY;INTERVAL=\t2;COUNT=9223372036854775808",
+       "FREQ=DAILY;INTERVAL=2;COUNT=9223372036854775807"},
       {"FREQ=DAILY;WKST=", "FREQ=DAILY"},
+      {"FREQ=YEARLY;BYDAY=53MO", "FREQ=YEARLY;BYDAY=53MO"},
+      {"FREQ=MONTHLY;WKST=SU;BYSETPOS=-1,2;BYDAY=FR,MO;BYMONTHDAY=1,-1,31;BYMONTH=12,1;COUNT=7;"
+       "INTERVAL=2",
+       "FREQ=MONTHLY;INTERVAL=2;COUNT=7;BYMONTH=1,12;BYMONTHDAY=1,31,-1;BYDAY=MO,FR;"
+       "BYSETPOS=2,-1;WKST=SU"},
       {"RRULE:FREQ=DAILY;WKST=SA", "FREQ=DAILY;WKST=SA"},
   };
   for (const auto& row : rows) {
@@ -99,6 +106,7 @@ TEST(KBTCalRepetitionParsing, RefusesWithCodeAndText) {
       {"FREQ=DAILY;", 1, unknownFrequency, "(null)"},
       {"FREQ=DAILY;COUNT", 1, unknownFrequency, "(null)"},
       {" RRULE:FREQ=DAILY", 1, unknownFrequency, "(null)"},
+      {"RRULE:RRULE:FREQ=DAILY", 1, unknownFrequency, "(null)"},
       {"freq=daily", 1, unknownFrequency, "(null)"},
       {"FREQ=daily", 1, unknownFrequency, "daily"},
       {"FREQ=DAILY=", 1, unknownFrequency, "DAILY="},
@@ -112,7 +120,8 @@ TEST(KBTCalRepetitionParsing, RefusesWithCodeAndText) {
       {"FREQ=YEARLY;BYMONTH=12,13", 3, month},
       {"FREQ=YEARLY;BYMONTH=-1", 3, month},
       {"FREQ=YEARLY;BYMONTH=", 3, month},
-      {"FREQ=MONTHLY;BYMONTHDAY=0", 4, monthDay},
+      {"FREQ=MONTHLY;BYMONTHDAY=0;BYMONTH=13", 3, month},
+      {"FREQ=MONTHLY;BYDAY=XX;BYMONTHDAY=0", 4, monthDay},
       {"FREQ=MONTHLY;BYMONTHDAY=32", 4, monthDay},
       {"FREQ=MONTHLY;BYMONTHDAY=1,-32", 4, monthDay},
       {"FREQ=MONTHLY;BYMONTHDAY=1,,2", 4, monthDay},
@@ -123,12 +132,13 @@ TEST(KBTCalRepetitionParsing, RefusesWithCodeAndText) {
       {"FREQ=MONTHLY;BYDAY=3", 5, notValid, "3"},
       {"FREQ=MONTHLY;BYDAY=1M", 5, notValid, "1M"},
       {"FREQ=MONTHLY;BYDAY=", 5, notValid, ""},
-      {"FREQ=WEEKLY;BYDAY=mo", 5, notValid, "mo"},
+      {"FREQ=YEARLY;BYSETPOS=1;BYDAY=mo", 5, notValid, "mo"},
       {"FREQ=WEEKLY;BYDAY=MO, TU", 5, notValid, "MO, TU"},
       {"FREQ=MONTHLY;BYDAY=1MO,3MO", 6, severalNumbered, "1MO,3MO"},
       {"FREQ=WEEKLY;BYDAY=MO,2TU", 6, severalNumbered, "MO,2TU"},
       {"FREQ=MONTHLY;BYDAY=2MO,", 6, severalNumbered, "2MO,"},
       {"FREQ=DAILY;COUNT=-1", 7, count},
+      {"FREQ=DAILY;COUNT=-99999999999999999999", 7, count},
       {"FREQ=DAILY;BYHOUR=9", 8, unprocessed, "(\n    FREQ,\n    BYHOUR\n)"},
       {"X=1;FREQ=DAILY;=", 8, unprocessed, "(\n    X,\n    FREQ,\n    \n)"},
       {"FREQ=DAILY;UNTIL=NEVER", 9, date},
@@ -139,7 +149,7 @@ TEST(KBTCalRepetitionParsing, RefusesWithCodeAndText) {
       {"FREQ=MONTHLY;BYDAY=MO;BYSETPOS=6", 10, position},
       {"FREQ=MONTHLY;BYDAY=MO;BYSETPOS=1,-6", 10, position},
       {"FREQ=MONTHLY;BYDAY=MO;BYSETPOS=", 10, position},
-      {"FREQ=YEARLY;BYDAY=MO;BYSETPOS=1", 10, noPosition, "1"},
+      {"FREQ=YEARLY;BYDAY=MO;BYSETPOS=", 10, noPosition, ""},
       {"FREQ=MONTHLY;BYSETPOS=1,9;BYHOUR=9", 10, noPosition, "1,9"},
   };
   for (const auto& row : rows) {
@@ -148,6 +158,8 @@ TEST(KBTCalRepetitionParsing, RefusesWithCodeAndText) {
     ASSERT_TRUE(error) << row.text;
     EXPECT_EQ(error->domain(), "com.tessaly.Quillmere.ErrorDomain");
     EXPECT_EQ(error->code(), row.code) << row.text;
+    EXPECT_TRUE(std::get<std::string>(error->userInfo().at(KSErrorFileKey))
+                    .starts_with("KBTCalRepetition"));
     std::string expected = row.description;
     if (const auto at = expected.find("%s"); at != std::string::npos) {
       expected.replace(at, 2, row.placeholder);
@@ -179,16 +191,20 @@ TEST(KBTCalRepetitionParsing, ErrorsTellWhereTheyComeFromAndWhatWentBefore) {
 }
 
 TEST(KBTCalRepetitionParsing, RefusesSecondlyWithoutAnError) {
-  NSErrorPtr error;
+  const NSErrorPtr before = NSError::errorWithPOSIXCode(1);
+  NSErrorPtr error = before;
   ::testing::internal::CaptureStderr();
   EXPECT_EQ(KBTCalRepetition::initWithRRule_error("FREQ=SECONDLY;INTERVAL=0", &error), nullptr);
   EXPECT_NE(::testing::internal::GetCapturedStderr().find("NOTREACHED"), std::string::npos);
-  EXPECT_EQ(error, nullptr);
+  EXPECT_EQ(error, before);
 }
 
 TEST(KBTCalRepetitionParsing, AnUnknownWeekStartIsNone) {
   EXPECT_EQ(Exposed::_indexForWKST(std::nullopt), -1);
   EXPECT_EQ(Exposed::_indexForWKST("TH"), 4);
+  ::testing::internal::CaptureStderr();
+  EXPECT_EQ(Exposed::_indexForWKST(""), -1);
+  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
   ::testing::internal::CaptureStderr();
   const auto rule = ruleOf("FREQ=DAILY;WKST=XX");
   EXPECT_NE(::testing::internal::GetCapturedStderr().find("NOTREACHED"), std::string::npos);
@@ -199,13 +215,15 @@ TEST(KBTCalRepetitionParsing, AnUnknownWeekStartIsNone) {
 TEST(KBTCalRepetitionParsing, OfUntilTheDayCounts) {
   const ScopedTimeZone zone("America/New_York");
   for (const char* text : {"FREQ=DAILY;UNTIL=20250131", "FREQ=DAILY;UNTIL=20250131T120000Z",
-                           "FREQ=DAILY;COUNT=5;UNTIL=20250131TRUBBISH"}) {
+                           "FREQ=DAILY;COUNT=5;UNTIL=20250131TRUBBISHT1"}) {
     const auto rule = ruleOf(text);
     ASSERT_TRUE(rule) << text;
     EXPECT_EQ(rule->repetitionEndDate(), testing::localDate("20250131T000000")) << text;
     EXPECT_EQ(rule->beginningOfDayAfterEndDate(), testing::localDate("20250201T000000")) << text;
   }
-  EXPECT_EQ(ruleOf("FREQ=DAILY;COUNT=5;UNTIL=20250131")->recurrenceCount(), 5) << "both stay";
+  const auto both = ruleOf("FREQ=DAILY;COUNT=5;UNTIL=20250131");
+  EXPECT_EQ(both->recurrenceCount(), 5) << "both stay";
+  EXPECT_EQ(both->rrule(), "FREQ=DAILY;UNTIL=20250131T050000Z") << "and one is written";
 }
 
 TEST(KBTCalRepetitionParsing, SplitsIntoPartsOfWhichTheLastOfAKindCounts) {

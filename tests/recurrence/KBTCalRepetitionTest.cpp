@@ -4,6 +4,7 @@
 #include <quillmere/recurrence/KBTCalRepetition.h>
 
 #include <functional>
+#include <locale>
 #include <unordered_set>
 
 #include "tests/support/ScopedTimeZone.h"
@@ -61,6 +62,9 @@ TEST(KBTCalRepetition, IsMadeOfItsParts) {
       {{.weekdays = Weekdays{}, .monthDays = Numbers{-2, 15, 1, -1}},
        "FREQ=MONTHLY;BYMONTHDAY=1,15,-1,-2"},
       {{.frequency = yearly, .months = Numbers{12, 2}}, "FREQ=YEARLY;BYMONTH=2,12"},
+      {{.frequency = yearly, .weekdays = Weekdays{Day::dayOfWeek_weekNumber(5, 53)}},
+       "FREQ=YEARLY;BYDAY=53FR"},
+      {{.frequency = 2, .firstWeekday = 6}, "FREQ=HOURLY;WKST=SA"},
       {{.weekdays = Weekdays{Day::dayOfWeek(6)}, .positions = Numbers{-1, 2}},
        "FREQ=MONTHLY;BYDAY=SA;BYSETPOS=2,-1"},
       {{.weekdays = Weekdays{Day::dayOfWeek(9)}, .positions = Numbers{5, -5}},
@@ -93,7 +97,9 @@ TEST(KBTCalRepetition, RefusesBadParts) {
       {{.frequency = 7, .interval = 0}, 0, ""},
       {{.interval = 0, .months = Numbers{13}}, 2, "Interval must be greater than 0."},
       {{.monthDays = Numbers{0}, .months = Numbers{1, 0}}, 3, "Month values must be from 1 to 12."},
-      {{.monthDays = Numbers{-32}}, 4, "Month day values must be from 1 to 31 or -1 to -31."},
+      {{.monthDays = Numbers{-32}, .positions = Numbers{1}},
+       4,
+       "Month day values must be from 1 to 31 or -1 to -31."},
       {{.weekdays = numbered, .months = Numbers{13}},
        5,
        "BYDAY with numeric value \"(\n    KBTCalRepetitionDayOfWeek 2 with offset 0,\n"
@@ -169,8 +175,10 @@ TEST(KBTCalRepetition, TheShortInitializerLeavesOutAllLists) {
   ASSERT_TRUE(rule);
   EXPECT_EQ(rule->rrule(), "FREQ=DAILY;INTERVAL=3");
   EXPECT_EQ(rule->assignedFirstWeekday(), -1);
+  const NSErrorPtr before = error = NSError::errorWithPOSIXCode(1);
   EXPECT_FALSE(KBTCalRepetition::initWithFrequency_interval_end_error(daily, 0, nullptr, &error));
   EXPECT_EQ(error->code(), KBTIntervalError);
+  EXPECT_EQ(error->underlyingError(), before);
 }
 
 TEST(KBTCalRepetition, AnIntervalBelowOneIsNotStored) {
@@ -234,7 +242,7 @@ TEST(KBTCalRepetition, TheEndOfACountedSeriesIsItsLastOccurrence) {
     std::optional<NSDate> end;
   } rows[] = {
       {"FREQ=DAILY;COUNT=1", localDate("20240131T100000")},
-      {"FREQ=DAILY;COUNT=3", localDate("20240202T100000")},
+      {"FREQ=DAILY;COUNT=2", localDate("20240201T100000")},
       {"FREQ=MONTHLY;BYMONTHDAY=31;COUNT=3", localDate("20240531T100000")},
       {"FREQ=DAILY", std::nullopt},
       {"FREQ=MONTHLY;BYDAY=6MO;COUNT=3", std::nullopt},
@@ -251,6 +259,8 @@ TEST(KBTCalRepetition, TheEndOfACountedSeriesIsItsLastOccurrence) {
   const Rule negative = ruleFrom("FREQ=DAILY", "20240131T100000");
   negative->setRecurrenceCount(-2);
   EXPECT_EQ(negative->recurrenceCount(), -2);
+  EXPECT_EQ(negative->rrule(), "FREQ=DAILY;COUNT=-2");
+  EXPECT_EQ(negative->repetitionEndDate(), std::nullopt);
   EXPECT_EQ(negative->endDate(), localDate("20240131T100000"));
   EXPECT_EQ(seriesOf(*negative, 3), "20240131T1000 end");
 }
@@ -279,7 +289,8 @@ TEST(KBTCalRepetition, DescribesItselfForDebugging) {
   EXPECT_EQ(std::get<NSDate>(dictionary.at("startDate")), localDate("20240131T100000"));
   EXPECT_EQ(std::get<NSDate>(dictionary.at("endDate")), localDate("20240426T100000"));
   EXPECT_EQ(std::get<std::string>(dictionary.at("RRULE")), "FREQ=MONTHLY;COUNT=4;BYDAY=-1FR");
-  EXPECT_TRUE(std::get<std::string>(dictionary.at("self")).starts_with("<KBTCalRepetition: 0x"));
+  const std::string self = std::get<std::string>(dictionary.at("self"));
+  EXPECT_TRUE(self.starts_with("<KBTCalRepetition: 0x") && self.ends_with(">")) << self;
 
   const Rule bare = ruleOf("FREQ=DAILY");
   EXPECT_EQ(bare->debugDictionary().size(), 2U);
@@ -297,6 +308,19 @@ TEST(KBTCalRepetition, WritesUntilSoThatItMayComeBackADayEarlier) {
   EXPECT_EQ(ruleOf(rule->rrule())->repetitionEndDate(), localDate("20250130T000000"));
 }
 
+// A host's locale must not get into what other programs read.
+TEST(KBTCalRepetition, WritesNumbersWithoutTheLocalesGrouping) {
+  struct Grouping : std::numpunct<char> {
+    char do_thousands_sep() const override { return ','; }
+    std::string do_grouping() const override { return "\3"; }
+  };
+  const std::locale before = std::locale::global(std::locale(std::locale(), new Grouping));
+  const Rule rule = ruleFrom("FREQ=DAILY;INTERVAL=1000;COUNT=10000", "20240131T100000");
+  const std::string written = rule->rrule() + " " + rule->testString().substr(0, 10);
+  std::locale::global(before);
+  EXPECT_EQ(written, "FREQ=DAILY;INTERVAL=1000;COUNT=10000 10/27/2026");
+}
+
 TEST(KBTCalRepetitionDayOfWeek, IsAValue) {
   const Day lastFriday = Day::dayOfWeek_weekNumber(Day::FRIDAY, -1);
   EXPECT_EQ(lastFriday.dayOfTheWeek(), 5);
@@ -304,7 +328,7 @@ TEST(KBTCalRepetitionDayOfWeek, IsAValue) {
   EXPECT_EQ(lastFriday.description(), "KBTCalRepetitionDayOfWeek 5 with offset -1");
   EXPECT_EQ(lastFriday.hash(), static_cast<std::size_t>(5 ^ -1));
   EXPECT_TRUE(lastFriday.isEqual(Day::initWithDayOfTheWeek_weekNumber(5, -1)));
-  EXPECT_NE(lastFriday, Day::dayOfWeek(5));
+  EXPECT_FALSE(lastFriday.isEqual(Day::dayOfWeek(5)));
   EXPECT_NE(lastFriday, Day::dayOfWeek_weekNumber(4, -1));
   const std::unordered_set<Day> days{lastFriday, lastFriday, Day::dayOfWeek(5)};
   EXPECT_EQ(days.size(), 2U);

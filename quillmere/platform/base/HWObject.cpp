@@ -1,13 +1,13 @@
 #include <quillmere/platform/base/HWObject.h>
 
-#include <sstream>
+#include <cstdio>
 
 namespace quillmere {
 
 HWDebugDictionary HWObject::debugDictionary() const {
-  std::ostringstream self;
-  self << '<' << className() << ": " << static_cast<const void*>(this) << '>';
-  return {{"self", self.str()}};
+  char address[32];
+  std::snprintf(address, sizeof address, "%p", static_cast<const void*>(this));
+  return {{"self", "<" + className() + ": " + address + ">"}};
 }
 
 }  // namespace quillmere

@@ -1,0 +1,72 @@
+#ifndef QUILLMERE_CALDAV_KBTDAVCONNECTIONDELEGATE_H
+#define QUILLMERE_CALDAV_KBTDAVCONNECTIONDELEGATE_H
+
+#include <quillmere/ical/KBTFreeBusy.h>
+#include <quillmere/platform/base/NSError.h>
+
+#include <any>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace quillmere {
+
+class KBTDavConnection;
+
+/// A text for each resource, by its address (the href as the server wrote it).
+using KBTDavResourceTexts = std::map<std::string, std::string, std::less<>>;
+
+/// Receives the outcome of every operation of a calendar collection, exactly once for each, on the
+/// loop on which the collection was made. `context` is what the operation was given; by it a host
+/// tells its operations apart. A delegate may start operations and cancel from any call.
+class KBTDavConnectionDelegate {
+ public:
+  virtual ~KBTDavConnectionDelegate() = default;
+
+  /// `reportCTagWithContext` has succeeded. `ctag` changes whenever anything in the collection does;
+  /// null when the answer holds none, or is no XML.
+  virtual void calDavConnection_didReceiveCTag_context(KBTDavConnection& connection,
+                                                       const std::optional<std::string>& ctag,
+                                                       const std::any& context) = 0;
+
+  /// Any operation but `removeCalendar` has failed: with an error of `KBTDavConnectionErrorDomain`,
+  /// whose code is the HTTP status, or of `NSURLErrorDomain`, `NSURLErrorCancelled` after `cancel`.
+  virtual void calDavConnection_requestDidFail_context(KBTDavConnection& connection,
+                                                       const NSErrorPtr& error,
+                                                       const std::any& context) = 0;
+
+  /// `reportFreebusyFromDate_toDate_context` has succeeded.
+  virtual void calDavConnection_didReceiveFreebusy_context(
+      KBTDavConnection& connection, const std::vector<std::shared_ptr<KBTFreeBusy>>& periods,
+      const std::any& context) = 0;
+
+  /// A listing or a fetch by address has succeeded: the entity tag and the iCalendar text of each
+  /// resource that the server reported with status 200. Both are empty for an answer that is no XML.
+  virtual void calDavConnection_didReceiveEventsWithETags_andContents_context(
+      KBTDavConnection& connection, const KBTDavResourceTexts& etags,
+      const KBTDavResourceTexts& contents, const std::any& context) = 0;
+
+  /// A resource was created, and its entity tag is this.
+  virtual void calDavConnection_didCreateResourceWithETag_context(KBTDavConnection& connection,
+                                                                  const std::string& etag,
+                                                                  const std::any& context) = 0;
+
+  /// A resource was replaced, and its entity tag is this.
+  virtual void calDavConnection_didUpdateResourceWithETag_context(KBTDavConnection& connection,
+                                                                  const std::string& etag,
+                                                                  const std::any& context) = 0;
+
+  /// A resource was deleted, or there was none (404).
+  virtual void calDavConnectionDidDeleteResource_context(KBTDavConnection& connection,
+                                                         const std::any& context) = 0;
+
+  /// `removeCalendar` is over. Intended: nobody is told whether it succeeded.
+  virtual void calDavConnectionDidRemoveCalendar(KBTDavConnection& connection) = 0;
+};
+
+}  // namespace quillmere
+
+#endif

@@ -1,0 +1,43 @@
+#include <quillmere/caldav/KBTDavRequest.h>
+#include <quillmere/platform/base/makeObject.h>
+
+#include <algorithm>
+#include <utility>
+
+namespace quillmere {
+
+std::shared_ptr<KBTDavRequest>
+KBTDavRequest::initWithRequest_withCompletionSelector_context_internal(
+    const NSURLRequest& request, KBTDavCompletionSelector selector, std::any context,
+    bool internal) {
+  return makeObject<KBTDavRequest>(request, selector, std::move(context), internal);
+}
+
+KBTDavRequest::KBTDavRequest(const NSURLRequest& request, KBTDavCompletionSelector selector,
+                             std::any context, bool internal)
+    : request_(request), selector_(selector), internal_(internal), context_(std::move(context)) {}
+
+NSData KBTDavRequest::data() const {
+  if (!received_.empty()) data_ = NSData::dataWithString(std::exchange(received_, {}));
+  return data_;
+}
+
+void KBTDavRequest::appendData(const NSData& data) {
+  if (data_.length() > 0) received_ = std::exchange(data_, {}).view();
+  received_ += data.view();
+}
+
+void KBTDavRequest::beginData(std::uint64_t expectedLength) {
+  constexpr std::uint64_t mostToTrust = std::uint64_t{64} << 20;  // of what a server says
+  received_.clear();
+  received_.reserve(static_cast<std::size_t>(std::min(expectedLength, mostToTrust)));
+  data_ = {};
+}
+
+void KBTDavRequest::setResponse(std::shared_ptr<const NSHTTPURLResponse> response) {
+  response_ = std::move(response);
+}
+
+void KBTDavRequest::setError(NSErrorPtr error) { error_ = std::move(error); }
+
+}  // namespace quillmere

@@ -1,0 +1,79 @@
+#ifndef QUILLMERE_CALDAV_KBTDAVREQUEST_H
+#define QUILLMERE_CALDAV_KBTDAVREQUEST_H
+
+#include <quillmere/platform/base/NSData.h>
+#include <quillmere/platform/base/NSError.h>
+#include <quillmere/platform/net/NSHTTPURLResponse.h>
+#include <quillmere/platform/net/NSURLRequest.h>
+
+#include <any>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace quillmere {
+
+class KBTDavRequest;
+class KBTDavRequestor;
+
+/// The method of a requestor that a finished request is handed to. A derived class passes its own
+/// by `static_cast<KBTDavCompletionSelector>(&Derived::_didGetSomething)`.
+using KBTDavCompletionSelector =
+    void (KBTDavRequestor::*)(const std::shared_ptr<KBTDavRequest>& request);
+
+/// One request of a requestor: what was asked, and how it went.
+class KBTDavRequest {
+ public:
+  static std::shared_ptr<KBTDavRequest> initWithRequest_withCompletionSelector_context_internal(
+      const NSURLRequest& request, KBTDavCompletionSelector selector, std::any context,
+      bool internal);
+
+  /// The request exactly as it was issued, whatever redirects made of it.
+  const NSURLRequest& originalRequest() const { return request_; }
+  KBTDavCompletionSelector selector() const { return selector_; }
+
+  /// The response's body so far.
+  NSData data() const;
+  void appendData(const NSData& data);
+  /// Drops what came, and makes room for so many bytes.
+  void beginData(std::uint64_t expectedLength);
+
+  /// The last response; null before any.
+  const std::shared_ptr<const NSHTTPURLResponse>& response() const { return response_; }
+  void setResponse(std::shared_ptr<const NSHTTPURLResponse> response);
+
+  /// The issuer's own mark; collections issue false, principals true.
+  bool internal() const { return internal_; }
+
+  /// Null for success; otherwise a transport error (`NSURLErrorDomain`), or an error of
+  /// `KBTDavConnectionErrorDomain` whose code is the HTTP status, with the body in its user info
+  /// under `KBTDavResponseDataKey`.
+  const NSErrorPtr& error() const { return error_; }
+  void setError(NSErrorPtr error);
+
+  /// The issuer's own value.
+  const std::any& context() const { return context_; }
+
+ protected:
+  KBTDavRequest(const NSURLRequest& request, KBTDavCompletionSelector selector, std::any context,
+                bool internal);
+
+ private:
+  NSURLRequest request_;
+  KBTDavCompletionSelector selector_;
+  // The body comes into a text, which becomes data the first time it is asked for.
+  mutable std::string received_;
+  mutable NSData data_;
+  std::shared_ptr<const NSHTTPURLResponse> response_;
+  bool internal_;
+  NSErrorPtr error_;
+  std::any context_;
+};
+
+/// User-info key of a response's body, data, in the error that its status became.
+inline constexpr const char* KBTDavResponseDataKey = "ResponseData";
+
+}  // namespace quillmere
+
+#endif

@@ -1,0 +1,182 @@
+#include <quillmere/caldav/KBTDavRequestor.h>
+#include <quillmere/ical/KBTFreeBusy.h>
+#include <quillmere/platform/base/HWPreference.h>
+#include <quillmere/platform/base/NSLog.h>
+#include <quillmere/platform/base/UTF8.h>
+#include <quillmere/platform/base/makeObject.h>
+#include <quillmere/platform/net/NSURLCredential.h>
+
+#include <algorithm>
+#include <charconv>
+#include <utility>
+
+namespace quillmere {
+namespace {
+
+constexpr double timeoutInterval = 60.0;  // seconds
+
+// All that a redirected request has of the issued one's fields.
+constexpr const char* fieldsOfRedirects[] = {"Content-Type", "Accept", "Depth", "If-Match"};
+
+bool isLogging() {
+  static const std::shared_ptr<HWPreference> level =
+      HWPreference::preferenceForKey("KBTDavRequestorLogLevel");
+  return level->integerValue() > 0;
+}
+
+std::string textOf(const NSData& data) {
+  return isValidUTF8(data.view()) ? std::string(data.view()) : "(null)";
+}
+
+std::uint64_t lengthOf(const NSHTTPURLResponse& response) {
+  const std::string text = response.valueForHTTPHeaderField("Content-Length").value_or("");
+  std::uint64_t length = 0;
+  std::from_chars(text.data(), text.data() + text.size(), length);
+  return length;
+}
+
+bool isSuccess(std::int64_t status) { return status >= 200 && status <= 299; }
+
+}  // namespace
+
+std::shared_ptr<KBTDavRequestor> KBTDavRequestor::init() {
+  auto requestor = makeObject<KBTDavRequestor>();
+  requestor->openSession();
+  return requestor;
+}
+
+void KBTDavRequestor::openSession() {
+  setUrlSession(NSURLSession::sessionWithConfiguration_delegate_delegateQueue(
+      NSURLSessionConfiguration::ephemeralSessionConfiguration(), shared_from_this(),
+      NSOperationQueue::currentQueue()));
+}
+
+void KBTDavRequestor::_createConnectionWithRequest_context_completionSelector_internal(
+    NSMutableURLRequest request, std::any context, KBTDavCompletionSelector selector,
+    bool internal) {
+  request.setCachePolicy(NSURLRequestReloadIgnoringLocalCacheData);
+  request.setTimeoutInterval(timeoutInterval);
+  const auto task = _urlSession->dataTaskWithRequest(request);
+  connectionMap_[task.get()] =
+      KBTDavRequest::initWithRequest_withCompletionSelector_context_internal(
+          request, selector, std::move(context), internal);
+  requestQueue_.push_back(task);
+  if (hasEnded_) return task->cancel();
+  if (requestQueue_.size() == 1) task->resume();
+}
+
+void KBTDavRequestor::cancelRequests() {
+  const auto tasks = requestQueue_;
+  for (const auto& task : tasks) task->cancel();
+}
+
+void KBTDavRequestor::endRequests() {
+  hasEnded_ = true;
+  cancelRequests();
+  if (requestQueue_.empty()) letGo();
+}
+
+std::shared_ptr<KBTDavRequest> KBTDavRequestor::recordOf(const NSURLSessionDataTask& task) const {
+  const auto found = connectionMap_.find(&task);
+  return found == connectionMap_.end() ? nullptr : found->second;
+}
+
+void KBTDavRequestor::URLSession_task_willPerformHTTPRedirection_newRequest_completionHandler(
+    NSURLSession&, NSURLSessionDataTask& task, const NSHTTPURLResponse&,
+    const NSURLRequest& newRequest,
+    std::function<void(const std::optional<NSURLRequest>&)> completionHandler) {
+  const NSURLRequest& issued = recordOf(task)->originalRequest();
+  NSMutableURLRequest request;
+  request.setURL(newRequest.URL());
+  request.setHTTPMethod(issued.HTTPMethod());
+  request.setHTTPBody(issued.HTTPBody());
+  for (const char* field : fieldsOfRedirects) {
+    if (auto value = issued.valueForHTTPHeaderField(field)) {
+      request.setValue_forHTTPHeaderField(std::move(value), field);
+    }
+  }
+  if (isLogging()) {
+    NSLog("KBT: " + request.HTTPMethod() + " " + request.URL()->wireString() + "\n" +
+          (request.HTTPBody() ? textOf(*request.HTTPBody()) : "(null)"));
+  }
+  completionHandler(request);
+}
+
+void KBTDavRequestor::URLSession_didReceiveChallenge_completionHandler(
+    NSURLSession&, const NSURLAuthenticationChallenge& challenge,
+    NSURLSessionChallengeCompletionHandler completionHandler) {
+  answerChallenge(challenge, completionHandler);
+}
+
+void KBTDavRequestor::URLSession_task_didReceiveChallenge_completionHandler(
+    NSURLSession&, NSURLSessionDataTask&, const NSURLAuthenticationChallenge& challenge,
+    NSURLSessionChallengeCompletionHandler completionHandler) {
+  answerChallenge(challenge, completionHandler);
+}
+
+void KBTDavRequestor::answerChallenge(
+    const NSURLAuthenticationChallenge& challenge,
+    const NSURLSessionChallengeCompletionHandler& completionHandler) const {
+  const std::string& method = challenge.protectionSpace().authenticationMethod();
+  const bool isHopeless = method == NSURLAuthenticationMethodNTLM ||
+                          method == NSURLAuthenticationMethodNegotiate ||
+                          challenge.previousFailureCount() != 0;
+  completionHandler(NSURLSessionAuthChallengeDisposition::useCredential,
+                    isHopeless ? nullptr
+                               : NSURLCredential::credentialWithUser_password_persistence(
+                                     _getUsername().value_or(""), _getPassword().value_or(""),
+                                     NSURLCredentialPersistenceNone));
+}
+
+void KBTDavRequestor::URLSession_dataTask_didReceiveResponse_completionHandler(
+    NSURLSession&, NSURLSessionDataTask& task,
+    const std::shared_ptr<const NSHTTPURLResponse>& response,
+    std::function<void(NSURLSessionResponseDisposition)> completionHandler) {
+  const auto request = recordOf(task);
+  request->setResponse(response);
+  request->beginData(lengthOf(*response));
+  completionHandler(NSURLSessionResponseAllow);
+}
+
+void KBTDavRequestor::URLSession_dataTask_didReceiveData(NSURLSession&, NSURLSessionDataTask& task,
+                                                         const NSData& data) {
+  recordOf(task)->appendData(data);
+}
+
+void KBTDavRequestor::URLSession_task_didCompleteWithError(NSURLSession&,
+                                                           NSURLSessionDataTask& task,
+                                                           const NSErrorPtr& error) {
+  const auto request = recordOf(task);
+  if (error) {
+    request->setError(error);
+  } else {
+    const auto& response = request->response();
+    const std::int64_t status = response ? response->statusCode() : 0;
+    if (isLogging()) NSLog("KBT: " + std::to_string(status) + "\n" + textOf(request->data()));
+    if (!isSuccess(status)) {
+      request->setError(NSError::errorWithDomain_code_userInfo(
+          KBTDavConnectionErrorDomain, status,
+          {{NSLocalizedDescriptionKey, NSHTTPURLResponse::localizedStringForStatusCode(status)},
+           {KBTDavResponseDataKey, request->data()}}));
+    }
+  }
+  _doneWithRequest_forDataTask(request, task);
+}
+
+// The finished request is the first of the queue until its completion method has returned; so what
+// that issues waits behind those that were waiting already.
+void KBTDavRequestor::_doneWithRequest_forDataTask(const std::shared_ptr<KBTDavRequest>& request,
+                                                   NSURLSessionDataTask& task) {
+  const auto kept = shared_from_this();
+  (this->*request->selector())(request);
+  connectionMap_.erase(&task);
+  std::erase_if(requestQueue_, [&](const auto& queued) { return queued.get() == &task; });
+  if (!requestQueue_.empty()) {
+    const auto next = requestQueue_.front();
+    next->resume();
+  } else if (hasEnded_) {
+    letGo();
+  }
+}
+
+}  // namespace quillmere

@@ -1,0 +1,159 @@
+#include <quillmere/platform/base/makeObject.h>
+#include <quillmere/platform/loop/MainContext.h>
+#include <quillmere/platform/net/CurlLoop.h>
+#include <sys/epoll.h>
+
+#include <algorithm>
+#include <array>
+#include <map>
+#include <utility>
+
+namespace quillmere {
+namespace {
+
+constexpr int maximumEvents = 64;         // of one turn of the loop
+constexpr long maximumConnections = 256;  // of all sessions of a loop; others wait for one
+constexpr gint64 never = -1;              // as a ready time
+constexpr gint64 microsecondsPerMillisecond = 1000;
+
+CURLM* newMulti() {
+  static const CURLcode initialised = curl_global_init(CURL_GLOBAL_DEFAULT);
+  return initialised == CURLE_OK ? curl_multi_init() : nullptr;
+}
+
+}  // namespace
+
+std::shared_ptr<CurlLoop> CurlLoop::loopOf(const NSOperationQueue& queue) {
+  // One list a thread, so that nobody needs a lock.
+  thread_local std::map<GMainContext*, std::weak_ptr<CurlLoop>> loops;
+  std::erase_if(loops, [](const auto& entry) { return entry.second.expired(); });
+  std::weak_ptr<CurlLoop>& known = loops[ContextAccess::contextOf(queue)];
+  std::shared_ptr<CurlLoop> loop = known.lock();
+  if (!loop) known = loop = makeObject<CurlLoop>(queue);
+  return loop;
+}
+
+CurlLoop::CurlLoop(const NSOperationQueue& queue)
+    : epoll_(::epoll_create1(EPOLL_CLOEXEC)), multi_(newMulti()) {
+  curl_multi_setopt(multi_, CURLMOPT_SOCKETFUNCTION, &CurlLoop::socketChanged);
+  curl_multi_setopt(multi_, CURLMOPT_SOCKETDATA, this);
+  curl_multi_setopt(multi_, CURLMOPT_TIMERFUNCTION, &CurlLoop::timerChanged);
+  curl_multi_setopt(multi_, CURLMOPT_TIMERDATA, this);
+  curl_multi_setopt(multi_, CURLMOPT_MAX_TOTAL_CONNECTIONS, maximumConnections);
+  curl_multi_setopt(multi_, CURLMOPT_MAXCONNECTS, maximumConnections);
+
+  static GSourceFuncs functions{nullptr, nullptr, &CurlLoop::dispatch, nullptr, nullptr, nullptr};
+  source_ = g_source_new(&functions, sizeof(Source));
+  reinterpret_cast<Source*>(source_)->loop = this;
+  tag_ = g_source_add_unix_fd(source_, epoll_.get(), G_IO_IN);
+  // A delegate may run the loop from within a call.
+  g_source_set_can_recurse(source_, TRUE);
+  g_source_attach(source_, ContextAccess::contextOf(queue));
+}
+
+CurlLoop::~CurlLoop() {
+  while (!clients_.empty()) remove(clients_.begin()->first);
+  curl_multi_cleanup(multi_);
+  g_source_destroy(source_);
+  g_source_unref(source_);
+}
+
+void CurlLoop::add(CURL* transfer, std::shared_ptr<Client> client) {
+  clients_[transfer] = std::move(client);
+  curl_multi_add_handle(multi_, transfer);
+}
+
+void CurlLoop::remove(CURL* transfer) {
+  const auto found = clients_.find(transfer);
+  if (found == clients_.end()) return;
+  const std::shared_ptr<Client> kept = std::move(found->second);
+  clients_.erase(found);
+  std::erase(moved_, transfer);
+  curl_multi_remove_handle(multi_, transfer);
+}
+
+void CurlLoop::tellSoon(CURL* transfer) {
+  if (std::find(moved_.begin(), moved_.end(), transfer) == moved_.end()) moved_.push_back(transfer);
+  updateReadyTime();
+}
+
+void CurlLoop::updateReadyTime() {
+  g_source_set_ready_time(source_, moved_.empty() ? deadline_ : 0);
+}
+
+gboolean CurlLoop::dispatch(GSource* source, GSourceFunc, void*) {
+  const auto loop = reinterpret_cast<Source*>(source)->loop->shared_from_this();
+  loop->work((g_source_query_unix_fd(source, loop->tag_) & G_IO_IN) != 0);
+  return G_SOURCE_CONTINUE;
+}
+
+void CurlLoop::work(bool isReadable) {
+  int running = 0;
+  if (isReadable) {
+    std::array<epoll_event, maximumEvents> events;
+    const int count = ::epoll_wait(epoll_.get(), events.data(), maximumEvents, 0);
+    for (int i = 0; i < count; ++i) {
+      const std::uint32_t happened = events[static_cast<std::size_t>(i)].events;
+      const int mask = ((happened & EPOLLIN) != 0 ? CURL_CSELECT_IN : 0) |
+                       ((happened & EPOLLOUT) != 0 ? CURL_CSELECT_OUT : 0) |
+                       ((happened & (EPOLLERR | EPOLLHUP)) != 0 ? CURL_CSELECT_ERR : 0);
+      curl_multi_socket_action(multi_, events[static_cast<std::size_t>(i)].data.fd, mask, &running);
+    }
+  }
+  if (deadline_ != never && g_get_monotonic_time() >= deadline_) {
+    deadline_ = never;
+    curl_multi_socket_action(multi_, CURL_SOCKET_TIMEOUT, 0, &running);
+  }
+  tell();
+  updateReadyTime();
+}
+
+// Clients may start and remove transfers, and run the loop, while they are told; so nothing is
+// walked, and each is looked up again.
+void CurlLoop::tell() {
+  while (!moved_.empty()) {
+    CURL* const transfer = moved_.front();
+    moved_.pop_front();
+    const auto found = clients_.find(transfer);
+    if (found == clients_.end()) continue;
+    const std::shared_ptr<Client> client = found->second;
+    client->transferMoved();
+  }
+  int left = 0;
+  while (const CURLMsg* message = curl_multi_info_read(multi_, &left)) {
+    if (message->msg != CURLMSG_DONE) continue;
+    CURL* const transfer = message->easy_handle;
+    const CURLcode result = message->data.result;
+    const auto found = clients_.find(transfer);
+    if (found == clients_.end()) continue;
+    const std::shared_ptr<Client> client = found->second;
+    remove(transfer);
+    client->transferEnded(result);
+  }
+}
+
+int CurlLoop::socketChanged(CURL*, curl_socket_t socket, int what, void* loop, void*) {
+  const int epoll = static_cast<CurlLoop*>(loop)->epoll_.get();
+  if (what == CURL_POLL_REMOVE) {
+    ::epoll_ctl(epoll, EPOLL_CTL_DEL, socket, nullptr);
+    return 0;
+  }
+  epoll_event event{};
+  if ((what & CURL_POLL_IN) != 0) event.events |= EPOLLIN;
+  if ((what & CURL_POLL_OUT) != 0) event.events |= EPOLLOUT;
+  event.data.fd = socket;
+  // What is known of a socket that was closed without notice is gone from the set already.
+  if (::epoll_ctl(epoll, EPOLL_CTL_MOD, socket, &event) == 0) return 0;
+  return ::epoll_ctl(epoll, EPOLL_CTL_ADD, socket, &event);
+}
+
+int CurlLoop::timerChanged(CURLM*, long milliseconds, void* data) {
+  auto* const loop = static_cast<CurlLoop*>(data);
+  loop->deadline_ =
+      milliseconds < 0 ? never
+                       : g_get_monotonic_time() + gint64{milliseconds} * microsecondsPerMillisecond;
+  loop->updateReadyTime();
+  return 0;
+}
+
+}  // namespace quillmere

@@ -1,0 +1,78 @@
+#ifndef QUILLMERE_PLATFORM_NET_CURLLOOP_H
+#define QUILLMERE_PLATFORM_NET_CURLLOOP_H
+
+#include <curl/curl.h>
+#include <glib.h>
+#include <quillmere/platform/base/FileDescriptor.h>
+#include <quillmere/platform/loop/NSOperationQueue.h>
+
+#include <deque>
+#include <memory>
+#include <unordered_map>
+
+// Internal: libcurl's transfers on a run loop.
+namespace quillmere {
+
+/// All transfers of one run loop: libcurl's multi-socket interface with its sockets in one epoll
+/// set, which is one source of the loop. So however many sessions there are, a turn of the loop
+/// looks at one descriptor.
+///
+/// libcurl's own callbacks must not call back into it; so a client only takes notes in them and
+/// asks to be told again (`tellSoon`), and everything that reaches a delegate is sent once libcurl
+/// has returned.
+class CurlLoop : public std::enable_shared_from_this<CurlLoop> {
+ public:
+  class Client {
+   public:
+    virtual ~Client() = default;
+    /// What was noted since the last time.
+    virtual void transferMoved() = 0;
+    /// The transfer is over and was taken out of the loop.
+    virtual void transferEnded(CURLcode result) = 0;
+  };
+
+  /// The loop of a queue; one for each queue and thread that asks, for as long as it is used.
+  static std::shared_ptr<CurlLoop> loopOf(const NSOperationQueue& queue);
+
+  CurlLoop(const CurlLoop&) = delete;
+  CurlLoop& operator=(const CurlLoop&) = delete;
+  ~CurlLoop();
+
+  /// Starts a transfer. The loop keeps the client until the transfer has ended or is removed.
+  void add(CURL* transfer, std::shared_ptr<Client> client);
+  /// Takes a transfer out; its client hears nothing more. Nothing when it is not in the loop.
+  void remove(CURL* transfer);
+
+  /// Makes `transferMoved` be called on that transfer's client.
+  void tellSoon(CURL* transfer);
+
+  GMainContext* context() const { return g_source_get_context(source_); }
+
+ protected:
+  explicit CurlLoop(const NSOperationQueue& queue);
+
+ private:
+  struct Source {
+    GSource base;
+    CurlLoop* loop;
+  };
+
+  static gboolean dispatch(GSource* source, GSourceFunc, void*);
+  static int socketChanged(CURL*, curl_socket_t socket, int what, void* loop, void*);
+  static int timerChanged(CURLM*, long milliseconds, void* loop);
+  void work(bool isReadable);
+  void tell();
+  void updateReadyTime();
+
+  FileDescriptor epoll_;
+  CURLM* multi_;
+  GSource* source_;
+  void* tag_ = nullptr;  // of the epoll set in the source
+  std::unordered_map<CURL*, std::shared_ptr<Client>> clients_;
+  std::deque<CURL*> moved_;
+  gint64 deadline_ = -1;  // when libcurl wants to be called, in monotonic time; -1 for never
+};
+
+}  // namespace quillmere
+
+#endif

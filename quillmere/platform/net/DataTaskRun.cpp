@@ -1,0 +1,249 @@
+#include <quillmere/platform/net/DataTaskRun.h>
+#include <quillmere/platform/net/HTTPFields.h>
+#include <quillmere/platform/net/NSURLCredential.h>
+
+#include <algorithm>
+#include <string_view>
+#include <utility>
+
+namespace quillmere {
+namespace {
+
+constexpr int maximumRedirects = 20;
+constexpr std::int64_t unauthorized = 401;
+constexpr std::int64_t proxyAuthenticationRequired = 407;
+
+bool isRedirect(std::int64_t status) {
+  constexpr std::int64_t statuses[] = {301, 302, 303, 307, 308};
+  return std::find(std::begin(statuses), std::end(statuses), status) != std::end(statuses);
+}
+
+std::uint16_t portOf(const NSURL& url) {
+  constexpr std::uint16_t httpPort = 80;
+  constexpr std::uint16_t httpsPort = 443;
+  return url.port().value_or(url.scheme() == "https" ? httpsPort : httpPort);
+}
+
+bool isSameServer(const NSURL& a, const NSURL& b) {
+  return a.scheme() == b.scheme() && a.host() == b.host() && portOf(a) == portOf(b);
+}
+
+// What the platform would send to the new address (RFC 9110 section 15.4).
+NSURLRequest redirected(const NSURLRequest& request, std::int64_t status, const NSURL& target) {
+  constexpr std::int64_t seeOther = 303;
+  constexpr std::int64_t temporaryRedirect = 307;
+  NSMutableURLRequest proposed;
+  static_cast<NSURLRequest&>(proposed) = request;
+  const std::string& method = request.HTTPMethod();
+  const bool becomesGet =
+      status == seeOther ? method != "HEAD" : status < temporaryRedirect && method == "POST";
+  if (becomesGet) {
+    proposed.setHTTPMethod("GET");
+    proposed.setHTTPBody(std::nullopt);
+    proposed.setValue_forHTTPHeaderField(std::nullopt, "Content-Type");
+  }
+  if (!isSameServer(*request.URL(), target)) {
+    proposed.setValue_forHTTPHeaderField(std::nullopt, "Authorization");
+  }
+  proposed.setURL(target);
+  return proposed;
+}
+
+unsigned long schemeBits(std::string_view scheme) {
+  if (scheme == "digest") return CURLAUTH_DIGEST;
+  if (scheme == "basic") return CURLAUTH_BASIC;
+  return scheme == "ntlm" ? CURLAUTH_NTLM : CURLAUTH_NEGOTIATE;
+}
+
+}  // namespace
+
+DataTaskRun::DataTaskRun(std::shared_ptr<NSURLSessionDataTask> task)
+    : task_(std::move(task)), request_(task_->originalRequest()) {}
+
+template <class... Answer, class Handle>
+auto DataTaskRun::answerHandler(Handle handle) {
+  const std::uint64_t question = ++questions_;
+  return [self = shared_from_this(), question, handle](const Answer&... answer) {
+    if (self->questions_ != question) return;
+    ++self->questions_;
+    if (!self->isOver()) handle(*self, answer...);
+  };
+}
+
+void DataTaskRun::start() {
+  if (!isOver()) send(request_);
+}
+
+void DataTaskRun::send(const NSURLRequest& request) {
+  request_ = request;
+  purpose_ = Purpose::unknown;
+  isAllowed_ = isPaused_ = hasEnded_ = false;
+  if (transfer_) transfer_->stop();
+  if (const NSErrorPtr error = HTTPTransfer::errorBeforeSending(request)) return complete(error);
+  const NSURLSession& session = *task_->session_;
+  transfer_ = std::make_shared<HTTPTransfer>(session.loop_, request, session.configuration_,
+                                             session.cookies_, *this);
+  transfer_->start();
+}
+
+void DataTaskRun::complete(const NSErrorPtr& error) {
+  if (!task_) return;
+  const auto kept = shared_from_this();
+  const std::shared_ptr<NSURLSessionDataTask> task = std::exchange(task_, nullptr);
+  ++questions_;
+  if (transfer_) transfer_->stop();
+  task->state_ = NSURLSessionTaskState::completed;
+  const std::shared_ptr<NSURLSessionDelegate> delegate = std::exchange(task->delegate_, nullptr);
+  task->run_.reset();
+  if (delegate) delegate->URLSession_task_didCompleteWithError(*task->session_, *task, error);
+}
+
+void DataTaskRun::transferMoved() {
+  if (isOver() || !transfer_->response()) return;
+  const auto kept = shared_from_this();
+  if (purpose_ == Purpose::unknown) {
+    purpose_ = purposeOf(*transfer_->response());
+    if (purpose_ == Purpose::answer) askAboutResponse();
+  }
+  deliverBody();
+}
+
+// Redirects and challenges are taken in whole before the delegate is asked, so that their connection
+// can serve again; when they turn out to be the answer, their body is there.
+void DataTaskRun::transferEnded(const NSErrorPtr& error) {
+  if (isOver()) return;
+  const auto kept = shared_from_this();
+  hasEnded_ = true;
+  if (error) return complete(error);
+  if (purpose_ == Purpose::unknown) transferMoved();
+  if (isOver()) return;
+  switch (purpose_) {
+    case Purpose::redirect:
+      return askAboutRedirect();
+    case Purpose::challenge:
+      return askForCredential();
+    default:
+      return deliverBody();
+  }
+}
+
+DataTaskRun::Purpose DataTaskRun::purposeOf(const NSHTTPURLResponse& response) {
+  const std::int64_t status = response.statusCode();
+  if (isRedirect(status) && redirectTarget(response)) return Purpose::redirect;
+  const bool isProxys = status == proxyAuthenticationRequired;
+  if (status != unauthorized && !isProxys) return Purpose::answer;
+  const bool isPreset =
+      request_.valueForHTTPHeaderField(isProxys ? "Proxy-Authorization" : "Authorization")
+          .has_value();
+  const auto field =
+      response.valueForHTTPHeaderField(isProxys ? "Proxy-Authenticate" : "WWW-Authenticate");
+  challenges_ = field ? parseAuthenticateHeader(*field) : std::vector<AuthenticateChallenge>();
+  const bool isChallenge = !isPreset && challengeToRaise(challenges_) != nullptr;
+  return isChallenge ? Purpose::challenge : Purpose::answer;
+}
+
+// Null for an address that is missing, malformed, or neither of http nor of https.
+std::optional<NSURL> DataTaskRun::redirectTarget(const NSHTTPURLResponse& response) const {
+  const auto location = response.valueForHTTPHeaderField("Location");
+  if (!location || location->empty()) return std::nullopt;
+  const auto target = NSURL::URLWithString_relativeToURL(*location, *request_.URL());
+  return target && target->isHTTP() ? target : std::nullopt;
+}
+
+void DataTaskRun::askAboutRedirect() {
+  if (++redirects_ > maximumRedirects) {
+    return complete(urlError(NSURLErrorHTTPTooManyRedirects, request_.URL()));
+  }
+  const auto response = transfer_->response();
+  const NSURLRequest proposed =
+      redirected(request_, response->statusCode(), *redirectTarget(*response));
+  refusedCredentials_ = 0;
+  const auto task = task_;
+  const auto delegate = task->delegate_;
+  delegate->URLSession_task_willPerformHTTPRedirection_newRequest_completionHandler(
+      *task->session_, *task, *response, proposed,
+      answerHandler<std::optional<NSURLRequest>>(
+          [](DataTaskRun& run, const std::optional<NSURLRequest>& request) {
+            if (request) return run.send(*request);
+            run.purpose_ = Purpose::answer;
+            run.askAboutResponse();
+          }));
+}
+
+void DataTaskRun::askForCredential() {
+  const auto response = transfer_->response();
+  const AuthenticateChallenge& offer = *challengeToRaise(challenges_);
+  const bool isProxys = response->statusCode() == proxyAuthenticationRequired;
+  const NSURL& url = *request_.URL();
+  const auto makeSpace =
+      isProxys ? &NSURLProtectionSpace::initWithProxyHost_port_type_realm_authenticationMethod
+               : &NSURLProtectionSpace::initWithHost_port_protocol_realm_authenticationMethod;
+  const auto challenge = NSURLAuthenticationChallenge::
+      initWithProtectionSpace_proposedCredential_previousFailureCount_failureResponse(
+          makeSpace(url.host().value_or(""), portOf(url), url.scheme().value_or(""),
+                    offer.parameter("realm"), offer.authenticationMethod()),
+          nullptr, refusedCredentials_, response);
+  const auto handler =
+      answerHandler<NSURLSessionAuthChallengeDisposition, std::shared_ptr<NSURLCredential>>(
+          [scheme = schemeBits(offer.scheme), isProxys](
+              DataTaskRun& run, NSURLSessionAuthChallengeDisposition disposition,
+              const std::shared_ptr<NSURLCredential>& credential) {
+            using enum NSURLSessionAuthChallengeDisposition;
+            if (disposition == cancelAuthenticationChallenge) return run.task_->cancel();
+            if (disposition != useCredential || !credential) {
+              run.purpose_ = Purpose::answer;
+              return run.askAboutResponse();
+            }
+            ++run.refusedCredentials_;
+            run.purpose_ = Purpose::unknown;
+            run.isAllowed_ = run.isPaused_ = run.hasEnded_ = false;
+            run.transfer_->startWithCredential(scheme, *credential, isProxys);
+          });
+  const auto task = task_;
+  const auto delegate = task->delegate_;
+  if (offer.scheme == "digest" || offer.scheme == "basic") {
+    delegate->URLSession_task_didReceiveChallenge_completionHandler(*task_->session_, *task_,
+                                                                    *challenge, handler);
+  } else {
+    delegate->URLSession_didReceiveChallenge_completionHandler(*task->session_, *challenge,
+                                                               handler);
+  }
+}
+
+void DataTaskRun::askAboutResponse() {
+  const auto task = task_;
+  const auto delegate = task->delegate_;
+  task->response_ = transfer_->response();
+  delegate->URLSession_dataTask_didReceiveResponse_completionHandler(
+      *task->session_, *task, task->response_,
+      answerHandler<NSURLSessionResponseDisposition>(
+          [](DataTaskRun& run, NSURLSessionResponseDisposition disposition) {
+            if (disposition == NSURLSessionResponseCancel) return run.task_->cancel();
+            run.isAllowed_ = true;
+            if (run.isPaused_) run.goOn();
+          }));
+  if (isAllowed_) return deliverBody();
+  if (isOver()) return;
+  isPaused_ = true;
+  if (!hasEnded_) transfer_->pause();
+}
+
+void DataTaskRun::goOn() {
+  isPaused_ = false;
+  if (!hasEnded_) transfer_->goOn();
+  deliverBody();
+}
+
+void DataTaskRun::deliverBody() {
+  if (isOver() || purpose_ != Purpose::answer || !isAllowed_) return;
+  std::string bytes = transfer_->takeBody();
+  if (!bytes.empty()) {
+    const auto task = task_;
+    const auto delegate = task->delegate_;
+    delegate->URLSession_dataTask_didReceiveData(*task->session_, *task,
+                                                 NSData::dataWithString(std::move(bytes)));
+  }
+  if (hasEnded_ && !isOver()) complete(nullptr);
+}
+
+}  // namespace quillmere

@@ -1,0 +1,118 @@
+#ifndef QUILLMERE_PLATFORM_NET_HTTPTRANSFER_H
+#define QUILLMERE_PLATFORM_NET_HTTPTRANSFER_H
+
+#include <quillmere/platform/loop/Alarm.h>
+#include <quillmere/platform/net/ContentDecoder.h>
+#include <quillmere/platform/net/CurlLoop.h>
+#include <quillmere/platform/net/NSHTTPURLResponse.h>
+#include <quillmere/platform/net/NSURLSession.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+// Internal: one request and its response.
+namespace quillmere {
+
+/// Cookies of a session, shared by its transfers.
+class CookieJar {
+ public:
+  CookieJar();
+  CookieJar(const CookieJar&) = delete;
+  CookieJar& operator=(const CookieJar&) = delete;
+  ~CookieJar();
+
+  CURLSH* share() const { return share_; }
+
+ private:
+  CURLSH* share_;
+};
+
+/// Sends a request over a loop and takes its response in: no redirect is followed, and no challenge
+/// answered but with the credential it is given.
+class HTTPTransfer final : public CurlLoop::Client,
+                           public std::enable_shared_from_this<HTTPTransfer> {
+ public:
+  class Owner {
+   public:
+    virtual ~Owner() = default;
+    /// The response's head is complete, or there is more of its body.
+    virtual void transferMoved() = 0;
+    /// It is over; null when the response came whole.
+    virtual void transferEnded(const NSErrorPtr& error) = 0;
+  };
+
+  /// The owner must outlive the transfer, or `stop` it.
+  HTTPTransfer(std::shared_ptr<CurlLoop> loop, const NSURLRequest& request,
+               const NSURLSessionConfiguration& configuration, std::shared_ptr<CookieJar> cookies,
+               Owner& owner);
+  ~HTTPTransfer() override;
+
+  /// What a URL or request that cannot be sent gives; null for one that can.
+  static NSErrorPtr errorBeforeSending(const NSURLRequest& request);
+
+  void start();
+  /// Sends the request again, with a credential for a scheme (a set of CURLAUTH_ bits).
+  void startWithCredential(unsigned long scheme, const NSURLCredential& credential, bool isProxy);
+  /// The owner hears nothing more.
+  void stop();
+  /// Takes no more of the response in until it is told to go on.
+  void pause();
+  void goOn();
+
+  /// Null before the head is complete.
+  const std::shared_ptr<const NSHTTPURLResponse>& response() const { return response_; }
+  /// What came of the body since the last time.
+  std::string takeBody() { return std::exchange(body_, {}); }
+
+  void transferMoved() override { owner_->transferMoved(); }
+  void transferEnded(CURLcode result) override;
+
+ private:
+  static std::size_t receiveHead(char* bytes, std::size_t size, std::size_t count, void* self);
+  static std::size_t receiveBody(char* bytes, std::size_t size, std::size_t count, void* self);
+  static int watchProgress(void* self, curl_off_t, curl_off_t, curl_off_t, curl_off_t sent);
+
+  void setOptions();
+  void setHeaderFields();
+  void beginAnew();
+  bool takeHeadLine(std::string_view line);
+  void completeHead();
+  bool takeBodyBytes(std::string_view bytes);
+  void watchForSilence();
+  gint64 timeOfSilence() const;
+  void lookForSilence();
+  NSErrorPtr errorFor(CURLcode result) const;
+
+  std::shared_ptr<CurlLoop> loop_;
+  NSURLRequest request_;
+  NSURLSessionConfiguration configuration_;
+  std::shared_ptr<CookieJar> cookies_;
+  Owner* owner_;
+  CURL* curl_;
+  curl_slist* fields_ = nullptr;
+
+  std::vector<std::pair<std::string, std::string>> headFields_;
+  std::uint64_t headSize_ = 0;
+  bool isHeadComplete_ = false;
+  std::shared_ptr<const NSHTTPURLResponse> response_;
+  std::unique_ptr<ContentDecoder> decoder_;
+  std::uint64_t bodySize_ = 0;
+  std::string body_;
+  NSURLErrorCode failure_ = NSURLErrorCode{0};  // why a callback ended the transfer
+
+  gint64 lastByteTime_ = 0;  // monotonic
+  curl_off_t bytesSent_ = 0;
+  Alarm silence_;
+};
+
+/// A transport error with a text for people and the URL.
+NSErrorPtr urlError(NSURLErrorCode code, const std::optional<NSURL>& url,
+                    std::string_view detail = {});
+
+}  // namespace quillmere
+
+#endif

@@ -1,0 +1,273 @@
+#include <curl/curl.h>
+#include <glib.h>
+#include <quillmere/platform/base/UTF8.h>
+#include <quillmere/platform/net/HTTPFields.h>
+#include <quillmere/platform/net/NSURL.h>
+
+#include <algorithm>
+#include <charconv>
+#include <clocale>
+#include <memory>
+
+namespace quillmere {
+namespace {
+
+using std::optional;
+using std::string;
+using std::string_view;
+
+bool isOneOf(char c, string_view characters) { return characters.find(c) != string_view::npos; }
+
+bool isControl(char c) { return g_ascii_iscntrl(c); }
+
+bool mayBeURL(string_view text) {
+  return std::none_of(text.begin(), text.end(), isControl) && isValidUTF8(text);
+}
+
+bool isScheme(string_view text) {
+  return !text.empty() && g_ascii_isalpha(text.front()) &&
+         std::all_of(text.begin(), text.end(),
+                     [](char c) { return g_ascii_isalnum(c) || isOneOf(c, "+-."); });
+}
+
+// The components of RFC 3986 section 3, without the characters that delimit them.
+struct Components {
+  optional<string_view> scheme;
+  optional<string_view> authority;
+  string_view path;
+  optional<string_view> query;
+  optional<string_view> fragment;
+};
+
+// The text up to the first of `delimiters`, which `text` then begins with.
+string_view takeUntil(string_view& text, string_view delimiters) {
+  const string_view taken = text.substr(0, text.find_first_of(delimiters));
+  text.remove_prefix(taken.size());
+  return taken;
+}
+
+Components componentsOf(string_view text) {
+  Components components;
+  const std::size_t colon = text.find_first_of(":/?#");
+  if (colon != string_view::npos && text[colon] == ':' && isScheme(text.substr(0, colon))) {
+    components.scheme = text.substr(0, colon);
+    text.remove_prefix(colon + 1);
+  }
+  if (text.starts_with("//")) {
+    text.remove_prefix(2);
+    components.authority = takeUntil(text, "/?#");
+  }
+  components.path = takeUntil(text, "?#");
+  if (text.starts_with('?')) {
+    text.remove_prefix(1);
+    components.query = takeUntil(text, "#");
+  }
+  if (text.starts_with('#')) components.fragment = text.substr(1);
+  return components;
+}
+
+// RFC 3986 section 5.3.
+string recompose(const Components& components) {
+  string text;
+  if (components.scheme) text.append(*components.scheme) += ':';
+  if (components.authority) {
+    text.append("//").append(*components.authority);
+  } else if (components.path.starts_with("//")) {
+    text += "/.";  // or else the path would read as an authority
+  }
+  text += components.path;
+  if (components.query) (text += '?').append(*components.query);
+  if (components.fragment) (text += '#').append(*components.fragment);
+  return text;
+}
+
+// RFC 3986 section 5.2.4.
+string withoutDotSegments(string_view input) {
+  string output;
+  output.reserve(input.size());
+  while (!input.empty()) {
+    if (input.starts_with("../")) {
+      input.remove_prefix(3);
+    } else if (input.starts_with("./") || input.starts_with("/./")) {
+      input.remove_prefix(2);
+    } else if (input.starts_with("/../") || input == "/..") {
+      input = input == "/.." ? string_view("/") : input.substr(3);
+      const std::size_t segment = output.rfind('/');
+      output.resize(segment == string::npos ? 0 : segment);
+    } else if (input == "/.") {
+      input = "/";
+    } else if (input == "." || input == "..") {
+      break;
+    } else {
+      const std::size_t end = std::min(input.find('/', 1), input.size());
+      output += input.substr(0, end);
+      input.remove_prefix(end);
+    }
+  }
+  return output;
+}
+
+// RFC 3986 section 5.2.3: the reference's path in place of the base's last segment.
+string mergedPath(const Components& base, string_view path) {
+  if (base.authority && base.path.empty()) return string("/").append(path);
+  const std::size_t segment = base.path.rfind('/');
+  const string_view folder = segment == string_view::npos ? "" : base.path.substr(0, segment + 1);
+  return string(folder).append(path);
+}
+
+// RFC 3986 section 5.2.2.
+string resolve(const Components& reference, const Components& base) {
+  Components target = reference;
+  string path;
+  if (reference.scheme || reference.authority) {
+    path = withoutDotSegments(reference.path);
+  } else {
+    target.authority = base.authority;
+    if (reference.path.empty()) {
+      path = base.path;
+      if (!reference.query) target.query = base.query;
+    } else if (reference.path.starts_with('/')) {
+      path = withoutDotSegments(reference.path);
+    } else {
+      path = withoutDotSegments(mergedPath(base, reference.path));
+    }
+  }
+  if (!reference.scheme) target.scheme = base.scheme;
+  target.path = path;
+  return recompose(target);
+}
+
+string percentEncoded(string_view text, string_view allowedMarks) {
+  constexpr char digits[] = "0123456789ABCDEF";
+  string encoded;
+  encoded.reserve(text.size());
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
+    const bool isEscape = c == '%' && text.size() - i > 2 && g_ascii_isxdigit(text[i + 1]) &&
+                          g_ascii_isxdigit(text[i + 2]);
+    if (g_ascii_isalnum(c) || isEscape || isOneOf(c, allowedMarks)) {
+      encoded += c;
+    } else {
+      const auto byte = static_cast<unsigned char>(c);
+      encoded += {'%', digits[byte >> 4], digits[byte & 0xF]};
+    }
+  }
+  return encoded;
+}
+
+// Gives the calling thread a locale whose encoding is UTF-8: libcurl takes the letters of an
+// international name for those of the locale's encoding.
+class UTF8Locale {
+ public:
+  UTF8Locale() {
+    static const locale_t locale = ::newlocale(LC_CTYPE_MASK, "C.UTF-8", locale_t{});
+    previous_ = ::uselocale(locale);
+  }
+  UTF8Locale(const UTF8Locale&) = delete;
+  UTF8Locale& operator=(const UTF8Locale&) = delete;
+  ~UTF8Locale() { ::uselocale(previous_); }
+
+ private:
+  locale_t previous_;
+};
+
+// What an authority says of where to connect.
+struct Server {
+  string host;
+  optional<std::uint16_t> port;
+  string wireAuthority;  // host and port in ASCII
+};
+
+optional<string> partOf(CURLU* url, CURLUPart part, unsigned flags) {
+  char* text = nullptr;
+  if (::curl_url_get(url, part, &text, flags) != CURLUE_OK) return std::nullopt;
+  const std::unique_ptr<char, decltype(&::curl_free)> owner(text, &::curl_free);
+  return text;
+}
+
+// Null for no authority and for a malformed one. User info ends at the last "@", so that nothing
+// of it is ever taken for a host.
+optional<Server> serverOf(const Components& components) {
+  if (!components.authority) return std::nullopt;
+  const string_view authority = components.authority->substr(components.authority->rfind('@') + 1);
+  if (authority.empty()) return std::nullopt;  // libcurl would look for a host in the path
+
+  constexpr string_view scheme = "http://";
+  const UTF8Locale locale;
+  const std::unique_ptr<CURLU, decltype(&::curl_url_cleanup)> url(::curl_url(),
+                                                                  &::curl_url_cleanup);
+  const string text = string(scheme).append(authority) + '/';
+  if (::curl_url_set(url.get(), CURLUPART_URL, text.c_str(), 0) != CURLUE_OK) return std::nullopt;
+  auto host = partOf(url.get(), CURLUPART_HOST, 0);
+  auto wire = partOf(url.get(), CURLUPART_URL, CURLU_PUNYCODE);
+  if (!host || !wire) return std::nullopt;
+
+  Server server{*std::move(host), std::nullopt, wire->substr(scheme.size())};
+  server.wireAuthority.pop_back();  // the slash
+  if (const auto port = partOf(url.get(), CURLUPART_PORT, 0)) {
+    std::from_chars(port->data(), port->data() + port->size(), server.port.emplace());
+  }
+  return server;
+}
+
+bool isHTTPScheme(const optional<string_view>& scheme) {
+  return scheme && (equalIgnoringCase(*scheme, "http") || equalIgnoringCase(*scheme, "https"));
+}
+
+}  // namespace
+
+optional<NSURL> NSURL::URLWithString(string_view text) {
+  if (text.empty() || !mayBeURL(text)) return std::nullopt;
+  return NSURL(string(text));
+}
+
+optional<NSURL> NSURL::URLWithString_relativeToURL(string_view text, const NSURL& base) {
+  if (!mayBeURL(text)) return std::nullopt;
+  return URLWithString(resolve(componentsOf(text), componentsOf(base.absoluteString_)));
+}
+
+optional<string> NSURL::scheme() const {
+  const auto scheme = componentsOf(absoluteString_).scheme;
+  if (!scheme) return std::nullopt;
+  return lowerCaseASCII(*scheme);
+}
+
+optional<string> NSURL::host() const {
+  auto server = serverOf(componentsOf(absoluteString_));
+  if (!server) return std::nullopt;
+  return std::move(server->host);
+}
+
+optional<std::uint16_t> NSURL::port() const {
+  const auto server = serverOf(componentsOf(absoluteString_));
+  return server ? server->port : std::nullopt;
+}
+
+string NSURL::path() const { return string(componentsOf(absoluteString_).path); }
+
+string NSURL::lastPathComponent() const {
+  string_view path = componentsOf(absoluteString_).path;
+  path = path.substr(0, path.find_last_not_of('/') + 1);
+  return string(path.substr(path.rfind('/') + 1));
+}
+
+string NSURL::wireString() const {
+  constexpr string_view pathMarks = "-._~!$&'()*+,;=:@/";
+  constexpr string_view queryMarks = "-._~!$&'()*+,;=:@/?";
+  const Components components = componentsOf(absoluteString_);
+  if (!isHTTPScheme(components.scheme)) return {};
+  const auto server = serverOf(components);
+  if (!server) return {};
+  string wire = lowerCaseASCII(*components.scheme) + "://" + server->wireAuthority;
+  const string path = withoutDotSegments(components.path);
+  wire += path.empty() ? "/" : percentEncoded(path, pathMarks);
+  if (components.query) wire += '?' + percentEncoded(*components.query, queryMarks);
+  return wire;
+}
+
+bool NSURL::isHTTP() const {
+  const Components components = componentsOf(absoluteString_);
+  return isHTTPScheme(components.scheme) && serverOf(components);
+}
+
+}  // namespace quillmere

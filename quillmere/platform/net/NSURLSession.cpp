@@ -1,0 +1,95 @@
+#include <quillmere/platform/base/makeObject.h>
+#include <quillmere/platform/net/DataTaskRun.h>
+#include <quillmere/platform/net/NSURLSession.h>
+
+#include <utility>
+
+namespace quillmere {
+namespace {
+
+// In place of a delegate that is null or gone.
+class NobodysDelegate final : public NSURLSessionDelegate {
+  void URLSession_task_didCompleteWithError(NSURLSession&, NSURLSessionDataTask&,
+                                            const NSErrorPtr&) override {}
+};
+
+}  // namespace
+
+std::shared_ptr<NSURLSession> NSURLSession::sessionWithConfiguration_delegate_delegateQueue(
+    const NSURLSessionConfiguration& configuration,
+    const std::shared_ptr<NSURLSessionDelegate>& delegate,
+    const std::optional<NSOperationQueue>& queue) {
+  return makeObject<NSURLSession>(configuration, delegate,
+                                  queue.value_or(NSOperationQueue::currentQueue()));
+}
+
+NSURLSession::NSURLSession(const NSURLSessionConfiguration& configuration,
+                           const std::shared_ptr<NSURLSessionDelegate>& delegate,
+                           const NSOperationQueue& queue)
+    : configuration_(configuration),
+      delegate_(delegate),
+      queue_(queue),
+      loop_(CurlLoop::loopOf(queue)),
+      cookies_(std::make_shared<CookieJar>()) {}
+
+std::shared_ptr<NSURLSessionDataTask> NSURLSession::dataTaskWithRequest(
+    const NSURLRequest& request) {
+  auto delegate = delegate_.lock();
+  if (!delegate) delegate = std::make_shared<NobodysDelegate>();
+  return makeObject<NSURLSessionDataTask>(shared_from_this(), std::move(delegate), request);
+}
+
+NSURLSessionDataTask::NSURLSessionDataTask(std::shared_ptr<NSURLSession> session,
+                                           std::shared_ptr<NSURLSessionDelegate> delegate,
+                                           const NSURLRequest& request)
+    : session_(std::move(session)), delegate_(std::move(delegate)), originalRequest_(request) {}
+
+NSURLSessionDataTask::~NSURLSessionDataTask() = default;
+
+void NSURLSessionDataTask::resume() {
+  if (state_ != NSURLSessionTaskState::suspended) return;
+  state_ = NSURLSessionTaskState::running;
+  run_ = std::make_shared<DataTaskRun>(shared_from_this());
+  session_->delegateQueue().addOperationWithBlock([run = run_] { run->start(); });
+}
+
+void NSURLSessionDataTask::cancel() {
+  if (state_ == NSURLSessionTaskState::canceling || state_ == NSURLSessionTaskState::completed) {
+    return;
+  }
+  state_ = NSURLSessionTaskState::canceling;
+  if (!run_) run_ = std::make_shared<DataTaskRun>(shared_from_this());
+  session_->delegateQueue().addOperationWithBlock(
+      [run = run_] { run->complete(urlError(NSURLErrorCancelled, run->currentURL())); });
+}
+
+// What happens when nobody answers.
+
+void NSURLSessionDelegate::URLSession_task_willPerformHTTPRedirection_newRequest_completionHandler(
+    NSURLSession&, NSURLSessionDataTask&, const NSHTTPURLResponse&, const NSURLRequest& newRequest,
+    std::function<void(const std::optional<NSURLRequest>&)> completionHandler) {
+  completionHandler(newRequest);
+}
+
+void NSURLSessionDelegate::URLSession_didReceiveChallenge_completionHandler(
+    NSURLSession&, const NSURLAuthenticationChallenge&,
+    NSURLSessionChallengeCompletionHandler completionHandler) {
+  completionHandler(NSURLSessionAuthChallengeDisposition::performDefaultHandling, nullptr);
+}
+
+void NSURLSessionDelegate::URLSession_task_didReceiveChallenge_completionHandler(
+    NSURLSession&, NSURLSessionDataTask&, const NSURLAuthenticationChallenge&,
+    NSURLSessionChallengeCompletionHandler completionHandler) {
+  completionHandler(NSURLSessionAuthChallengeDisposition::performDefaultHandling, nullptr);
+}
+
+void NSURLSessionDelegate::URLSession_dataTask_didReceiveResponse_completionHandler(
+    NSURLSession&, NSURLSessionDataTask&, const std::shared_ptr<const NSHTTPURLResponse>&,
+    std::function<void(NSURLSessionResponseDisposition)> completionHandler) {
+  completionHandler(NSURLSessionResponseAllow);
+}
+
+void NSURLSessionDelegate::URLSession_dataTask_didReceiveData(NSURLSession&, NSURLSessionDataTask&,
+                                                              const NSData&) {}
+
+}  // namespace quillmere

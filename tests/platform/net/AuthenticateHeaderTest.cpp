@@ -1,0 +1,101 @@
+#include <gtest/gtest.h>
+#include <quillmere/platform/net/AuthenticateHeader.h>
+#include <quillmere/platform/net/NSURLProtectionSpace.h>
+
+namespace quillmere {
+namespace {
+
+using std::string;
+using std::string_view;
+
+// Each challenge as "scheme token68 {name=value}...", separated by bars.
+string challengesIn(string_view header) {
+  string text;
+  for (const AuthenticateChallenge& challenge : parseAuthenticateHeader(header)) {
+    text += (text.empty() ? "" : "|") + challenge.scheme;
+    if (challenge.token68) text += ' ' + *challenge.token68;
+    for (const auto& [name, value] : challenge.parameters) text += " {" + name + '=' + value + '}';
+  }
+  return text;
+}
+
+TEST(AuthenticateHeader, TellsTheChallengesOfAField) {
+  const struct {
+    string_view header, challenges;
+  } table[] = {
+      {"Basic realm=\"a b\"", "basic {realm=a b}"},
+      {"BASIC Realm = plain , Charset=\"UTF-8\"", "basic {charset=UTF-8} {realm=plain}"},
+      {"Basic realm=\"a, \\\"b\\\\\", Digest nonce=\"n==\", qop=\"auth,auth-int\"",
+       "basic {realm=a, \"b\\}|digest {nonce=n==} {qop=auth,auth-int}"},
+      {"Negotiate, NTLM", "negotiate|ntlm"},
+      {"Negotiate YII/+=.~-_==, Basic realm=x", "negotiate YII/+=.~-_==|basic {realm=x}"},
+      {"NTLM abc=\t,Basic", "ntlm abc=|basic"},
+      {"Newauth realm=\"apps\", type=1, title=\"Login to \\\"apps\\\"\", Basic realm=\"simple\"",
+       "newauth {realm=apps} {title=Login to \"apps\"} {type=1}|basic {realm=simple}"},
+      {", ,Basic,, realm=x,", "basic {realm=x}"},
+      {"Basic realm=a, realm=b", "basic {realm=b}"},
+      {"", ""},
+      {" , ", ""},
+      {"realm=\"no scheme\"", ""},
+      {"Basic realm=\"never ends, Digest", "basic {realm=never ends, Digest}"},
+      {"Basic realm=\"ends so\\", "basic {realm=ends so}"},
+      {"Basic realm=@@Digest nonce=x, a=b", "basic {a=b} {realm=}"},
+      {"\"Basic\", Digest nonce=n", "digest {nonce=n}"},
+      {"Basic realm=\"\xFF\xFE\"", "basic {realm=\xFF\xFE}"},
+  };
+  for (const auto& [header, challenges] : table) EXPECT_EQ(challengesIn(header), challenges);
+}
+
+TEST(AuthenticateHeader, RaisesTheStrongestThatCanBeAnswered) {
+  const struct {
+    const char *header, *method;
+  } table[] = {
+      {"Negotiate, NTLM, Basic realm=r, Digest nonce=n", NSURLAuthenticationMethodHTTPDigest},
+      {"Negotiate, NTLM, Basic realm=r, Bearer", NSURLAuthenticationMethodHTTPBasic},
+      {"Negotiate, NTLM", NSURLAuthenticationMethodNTLM},
+      {"Negotiate", NSURLAuthenticationMethodNegotiate},
+      {"Bearer realm=r", nullptr},
+      {"", nullptr},
+      {"Digest nonce=n, algorithm=md5, qop=\"\"", NSURLAuthenticationMethodHTTPDigest},
+      {"Digest nonce=n, algorithm=\"SHA-256\"", NSURLAuthenticationMethodHTTPDigest},
+      {"Digest nonce=n, algorithm=MD5-sess, qop=\"x, AUTH\"", NSURLAuthenticationMethodHTTPDigest},
+      {"Digest nonce=n, algorithm=SHA-256-SESS, qop=auth-int", NSURLAuthenticationMethodHTTPDigest},
+      // libcurl has no answer, or a wrong one, to these.
+      {"Digest realm=r", nullptr},
+      {"Digest nonce=n, algorithm=MD5-sess", nullptr},
+      {"Digest nonce=n, algorithm=SHA-512-256", nullptr},
+      {"Digest nonce=n, qop=\"xauth, auth-conf\"", nullptr},
+      // Of two Digest challenges libcurl looks at the first.
+      {"Digest nonce=n, algorithm=SHA-512-256, Digest nonce=n, Basic realm=r",
+       NSURLAuthenticationMethodHTTPBasic},
+  };
+  for (const auto& [header, method] : table) {
+    const auto challenges = parseAuthenticateHeader(header);
+    const AuthenticateChallenge* raised = challengeToRaise(challenges);
+    EXPECT_STREQ(raised ? raised->authenticationMethod() : nullptr, method) << header;
+  }
+}
+
+TEST(AuthenticateHeader, TakesLongFieldsInLinearTime) {
+  constexpr std::size_t size = 1 << 20;
+  for (const string_view piece :
+       {"a ", "a=", "a b=", ",", "\"", "\\", "=", "a,", "Basic a= ", "@"}) {
+    string header = "Basic ";
+    while (header.size() < size) header += piece;
+    const auto challenges = parseAuthenticateHeader(header);
+    EXPECT_FALSE(challenges.empty());
+  }
+}
+
+TEST(NSURLProtectionSpace, HasNoRealmThatIsNotText) {
+  const auto realm = [](const char* bytes) {
+    return NSURLProtectionSpace::initWithHost_port_protocol_realm_authenticationMethod(
+               "h", 80, "http", bytes, NSURLAuthenticationMethodHTTPBasic)
+        .realm();
+  };
+  EXPECT_EQ(realm("Käse"), "Käse");
+  EXPECT_EQ(realm("K\xE4se"), std::nullopt);
+}
+
+}  // namespace
+}  // namespace quillmere

@@ -1,0 +1,205 @@
+#include <gtest/gtest.h>
+#include <quillmere/platform/net/NSURL.h>
+
+#include <chrono>
+
+namespace quillmere {
+namespace {
+
+using std::string;
+using std::string_view;
+
+NSURL urlOf(string_view text) { return NSURL::URLWithString(text).value(); }
+
+string resolved(string_view text, string_view base) {
+  const auto url = NSURL::URLWithString_relativeToURL(text, urlOf(base));
+  return url ? url->absoluteString() : "(null)";
+}
+
+struct Resolution {
+  const char* text;
+  const char* expected;
+};
+
+// RFC 3986 sections 5.4.1 and 5.4.2, all examples.
+TEST(NSURL, ResolvesTheExamplesOfTheRFC) {
+  const Resolution examples[] = {
+      {"g:h", "g:h"},
+      {"g", "http://a/b/c/g"},
+      {"./g", "http://a/b/c/g"},
+      {"g/", "http://a/b/c/g/"},
+      {"/g", "http://a/g"},
+      {"//g", "http://g"},
+      {"?y", "http://a/b/c/d;p?y"},
+      {"g?y", "http://a/b/c/g?y"},
+      {"#s", "http://a/b/c/d;p?q#s"},
+      {"g#s", "http://a/b/c/g#s"},
+      {"g?y#s", "http://a/b/c/g?y#s"},
+      {";x", "http://a/b/c/;x"},
+      {"g;x", "http://a/b/c/g;x"},
+      {"g;x?y#s", "http://a/b/c/g;x?y#s"},
+      {"", "http://a/b/c/d;p?q"},
+      {".", "http://a/b/c/"},
+      {"./", "http://a/b/c/"},
+      {"..", "http://a/b/"},
+      {"../", "http://a/b/"},
+      {"../g", "http://a/b/g"},
+      {"../..", "http://a/"},
+      {"../../", "http://a/"},
+      {"../../g", "http://a/g"},
+      {"../../../g", "http://a/g"},
+      {"../../../../g", "http://a/g"},
+      {"/./g", "http://a/g"},
+      {"/../g", "http://a/g"},
+      {"g.", "http://a/b/c/g."},
+      {".g", "http://a/b/c/.g"},
+      {"g..", "http://a/b/c/g.."},
+      {"..g", "http://a/b/c/..g"},
+      {"./../g", "http://a/b/g"},
+      {"./g/.", "http://a/b/c/g/"},
+      {"g/./h", "http://a/b/c/g/h"},
+      {"g/../h", "http://a/b/c/h"},
+      {"g;x=1/./y", "http://a/b/c/g;x=1/y"},
+      {"g;x=1/../y", "http://a/b/c/y"},
+      {"g?y/./x", "http://a/b/c/g?y/./x"},
+      {"g?y/../x", "http://a/b/c/g?y/../x"},
+      {"g#s/./x", "http://a/b/c/g#s/./x"},
+      {"g#s/../x", "http://a/b/c/g#s/../x"},
+      {"http:g", "http:g"},
+  };
+  for (const auto& [text, expected] : examples) {
+    EXPECT_EQ(resolved(text, "http://a/b/c/d;p?q"), expected) << text;
+  }
+}
+
+TEST(NSURL, ResolvesNamesAndAddressesWithoutEncodingThem) {
+  const Resolution table[] = {
+      {"two words.ics", "http://h/c/two words.ics"},
+      {"Fête.ics", "http://h/c/Fête.ics"},
+      {"a%40b.ics", "http://h/c/a%40b.ics"},
+      {"100%.ics", "http://h/c/100%.ics"},
+      {"a@b.ics", "http://h/c/a@b.ics"},
+      {"a/b.ics", "http://h/c/a/b.ics"},
+      {"a?b.ics", "http://h/c/a?b.ics"},
+      {"urn:x.ics", "urn:x.ics"},
+      {"2024:x.ics", "http://h/c/2024:x.ics"},  // a scheme begins with a letter
+      {"HTTP://Other/x/../y", "HTTP://Other/y"},
+      {"//u:p@h:81", "http://u:p@h:81"},
+      {"/.//x", "http://h//x"},
+  };
+  for (const auto& [text, expected] : table) {
+    EXPECT_EQ(resolved(text, "http://h/c/old#f"), expected) << text;
+  }
+  EXPECT_EQ(resolved("x", "http://h"), "http://h/x");
+  EXPECT_EQ(resolved("", "http://h/c?q#f"), "http://h/c?q");
+  EXPECT_EQ(resolved("c", "urn:a:b"), "urn:c");
+  EXPECT_EQ(resolved("/.//x", "urn:a"), "urn:/.//x") << "not the host x";
+  EXPECT_EQ(resolved("c", "a/b"), "a/c");
+}
+
+TEST(NSURL, IsNoneForTextThatCannotBeOne) {
+  EXPECT_FALSE(NSURL::URLWithString(""));
+  const string_view never[] = {"http://h/a\tb",
+                               "http://h/\r\nX: y",
+                               string_view("http://h/\0", 10),
+                               "http://h/\x7F",
+                               "http://h/\xFF",
+                               "http://h/\xC3",
+                               "http://h/a\x01/..",
+                               "\n"};
+  for (const string_view text : never) {
+    EXPECT_FALSE(NSURL::URLWithString(text)) << text;
+    EXPECT_FALSE(NSURL::URLWithString_relativeToURL(text, urlOf("http://h/"))) << text;
+  }
+  EXPECT_FALSE(NSURL::URLWithString_relativeToURL("", urlOf("#f")));
+}
+
+TEST(NSURL, TellsItsComponents) {
+  struct Row {
+    const char* text;
+    std::optional<string> scheme, host;
+    std::optional<std::uint16_t> port;
+    const char *path, *last;
+  };
+  const Row table[] = {
+      {"HTTPS://u:p@Host:0443/a/b%2F/?q/x#f/y", "https", "Host", 443, "/a/b%2F/", "b%2F"},
+      {"http://[2001:db8::1]:8080", "http", "[2001:db8::1]", 8080, "", ""},
+      {"http://h:/", "http", "h", {}, "/", ""},
+      {"http://münchen.example/x y", "http", "münchen.example", {}, "/x y", "x y"},
+      {"http://0x7f.1/c//", "http", "127.0.0.1", {}, "/c//", "c"},
+      {"webcal://h:1/x", "webcal", "h", 1, "/x", "x"},
+      {"mailto:a@b", "mailto", {}, {}, "a@b", "a@b"},
+      {"file:///etc/x", "file", {}, {}, "/etc/x", "x"},
+      {"//h/x", {}, "h", {}, "/x", "x"},
+      {"two words", {}, {}, {}, "two words", "two words"},
+      {"http://h:65536/x", "http", {}, {}, "/x", "x"},
+  };
+  for (const Row& row : table) {
+    const NSURL url = urlOf(row.text);
+    EXPECT_EQ(url.absoluteString(), row.text);
+    EXPECT_EQ(url.scheme(), row.scheme) << row.text;
+    EXPECT_EQ(url.host(), row.host) << row.text;
+    EXPECT_EQ(url.port(), row.port) << row.text;
+    EXPECT_EQ(url.path(), row.path) << row.text;
+    EXPECT_EQ(url.lastPathComponent(), row.last) << row.text;
+  }
+}
+
+TEST(NSURL, EncodesOnTheWireWhatMayNotTravel) {
+  const Resolution table[] = {
+      {"http://h", "http://h/"},
+      {"HTTP://h?q", "http://h/?q"},
+      {"https://h:443/c/two words.ics#f g", "https://h:443/c/two%20words.ics"},
+      {"http://h/Fête/🗓?ü=[a b]", "http://h/F%C3%AAte/%F0%9F%97%93?%C3%BC=%5Ba%20b%5D"},
+      {"http://h/a%40b%2f%zz%4", "http://h/a%40b%2f%25zz%254"},
+      {"http://h/%", "http://h/%25"},
+      {"http://h/\"<>\\^`{|}[]", "http://h/%22%3C%3E%5C%5E%60%7B%7C%7D%5B%5D"},
+      {"http://h/-._~!$&'()*+,;=:@/?/?", "http://h/-._~!$&'()*+,;=:@/?/?"},
+      {"http://h/a/../../b/./c", "http://h/b/c"},
+      {"http://user:secret@h:81/", "http://h:81/"},
+      {"http://a@b.example:pw@h/", "http://h/"},
+      {"http://evil\\@h/", "http://h/"},
+      {"http://münchen.example/", "http://xn--mnchen-3ya.example/"},  // in the C locale too
+      {"http://stra%C3%9Fe.example/", "http://xn--strae-oqa.example/"},
+      {"http://[fe80::1%25eth0]:8/", "http://[fe80::1%25eth0]:8/"},
+  };
+  for (const auto& [text, expected] : table) {
+    EXPECT_EQ(urlOf(text).wireString(), expected) << text;
+    EXPECT_TRUE(urlOf(text).isHTTP()) << text;
+  }
+}
+
+TEST(NSURL, IsHTTPOnlyWithAServerToAsk) {
+  for (const char* text :
+       {"ftp://h/",      "webcal://h/",    "mailto:a@b",      "//h/x",        "/x",
+        "http:x",        "http:/h/x",      "http://",         "http:///h",    "http://:80/",
+        "http://u@/",    "http://h:x/",    "http://h:65536/", "http://h:-1/", "http://a b/",
+        "http://h\\x/",  "http://a%2Fb/",  "http://a%00b/",   "http://%FF/",  "http://[::1",
+        "http://[::g]/", "http://[::1]x/", " http://h/"}) {
+    const NSURL url = urlOf(text);
+    EXPECT_FALSE(url.isHTTP()) << text;
+    EXPECT_EQ(url.wireString(), "") << text;
+  }
+}
+
+TEST(NSURL, TakesLongTextsInLinearTime) {
+  constexpr std::size_t size = 1 << 20;
+  const auto begin = std::chrono::steady_clock::now();
+  for (const string_view piece :
+       {"../", "a/", "/..", "/.", "a/../", ":", "@", "%", "?", "#", "//", "[", "é", "x"}) {
+    string text;
+    while (text.size() < size) text += piece;
+    for (const char* base : {"http://h/", "http://h", "urn:x"}) {
+      const NSURL url = NSURL::URLWithString_relativeToURL(text, urlOf(base)).value();
+      url.wireString();
+      url.lastPathComponent();
+      EXPECT_LE(url.absoluteString().size(), text.size() + string_view(base).size() + 1);
+    }
+    urlOf("http://" + text).wireString();
+    urlOf("http://h/" + text).wireString();
+  }
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(30));
+}
+
+}  // namespace
+}  // namespace quillmere

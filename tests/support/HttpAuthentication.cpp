@@ -1,0 +1,160 @@
+#include "tests/support/HttpAuthentication.h"
+
+#include <glib.h>
+
+#include <algorithm>
+#include <cctype>
+#include <memory>
+#include <string_view>
+
+namespace quillmere::testing {
+namespace {
+
+constexpr std::string_view opaque = "a b\"c";  // a quote in it, so that clients must escape it
+
+std::string taken(gchar* text) {
+  const std::unique_ptr<gchar, decltype(&g_free)> owner(text, g_free);
+  return text;
+}
+
+std::string base64(std::string_view bytes) {
+  return taken(g_base64_encode(reinterpret_cast<const guchar*>(bytes.data()), bytes.size()));
+}
+
+std::string quoted(std::string_view text) {
+  std::string result = "\"";
+  for (const char c : text) {
+    if (c == '"' || c == '\\') result += '\\';
+    result += c;
+  }
+  return result + '"';
+}
+
+bool hasToken(std::string_view list, std::string_view token) {
+  while (!list.empty()) {
+    const auto comma = list.find(',');
+    if (list.substr(0, comma) == token) return true;
+    list.remove_prefix(comma == std::string_view::npos ? list.size() : comma + 1);
+  }
+  return false;
+}
+
+using Parameters = std::map<std::string, std::string>;
+
+// Reads `name=value, name="value"`; names in lower case. What cannot be read ends it.
+Parameters parametersOf(std::string_view text) {
+  Parameters parameters;
+  std::size_t at = 0;
+  while (at < text.size()) {
+    at = text.find_first_not_of(", ", at);
+    const auto equals = text.find('=', at);
+    if (at == std::string_view::npos || equals == std::string_view::npos) break;
+    std::string name;
+    for (; at < equals; ++at) {
+      name += static_cast<char>(std::tolower(static_cast<unsigned char>(text[at])));
+    }
+    std::string value;
+    ++at;
+    if (at < text.size() && text[at] == '"') {
+      for (++at; at < text.size() && text[at] != '"'; ++at) {
+        if (text[at] == '\\' && at + 1 < text.size()) ++at;
+        value += text[at];
+      }
+      ++at;
+    } else {
+      for (; at < text.size() && text[at] != ',' && text[at] != ' '; ++at) value += text[at];
+    }
+    parameters[name] = value;
+  }
+  return parameters;
+}
+
+}  // namespace
+
+std::vector<std::string> Authenticator::issue(const std::vector<Challenge>& challenges) {
+  if (std::any_of(challenges.begin(), challenges.end(), [](const auto& c) { return c.stale; })) {
+    byNonce_.clear();
+  }
+  std::vector<std::string> values;
+  for (const Challenge& challenge : challenges) values.push_back(issue(challenge));
+  return values;
+}
+
+std::string Authenticator::issue(const Challenge& challenge) {
+  if (challenge.scheme == AuthScheme::basic) return "Basic realm=" + quoted(challenge.realm);
+  const std::string nonce = "nonce-" + std::to_string(++nonceCount_);
+  byNonce_[nonce] = {challenge};
+  return "Digest realm=" + quoted(challenge.realm) + ", nonce=" + quoted(nonce) +
+         ", opaque=" + quoted(opaque) + ", algorithm=" + challenge.algorithm +
+         (challenge.qop.empty() ? "" : ", qop=" + quoted(challenge.qop)) +
+         (challenge.stale ? ", stale=true" : "");
+}
+
+std::string Authenticator::faultOf(const ReceivedRequest& request, const Credential& credential) {
+  const auto authorization = request.value("Authorization");
+  if (!authorization) return "Authorization is absent";
+  if (credential.scheme == AuthScheme::digest) {
+    return digestFaultOf(request, *authorization, credential);
+  }
+  const auto expected = "Basic " + base64(credential.user + ":" + credential.password);
+  return *authorization == expected
+             ? ""
+             : "Authorization is " + *authorization + ", expected " + expected;
+}
+
+std::string Authenticator::digestFaultOf(const ReceivedRequest& request,
+                                         const std::string& authorization,
+                                         const Credential& credential) {
+  constexpr std::string_view scheme = "Digest ";
+  if (!authorization.starts_with(scheme)) return "Authorization is not Digest: " + authorization;
+  Parameters given = parametersOf(std::string_view(authorization).substr(scheme.size()));
+
+  const auto found = byNonce_.find(given["nonce"]);
+  if (found == byNonce_.end()) return "Digest nonce \"" + given["nonce"] + "\" is not in force";
+  auto& [challenge, uses] = found->second;
+
+  const auto expect = [&](const char* name, std::string_view value) {
+    return given[name] == value ? ""
+                                : std::string("Digest ") + name + " is \"" + given[name] +
+                                      "\", expected \"" + std::string(value) + "\"";
+  };
+  for (const auto& fault : {expect("username", credential.user), expect("realm", challenge.realm),
+                            expect("uri", request.path), expect("opaque", opaque),
+                            // Where it is not named, it is MD5.
+                            given.contains("algorithm") || challenge.algorithm != "MD5"
+                                ? expect("algorithm", challenge.algorithm)
+                                : std::string()}) {
+    if (!fault.empty()) return fault;
+  }
+
+  const auto hash = [type = challenge.algorithm == "MD5" ? G_CHECKSUM_MD5 : G_CHECKSUM_SHA256](
+                        const std::string& text) {
+    return taken(g_compute_checksum_for_data(type, reinterpret_cast<const guchar*>(text.data()),
+                                             text.size()));
+  };
+  const std::string& qop = given["qop"];
+  std::string nonceAndUse = given["nonce"];
+  if (challenge.qop.empty()) {
+    if (!qop.empty()) return "Digest qop is \"" + qop + "\", none was offered";
+  } else {
+    if (!hasToken(challenge.qop, qop)) {
+      return "Digest qop is \"" + qop + "\", offered were \"" + challenge.qop + "\"";
+    }
+    const std::string& count = given["nc"];
+    if (count.size() != 8 ||
+        count.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) {
+      return "Digest nc is \"" + count + "\"";
+    }
+    const unsigned long use = std::stoul(count, nullptr, 16);
+    if (use <= uses) return "Digest nc " + count + " has been used";
+    if (given["cnonce"].empty()) return "Digest cnonce is absent";
+    uses = use;
+    nonceAndUse += ":" + count + ":" + given["cnonce"] + ":" + qop;
+  }
+  const auto secret = hash(credential.user + ":" + challenge.realm + ":" + credential.password);
+  const auto subject = hash(request.method + ":" + request.path +
+                            (qop == "auth-int" ? ":" + hash(request.body) : ""));
+  return expect("response", hash(secret + ":" + nonceAndUse + ":" + subject));
+}
+
+}  // namespace quillmere::testing

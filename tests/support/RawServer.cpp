@@ -1,0 +1,320 @@
+#include "tests/support/RawServer.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <list>
+#include <mutex>
+#include <stdexcept>
+#include <thread>
+#include <utility>
+
+namespace quillmere::testing {
+namespace {
+
+class Descriptor {
+ public:
+  explicit Descriptor(int number) : number_(number) {}
+  Descriptor(Descriptor&& other) noexcept : number_(std::exchange(other.number_, -1)) {}
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  ~Descriptor() { close(); }
+
+  int number() const { return number_; }
+  bool isOpen() const { return number_ >= 0; }
+  void close() {
+    if (isOpen()) ::close(std::exchange(number_, -1));
+  }
+  // Closes, so that the other side's next call fails.
+  void reset() {
+    const linger now{1, 0};
+    ::setsockopt(number_, SOL_SOCKET, SO_LINGER, &now, sizeof now);
+    close();
+  }
+
+ private:
+  int number_;
+};
+
+// One connection and how far its steps have come.
+class Player {
+ public:
+  Player(Descriptor socket, RawServer::Steps steps)
+      : socket_(std::move(socket)), steps_(std::move(steps)) {}
+
+  const RawServer::Connection& record() const { return record_; }
+  int descriptor() const { return socket_.number(); }
+  bool isOpen() const { return socket_.isOpen(); }
+
+  void reset() {
+    socket_.reset();
+    record_.ended = true;
+  }
+
+  // What to poll for. The client's end of the stream is of interest always.
+  short events() const {
+    if (current() == Waiting::input) return POLLIN | POLLRDHUP;
+    if (current() == Waiting::output) return POLLOUT | POLLRDHUP;
+    return POLLRDHUP;
+  }
+
+  void handle(short events) {
+    if ((events & POLLIN) != 0) {
+      read();
+    } else if ((events & (POLLRDHUP | POLLHUP | POLLERR | POLLNVAL)) != 0) {
+      end();
+    }
+  }
+
+  // Goes on as far as it can without waiting.
+  void advance(std::size_t& permits) {
+    while (isOpen() && record_.stepsDone < steps_.size() && play(currentStep(), permits)) {
+      ++record_.stepsDone;
+      written_ = 0;
+    }
+  }
+
+ private:
+  enum class Waiting { input, output, permit };
+
+  const RawStep& currentStep() const { return steps_[record_.stepsDone]; }
+
+  Waiting current() const {
+    if (record_.stepsDone == steps_.size()) return Waiting::input;
+    switch (currentStep().kind) {
+      case RawStep::Kind::write:
+        return Waiting::output;
+      case RawStep::Kind::drip:
+      case RawStep::Kind::waitUntilTold:
+        return Waiting::permit;
+      default:
+        return Waiting::input;
+    }
+  }
+
+  // Whether the step is done.
+  bool play(const RawStep& step, std::size_t& permits) {
+    switch (step.kind) {
+      case RawStep::Kind::readHead: {
+        const auto end = record_.received.find("\r\n\r\n", used_);
+        if (end == std::string::npos) return false;
+        used_ = end + 4;
+        return true;
+      }
+      case RawStep::Kind::readBytes:
+        if (record_.received.size() - used_ < step.count) return false;
+        used_ += step.count;
+        return true;
+      case RawStep::Kind::write:
+        while (written_ < step.bytes.size() * step.count) {
+          if (!send(std::string_view(step.bytes).substr(written_ % step.bytes.size()))) {
+            return false;
+          }
+        }
+        return true;
+      case RawStep::Kind::drip:
+        for (; written_ < step.bytes.size() && permits > 0; --permits) {
+          if (!send(std::string_view(step.bytes).substr(written_, 1))) return false;
+        }
+        return written_ == step.bytes.size();
+      case RawStep::Kind::waitUntilTold:
+        if (permits == 0) return false;
+        --permits;
+        return true;
+      case RawStep::Kind::close:
+        // Closing a socket with bytes unread would break the connection, so the rest is read until
+        // the client ends it, too.
+        ::shutdown(socket_.number(), SHUT_WR);
+        return true;
+      case RawStep::Kind::reset:
+        reset();
+        return true;
+    }
+    return true;
+  }
+
+  bool send(std::string_view bytes) {
+    const ssize_t count =
+        ::send(socket_.number(), bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (count < 0) {
+      if (errno != EAGAIN && errno != EINTR) end();
+      return false;
+    }
+    written_ += static_cast<std::size_t>(count);
+    return true;
+  }
+
+  void read() {
+    char bytes[65536];
+    const ssize_t count = ::recv(socket_.number(), bytes, sizeof bytes, MSG_DONTWAIT);
+    if (count > 0) {
+      record_.received.append(bytes, static_cast<std::size_t>(count));
+    } else if (count == 0 || (errno != EAGAIN && errno != EINTR)) {
+      end();
+    }
+  }
+
+  void end() {
+    socket_.close();
+    record_.ended = true;
+  }
+
+  Descriptor socket_;
+  RawServer::Steps steps_;
+  RawServer::Connection record_;
+  std::size_t used_ = 0;     // of what was received, by the steps done
+  std::size_t written_ = 0;  // of the current step
+};
+
+}  // namespace
+
+class RawServer::Loop {
+ public:
+  Loop()
+      : listener_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)),
+        bell_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    auto* name = reinterpret_cast<sockaddr*>(&address);
+    if (::bind(listener_.number(), name, size) != 0 ||
+        ::listen(listener_.number(), SOMAXCONN) != 0 ||
+        ::getsockname(listener_.number(), name, &size) != 0 || !bell_.isOpen()) {
+      throw std::runtime_error("the raw test server does not start");
+    }
+    port_ = ntohs(address.sin_port);
+    thread_ = std::thread([this] { run(); });
+  }
+  Loop(const Loop&) = delete;
+  Loop& operator=(const Loop&) = delete;
+  ~Loop() {
+    stop();
+    if (problemsTaken_) return;
+    for (const std::string& problem : problems_) ADD_FAILURE() << problem;
+  }
+
+  std::uint16_t port() const { return port_; }
+
+  void play(Steps steps) {
+    const std::lock_guard lock(mutex_);
+    scripts_.push_back(std::move(steps));
+  }
+
+  void tell(std::size_t times) {
+    const std::lock_guard lock(mutex_);
+    permits_ += times;
+    ring();
+  }
+
+  std::vector<Connection> connections() const {
+    const std::lock_guard lock(mutex_);
+    std::vector<Connection> records;
+    for (const Player& player : players_) records.push_back(player.record());
+    return records;
+  }
+
+  std::vector<std::string> problems() const {
+    const std::lock_guard lock(mutex_);
+    return problems_;
+  }
+
+  std::vector<std::string> finish() {
+    stop();
+    problemsTaken_ = true;
+    return problems_;
+  }
+
+ private:
+  void ring() const { ::eventfd_write(bell_.number(), 1); }
+
+  void stop() {
+    if (!thread_.joinable()) return;
+    {
+      const std::lock_guard lock(mutex_);
+      stopping_ = true;
+      ring();
+    }
+    thread_.join();
+    listener_.close();
+    for (Player& player : players_) {
+      if (player.isOpen()) player.reset();
+    }
+    for (std::size_t i = players_.size(); i < scripts_.size(); ++i) {
+      problems_.push_back("connection " + std::to_string(i + 1) + " was never made");
+    }
+  }
+
+  void run() {
+    std::unique_lock lock(mutex_);
+    while (!stopping_) {
+      std::vector<Player*> open;
+      std::vector<pollfd> polled{{bell_.number(), POLLIN, 0}, {listener_.number(), POLLIN, 0}};
+      for (Player& player : players_) {
+        player.advance(permits_);
+        if (!player.isOpen()) continue;
+        open.push_back(&player);
+        polled.push_back({player.descriptor(), player.events(), 0});
+      }
+      lock.unlock();
+      ::poll(polled.data(), polled.size(), -1);
+      lock.lock();
+      eventfd_t rings = 0;
+      ::eventfd_read(bell_.number(), &rings);
+      for (std::size_t i = 0; i < open.size(); ++i) open[i]->handle(polled[i + 2].revents);
+      if (polled[1].revents != 0) accept();
+    }
+  }
+
+  void accept() {
+    Descriptor socket(::accept4(listener_.number(), nullptr, nullptr, SOCK_CLOEXEC));
+    if (!socket.isOpen()) return;
+    if (const auto index = players_.size(); index < scripts_.size()) {
+      players_.emplace_back(std::move(socket), scripts_[index]);
+    } else {
+      problems_.push_back("a connection more than the " + std::to_string(index) + " listed");
+      socket.reset();
+    }
+  }
+
+  Descriptor listener_;
+  const Descriptor bell_;  // wakes the thread
+  std::uint16_t port_ = 0;
+  bool problemsTaken_ = false;
+  std::thread thread_;
+
+  mutable std::mutex mutex_;  // of all below
+  std::vector<Steps> scripts_;
+  std::list<Player> players_;
+  std::size_t permits_ = 0;
+  bool stopping_ = false;
+  std::vector<std::string> problems_;
+};
+
+RawServer::RawServer() : loop_(std::make_unique<Loop>()) {}
+
+RawServer::~RawServer() = default;
+
+std::uint16_t RawServer::port() const { return loop_->port(); }
+
+std::string RawServer::url(std::string_view path) const {
+  return "http://127.0.0.1:" + std::to_string(port()) + std::string(path);
+}
+
+void RawServer::play(Steps steps) { loop_->play(std::move(steps)); }
+
+void RawServer::tell(std::size_t times) { loop_->tell(times); }
+
+std::vector<RawServer::Connection> RawServer::connections() const { return loop_->connections(); }
+
+std::vector<std::string> RawServer::problems() const { return loop_->problems(); }
+
+std::vector<std::string> RawServer::finish() { return loop_->finish(); }
+
+}  // namespace quillmere::testing
