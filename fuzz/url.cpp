@@ -23,10 +23,12 @@ void checkWire(const NSURL& url) {
   if (wire.empty()) return;
   require(std::all_of(wire.begin(), wire.end(), mayTravel), "all of it may travel");
   const std::size_t server = wire.find("//") + 2;
-  const std::string authority = wire.substr(server, wire.find('/', server) - server);
-  require(authority.find('@') == std::string::npos, "without user info");
-  require(authority.find('?') == std::string::npos, "with a path");
-  require(wire.find("/../") > wire.find('?'), "without dot segments");
+  const std::size_t path = wire.find('/', server);
+  const std::string authority = wire.substr(server, path - server);
+  require(authority.find_first_of("@?") == std::string::npos, "without user info, with a path");
+  const std::string segments = wire.substr(path, wire.find('?') - path) + '/';
+  require(segments.find("/../") == std::string::npos && segments.find("/./") == std::string::npos,
+          "without dot segments");
   const auto again = NSURL::URLWithString(wire);
   require(again && again->wireString() == wire, "it stays as it is");
   require(again->scheme() == url.scheme() && again->port() == url.port(), "with the same port");

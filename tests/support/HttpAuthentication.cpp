@@ -75,8 +75,9 @@ std::vector<std::string> Authenticator::issue(const std::vector<Challenge>& chal
   if (std::any_of(challenges.begin(), challenges.end(), [](const auto& c) { return c.stale; })) {
     byNonce_.clear();
   }
-  std::vector<std::string> values;
-  for (const Challenge& challenge : challenges) values.push_back(issue(challenge));
+  std::vector<std::string> values(challenges.size());
+  std::transform(challenges.begin(), challenges.end(), values.begin(),
+                 [this](const Challenge& challenge) { return issue(challenge); });
   return values;
 }
 

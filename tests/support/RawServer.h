@@ -15,7 +15,7 @@ namespace quillmere::testing {
 struct RawStep {
   enum class Kind { readHead, readBytes, write, drip, waitUntilTold, close, reset };
   Kind kind;
-  std::string bytes = "";
+  std::string bytes{};
   std::size_t count = 1;
 };
 

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <deque>
+#include <map>
 #include <mutex>
 #include <stdexcept>
 #include <utility>
@@ -37,7 +38,8 @@ HeaderField asSent(HeaderField field) {
 std::string textOf(const std::vector<HeaderField>& fields) {
   std::string text;
   for (const auto& [name, value] : fields) {
-    text += (text.empty() ? "" : ", ") + name + ": " + value;
+    text += text.empty() ? "" : ", ";
+    text.append(name).append(": ").append(value);
   }
   return text.empty() ? "none" : text;
 }
@@ -76,13 +78,14 @@ std::vector<std::string> differences(const ReceivedRequest& request,
     }
   }
   auto absent = expected.absent;
-  if (!expected.credential && !contains(names, "Authorization")) absent.push_back("Authorization");
+  if (!expected.credential && !contains(names, "Authorization"))
+    absent.emplace_back("Authorization");
   for (const HeaderField& field : request.fields) {
     if (contains(absent, field.name)) faults.push_back("must not have " + textOf({field}));
   }
   if (expected.noOtherFields) {
     std::vector<std::string> usual{"Host", "Content-Length", "User-Agent"};
-    if (expected.credential) usual.push_back("Authorization");
+    if (expected.credential) usual.emplace_back("Authorization");
     const auto isSpecial = [&](const std::string& name) {
       return contains(names, name) || !contains(usual, name);
     };
@@ -222,19 +225,22 @@ class ScriptedServer::Dialogue {
 
   static Dialogue& of(void* dialogue) { return *static_cast<Dialogue*>(dialogue); }
 
-  static void onConnection(void* self, MHD_Connection*, void** context,
+  static void onConnection(void* self, MHD_Connection* connection, void**,
                            MHD_ConnectionNotificationCode code) {
-    if (code != MHD_CONNECTION_NOTIFY_STARTED) return;
     const std::lock_guard lock(of(self).mutex_);
-    *context = reinterpret_cast<void*>(std::uintptr_t{++of(self).connectionCount_});
+    if (code == MHD_CONNECTION_NOTIFY_STARTED) {
+      of(self).connectionNumbers_[connection] = ++of(self).connectionCount_;
+    } else {
+      of(self).connectionNumbers_.erase(connection);
+    }
   }
 
   // The only place where the daemon tells the path as it travelled.
-  static void* onRequestLine(void*, const char* target, MHD_Connection* connection) {
+  static void* onRequestLine(void* self, const char* target, MHD_Connection* connection) {
     auto pending = std::make_unique<Pending>();
     pending->request.path = target;
-    pending->request.connection = static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(
-        MHD_get_connection_info(connection, MHD_CONNECTION_INFO_SOCKET_CONTEXT)->socket_context));
+    const std::lock_guard lock(of(self).mutex_);
+    pending->request.connection = of(self).connectionNumbers_.at(connection);
     return pending.release();
   }
 
@@ -358,6 +364,7 @@ class ScriptedServer::Dialogue {
   bool stopping_ = false;
   std::function<void(const ReceivedRequest&)> onRequest_;
   std::vector<ReceivedRequest> requests_;
+  std::map<const MHD_Connection*, unsigned> connectionNumbers_;  // of those that are open
   unsigned connectionCount_ = 0;
   std::vector<std::string> problems_;
   Authenticator authenticator_;

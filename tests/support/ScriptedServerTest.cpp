@@ -6,6 +6,7 @@
 
 #include "tests/support/CurlClient.h"
 #include "tests/support/ScriptedServer.h"
+#include "tests/support/TemporaryFolder.h"
 
 namespace quillmere::testing {
 namespace {
@@ -58,6 +59,17 @@ TEST(ScriptedServer, PlaysItsScriptOnOneConnection) {
   EXPECT_EQ(server.connectionCount(), 2U);
   EXPECT_THAT(server.problems(), IsEmpty());
   EXPECT_THAT(server.finish(), IsEmpty());
+}
+
+TEST(ScriptedServer, TakesAndGivesLargeBodies) {
+  const std::string large(5'000'000, 'a');
+  ScriptedServer server;
+  server.expect({.method = "PUT", .path = "/large", .body = large}, {.body = large});
+  CurlClient client;
+  const auto outcome = client.perform("PUT", server.url("/large"), {"Expect: 100-continue"}, large);
+  EXPECT_THAT(outcome.heads, ElementsAre("HTTP/1.1 100 Continue", "", "HTTP/1.1 200 OK",
+                                         "Content-Length: 5000000", ""));
+  EXPECT_TRUE(outcome.body == large);
 }
 
 TEST(ScriptedServer, TellsWhatWasNotAsExpected) {
@@ -255,11 +267,15 @@ TEST(ScriptedServer, SpeaksTls) {
       {"expired", "localhost", true, CURLE_PEER_FAILED_VERIFICATION},
       {"self-signed", "localhost", true, CURLE_PEER_FAILED_VERIFICATION},
   };
+  const TemporaryFolder folder;
+  const std::string otherAuthority = folder / "other.pem";
+  writeFile(otherAuthority, TlsIdentity::named("self-signed").certificate);
   for (const Case& each : cases) {
     SCOPED_TRACE(each.identity + " as " + each.host);
     ScriptedServer server(TlsIdentity::named(each.identity));
     CurlClient client;
-    if (each.knowsAuthority) client.set(CURLOPT_CAINFO, certificateAuthorityFile().c_str());
+    client.set(CURLOPT_CAINFO,
+               each.knowsAuthority ? certificateAuthorityFile().c_str() : otherAuthority.c_str());
     const std::string address = each.host + ":" + std::to_string(server.port()) + ":127.0.0.1";
     const std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> addresses(
         curl_slist_append(nullptr, address.c_str()), &curl_slist_free_all);

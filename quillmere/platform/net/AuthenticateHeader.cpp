@@ -79,27 +79,14 @@ class Scanner {
 bool isBlankOrComma(char character) { return isBlank(character) || character == ','; }
 bool isNoComma(char character) { return character != ','; }
 
-// Whether one of the values in a list separated by commas is "auth" or "auth-int".
-bool offersAuthentication(std::string_view qualities) {
-  Scanner scanner(qualities);
-  while (!scanner.isAtEnd()) {
-    scanner.take(isBlankOrComma);
-    const std::string_view quality = scanner.take(isNoComma);
-    if (equalIgnoringCase(quality, "auth") || equalIgnoringCase(quality, "auth-int")) return true;
-  }
-  return false;
-}
-
-// libcurl 7.88 takes SHA-512-256 too, but hashes it as SHA-256.
 bool canAnswerDigest(const AuthenticateChallenge& challenge) {
-  if (!challenge.parameter("nonce")) return false;
+  constexpr std::string_view algorithms[] = {"md5", "md5-sess", "sha-256", "sha-256-sess"};
   const std::string algorithm = lowerCaseASCII(challenge.parameter("algorithm").value_or("md5"));
-  const std::string qualities = challenge.parameter("qop").value_or("");
-  if (algorithm == "md5" || algorithm == "sha-256") {
-    return qualities.empty() || offersAuthentication(qualities);
-  }
-  return (algorithm == "md5-sess" || algorithm == "sha-256-sess") &&
-         offersAuthentication(qualities);
+  return challenge.parameter("nonce") &&
+         std::find(std::begin(algorithms), std::end(algorithms), algorithm) !=
+             std::end(algorithms) &&
+         (challenge.parameter("qop").value_or("").empty() || challenge.offersQuality("auth") ||
+          challenge.offersQuality("auth-int"));
 }
 
 }  // namespace
@@ -108,6 +95,18 @@ std::optional<std::string> AuthenticateChallenge::parameter(const std::string& n
   const auto found = parameters.find(name);
   if (found == parameters.end()) return std::nullopt;
   return found->second;
+}
+
+bool AuthenticateChallenge::offersQuality(std::string_view quality) const {
+  const std::string offered = parameter("qop").value_or("");
+  Scanner scanner(offered);
+  while (!scanner.isAtEnd()) {
+    scanner.take(isBlankOrComma);
+    std::string_view name = scanner.take(isNoComma);
+    while (name.ends_with(' ') || name.ends_with('\t')) name.remove_suffix(1);
+    if (equalIgnoringCase(name, quality)) return true;
+  }
+  return false;
 }
 
 const char* AuthenticateChallenge::authenticationMethod() const {
@@ -126,16 +125,18 @@ std::vector<AuthenticateChallenge> parseAuthenticateHeader(std::string_view valu
   while (true) {
     scanner.take(isBlankOrComma);
     if (scanner.isAtEnd()) return challenges;
-    const std::string_view name = scanner.take(isTokenCharacter);
-    if (name.empty()) {
-      scanner.take(isNoComma);
-    } else if (scanner.takeEquals()) {
-      std::string parameter = scanner.takeParameterValue();
-      if (challenges.empty()) continue;
-      challenges.back().parameters.insert_or_assign(lowerCaseASCII(name), std::move(parameter));
-    } else {
+    std::string_view name = scanner.take(isTokenCharacter);
+    bool isParameter = scanner.takeEquals();
+    if (!name.empty() && !isParameter) {
       challenges.push_back({lowerCaseASCII(name), {}, scanner.takeToken68()});
+      name = scanner.take(isTokenCharacter);
+      isParameter = scanner.takeEquals();
     }
+    if (!name.empty() && isParameter && !challenges.empty()) {
+      challenges.back().parameters.insert_or_assign(lowerCaseASCII(name),
+                                                    scanner.takeParameterValue());
+    }
+    scanner.take(isNoComma);
   }
 }
 
@@ -143,9 +144,10 @@ const AuthenticateChallenge* challengeToRaise(
     const std::vector<AuthenticateChallenge>& challenges) {
   for (const std::string_view scheme : {"digest", "basic", "ntlm", "negotiate"}) {
     const auto first =
-        std::find_if(challenges.begin(), challenges.end(),
-                     [scheme](const auto& challenge) { return challenge.scheme == scheme; });
-    if (first != challenges.end() && first->authenticationMethod()) return &*first;
+        std::find_if(challenges.begin(), challenges.end(), [scheme](const auto& challenge) {
+          return challenge.scheme == scheme && challenge.authenticationMethod();
+        });
+    if (first != challenges.end()) return &*first;
   }
   return nullptr;
 }

@@ -19,18 +19,21 @@ struct AuthenticateChallenge {
   /// Null when there is no such parameter. `name` is in lower case.
   std::optional<std::string> parameter(const std::string& name) const;
 
+  /// Whether a quality of protection, such as "auth", is in the list of Digest's qop parameter.
+  bool offersQuality(std::string_view quality) const;
+
   /// The `NSURLAuthenticationMethod...` of the scheme; null where sessions cannot raise it: another
-  /// scheme, or a Digest that libcurl could not answer.
+  /// scheme, or a Digest of another kind than `authorizationFor` knows.
   const char* authenticationMethod() const;
 };
 
 /// The challenges in the value of one such field, or in those of several joined by commas, in their
 /// order. Malformed parts are skipped up to the next comma; of parameters of one name the last
-/// counts, as it does for libcurl.
+/// counts.
 std::vector<AuthenticateChallenge> parseAuthenticateHeader(std::string_view value);
 
 /// The challenge to raise: Digest, else Basic, else NTLM, else Negotiate; null when there is none of
-/// them. Of several challenges of a scheme only the first counts, as it does for libcurl.
+/// them. Of several of one scheme the first that can be answered.
 const AuthenticateChallenge* challengeToRaise(const std::vector<AuthenticateChallenge>& challenges);
 
 }  // namespace quillmere

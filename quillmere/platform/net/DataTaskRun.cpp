@@ -1,3 +1,5 @@
+#include <quillmere/platform/base/CFUUID.h>
+#include <quillmere/platform/net/AuthorizationHeader.h>
 #include <quillmere/platform/net/DataTaskRun.h>
 #include <quillmere/platform/net/HTTPFields.h>
 #include <quillmere/platform/net/NSURLCredential.h>
@@ -10,6 +12,7 @@ namespace quillmere {
 namespace {
 
 constexpr int maximumRedirects = 20;
+constexpr int maximumStaleNonces = 3;  // in a row
 constexpr std::int64_t unauthorized = 401;
 constexpr std::int64_t proxyAuthenticationRequired = 407;
 
@@ -49,12 +52,6 @@ NSURLRequest redirected(const NSURLRequest& request, std::int64_t status, const 
   return proposed;
 }
 
-unsigned long schemeBits(std::string_view scheme) {
-  if (scheme == "digest") return CURLAUTH_DIGEST;
-  if (scheme == "basic") return CURLAUTH_BASIC;
-  return scheme == "ntlm" ? CURLAUTH_NTLM : CURLAUTH_NEGOTIATE;
-}
-
 }  // namespace
 
 DataTaskRun::DataTaskRun(std::shared_ptr<NSURLSessionDataTask> task)
@@ -76,13 +73,17 @@ void DataTaskRun::start() {
 
 void DataTaskRun::send(const NSURLRequest& request) {
   request_ = request;
+  transfer(request, HTTPTransfer::Connection::asTheMethodNeeds);
+}
+
+void DataTaskRun::transfer(const NSURLRequest& request, HTTPTransfer::Connection connection) {
   purpose_ = Purpose::unknown;
   isAllowed_ = isPaused_ = hasEnded_ = false;
   if (transfer_) transfer_->stop();
   if (const NSErrorPtr error = HTTPTransfer::errorBeforeSending(request)) return complete(error);
   const NSURLSession& session = *task_->session_;
   transfer_ = std::make_shared<HTTPTransfer>(session.loop_, request, session.configuration_,
-                                             session.cookies_, *this);
+                                             session.cookies_, connection, *this);
   transfer_->start();
 }
 
@@ -158,6 +159,8 @@ void DataTaskRun::askAboutRedirect() {
   const NSURLRequest proposed =
       redirected(request_, response->statusCode(), *redirectTarget(*response));
   refusedCredentials_ = 0;
+  credential_.reset();
+  staleNonces_ = 0;
   const auto task = task_;
   const auto delegate = task->delegate_;
   delegate->URLSession_task_willPerformHTTPRedirection_newRequest_completionHandler(
@@ -172,7 +175,13 @@ void DataTaskRun::askAboutRedirect() {
 
 void DataTaskRun::askForCredential() {
   const auto response = transfer_->response();
-  const AuthenticateChallenge& offer = *challengeToRaise(challenges_);
+  const AuthenticateChallenge offer = *challengeToRaise(challenges_);
+  // A nonce that has become stale says nothing about the credential (RFC 7616 section 3.3).
+  if (credential_ && staleNonces_ < maximumStaleNonces &&
+      equalIgnoringCase(offer.parameter("stale").value_or(""), "true")) {
+    ++staleNonces_;
+    return answer(offer, *credential_);
+  }
   const bool isProxys = response->statusCode() == proxyAuthenticationRequired;
   const NSURL& url = *request_.URL();
   const auto makeSpace =
@@ -183,31 +192,42 @@ void DataTaskRun::askForCredential() {
           makeSpace(url.host().value_or(""), portOf(url), url.scheme().value_or(""),
                     offer.parameter("realm"), offer.authenticationMethod()),
           nullptr, refusedCredentials_, response);
+  const bool isAnswerable = offer.scheme == "digest" || offer.scheme == "basic";
   const auto handler =
       answerHandler<NSURLSessionAuthChallengeDisposition, std::shared_ptr<NSURLCredential>>(
-          [scheme = schemeBits(offer.scheme), isProxys](
-              DataTaskRun& run, NSURLSessionAuthChallengeDisposition disposition,
-              const std::shared_ptr<NSURLCredential>& credential) {
+          [offer, isAnswerable](DataTaskRun& run, NSURLSessionAuthChallengeDisposition disposition,
+                                const std::shared_ptr<NSURLCredential>& credential) {
             using enum NSURLSessionAuthChallengeDisposition;
             if (disposition == cancelAuthenticationChallenge) return run.task_->cancel();
-            if (disposition != useCredential || !credential) {
-              run.purpose_ = Purpose::answer;
-              return run.askAboutResponse();
+            if (disposition == useCredential && credential && isAnswerable) {
+              ++run.refusedCredentials_;
+              run.credential_ = credential;
+              return run.answer(offer, *credential);
             }
-            ++run.refusedCredentials_;
-            run.purpose_ = Purpose::unknown;
-            run.isAllowed_ = run.isPaused_ = run.hasEnded_ = false;
-            run.transfer_->startWithCredential(scheme, *credential, isProxys);
+            run.purpose_ = Purpose::answer;
+            run.askAboutResponse();
           });
   const auto task = task_;
   const auto delegate = task->delegate_;
-  if (offer.scheme == "digest" || offer.scheme == "basic") {
-    delegate->URLSession_task_didReceiveChallenge_completionHandler(*task_->session_, *task_,
+  if (isAnswerable) {
+    delegate->URLSession_task_didReceiveChallenge_completionHandler(*task->session_, *task,
                                                                     *challenge, handler);
   } else {
     delegate->URLSession_didReceiveChallenge_completionHandler(*task->session_, *challenge,
                                                                handler);
   }
+}
+
+// The credential goes into what is sent alone: neither a redirect nor another request has it.
+void DataTaskRun::answer(const AuthenticateChallenge& offer, const NSURLCredential& credential) {
+  const bool isProxys = transfer_->response()->statusCode() == proxyAuthenticationRequired;
+  NSMutableURLRequest request;
+  static_cast<NSURLRequest&>(request) = request_;
+  request.setValue_forHTTPHeaderField(
+      authorizationFor(offer, credential, request_, CFUUIDCreateString()),
+      isProxys ? "Proxy-Authorization" : "Authorization");
+  // A nonce may be good for this connection only, and it was alive just now.
+  transfer(request, HTTPTransfer::Connection::kept);
 }
 
 void DataTaskRun::askAboutResponse() {

@@ -36,10 +36,12 @@ class DataTaskRun final : public HTTPTransfer::Owner,
 
   bool isOver() const { return !task_ || task_->state() != NSURLSessionTaskState::running; }
   void send(const NSURLRequest& request);
+  void transfer(const NSURLRequest& request, HTTPTransfer::Connection connection);
   Purpose purposeOf(const NSHTTPURLResponse& response);
   std::optional<NSURL> redirectTarget(const NSHTTPURLResponse& response) const;
   void askAboutRedirect();
   void askForCredential();
+  void answer(const AuthenticateChallenge& offer, const NSURLCredential& credential);
   void askAboutResponse();
   void goOn();
   void deliverBody();
@@ -59,6 +61,8 @@ class DataTaskRun final : public HTTPTransfer::Owner,
   bool hasEnded_ = false;                          // the transfer has
   int redirects_ = 0;
   std::int64_t refusedCredentials_ = 0;
+  std::shared_ptr<NSURLCredential> credential_;  // the last that was given for this server
+  int staleNonces_ = 0;
   std::uint64_t questions_ = 0;  // asked of the delegate so far, and answered
 };
 

@@ -1,6 +1,5 @@
 #include <quillmere/platform/base/KSStringTable.h>
 #include <quillmere/platform/net/HTTPTransfer.h>
-#include <quillmere/platform/net/NSURLCredential.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -18,7 +17,7 @@ std::string_view trimmed(std::string_view text) {
 }
 
 // Repeating such a request does what doing it once does (RFC 9110 section 9.2.2, RFC 4918, RFC
-// 3253); libcurl may send it once more when a kept connection turns out to have been closed.
+// 3253).
 bool isIdempotent(const std::string& method) {
   constexpr std::string_view methods[] = {"GET",      "HEAD",   "PUT",    "DELETE",
                                           "PROPFIND", "REPORT", "OPTIONS"};
@@ -133,7 +132,7 @@ NSErrorPtr HTTPTransfer::errorBeforeSending(const NSURLRequest& request) {
 
 HTTPTransfer::HTTPTransfer(std::shared_ptr<CurlLoop> loop, const NSURLRequest& request,
                            const NSURLSessionConfiguration& configuration,
-                           std::shared_ptr<CookieJar> cookies, Owner& owner)
+                           std::shared_ptr<CookieJar> cookies, Connection connection, Owner& owner)
     : loop_(std::move(loop)),
       request_(request),
       configuration_(configuration),
@@ -141,7 +140,7 @@ HTTPTransfer::HTTPTransfer(std::shared_ptr<CurlLoop> loop, const NSURLRequest& r
       owner_(&owner),
       curl_(curl_easy_init()),
       silence_(loop_->context(), [this] { lookForSilence(); }) {
-  setOptions();
+  setOptions(connection);
   setHeaderFields();
 }
 
@@ -151,7 +150,7 @@ HTTPTransfer::~HTTPTransfer() {
   curl_slist_free_all(fields_);
 }
 
-void HTTPTransfer::setOptions() {
+void HTTPTransfer::setOptions(Connection connection) {
   curl_easy_setopt(curl_, CURLOPT_URL, request_.URL()->wireString().c_str());
   curl_easy_setopt(curl_, CURLOPT_PROTOCOLS_STR, "http,https");
   curl_easy_setopt(curl_, CURLOPT_PATH_AS_IS, 1L);
@@ -177,7 +176,9 @@ void HTTPTransfer::setOptions() {
     curl_easy_setopt(curl_, CURLOPT_NOBODY, 1L);
   }
   curl_easy_setopt(curl_, CURLOPT_CUSTOMREQUEST, method.c_str());
-  if (!isIdempotent(method)) curl_easy_setopt(curl_, CURLOPT_FRESH_CONNECT, 1L);
+  const bool needsNewConnection =
+      connection == Connection::asTheMethodNeeds && !isIdempotent(method);
+  curl_easy_setopt(curl_, CURLOPT_FRESH_CONNECT, needsNewConnection ? 1L : 0L);
 
   curl_easy_setopt(curl_, CURLOPT_HEADERFUNCTION, &HTTPTransfer::receiveHead);
   curl_easy_setopt(curl_, CURLOPT_HEADERDATA, this);
@@ -220,18 +221,6 @@ void HTTPTransfer::start() {
   loop_->add(curl_, shared_from_this());
 }
 
-void HTTPTransfer::startWithCredential(unsigned long scheme, const NSURLCredential& credential,
-                                       bool isProxy) {
-  curl_easy_setopt(curl_, isProxy ? CURLOPT_PROXYAUTH : CURLOPT_HTTPAUTH, scheme);
-  curl_easy_setopt(curl_, isProxy ? CURLOPT_PROXYUSERNAME : CURLOPT_USERNAME,
-                   credential.user().c_str());
-  curl_easy_setopt(curl_, isProxy ? CURLOPT_PROXYPASSWORD : CURLOPT_PASSWORD,
-                   credential.password().c_str());
-  // The nonce of a Digest may be good for this connection only, and it was alive just now.
-  curl_easy_setopt(curl_, CURLOPT_FRESH_CONNECT, 0L);
-  start();
-}
-
 void HTTPTransfer::stop() {
   silence_.setTime(-1);
   loop_->remove(curl_);
@@ -254,8 +243,8 @@ std::size_t HTTPTransfer::receiveHead(char* bytes, std::size_t size, std::size_t
   return transfer.takeHeadLine({bytes, size * count}) ? size * count : 0;
 }
 
-// Responses before the last (1xx, and those that libcurl answers itself) begin with a status line
-// like that one. Fields after the body do not count.
+// Responses before the last (1xx) begin with a status line like that one. Fields after the body do
+// not count.
 bool HTTPTransfer::takeHeadLine(std::string_view line) {
   if (line.starts_with("HTTP/")) {
     beginAnew();
@@ -318,6 +307,7 @@ bool HTTPTransfer::takeBodyBytes(std::string_view bytes) {
   }
   const std::uint64_t received = decoder_ ? body_.size() - before : bytes.size();
   if (received > rest) {
+    body_.resize(before);
     failure_ = NSURLErrorDataLengthExceedsMaximum;
     return false;
   }
@@ -370,8 +360,8 @@ NSErrorPtr HTTPTransfer::errorFor(CURLcode result) const {
     curl_easy_getinfo(curl_, CURLINFO_SSL_VERIFYRESULT, &verification);
     return urlError(certificateError(verification), request_.URL());
   }
-  // Without any error and without a response: an answer that was no HTTP.
-  const auto code = result == CURLE_OK ? NSURLErrorBadServerResponse : errorCodeFor(result);
+  // Without any error and without a whole head: the connection was closed within it.
+  const auto code = result == CURLE_OK ? NSURLErrorNetworkConnectionLost : errorCodeFor(result);
   return urlError(code, request_.URL(), result == CURLE_OK ? "" : curl_easy_strerror(result));
 }
 

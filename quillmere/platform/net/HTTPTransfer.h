@@ -32,7 +32,7 @@ class CookieJar {
 };
 
 /// Sends a request over a loop and takes its response in: no redirect is followed, and no challenge
-/// answered but with the credential it is given.
+/// answered.
 class HTTPTransfer final : public CurlLoop::Client,
                            public std::enable_shared_from_this<HTTPTransfer> {
  public:
@@ -45,18 +45,20 @@ class HTTPTransfer final : public CurlLoop::Client,
     virtual void transferEnded(const NSErrorPtr& error) = 0;
   };
 
+  /// A kept connection may turn out to have been closed, and libcurl then sends the request once
+  /// more on a new one: so a method that must not be repeated takes a new one at once, unless told.
+  enum class Connection : std::uint8_t { asTheMethodNeeds, kept };
+
   /// The owner must outlive the transfer, or `stop` it.
   HTTPTransfer(std::shared_ptr<CurlLoop> loop, const NSURLRequest& request,
                const NSURLSessionConfiguration& configuration, std::shared_ptr<CookieJar> cookies,
-               Owner& owner);
+               Connection connection, Owner& owner);
   ~HTTPTransfer() override;
 
   /// What a URL or request that cannot be sent gives; null for one that can.
   static NSErrorPtr errorBeforeSending(const NSURLRequest& request);
 
   void start();
-  /// Sends the request again, with a credential for a scheme (a set of CURLAUTH_ bits).
-  void startWithCredential(unsigned long scheme, const NSURLCredential& credential, bool isProxy);
   /// The owner hears nothing more.
   void stop();
   /// Takes no more of the response in until it is told to go on.
@@ -76,7 +78,7 @@ class HTTPTransfer final : public CurlLoop::Client,
   static std::size_t receiveBody(char* bytes, std::size_t size, std::size_t count, void* self);
   static int watchProgress(void* self, curl_off_t, curl_off_t, curl_off_t, curl_off_t sent);
 
-  void setOptions();
+  void setOptions(Connection connection);
   void setHeaderFields();
   void beginAnew();
   bool takeHeadLine(std::string_view line);

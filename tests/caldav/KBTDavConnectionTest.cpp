@@ -1,0 +1,340 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <quillmere/caldav/KBTDavConnection.h>
+#include <quillmere/platform/xml/HWXMLDocument.h>
+
+#include "tests/support/CollectionHost.h"
+#include "tests/support/ScriptedServer.h"
+#include "tests/support/SessionHost.h"
+
+namespace quillmere {
+namespace {
+
+using testing::CollectionHost;
+using ::testing::ElementsAre;
+using testing::ExpectedRequest;
+using testing::HeaderField;
+using testing::runUntil;
+using testing::ScriptedServer;
+
+const HeaderField xmlType{"Content-Type", "text/xml; charset=\"utf-8\""};
+const HeaderField calendarType{"Content-Type", "text/calendar"};
+constexpr const char* declaration = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>";
+
+NSDate utc(const char* text) { return NSDate::initWithICSDateString(text).value(); }
+
+std::shared_ptr<KBTDavConnection> collectionAt(const std::string& url,
+                                               const std::optional<HWXMLElement>& kinds = {}) {
+  const NSURL address = NSURL::URLWithString(url).value();
+  const auto principal = KBTDavPrincipal::initWithDelegate_username_andPassword_forServer(
+      nullptr, "alice", "secret", address);
+  return KBTDavConnection::initWithCalendarName_description_URL_forPrincipal_supportedComponents(
+      "Work", std::nullopt, address, principal, kinds);
+}
+
+// A collection at /c/ of a scripted server, and its host.
+struct Fixture {
+  ScriptedServer server;
+  std::shared_ptr<KBTDavConnection> collection = collectionAt(server.url("/c/"));
+  std::shared_ptr<CollectionHost> host = std::make_shared<CollectionHost>();
+
+  Fixture() { collection->setDelegate(host); }
+
+  std::vector<std::string> eventsAfter(std::size_t count = 1) {
+    runUntil([&] { return host->events.size() >= count; });
+    return host->events;
+  }
+};
+
+// The multi-status of one property of the collection.
+std::string tagAnswer(const std::string& tag) {
+  return "<?xml version=\"1.0\"?><D:multistatus xmlns:D=\"DAV:\" xmlns:C=\"x\"><D:response>"
+         "<D:href>/c/</D:href><D:propstat><D:prop>\n<C:getctag>" +
+         tag +
+         "</C:getctag>\n</D:prop><D:status>HTTP/1.1 404 Nobody looks</D:status></D:propstat>"
+         "</D:response></D:multistatus>";
+}
+
+TEST(KBTDavConnection, AsksForItsTag) {
+  const ExpectedRequest request{
+      .method = "PROPFIND",
+      .path = "/c/",
+      .fields = {xmlType, {"Accept", "text/xml"}, {"Depth", "0"}},
+      .body = std::string(declaration) +
+              "<propfind xmlns=\"DAV:\"><prop><getctag xmlns=\"http://calendarserver.org/ns/\"/>"
+              "</prop></propfind>",
+      .noOtherFields = true};
+  const struct {
+    std::string answer;
+    const char* event;
+  } rows[] = {
+      {tagAnswer("17"), "ctag 17 [tag]"},
+      {tagAnswer("<![CDATA[a<b]]>"), "ctag a<b [tag]"},
+      {tagAnswer(""), "ctag (null) [tag]"},
+      {"<multistatus><response><propstat/></response></multistatus>", "ctag (null) [tag]"},
+      {"no XML", "ctag (null) [tag]"},
+      {"", "ctag (null) [tag]"},
+  };
+  for (const auto& row : rows) {
+    Fixture f;
+    f.server.expect(request, {.status = 207, .body = row.answer});
+    f.collection->reportCTagWithContext("tag");
+    EXPECT_THAT(f.eventsAfter(), ElementsAre(row.event));
+  }
+}
+
+TEST(KBTDavConnection, ListsEventsAndToDos) {
+  const std::string begin =
+      std::string(declaration) +
+      "<calendar-query xmlns=\"urn:ietf:params:xml:ns:caldav\"><prop xmlns=\"DAV:\"><getetag "
+      "xmlns=\"DAV:\"/>";
+  const std::string data = "<calendar-data xmlns=\"urn:ietf:params:xml:ns:caldav\"/>";
+  const std::string filter =
+      "</prop><filter xmlns=\"urn:ietf:params:xml:ns:caldav\"><comp-filter name=\"VCALENDAR\">";
+  const std::string end = "</comp-filter></filter></calendar-query>";
+  const std::string range =
+      "<time-range start=\"20240101T000000Z\" end=\"20240201T000000Z\"/></comp-filter>";
+  const NSDate from = utc("20240101T000000Z");
+  const NSDate to = utc("20240201T000000Z");
+  const struct {
+    bool events;
+    bool contents;
+    std::optional<NSDate> from, to;
+    std::string body;
+  } rows[] = {
+      {true, false, from, to, begin + filter + "<comp-filter name=\"VEVENT\">" + range + end},
+      {false, true, from, {}, begin + data + filter + "<comp-filter name=\"VTODO\"/>" + end},
+      {true, true, {}, to, begin + data + filter + "<comp-filter name=\"VEVENT\"/>" + end},
+  };
+  for (const auto& row : rows) {
+    Fixture f;
+    f.server.expect({.method = "REPORT",
+                     .path = "/c/",
+                     .fields = {xmlType, {"Accept", "text/calendar"}, {"Accept-Encoding", "gzip"}},
+                     .body = row.body,
+                     .noOtherFields = true},
+                    {.status = 207, .body = "<multistatus/>"});
+    f.collection->reportEvents_includingContents_fromDate_toDate_context(row.events, row.contents,
+                                                                         row.from, row.to, "list");
+    EXPECT_THAT(f.eventsAfter(), ElementsAre("events [list]"));
+  }
+}
+
+TEST(KBTDavConnection, FetchesByAddressAndReadsTheMultiStatus) {
+  const auto row = [](const char* href, const char* status, const char* prop) {
+    return "<response><href>" + std::string(href) + "</href><propstat><prop>" + prop +
+           "</prop><status>" + status + "</status></propstat>";
+  };
+  const char* const good = "HTTP/1.1 200 OK";
+  const char* const both = "<getetag>\"1\"</getetag><C:calendar-data>BEGIN\r\n:V</C:calendar-data>";
+  const std::string answer =
+      "<multistatus xmlns=\"DAV:\" xmlns:C=\"urn:ietf:params:xml:ns:caldav\"><sync-token/>" +
+      row("/c/a%20b.ics", good, both) + "</response>" +
+      row("/c/gone.ics", "HTTP/1.1 404 Not Found", "<getetag>\"2\"</getetag>") +
+      "<propstat><prop><getetag>\"3\"</getetag></prop><status>HTTP/1.1 200 OK</status></propstat>"
+      "</response>" +
+      row("/c/other.ics", "HTTP/1.0 200 OK", both) + "</response>" +
+      row("/c/tag.ics", good, "<getetag>\"4\"</getetag><C:calendar-data/>") + "</response>" +
+      row("/c/text.ics", good, "<C:calendar-data><![CDATA[x]]></C:calendar-data>") +
+      "</response><response><href>/c/none.ics</href><status>HTTP/1.1 404 Not Found</status>"
+      "</response></multistatus>";
+  Fixture f;
+  f.server.expect(
+      {.method = "REPORT",
+       .path = "/c/",
+       .fields = {xmlType, {"Accept", "text/calendar"}, {"Accept-Encoding", "gzip"}},
+       .body = std::string(declaration) +
+               "<calendar-multiget xmlns=\"urn:ietf:params:xml:ns:caldav\"><prop xmlns=\"DAV:\">"
+               "<getetag xmlns=\"DAV:\"/><calendar-data xmlns=\"urn:ietf:params:xml:ns:caldav\"/>"
+               "</prop><href xmlns=\"DAV:\">/c/a%20b.ics</href><href xmlns=\"DAV:\">/c/x&amp;y.ics"
+               "</href></calendar-multiget>",
+       .noOtherFields = true},
+      {.status = 207, .body = answer});
+  f.server.expect({.method = "REPORT", .path = "/c/", .body = testing::anyBody},
+                  {.status = 207, .body = "<html>"});
+  f.collection->multigetEventsForAddresses_context({"/c/a%20b.ics", "/c/x&y.ics"}, "get");
+  f.collection->multigetEventsForAddresses_context({}, "none");
+  EXPECT_THAT(f.eventsAfter(2),
+              ElementsAre("events /c/a%20b.ics=\"1\" /c/tag.ics=\"4\" /c/a%20b.ics:BEGIN\r\n:V "
+                          "/c/text.ics:x [get]",
+                          "events [none]"));
+}
+
+TEST(KBTDavConnection, AsksWhenSomebodyIsBusy) {
+  Fixture f;
+  const ExpectedRequest request{
+      .method = "REPORT",
+      .path = "/c/",
+      .fields = {xmlType, {"Accept", "text/calendar"}},
+      .body = std::string(declaration) +
+              "<free-busy-query xmlns=\"urn:ietf:params:xml:ns:caldav\"><time-range "
+              "start=\"20240101T000000Z\" end=\"20240201T000000Z\"/></free-busy-query>",
+      .noOtherFields = true};
+  f.server.expect(request, {.body = "FREEBUSY:20240105T090000Z/PT1H\r\n"});
+  f.server.expect(request, {.body = "FREEBUSY:20240105T090000Z\r\n"});
+  for (const char* context : {"good", "bad"}) {
+    f.collection->reportFreebusyFromDate_toDate_context(utc("20240101T000000Z"),
+                                                        utc("20240201T000000Z"), context);
+  }
+  EXPECT_THAT(f.eventsAfter(2),
+              ElementsAre("freebusy 1 [good]", "failed KBTDavConnection 3 [bad]"));
+}
+
+TEST(KBTDavConnection, PutsAndDeletesResources) {
+  const NSData text = NSData::dataWithString("BEGIN:VCALENDAR");
+  Fixture f;
+  const auto put = [&](const char* path, std::vector<HeaderField> fields, unsigned status,
+                       std::vector<HeaderField> answer) {
+    fields.insert(fields.begin(), calendarType);
+    f.server.expect({.method = "PUT",
+                     .path = path,
+                     .fields = std::move(fields),
+                     .body = "BEGIN:VCALENDAR",
+                     .noOtherFields = true},
+                    {.status = status, .fields = std::move(answer)});
+  };
+  put("/c/two%20words.ics", {{"If-None-Match:", "*"}}, 201, {{"ETag", "\"1\""}});
+  f.collection->createResource_withName_context(text, "two words", "new");
+  put("/c/a@b.ics", {}, 201, {{"etag", "\"2\""}});
+  f.collection->createResource_withName_allowOverwrite_context(text, "a@b", true, "over");
+  put("/c/x.ics", {{"If-Match:", "W/\"1\""}}, 204, {{"Etag", "\"3\""}});
+  f.collection->updateResource_withName_andETag_context(text, "x", "W/\"1\"", "update");
+  put("/c/x.ics", {}, 412, {});
+  f.collection->updateResource_withName_andETag_context(text, "x", std::nullopt, "refused");
+  const auto remove = [&](std::vector<HeaderField> fields, unsigned status) {
+    f.server.expect({.method = "DELETE",
+                     .path = "/c/x.ics",
+                     .fields = std::move(fields),
+                     .noOtherFields = true},
+                    {.status = status, .body = status == 403 ? "no" : ""});
+  };
+  remove({{"If-Match:", "\"1\""}}, 204);
+  f.collection->deleteResourceWithName_andETag_context("x", "\"1\"", "there");
+  remove({}, 404);
+  f.collection->deleteResourceWithName_andETag_context("x", std::nullopt, "gone");
+  remove({}, 403);
+  f.collection->deleteResourceWithName_andETag_context("x", std::nullopt, "forbidden");
+  EXPECT_THAT(f.eventsAfter(7),
+              ElementsAre("created \"1\" [new]", "created \"2\" [over]", "updated \"3\" [update]",
+                          "failed KBTDavConnection 412 [refused]", "deleted [there]",
+                          "deleted [gone]", "failed KBTDavConnection 403 [forbidden]"));
+  EXPECT_EQ(std::get<NSData>(f.host->error->userInfo().at("ResponseData")).view(), "no");
+  EXPECT_EQ(f.host->error->localizedDescription(), "forbidden");
+  EXPECT_EQ(f.server.connectionCount(), 1U);
+}
+
+// The GETs come after what was waiting already, and go where the answer came from.
+TEST(KBTDavConnection, AsksForTheEntityTagUntilThereIsOne) {
+  const NSData text = NSData::dataWithString("x");
+  Fixture f;
+  f.server.expect({.method = "PUT", .path = "/c/a.ics", .body = testing::anyBody},
+                  {.status = 307, .fields = {{"Location", "/d/a.ics"}}});
+  f.server.expect({.method = "PUT", .path = "/d/a.ics", .body = "x"}, {.status = 201});
+  f.server.expect({.method = "PUT", .path = "/c/b.ics", .body = "x"}, {.status = 204});
+  f.server.expect({.path = "/d/a.ics", .noOtherFields = true}, {.body = "no tag"});
+  f.server.expect({.path = "/c/b.ics", .noOtherFields = true}, {.status = 404});
+  f.server.expect({.path = "/d/a.ics", .noOtherFields = true},
+                  {.fields = {{"ETag", "\"9\""}}, .body = "y"});
+  f.collection->createResource_withName_context(text, "a", "a");
+  f.collection->updateResource_withName_andETag_context(text, "b", std::nullopt, "b");
+  EXPECT_THAT(f.eventsAfter(2),
+              ElementsAre("failed KBTDavConnection 404 [b]", "created \"9\" [a]"));
+}
+
+TEST(KBTDavConnection, ItsOwnRemovalIsOverWhateverCameOfIt) {
+  Fixture f;
+  for (const unsigned status : {204U, 403U}) {
+    f.server.expect({.method = "DELETE", .path = "/c/", .noOtherFields = true}, {.status = status});
+    f.collection->removeCalendar();
+  }
+  EXPECT_THAT(f.eventsAfter(2), ElementsAre("removed []", "removed []"));
+}
+
+TEST(KBTDavConnection, CancelEndsEverythingOnceAndSendsNothingMore) {
+  Fixture f;
+  f.server.expect({.method = "PROPFIND", .path = "/c/", .body = testing::anyBody}, {.status = 207});
+  // From within the first answer, with two waiting.
+  f.host->onEvent = [&] {
+    if (f.host->events.size() == 1) f.collection->cancel();
+  };
+  for (const char* context : {"1", "2", "3"}) f.collection->reportCTagWithContext(context);
+  f.collection->removeCalendar();
+  EXPECT_THAT(f.eventsAfter(4), ElementsAre("ctag (null) [1]", "failed NSURLErrorDomain -999 [2]",
+                                            "failed NSURLErrorDomain -999 [3]", "removed []"));
+  NSRunLoop::currentRunLoop().runUntilDate(NSDate::date());
+  EXPECT_EQ(f.host->events.size(), 4U);
+  EXPECT_EQ(f.server.requests().size(), 1U);
+  // It goes on afterwards.
+  f.server.expect({.method = "PROPFIND", .path = "/c/", .body = testing::anyBody}, {.status = 207});
+  f.collection->reportCTagWithContext("5");
+  EXPECT_EQ(f.eventsAfter(5).back(), "ctag (null) [5]");
+}
+
+TEST(KBTDavConnection, KnowsWhatItMayHold) {
+  const auto kindsOf = [](const char* xml) {
+    const auto document = HWXMLDocument::initWithData(NSData::dataWithBytes(xml));
+    const auto collection = collectionAt("http://127.0.0.1:1/c/", document->rootElement());
+    return std::pair(collection->canContainEvents(), collection->canContainTodos());
+  };
+  EXPECT_EQ(kindsOf("<s><C:comp xmlns:C='x' name='VTODO'/></s>"), std::pair(false, true));
+  EXPECT_EQ(kindsOf("<s><comp name='VEVENT'/>t<comp name='VTODO'/></s>"), std::pair(true, true));
+  EXPECT_EQ(kindsOf("<s><comp name='VJOURNAL'/><other name='VEVENT'/><comp/></s>"),
+            std::pair(false, false));
+  const auto collection = collectionAt("http://127.0.0.1:1/c/");
+  EXPECT_TRUE(collection->canContainEvents() && collection->canContainTodos());
+  EXPECT_EQ(collection->description(), "Work") << "in place of none";
+  EXPECT_FALSE(collection->writable());
+  collection->setWritable(true);
+  EXPECT_TRUE(collection->writable());
+}
+
+TEST(KBTDavConnection, ReadsRowsOfAnyMultiStatus) {
+  struct Exposed : KBTDavConnection {
+    using KBTDavConnection::_arrayForReportResponse_withKeys;
+  };
+  const auto request = KBTDavRequest::initWithRequest_withCompletionSelector_context_internal(
+      {}, nullptr, {}, false);
+  request->appendData(NSData::dataWithBytes(
+      "<m><response><propstat><prop><a>1</a><b><c>2</c></b><d><e/></d></prop></propstat>"
+      "<propstat><prop><a>no</a></prop></propstat></response><response/>text"
+      "<other><propstat><prop/></propstat></other></m>"));
+  const auto rows = Exposed::_arrayForReportResponse_withKeys(*request, {"a", "b/c", "d", "x"});
+  EXPECT_THAT(rows,
+              ElementsAre(KBTDavResourceTexts{{"a", "1"}, {"b/c", "2"}}, KBTDavResourceTexts{}));
+}
+
+TEST(KBTDavConnection, KeepsItsDelegatesUntilThePrincipalIsInvalid) {
+  ScriptedServer server;
+  server.expect({.method = "PROPFIND", .path = "/c/", .body = testing::anyBody}, {.held = true});
+  const NSURL url = NSURL::URLWithString(server.url("/c/")).value();
+  auto principal = KBTDavPrincipal::initWithDelegate_username_andPassword_forServer(
+      nullptr, "alice", "secret", url);
+  auto collection = KBTDavConnection::initWithCalendarName_description_URL_forPrincipal(
+      "c", std::nullopt, url, principal);
+  auto host = std::make_shared<CollectionHost>();
+  const std::weak_ptr<CollectionHost> first = host;
+  collection->setDelegate(host);
+  host = std::make_shared<CollectionHost>();
+  const std::weak_ptr<CollectionHost> second = host;
+  collection->setDelegate(host);
+  host.reset();
+  EXPECT_FALSE(first.expired()) << "also when another was set";
+
+  collection->reportCTagWithContext("held");
+  ASSERT_TRUE(runUntil([&] { return !server.requests().empty(); }));
+  std::vector<std::string> events;
+  second.lock()->onEvent = [&events, host = second.lock().get()] { events = host->events; };
+  principal->invalidate();
+  collection->reportCTagWithContext("late");
+  ASSERT_TRUE(runUntil([&] { return events.size() == 2; }));
+  EXPECT_THAT(events, ElementsAre("failed NSURLErrorDomain -999 [held]",
+                                  "failed NSURLErrorDomain -999 [late]"));
+  EXPECT_TRUE(runUntil([&] { return first.expired() && second.expired(); }));
+  const std::weak_ptr<KBTDavConnection> watched = collection;
+  collection.reset();
+  EXPECT_TRUE(runUntil([&] { return watched.expired(); }));
+  server.release();
+}
+
+}  // namespace
+}  // namespace quillmere

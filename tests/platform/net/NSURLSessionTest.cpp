@@ -1,0 +1,565 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <quillmere/platform/net/NSURLSession.h>
+
+#include <cstdlib>
+
+#include "tests/support/Gzip.h"
+#include "tests/support/RawServer.h"
+#include "tests/support/ScriptedServer.h"
+#include "tests/support/SessionHost.h"
+
+namespace quillmere {
+namespace {
+
+using testing::anyBody;
+using testing::AuthScheme;
+using ::testing::ElementsAre;
+using testing::RawServer;
+using testing::runUntil;
+using testing::ScriptedServer;
+using testing::SessionHost;
+using testing::TlsIdentity;
+namespace raw = testing::raw;
+
+NSMutableURLRequest requestFor(const std::string& url, const char* method = "GET",
+                               std::optional<std::string> body = std::nullopt) {
+  auto request = NSMutableURLRequest::requestWithURL(NSURL::URLWithString(url).value());
+  request.setHTTPMethod(method);
+  if (body) request.setHTTPBody(NSData::dataWithString(*body));
+  return request;
+}
+
+std::shared_ptr<NSURLCredential> aliceAndSecret(const NSURLAuthenticationChallenge&) {
+  return NSURLCredential::credentialWithUser_password_persistence("alice", "secret",
+                                                                  NSURLCredentialPersistenceNone);
+}
+
+TEST(NSURLSession, SendsWhatTheRequestSaysAndNothingElse) {
+  ScriptedServer server;
+  const struct {
+    const char* method;
+    std::optional<std::string> body;
+  } rows[] = {{"GET", {}},        {"PROPFIND", "<propfind/>"},
+              {"REPORT", ""},     {"PUT", "BEGIN"},
+              {"DELETE", {}},     {"PROPFIND", {}},
+              {"HEAD", {}},       {"POST", {}},
+              {"MKCALENDAR", {}}, {"POST", "a=b"},
+              {"OPTIONS", {}}};
+  const auto host = SessionHost::make();
+  for (const auto& row : rows) {
+    auto request = requestFor(server.url("/c/two%20words.ics?x=1"), row.method, row.body);
+    request.setValue_forHTTPHeaderField("\"tag\"", "If-Match:");
+    request.setValue_forHTTPHeaderField("text/calendar", "content-type");
+    request.setValue_forHTTPHeaderField("", "X-Empty");
+    server.expect(
+        {.method = row.method,
+         .path = "/c/two%20words.ics?x=1",
+         .fields = {{"If-Match:", "\"tag\""}, {"content-type", "text/calendar"}, {"X-Empty", ""}},
+         .body = row.body.value_or(""),
+         .noOtherFields = true},
+        {.status = 207, .fields = {{"ETag", "a"}, {"X", "1"}, {"x", "2"}}});
+    EXPECT_EQ(host->fetch(request), "response 207, end") << row.method;
+    EXPECT_EQ(host->response->valueForHTTPHeaderField("etag"), "a");
+    EXPECT_EQ(host->response->valueForHTTPHeaderField("X"), "1, 2");
+    EXPECT_EQ(host->response->HTTPVersion(), "HTTP/1.1");
+  }
+  EXPECT_THAT(server.problems(), ElementsAre());
+}
+
+TEST(NSURLSession, KeepsConnectionsAndCookiesButNoCredentials) {
+  ScriptedServer server;
+  const auto host = SessionHost::make();
+  host->credential = aliceAndSecret;
+  server.expect({.path = "/1"}, {.fields = {{"Set-Cookie", "a=b; Path=/"}}, .body = "one"});
+  server.expect({.path = "/2", .fields = {{"Cookie", "a=b"}}}, {.status = 401, .challenges = {{}}});
+  server.expect({.path = "/2", .credential = {{AuthScheme::basic, "alice", "secret"}}});
+  server.expect({.path = "/3", .absent = {"Authorization"}}, {.body = "three"});
+  EXPECT_EQ(host->fetch(requestFor(server.url("/1"))), "response 200, data, end");
+  EXPECT_EQ(host->body, "one");
+  EXPECT_EQ(host->fetch(requestFor(server.url("/2"))),
+            "challenge HTTPBasic calendars 0, response 200, end");
+  EXPECT_EQ(host->fetch(requestFor(server.url("/3"))), "response 200, data, end");
+  EXPECT_EQ(server.connectionCount(), 1U);
+  EXPECT_THAT(server.finish(), ElementsAre());
+}
+
+TEST(NSURLSession, ATaskIsSuspendedUntilItIsResumedAndCompletesOnce) {
+  ScriptedServer server;
+  server.expect({.path = "/a"}, {.body = "x"});
+  const auto host = SessionHost::make();
+  const auto task = host->session()->dataTaskWithRequest(requestFor(server.url("/a")));
+  EXPECT_EQ(task->state(), NSURLSessionTaskState::suspended);
+  NSRunLoop::currentRunLoop().runUntilDate(NSDate::date());
+  EXPECT_EQ(host->eventText(), "");
+  task->resume();
+  task->resume();
+  EXPECT_EQ(task->state(), NSURLSessionTaskState::running);
+  ASSERT_TRUE(runUntil([&] { return host->completions > 0; }));
+  EXPECT_EQ(task->state(), NSURLSessionTaskState::completed);
+  EXPECT_EQ(task->response()->statusCode(), 200);
+  task->resume();
+  task->cancel();
+  NSRunLoop::currentRunLoop().runUntilDate(NSDate::date());
+  EXPECT_EQ(host->eventText(), "response 200, data, end");
+  EXPECT_EQ(server.requests().size(), 1U);
+}
+
+TEST(NSURLSession, CancellingCompletesOnceLaterAndTellsNothingElse) {
+  ScriptedServer server;
+  const auto host = SessionHost::make();
+  // Before it was resumed; twice; and right after.
+  for (const bool isResumed : {false, true}) {
+    host->events.clear();
+    const auto task = host->session()->dataTaskWithRequest(requestFor(server.url("/never")));
+    if (isResumed) task->resume();
+    task->cancel();
+    task->cancel();
+    task->resume();
+    EXPECT_EQ(host->eventText(), "") << "not before the loop runs";
+    ASSERT_TRUE(runUntil([&] { return !host->events.empty(); }));
+    NSRunLoop::currentRunLoop().runUntilDate(NSDate::date());
+    EXPECT_EQ(host->eventText(), "error -999");
+    EXPECT_EQ(host->error->domain(), NSURLErrorDomain);
+  }
+  // From within every kind of call.
+  host->credential = aliceAndSecret;
+  for (const std::size_t last : {1U, 2U, 3U, 4U}) {
+    ScriptedServer another;
+    host->events.clear();
+    another.expect({.path = "/r"}, {.status = 302, .fields = {{"Location", "/c"}}});
+    if (last > 1) another.expect({.path = "/c"}, {.status = 401, .challenges = {{}}});
+    if (last > 2) {
+      another.expect({.path = "/c", .credential = {{AuthScheme::basic, "alice", "secret"}}},
+                     {.body = "x"});
+    }
+    const auto task = host->session()->dataTaskWithRequest(requestFor(another.url("/r")));
+    host->onEvent = [&] {
+      if (host->events.size() == last) task->cancel();
+    };
+    task->resume();
+    const int before = host->completions;
+    ASSERT_TRUE(runUntil([&] { return host->completions > before; }));
+    NSRunLoop::currentRunLoop().runUntilDate(NSDate::date());
+    EXPECT_EQ(host->events.size(), last + 1) << host->eventText();
+    EXPECT_EQ(host->events.back(), "error -999");
+    host->onEvent = [] {};
+    EXPECT_THAT(another.finish(), ElementsAre());
+  }
+}
+
+TEST(NSURLSession, ATaskKeepsItsSessionAndDelegateUntilItHasCompleted) {
+  ScriptedServer server;
+  server.expect({.path = "/a"}, {.held = true});
+  auto host = SessionHost::make();
+  const std::weak_ptr<SessionHost> watched = host;
+  bool hasEnded = false;
+  host->onEvent = [&hasEnded, host = host.get()] { hasEnded = host->completions > 0; };
+  host->start(requestFor(server.url("/a")));
+  host->endSession();
+  host.reset();
+  ASSERT_TRUE(runUntil([&] { return !server.requests().empty(); }));
+  EXPECT_FALSE(watched.expired());
+  server.release();
+  EXPECT_TRUE(runUntil([&] { return hasEnded; }));
+  EXPECT_TRUE(watched.expired());
+}
+
+TEST(NSURLSession, ProposesWhatToSendAfterARedirect) {
+  const struct {
+    unsigned status;
+    const char* method;
+    const char* location;
+    const char* newMethod;
+    const char* newPath;
+    bool hasBody;
+  } rows[] = {
+      {301, "GET", "/b", "GET", "/b", true},
+      {302, "POST", "b", "GET", "/d/b", false},
+      {301, "POST", "../b?x", "GET", "/b?x", false},
+      {303, "PUT", "b", "GET", "/d/b", false},
+      {303, "HEAD", "b", "HEAD", "/d/b", false},
+      {307, "POST", "b", "POST", "/d/b", true},
+      {308, "PUT", "//127.0.0.1:PORT/b", "PUT", "/b", true},
+      {302, "REPORT", "http://127.0.0.1:PORT/b c", "REPORT", "/b%20c", true},
+  };
+  for (const auto& row : rows) {
+    ScriptedServer server;
+    std::string location = row.location;
+    if (const auto at = location.find("PORT"); at != std::string::npos) {
+      location.replace(at, 4, std::to_string(server.port()));
+    }
+    const bool isHead = std::string_view(row.method) == "HEAD";
+    const auto body = isHead ? std::nullopt : std::optional<std::string>("text");
+    server.expect({.method = row.method,
+                   .path = "/d/a",
+                   .fields = {{"Authorization", "mine"}},
+                   .body = body.value_or("")},
+                  {.status = row.status, .fields = {{"Location", location}}, .body = "moved"});
+    server.expect({.method = row.newMethod,
+                   .path = row.newPath,
+                   .fields = {{"Accept", "x"}, {"Authorization", "mine"}},
+                   .body = row.hasBody ? "text" : ""},
+                  {.body = isHead ? "" : "there"});
+    auto request = requestFor(server.url("/d/a"), row.method, body);
+    request.setValue_forHTTPHeaderField("x", "Accept");
+    request.setValue_forHTTPHeaderField("mine", "Authorization");
+    const auto host = SessionHost::make();
+    const std::string expected = "redirect " + std::to_string(row.status) + ", response 200, ";
+    EXPECT_EQ(host->fetch(request), expected + (isHead ? "end" : "data, end")) << row.location;
+    EXPECT_EQ(host->body, isHead ? "" : "there");
+    EXPECT_EQ(host->response->URL().wireString(), server.url(row.newPath));
+    EXPECT_THAT(server.finish(), ElementsAre());
+  }
+}
+
+TEST(NSURLSession, ARedirectThatNobodyFollowsIsTheAnswer) {
+  const auto host = SessionHost::make();
+  for (const char* location : {"ftp://127.0.0.1/x", "file:///etc/passwd", "mailto:a@b", "http://",
+                               "http://[::1", "http://127.0.0.1:99999/"}) {
+    ScriptedServer server;
+    server.expect({.path = "/a"},
+                  {.status = 301, .fields = {{"Location", location}}, .body = "moved"});
+    EXPECT_EQ(host->fetch(requestFor(server.url("/a"))), "response 301, data, end") << location;
+    EXPECT_EQ(host->body, "moved");
+    EXPECT_THAT(server.finish(), ElementsAre());
+  }
+  ScriptedServer server;
+  server.expect({.path = "/a"}, {.status = 302, .body = "no location"});
+  server.expect({.path = "/a"}, {.status = 304, .fields = {{"Location", "/b"}}});
+  server.expect({.path = "/a"}, {.status = 302, .fields = {{"Location", "/b"}}, .body = "stay"});
+  EXPECT_EQ(host->fetch(requestFor(server.url("/a"))), "response 302, data, end");
+  EXPECT_EQ(host->fetch(requestFor(server.url("/a"))), "response 304, end");
+  host->redirect = [](const NSURLRequest&) { return std::nullopt; };
+  EXPECT_EQ(host->fetch(requestFor(server.url("/a"))), "redirect 302, response 302, data, end");
+  EXPECT_EQ(host->body, "stay");
+}
+
+TEST(NSURLSession, TheDelegatesRequestReplacesTheProposedOne) {
+  ScriptedServer server;
+  server.expect({.method = "PUT", .path = "/a", .body = "x"},
+                {.status = 302, .fields = {{"Location", "/b"}}});
+  server.expect({.method = "DELETE", .path = "/c", .fields = {{"Y", "z"}}, .noOtherFields = true});
+  const auto host = SessionHost::make();
+  host->redirect = [&](const NSURLRequest&) {
+    auto request = requestFor(server.url("/c"), "DELETE");
+    request.setValue_forHTTPHeaderField("z", "Y");
+    return request;
+  };
+  EXPECT_EQ(host->fetch(requestFor(server.url("/a"), "PUT", "x")),
+            "redirect 302, response 200, end");
+}
+
+TEST(NSURLSession, KeepsAuthorizationFromOtherServersAndGivesUpAfterTwentyRedirects) {
+  ScriptedServer server, other;
+  const auto host = SessionHost::make();
+  server.expect({.path = "/a", .fields = {{"Authorization", "mine"}}},
+                {.status = 307, .fields = {{"Location", other.url("/b")}}});
+  other.expect({.path = "/b", .absent = {"Authorization"}});
+  auto request = requestFor(server.url("/a"));
+  request.setValue_forHTTPHeaderField("mine", "Authorization");
+  EXPECT_EQ(host->fetch(request), "redirect 307, response 200, end");
+
+  for (int i = 0; i <= 20; ++i) {
+    server.expect({.path = "/l"}, {.status = 301, .fields = {{"Location", "/l"}}});
+  }
+  host->fetch(requestFor(server.url("/l")));
+  EXPECT_EQ(host->events.size(), 21U);
+  EXPECT_EQ(host->events.back(), "error -1007");
+}
+
+TEST(NSURLSession, AnswersChallengesWithWhatTheDelegateGives) {
+  using Challenges = std::vector<testing::Challenge>;
+  const testing::Challenge basic{};
+  const testing::Challenge md5{.scheme = AuthScheme::digest};
+  const testing::Challenge sha256{.scheme = AuthScheme::digest, .algorithm = "SHA-256"};
+  const testing::Challenge authInt{.scheme = AuthScheme::digest, .qop = "auth-int"};
+  const testing::Challenge noQop{.scheme = AuthScheme::digest, .qop = ""};
+  const testing::Challenge stale{.scheme = AuthScheme::digest, .stale = true};
+  const struct {
+    Challenges challenges;
+    AuthScheme scheme;
+    const char* events;
+  } rows[] = {
+      {{basic}, AuthScheme::basic, "challenge HTTPBasic calendars 0, response 200, data, end"},
+      {{md5}, AuthScheme::digest, "challenge HTTPDigest calendars 0, response 200, data, end"},
+      {{sha256}, AuthScheme::digest, "challenge HTTPDigest calendars 0, response 200, data, end"},
+      {{basic, md5},
+       AuthScheme::digest,
+       "challenge HTTPDigest calendars 0, response 200, data, end"},
+  };
+  for (const auto& row : rows) {
+    ScriptedServer server;
+    for (const char* method : {"PUT", "POST", "REPORT"}) {
+      server.expect({.method = method, .path = "/a", .body = "text"},
+                    {.status = 401, .body = "who?", .challenges = row.challenges});
+      server.expect({.method = method,
+                     .path = "/a",
+                     .fields = {{"Depth", "1"}},
+                     .body = "text",
+                     .credential = {{row.scheme, "alice", "secret"}}},
+                    {.body = "hello"});
+      const auto host = SessionHost::make();
+      host->credential = aliceAndSecret;
+      auto request = requestFor(server.url("/a"), method, "text");
+      request.setValue_forHTTPHeaderField("1", "Depth");
+      EXPECT_EQ(host->fetch(request), row.events);
+      EXPECT_EQ(host->body, "hello");
+    }
+    EXPECT_THAT(server.finish(), ElementsAre());
+  }
+  // A nonce that has become stale is renewed without asking again.
+  ScriptedServer server;
+  server.expect({.path = "/a"}, {.status = 401, .challenges = {md5}});
+  server.expect({.path = "/a", .credential = {{AuthScheme::digest, "alice", "secret"}}},
+                {.status = 401, .challenges = {stale}});
+  server.expect({.path = "/a", .credential = {{AuthScheme::digest, "alice", "secret"}}});
+  const auto host = SessionHost::make();
+  host->credential = aliceAndSecret;
+  EXPECT_EQ(host->fetch(requestFor(server.url("/a"))),
+            "challenge HTTPDigest calendars 0, response 200, end");
+}
+
+TEST(NSURLSession, A401IsTheAnswerWhenNobodyHasACredential) {
+  ScriptedServer server;
+  const auto host = SessionHost::make();
+  const auto answer = [&](std::vector<testing::HeaderField> fields) {
+    server.expect({.path = "/a"}, {.status = 401, .fields = std::move(fields), .body = "who?"});
+  };
+  answer({{"WWW-Authenticate", "Basic realm=\"calendars\""}});
+  EXPECT_EQ(host->fetch(requestFor(server.url("/a"))),
+            "challenge HTTPBasic calendars 0, response 401, data, end");
+  EXPECT_EQ(host->body, "who?");
+  answer({{"WWW-Authenticate", "NTLM"}});
+  EXPECT_EQ(host->fetch(requestFor(server.url("/a"))),
+            "session challenge NTLM - 0, response 401, data, end");
+  answer({{"WWW-Authenticate", "Negotiate"}, {"WWW-Authenticate", "Bearer"}});
+  EXPECT_EQ(host->fetch(requestFor(server.url("/a"))),
+            "session challenge Negotiate - 0, response 401, data, end");
+  answer({{"WWW-Authenticate", "Bearer realm=\"calendars\""}});
+  EXPECT_EQ(host->fetch(requestFor(server.url("/a"))), "response 401, data, end");
+  answer({});
+  EXPECT_EQ(host->fetch(requestFor(server.url("/a"))), "response 401, data, end");
+
+  // With a field of its own a request asks nobody.
+  auto request = requestFor(server.url("/a"));
+  request.setValue_forHTTPHeaderField("mine", "Authorization");
+  server.expect({.path = "/a", .fields = {{"Authorization", "mine"}}},
+                {.status = 401, .body = "no", .challenges = {{}}});
+  EXPECT_EQ(host->fetch(request), "response 401, data, end");
+
+  // A wrong credential is asked about again, and counted.
+  int asked = 0;
+  host->credential = [&](const NSURLAuthenticationChallenge& challenge) {
+    return ++asked < 3 ? aliceAndSecret(challenge) : nullptr;
+  };
+  server.expect({.path = "/a"}, {.status = 401, .challenges = {{}}});
+  for (int i = 0; i < 2; ++i) {
+    server.expect({.path = "/a", .credential = {{AuthScheme::basic, "alice", "secret"}}},
+                  {.status = 401, .challenges = {{}}});
+  }
+  EXPECT_EQ(host->fetch(requestFor(server.url("/a"))),
+            "challenge HTTPBasic calendars 0, challenge HTTPBasic calendars 1, challenge HTTPBasic "
+            "calendars 2, response 401, end");
+  EXPECT_THAT(server.finish(), ElementsAre());
+}
+
+TEST(NSURLSession, DecompressesWhatTheRequestAskedFor) {
+  const std::string text = "BEGIN:VCALENDAR and so on, again and again and again";
+  const std::string packed = testing::gzipOf(text);
+  const auto host = SessionHost::make();
+  const auto fetch = [&](const std::string& body, const char* coding, bool asks) {
+    ScriptedServer server;
+    server.expect({.path = "/a"}, {.fields = {{"Content-Encoding", coding}}, .body = body});
+    auto request = requestFor(server.url("/a"));
+    if (asks) request.setValue_forHTTPHeaderField("gzip", "Accept-Encoding");
+    return host->fetch(request);
+  };
+  EXPECT_EQ(fetch(packed, "gzip", true), "response 200, data, end");
+  EXPECT_EQ(host->body, text);
+  EXPECT_EQ(fetch(packed + packed, "GZIP", true), "response 200, data, end");
+  EXPECT_EQ(host->body, text + text);
+  EXPECT_EQ(fetch("", "gzip", true), "response 200, end");
+  EXPECT_EQ(fetch(packed, "gzip", false), "response 200, data, end");
+  EXPECT_EQ(host->body, packed);
+  EXPECT_EQ(fetch(packed, "br", true), "response 200, data, end");
+  EXPECT_EQ(host->body, packed) << "a coding that is not known stays";
+  EXPECT_EQ(fetch(text, "gzip", true), "response 200, error -1015");
+  fetch(packed.substr(0, packed.size() - 3), "gzip", true);
+  EXPECT_EQ(host->events.back(), "error -1015") << "cut off";
+
+  host->endSession();
+  host->configuration.maximumResponseBodySize = 1 << 20;
+  fetch(testing::gzipOf(std::string(1024, ' '), 1 << 16), "gzip", true);
+  EXPECT_EQ(host->events.back(), "error -1103") << "64 MB of blanks";
+  EXPECT_LE(host->body.size(), std::size_t{1} << 20);
+}
+
+TEST(NSURLSession, VerifiesTheServersCertificate) {
+  ::setenv("SSL_CERT_FILE", testing::certificateAuthorityFile().c_str(), 1);
+  const struct {
+    const char* identity;
+    const char* events;
+  } rows[] = {{"good", "response 200, data, end"},
+              {"wrong-host", "error -1202"},
+              {"expired", "error -1201"},
+              {"self-signed", "error -1203"}};
+  for (const auto& row : rows) {
+    ScriptedServer server(TlsIdentity::named(row.identity));
+    if (std::string_view(row.identity) == "good") server.expect({.path = "/a"}, {.body = "x"});
+    const auto host = SessionHost::make();
+    EXPECT_EQ(host->fetch(requestFor(server.url("/a"))), row.events) << row.identity;
+    EXPECT_THAT(server.finish(), ElementsAre());
+  }
+  ::unsetenv("SSL_CERT_FILE");
+  ScriptedServer server(TlsIdentity::named("good"));
+  EXPECT_EQ(SessionHost::make()->fetch(requestFor(server.url("/a"))), "error -1203");
+}
+
+TEST(NSURLSession, SurvivesServersThatMisbehave) {
+  const std::string ok = "HTTP/1.1 200 OK\r\n";
+  const struct {
+    const char* what;
+    RawServer::Steps steps;
+    const char* events;
+  } rows[] = {
+      {"closes before the head", {raw::close()}, "error -1005"},
+      {"resets before the head", {raw::reset()}, "error -1005"},
+      {"closes within the head", {raw::write("HTTP/1.1 200 OK\r\nX"), raw::close()}, "error -1005"},
+      {"closes within the body",
+       {raw::write(ok + "Content-Length: 10\r\n\r\nabc"), raw::close()},
+       "response 200, data, error -1005"},
+      {"has no length and closes",
+       {raw::write(ok + "\r\nabc"), raw::close()},
+       "response 200, data, end"},
+      {"sends more than the length",
+       {raw::write(ok + "Content-Length: 3\r\n\r\nabcdef"), raw::close()},
+       "response 200, data, end"},
+      {"breaks its chunks",
+       {raw::write(ok + "Transfer-Encoding: chunked\r\n\r\n3\r\nabc\r\nzz\r\n"), raw::close()},
+       "response 200, data, error -1005"},
+      {"cuts its chunks off",
+       {raw::write(ok + "Transfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n"), raw::close()},
+       "response 200, data, error -1005"},
+      {"is no HTTP", {raw::write("SSH-2.0-OpenSSH\r\n\r\n"), raw::close()}, "error -1011"},
+      {"has no status", {raw::write("HTTP/1.1 abc\r\n\r\n"), raw::close()}, "error -1011"},
+      {"has an endless head",
+       {raw::write(ok), raw::write("X: 0123456789\r\n", 1'000'000)},
+       "error -1011"},
+      {"sends 100 and 103 first",
+       {raw::write("HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 103 Early Hints\r\nX: y\r\n\r\n" + ok +
+                   "Content-Length: 1\r\n\r\na")},
+       "response 200, data, end"},
+      {"speaks HTTP/1.0",
+       {raw::write("HTTP/1.0 200 OK\r\n\r\nabc"), raw::close()},
+       "response 200, data, end"},
+      {"folds a field",
+       {raw::write(ok + "X: a\r\n b\r\nContent-Length: 0\r\n\r\n")},
+       "response 200, end"},
+      {"has trailers",
+       {raw::write(ok + "Transfer-Encoding: chunked\r\n\r\n1\r\na\r\n0\r\nX: late\r\n\r\n")},
+       "response 200, data, end"},
+  };
+  for (const auto& row : rows) {
+    RawServer server;
+    RawServer::Steps steps{raw::readHead()};
+    steps.insert(steps.end(), row.steps.begin(), row.steps.end());
+    server.play(steps);
+    const auto host = SessionHost::make();
+    EXPECT_EQ(host->fetch(requestFor(server.url("/"))), row.events) << row.what;
+    EXPECT_THAT(server.finish(), ElementsAre()) << row.what;
+  }
+}
+
+TEST(NSURLSession, TimesOutAfterSilenceAlone) {
+  RawServer server;
+  server.play({raw::readHead(), raw::waitUntilTold()});
+  const auto host = SessionHost::make();
+  auto request = requestFor(server.url("/"));
+  request.setTimeoutInterval(0.05);
+  EXPECT_EQ(host->fetch(request), "error -1001");
+  // Bytes that come one by one keep a request alive for longer than its time-out.
+  RawServer slow;
+  const std::string head = "HTTP/1.1 200 OK\r\nContent-Length: 40\r\n\r\n";
+  slow.play({raw::readHead(), raw::write(head), raw::drip(std::string(40, 'x'))});
+  request.setURL(NSURL::URLWithString(slow.url("/")));
+  request.setTimeoutInterval(0.5);
+  host->events.clear();
+  host->start(request);
+  const std::int64_t begin = NSDate::date().microsecondsSince1970();
+  ASSERT_TRUE(runUntil([&] {
+    slow.tell();
+    return host->events.size() > 2 || NSDate::date().microsecondsSince1970() - begin > 5'000'000;
+  }));
+  EXPECT_EQ(host->eventText(), "response 200, data, end");
+  EXPECT_THAT(server.finish(), ElementsAre());
+}
+
+TEST(NSURLSession, RepeatsARequestOnAConnectionThatWasClosedOnlyWhereThatIsSafe) {
+  const std::string answer = "HTTP/1.1 200 OK\r\nContent-Length: 1\r\n\r\na";
+  const auto host = SessionHost::make();
+  // The server closes the kept connection only when the next request is there, so that the client
+  // cannot know before.
+  RawServer server;
+  server.play({raw::readHead(), raw::write(answer), raw::readHead(), raw::close()});
+  server.play({raw::readHead(), raw::write(answer)});
+  EXPECT_EQ(host->fetch(requestFor(server.url("/"))), "response 200, data, end");
+  EXPECT_EQ(host->fetch(requestFor(server.url("/"), "PROPFIND")), "response 200, data, end");
+  EXPECT_THAT(server.finish(), ElementsAre());
+
+  RawServer other;
+  other.play({raw::readHead(), raw::write(answer)});
+  other.play({raw::readHead(), raw::close()});
+  EXPECT_EQ(host->fetch(requestFor(other.url("/"))), "response 200, data, end");
+  EXPECT_EQ(host->fetch(requestFor(other.url("/"), "POST", "x")), "error -1005");
+  EXPECT_THAT(other.finish(), ElementsAre());
+}
+
+TEST(NSURLSession, RefusesWhatCannotBeSent) {
+  const auto host = SessionHost::make();
+  EXPECT_EQ(host->fetch(NSMutableURLRequest()), "error -1000");
+  EXPECT_EQ(host->fetch(requestFor("ftp://127.0.0.1/")), "error -1002");
+  EXPECT_EQ(host->fetch(requestFor("http://127.0.0.1:1/")), "error -1004");
+  EXPECT_EQ(host->fetch(requestFor("http://no.such.host.invalid/")), "error -1003");
+  auto request = requestFor("http://127.0.0.1:1/");
+  request.setValue_forHTTPHeaderField("a\r\nX-Injected: b", "X");
+  EXPECT_EQ(host->fetch(request), "error -1000");
+  EXPECT_EQ(host->error->localizedDescription(), "The request cannot be sent.");
+}
+
+TEST(NSURLSession, WaitsForAnAnswerThatComesLater) {
+  RawServer server;
+  const std::string body(3'000'000, 'x');
+  server.play({raw::readHead(), raw::write("HTTP/1.1 200 OK\r\nContent-Length: 3000000\r\n\r\n"),
+               raw::write(body)});
+  const auto host = SessionHost::make();
+  std::function<void(NSURLSessionResponseDisposition)> handler;
+  host->onResponse = [&](auto given) { handler = given; };
+  host->start(requestFor(server.url("/")));
+  ASSERT_TRUE(runUntil([&] { return handler != nullptr; }));
+  NSRunLoop::currentRunLoop().runUntilDate(NSDate::date().dateByAddingSeconds(0));
+  EXPECT_EQ(host->eventText(), "response 200");
+  handler(NSURLSessionResponseAllow);
+  handler(NSURLSessionResponseCancel);
+  ASSERT_TRUE(runUntil([&] { return host->completions > 0; }));
+  EXPECT_EQ(host->eventText(), "response 200, data, end");
+  EXPECT_EQ(host->body.size(), body.size());
+}
+
+TEST(NSURLSession, RunsManyTasksSideBySideAndLoopsWithinCalls) {
+  ScriptedServer server;
+  const auto host = SessionHost::make();
+  constexpr int tasks = 50;
+  for (int i = 0; i < tasks; ++i) server.expect({.path = "/a"}, {.body = "x"});
+  bool hasLooped = false;
+  host->onEvent = [&] {
+    if (std::exchange(hasLooped, true)) return;
+    EXPECT_TRUE(runUntil([&] { return host->completions == tasks - 1; })) << "from within a call";
+  };
+  for (int i = 0; i < tasks; ++i) host->start(requestFor(server.url("/a")));
+  EXPECT_TRUE(runUntil([&] { return host->completions == tasks; }));
+  EXPECT_EQ(host->error, nullptr);
+}
+
+}  // namespace
+}  // namespace quillmere
