@@ -304,8 +304,8 @@ void KBTDavConnection::_didGetEventsForCalendar(const std::shared_ptr<KBTDavRequ
                                                                             request->context());
 }
 
-// The entity tag that a write gave the resource. Where the answer has none, asks for it, with no end
-// but a failure, and gives null.
+// The entity tag that a write gave the resource. Where the answer has none, asks for it, with no
+// end but a failure, and gives null.
 std::optional<std::string> KBTDavConnection::etagAfterWrite(const KBTDavRequest& request,
                                                             Completion completion) {
   if (tellFailure(request)) return std::nullopt;

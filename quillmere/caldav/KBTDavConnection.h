@@ -40,8 +40,8 @@ class KBTDavConnection : public KBTDavRequestor {
   /// Without a URL there is no collection.
   static std::shared_ptr<KBTDavRequestor> init() = delete;
 
-  /// Keeps the delegate alive for good, also when another is set and when the collection is gone, by
-  /// contract; `KBTDavPrincipal::invalidate` is what lets go of it.
+  /// Keeps the delegate alive for good, also when another is set and when the collection is gone,
+  /// by contract; `KBTDavPrincipal::invalidate` is what lets go of it.
   void setDelegate(std::shared_ptr<KBTDavConnectionDelegate> delegate);
 
   const std::optional<std::string>& name() const { return name_; }
@@ -85,8 +85,8 @@ class KBTDavConnection : public KBTDavRequestor {
   void createResource_withName_context(const NSData& resource, const std::string& name,
                                        std::any context);
 
-  /// Puts a resource in another's place: `didUpdateResource`. With an entity tag the request has the
-  /// field "If-Match:", whose colon makes servers refuse it with 412, by contract.
+  /// Puts a resource in another's place: `didUpdateResource`. With an entity tag the request has
+  /// the field "If-Match:", whose colon makes servers refuse it with 412, by contract.
   void updateResource_withName_andETag_context(const NSData& resource, const std::string& name,
                                                const std::optional<std::string>& etag,
                                                std::any context);
@@ -111,9 +111,9 @@ class KBTDavConnection : public KBTDavRequestor {
   std::optional<std::string> _getPassword() const override { return principal_->password(); }
   void letGo() override;
 
-  /// A row of texts by path for each response of a multi-status (RFC 4918 section 13), in its order:
-  /// of its first propstat's prop, the text at each path that has one. Responses without are left
-  /// out.
+  /// A row of texts by path for each response of a multi-status (RFC 4918 section 13), in its
+  /// order: of its first propstat's prop, the text at each path that has one. Responses without are
+  /// left out.
   static std::vector<KBTDavResourceTexts> _arrayForReportResponse_withKeys(
       const KBTDavRequest& request, const std::vector<std::string>& keys);
 

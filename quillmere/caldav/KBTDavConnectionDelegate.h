@@ -26,8 +26,8 @@ class KBTDavConnectionDelegate {
  public:
   virtual ~KBTDavConnectionDelegate() = default;
 
-  /// `reportCTagWithContext` has succeeded. `ctag` changes whenever anything in the collection does;
-  /// null when the answer holds none, or is no XML.
+  /// `reportCTagWithContext` has succeeded. `ctag` changes whenever anything in the collection
+  /// does; null when the answer holds none, or is no XML.
   virtual void calDavConnection_didReceiveCTag_context(KBTDavConnection& connection,
                                                        const std::optional<std::string>& ctag,
                                                        const std::any& context) = 0;
@@ -44,7 +44,8 @@ class KBTDavConnectionDelegate {
       const std::any& context) = 0;
 
   /// A listing or a fetch by address has succeeded: the entity tag and the iCalendar text of each
-  /// resource that the server reported with status 200. Both are empty for an answer that is no XML.
+  /// resource that the server reported with status 200. Both are empty for an answer that is no
+  /// XML.
   virtual void calDavConnection_didReceiveEventsWithETags_andContents_context(
       KBTDavConnection& connection, const KBTDavResourceTexts& etags,
       const KBTDavResourceTexts& contents, const std::any& context) = 0;

@@ -105,20 +105,23 @@ void KBTDavRequestor::URLSession_task_willPerformHTTPRedirection_newRequest_comp
 void KBTDavRequestor::URLSession_didReceiveChallenge_completionHandler(
     NSURLSession&, const NSURLAuthenticationChallenge& challenge,
     NSURLSessionChallengeCompletionHandler completionHandler) {
-  answerChallenge(challenge, completionHandler);
+  answerChallenge(challenge, false, completionHandler);
 }
 
+// A redirect drops a preset Authorization; user and password must not go out in its place.
 void KBTDavRequestor::URLSession_task_didReceiveChallenge_completionHandler(
-    NSURLSession&, NSURLSessionDataTask&, const NSURLAuthenticationChallenge& challenge,
+    NSURLSession&, NSURLSessionDataTask& task, const NSURLAuthenticationChallenge& challenge,
     NSURLSessionChallengeCompletionHandler completionHandler) {
-  answerChallenge(challenge, completionHandler);
+  const NSURLRequest& issued = recordOf(task)->originalRequest();
+  const bool isPreset = issued.valueForHTTPHeaderField("Authorization").has_value();
+  answerChallenge(challenge, isPreset, completionHandler);
 }
 
 void KBTDavRequestor::answerChallenge(
-    const NSURLAuthenticationChallenge& challenge,
+    const NSURLAuthenticationChallenge& challenge, bool isPreset,
     const NSURLSessionChallengeCompletionHandler& completionHandler) const {
   const std::string& method = challenge.protectionSpace().authenticationMethod();
-  const bool isHopeless = method == NSURLAuthenticationMethodNTLM ||
+  const bool isHopeless = isPreset || method == NSURLAuthenticationMethodNTLM ||
                           method == NSURLAuthenticationMethodNegotiate ||
                           challenge.previousFailureCount() != 0;
   completionHandler(NSURLSessionAuthChallengeDisposition::useCredential,

@@ -23,7 +23,7 @@ namespace quillmere {
 /// - Every status but 200 to 299 is an error (see `KBTDavRequest::error`). No request is repeated.
 /// - A challenge is answered once with the user name and password of `_getUsername` and
 ///   `_getPassword`; a second one, NTLM and Negotiate with no credential, so that the 401 is the
-///   answer. A request that has a field Authorization raises none.
+///   answer. So does a request that was issued with a field Authorization.
 /// - A redirect is followed with the issued request's method and body and its Content-Type, Accept,
 ///   Depth and If-Match, and no other field: not Authorization, and not the conditional fields of
 ///   collections, whose names end in a colon.
@@ -92,7 +92,7 @@ class KBTDavRequestor : public NSURLSessionDelegate,
 
  private:
   std::shared_ptr<KBTDavRequest> recordOf(const NSURLSessionDataTask& task) const;
-  void answerChallenge(const NSURLAuthenticationChallenge& challenge,
+  void answerChallenge(const NSURLAuthenticationChallenge& challenge, bool isPreset,
                        const NSURLSessionChallengeCompletionHandler& completionHandler) const;
   void _doneWithRequest_forDataTask(const std::shared_ptr<KBTDavRequest>& request,
                                     NSURLSessionDataTask& task);

@@ -143,8 +143,8 @@ KBTRepetitionInstance addSeconds(std::int64_t seconds, KBTRepetitionInstance ins
 }
 
 // Takes up to `most` such steps at once where that leads to the same instance, for a stranger's
-// count may ask for thousands of millions of them: within some days at whose ends clocks agree. (Two
-// settings of the clocks that make up for each other have never come closer than that.)
+// count may ask for thousands of millions of them: within some days at whose ends clocks agree.
+// (Two settings of the clocks that make up for each other have never come closer than that.)
 void addSecondsOften(std::int64_t seconds, std::int64_t most, KBTRepetitionInstance& instance) {
   constexpr std::int64_t span = 3 * secondsPerDay;
   WallClock& clock = WallClock::current();
@@ -323,7 +323,8 @@ bool KBTCalRepetition::findNumberedWeekday(unsigned day, KBTRepetitionInstance& 
                                               true);
     return true;
   }
-  // Intended: every number from the end means the last one, and the instance goes there in any case.
+  // Intended: every number from the end means the last one, and the instance goes there in any
+  // case.
   _nextRepetition_fromDay_forMask_overwrite(instance, 1, bit(static_cast<unsigned>(last)), true);
   return last > after;
 }

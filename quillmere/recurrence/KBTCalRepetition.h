@@ -48,12 +48,12 @@ enum KBTCalRepetitionErrorCode : std::int64_t {
 ///
 /// It has the frequencies MINUTELY to YEARLY, INTERVAL, UNTIL (a day), COUNT, BYMONTH, BYMONTHDAY,
 /// BYDAY (one weekday with a number in MONTHLY and YEARLY rules), WKST, and BYSETPOS in MONTHLY
-/// rules with BYDAY. Anything else is refused. Within the subset some rules mean less
-/// than the RFC gives them; docs/recurrence.md lists which.
+/// rules with BYDAY. Anything else is refused. Within the subset some rules mean less than the RFC
+/// gives them; docs/recurrence.md lists which.
 ///
-/// All calendar fields are those of the default zone (`NSTimeZone::defaultTimeZone`), which must not
-/// change between instances of a series. A rule is not changed by asking for instances, so threads
-/// may share one that nobody sets anything on.
+/// All calendar fields are those of the default zone (`NSTimeZone::defaultTimeZone`), which must
+/// not change between instances of a series. A rule is not changed by asking for instances, so
+/// threads may share one that nobody sets anything on.
 class KBTCalRepetition : public HWObject {
  public:
   /// The FREQ keywords in the RFC's order. No initializer makes a SECONDLY rule.
@@ -72,8 +72,8 @@ class KBTCalRepetition : public HWObject {
   static std::shared_ptr<KBTCalRepetition> initWithRRule_error(
       std::optional<std::string_view> rrule, NSErrorPtr* error);
 
-  /// A rule of its parts, of which the lists and `end` may be null; without an end (see `setEndDate` and
-  /// `setRecurrenceCount`). `firstWeekday` is a weekday number, or -1 for none.
+  /// A rule of its parts, of which the lists and `end` may be null; without an end (see
+  /// `setEndDate` and `setRecurrenceCount`). `firstWeekday` is a weekday number, or -1 for none.
   ///
   /// Null on failure, with the error in `error` unless that is null; a frequency that is not
   /// MINUTELY to YEARLY gives no error. A list of several weekdays with a number among them is an
@@ -163,8 +163,8 @@ class KBTCalRepetition : public HWObject {
   KBTRepetitionInstance firstRepetitionInstance() const;
 
   /// The occurrence after `instance`, which must be one of this rule; of an end marker an end
-  /// marker. Time grows with the months between the two; a rule that cannot match is searched to the
-  /// end of the calendar, once.
+  /// marker. Time grows with the months between the two; a rule that cannot match is searched to
+  /// the end of the calendar, once.
   KBTRepetitionInstance nextRepetitionInstance(const KBTRepetitionInstance& instance) const;
 
   /// The first occurrence whose calendar day is that of `date` or later (at which time, does not

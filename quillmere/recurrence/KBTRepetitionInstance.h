@@ -7,6 +7,8 @@ namespace quillmere {
 
 /// One occurrence of a recurrence rule, as calendar fields in the default zone of the moment it was
 /// made. A plain record, passed by value; it means something only to the rule that made it.
+/// Requires: whoever fills one in by hand names a day, a weekday and a month that exist, and the
+/// month's length.
 struct KBTRepetitionInstance {
   std::int64_t occurrence = 0;  ///< its number in the series, 0 for the first
   std::uint8_t second = 0;

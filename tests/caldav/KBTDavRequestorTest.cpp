@@ -155,13 +155,17 @@ TEST(KBTDavRequestor, AnswersAChallengeOnceWithUserAndPassword) {
                 {.status = 401, .fields = {{"WWW-Authenticate", "NTLM"}}, .body = "out"});
   server.expect({.path = "/preset", .fields = {{"Authorization", "mine"}}},
                 {.status = 401, .challenges = {basic}});
+  server.expect({.path = "/moved", .fields = {{"Authorization", "mine"}}},
+                {.status = 307, .fields = {{"Location", "/there"}}});
+  server.expect({.path = "/there", .noOtherFields = true}, {.status = 401, .challenges = {basic}});
   requestor->ask(server.url("/good"), "good");
   requestor->ask(server.url("/bad"), "bad");
   requestor->ask(server.url("/ntlm"), "ntlm");
   requestor->ask(server.url("/preset"), "preset", "GET", {{"Authorization", "mine"}});
-  EXPECT_THAT(requestor->outcomesAfter(4),
+  requestor->ask(server.url("/moved"), "moved", "GET", {{"Authorization", "mine"}});
+  EXPECT_THAT(requestor->outcomesAfter(5),
               ElementsAre("good in", "bad KBTDavConnection 401", "ntlm KBTDavConnection 401",
-                          "preset KBTDavConnection 401"));
+                          "preset KBTDavConnection 401", "moved KBTDavConnection 401"));
 }
 
 TEST(KBTDavRequestor, TransportErrorsArriveAsTheyAre) {

@@ -82,6 +82,9 @@ TEST(KBTCalRepetitionInstances, Monthly) {
       {"FREQ=MONTHLY;BYDAY=5MO", "20240101T100000", "20240101T1000 20240129T1000 20240429T1000"},
       {"FREQ=MONTHLY;BYDAY=1SU", "20240107T100000", "20240107T1000 20240204T1000 20240303T1000"},
       {"FREQ=MONTHLY;BYDAY=6MO", "20240101T100000", "20240101T1000 end"},
+      // Of BYMONTHDAY, a numbered weekday and BYSETPOS the first decides.
+      {"FREQ=MONTHLY;BYDAY=2MO;BYSETPOS=1", "20240101T100000", "20240101T1000 20240108T1000"},
+      {"FREQ=MONTHLY;BYMONTHDAY=13;BYDAY=1FR", "20240101T100000", "20240101T1000 20240113T1000"},
       {"FREQ=MONTHLY;BYDAY=999999999999MO", "20240101T100000", "20240101T1000 end"},
       // Intended: weekdays alone select nothing, and BYMONTH nothing in monthly rules.
       {"FREQ=MONTHLY;BYDAY=MO,TU;BYMONTH=7", "20240131T100000", "20240131T1000 20240229T1000"},
@@ -109,11 +112,15 @@ TEST(KBTCalRepetitionInstances, Yearly) {
       {"FREQ=YEARLY;BYMONTH=1,6;BYMONTHDAY=15", "20240131T100000",
        "20240131T1000 20240615T1000 20250115T1000 20250615T1000"},
       {"FREQ=YEARLY;BYMONTH=2;BYMONTHDAY=29", "20240229T100000", "20240229T1000 20280229T1000"},
+      {"FREQ=YEARLY;BYMONTH=2", "20240131T100000", "20240131T1000 20240229T1000 20250228T1000"},
+      {"FREQ=YEARLY;BYMONTH=6;BYMONTHDAY=15", "20240110T100000", "20240110T1000 20240615T1000"},
+      {"FREQ=YEARLY;BYMONTH=1,2", "20240229T100000", "20240229T1000 20250128T1000"},
       {"FREQ=YEARLY;INTERVAL=2;BYMONTH=3,10;BYDAY=-1SU", "20240331T100000",
        "20240331T1000 20241027T1000 20260329T1000"},
       {"FREQ=YEARLY;BYMONTH=11;BYDAY=4TH", "20241128T100000",
        "20241128T1000 20251127T1000 20261126T1000"},
-      // Plain weekdays select nothing; the day is that of the start, moved to a month's end for good.
+      // Plain weekdays select nothing; the day is that of the start, moved to a month's end for
+      // good.
       {"FREQ=YEARLY;BYMONTH=1,2,5;BYDAY=MO", "20240131T100000",
        "20240131T1000 20240229T1000 20240529T1000 20250129T1000 20250228T1000 20250528T1000"},
       {"FREQ=YEARLY;BYMONTH=2;BYMONTHDAY=30", "20240131T100000", "20240131T1000 end"},
@@ -137,9 +144,30 @@ TEST(KBTCalRepetitionInstances, EndsByCountAndDay) {
   });
 }
 
+// What only setters leave behind.
+TEST(KBTCalRepetitionInstances, FollowStaleParts) {
+  const Rule rule = ruleFrom("FREQ=DAILY", "20240131T100000");
+  rule->setEndDate(localDate("20240201T000000"));
+  rule->setRecurrenceCount(4);
+  EXPECT_EQ(seriesOf(*rule, 9), "20240131T1000 20240201T1000 20240202T1000 20240203T1000 end");
+  const Rule numbered = ruleFrom("FREQ=MONTHLY;BYDAY=2MO", "20240101T100000");
+  numbered->setDaysOfTheWeek(
+      {{KBTCalRepetitionDayOfWeek::dayOfWeek(5), KBTCalRepetitionDayOfWeek::dayOfWeek(2)}});
+  EXPECT_EQ(seriesOf(*numbered, 2), "20240101T1000 20240109T1000") << "the lowest weekday counts";
+  numbered->setDaysOfTheWeek(std::nullopt);
+  EXPECT_EQ(seriesOf(*numbered, 2), "20240101T1000 end") << "a number without weekday";
+}
+
 TEST(KBTCalRepetitionInstances, AnEndMarkerIsFollowedByOne) {
   const Rule rule = ruleFrom("FREQ=DAILY;COUNT=1", "20240131T100000");
-  const auto end = rule->nextRepetitionInstance(rule->firstRepetitionInstance());
+  auto end = rule->nextRepetitionInstance(rule->firstRepetitionInstance());
+  EXPECT_EQ(end.occurrence, 1);
+  KBTCalRepetition::addDays_repetitionInstance(3, end);
+  EXPECT_EQ(textOf(end), "end");
+  const Rule never = ruleFrom("FREQ=MONTHLY;BYDAY=6MO", "20240101T100000");
+  EXPECT_EQ(never->nextRepetitionInstance(never->firstRepetitionInstance()),
+            (KBTRepetitionInstance{1, 0, 0, 10, 0, 1, 1, 31, 2024}))
+      << "found out in the first month";
   rule->setRecurrenceCount(0);
   EXPECT_EQ(textOf(rule->nextRepetitionInstance(end)), "end");
   EXPECT_EQ(KBTCalRepetition::dateForInstance(end), std::nullopt);
@@ -156,10 +184,10 @@ TEST(KBTCalRepetitionInstances, CarryEveryField) {
   EXPECT_EQ(KBTCalRepetition::dateForInstance(instance), localDate("20240228T235900"))
       << "intended: dates are whole minutes";
   // Intended: these two frequencies count weekdays from 1.
-  const Rule hourly = ruleFrom("FREQ=HOURLY", "20240127T233000");
+  const Rule hourly = ruleFrom("FREQ=HOURLY", "20240127T233040");
   instance = hourly->nextRepetitionInstance(hourly->firstRepetitionInstance());
   EXPECT_EQ(instance, (KBTRepetitionInstance{1, 0, 30, 0, 28, 1, 1, 31, 2024}));
-  const Rule monthly = ruleFrom("FREQ=MONTHLY;BYDAY=-1FR", "20240131T100000");
+  const Rule monthly = ruleFrom("FREQ=MONTHLY;BYDAY=-1FR", "20240131T100050");
   instance = monthly->nextRepetitionInstance(monthly->firstRepetitionInstance());
   EXPECT_EQ(instance, (KBTRepetitionInstance{1, 0, 0, 10, 23, 5, 2, 29, 2024}));
 }
@@ -181,6 +209,8 @@ TEST(KBTCalRepetitionInstances, InNewYork) {
       {"FREQ=HOURLY", "20241103T003000", "20241103T0030 20241103T0130 20241103T0230"},
       {"FREQ=HOURLY;INTERVAL=6", "20241102T200000", "20241102T2000 20241103T0100 20241103T0600"},
       {"FREQ=MINUTELY;INTERVAL=20", "20241103T012000", "20241103T0120 20241103T0140 20241103T0200"},
+      {"FREQ=MINUTELY", "18831118T120100",
+       "18831118T1201 18831118T1202 18831118T1203 18831118T1204"},  // four minutes repeat in part
       {"FREQ=MINUTELY;INTERVAL=45", "20241103T001500",
        "20241103T0015 20241103T0100 20241103T0145 20241103T0215"},
   });
@@ -194,6 +224,8 @@ TEST(KBTCalRepetitionInstances, InParis) {
   const ScopedTimeZone zone("Europe/Paris");
   expectSeries({
       {"FREQ=MONTHLY;BYDAY=-1SU", "20240225T023000", "20240225T0230 20240331T0230 20240428T0330"},
+      // The search for a last weekday has gone back to 26 January, and the step starts from there.
+      {"FREQ=MONTHLY;INTERVAL=2;BYDAY=-1FR", "20240131T023000", "20240131T0230 20240329T0230"},
       {"FREQ=HOURLY", "20241027T013000", "20241027T0130 20241027T0230 20241027T0330"},
       {"FREQ=WEEKLY;UNTIL=20241027", "20241020T000000", "20241020T0000 20241027T0000 end"},
   });
@@ -302,6 +334,12 @@ TEST(KBTCalRepetitionInstances, EndWithTheCalendar) {
       EXPECT_EQ(textOf(instance), "end") << text;
     }
   }
+  // Lengths that would overflow, if they were let, to something short.
+  expectSeries({
+      {"FREQ=HOURLY;INTERVAL=5124095576030432", "20240131T100000", "20240131T1000 end"},
+      {"FREQ=MINUTELY;INTERVAL=307445734561825861", "20240131T100000", "20240131T1000 end"},
+      {"FREQ=WEEKLY;INTERVAL=2635249153387078803", "20240131T100000", "20240131T1000 end"},
+  });
   const Rule rule = ruleOf("FREQ=DAILY");
   rule->setStartDate(last.dateByAddingSeconds(60));
   EXPECT_EQ(seriesOf(*rule, 2), "end") << "a start outside the calendar";

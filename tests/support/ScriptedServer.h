@@ -31,8 +31,8 @@ struct Challenge {
   bool stale = false;             // the nonces given before are refused from now on
 };
 
-/// What a request must prove to know: for Digest by the right answer to a challenge this server gave
-/// and has not called stale since, with a nonce count that has grown.
+/// What a request must prove to know: for Digest by the right answer to a challenge this server
+/// gave and has not called stale since, with a nonce count that has grown.
 struct Credential {
   AuthScheme scheme = AuthScheme::basic;
   std::string user;
@@ -97,8 +97,8 @@ std::string certificateAuthorityFile();
 
 /// An HTTP/1.1 server on 127.0.0.1, in a thread of its own, that plays a script: the requests must
 /// come in its order and be as it says. One that is not is answered 599, with the reason as body,
-/// and becomes a problem; so does an exchange that is left over in the end. Problems that nobody has
-/// taken by `finish()` fail the test when the server goes.
+/// and becomes a problem; so does an exchange that is left over in the end. Problems that nobody
+/// has taken by `finish()` fail the test when the server goes.
 class ScriptedServer {
  public:
   ScriptedServer();

@@ -32,8 +32,8 @@ constexpr bool isInCalendar(std::int64_t year) {
   return year >= NSCalendar::minimumYear && year <= NSCalendar::maximumYear;
 }
 
-/// An amount of any calendar unit, held so far from the ends of 64 bits that arithmetic on it cannot
-/// overflow, and so far beyond the calendar that it does not matter.
+/// An amount of any calendar unit, held so far from the ends of 64 bits that arithmetic on it
+/// cannot overflow, and so far beyond the calendar that it does not matter.
 constexpr std::int64_t boundedAmount(std::int64_t amount) {
   constexpr std::int64_t largest = std::numeric_limits<std::int64_t>::max() / 1'000'000;
   return std::clamp(amount, -largest, largest);

@@ -32,8 +32,8 @@ struct AuthenticateChallenge {
 /// counts.
 std::vector<AuthenticateChallenge> parseAuthenticateHeader(std::string_view value);
 
-/// The challenge to raise: Digest, else Basic, else NTLM, else Negotiate; null when there is none of
-/// them. Of several of one scheme the first that can be answered.
+/// The challenge to raise: Digest, else Basic, else NTLM, else Negotiate; null when there is none
+/// of them. Of several of one scheme the first that can be answered.
 const AuthenticateChallenge* challengeToRaise(const std::vector<AuthenticateChallenge>& challenges);
 
 }  // namespace quillmere

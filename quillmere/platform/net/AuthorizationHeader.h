@@ -7,8 +7,9 @@
 
 #include <string>
 
-// Internal: the answer to a challenge. libcurl would make it as well, but keeps the first nonce that a
-// handle was shown, and so cannot answer one that has become stale without trying the old one.
+// Internal: the answer to a challenge. libcurl would make it as well, but keeps the first nonce
+// that a handle was shown, and so cannot answer one that has become stale without trying the old
+// one.
 namespace quillmere {
 
 /// The value of Authorization for a request, by Basic (RFC 7617) or Digest (RFC 7616: MD5 and

@@ -109,8 +109,8 @@ void DataTaskRun::transferMoved() {
   deliverBody();
 }
 
-// Redirects and challenges are taken in whole before the delegate is asked, so that their connection
-// can serve again; when they turn out to be the answer, their body is there.
+// Redirects and challenges are taken in whole before the delegate is asked, so that their
+// connection can serve again; when they turn out to be the answer, their body is there.
 void DataTaskRun::transferEnded(const NSErrorPtr& error) {
   if (isOver()) return;
   const auto kept = shared_from_this();

@@ -7,8 +7,8 @@
 #include <utility>
 #include <vector>
 
-// Internal: the notions that HTTP's header fields share (RFC 9110 section 5). Case is that of ASCII,
-// whatever the locale.
+// Internal: the notions that HTTP's header fields share (RFC 9110 section 5). Case is that of
+// ASCII, whatever the locale.
 namespace quillmere {
 
 std::string lowerCaseASCII(std::string_view text);

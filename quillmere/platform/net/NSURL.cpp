@@ -205,8 +205,13 @@ optional<Server> serverOf(const Components& components) {
   const UTF8Locale locale;
   const std::unique_ptr<CURLU, decltype(&::curl_url_cleanup)> url(::curl_url(),
                                                                   &::curl_url_cleanup);
-  const string text = string(scheme).append(authority) + '/';
-  if (::curl_url_set(url.get(), CURLUPART_URL, text.c_str(), 0) != CURLUE_OK) return std::nullopt;
+  const auto read = [&url](const string& text) {
+    const auto code = ::curl_url_set(url.get(), CURLUPART_URL, text.c_str(), 0);
+    return code == CURLUE_OK ? partOf(url.get(), CURLUPART_URL, 0) : std::nullopt;
+  };
+  // Twice, since libcurl looks for an IPv4 address before it decodes the host.
+  const auto decoded = read(string(scheme).append(authority) + '/');
+  if (!decoded || !read(*decoded)) return std::nullopt;
   auto host = partOf(url.get(), CURLUPART_HOST, 0);
   const auto port = partOf(url.get(), CURLUPART_PORT, 0);
   const auto zone = partOf(url.get(), CURLUPART_ZONEID, 0);

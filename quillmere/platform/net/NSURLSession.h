@@ -134,8 +134,8 @@ class NSURLSessionDataTask : public std::enable_shared_from_this<NSURLSessionDat
 };
 
 /// What a session tells, and asks. Every call comes from the delegate queue's loop. A completion
-/// handler may be called at once or later, once; the task waits for it. In any call the delegate may
-/// make, resume and cancel tasks, and let go of the session.
+/// handler may be called at once or later, once; the task waits for it. In any call the delegate
+/// may make, resume and cancel tasks, and let go of the session.
 class NSURLSessionDelegate {
  public:
   virtual ~NSURLSessionDelegate() = default;
@@ -158,8 +158,8 @@ class NSURLSessionDelegate {
 
   /// A 401 or 407 that asks for Digest or Basic, of a request without a field Authorization of its
   /// own. The handler takes a disposition and a credential: with one to use the request is sent
-  /// again with it; `cancelAuthenticationChallenge` cancels the task; in any other case the response
-  /// is this one. Default: no credential.
+  /// again with it; `cancelAuthenticationChallenge` cancels the task; in any other case the
+  /// response is this one. Default: no credential.
   virtual void URLSession_task_didReceiveChallenge_completionHandler(
       NSURLSession& session, NSURLSessionDataTask& task,
       const NSURLAuthenticationChallenge& challenge,

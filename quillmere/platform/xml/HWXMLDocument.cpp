@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <optional>
 #include <pugixml.hpp>
 #include <string>
 #include <utility>
@@ -31,14 +32,21 @@ class Finisher : private pugi::xml_tree_walker {
 
   // False when a reference or an element's attributes are not well-formed.
   bool finish(pugi::xml_document& nodes) {
-    if (!nodes.traverse(*this)) return false;
-    for (const pugi::xml_node text : blankTexts_) text.parent().remove_child(text);
-    return true;
+    const bool isFinished = nodes.traverse(*this);
+    removeBlank();
+    return isFinished;
   }
 
  private:
   bool for_each(pugi::xml_node& node) override {
+    removeBlank();
     return isText(node) ? finishText(node) : finishAttributes(node);
+  }
+
+  void removeBlank() {
+    if (!blank_) return;
+    blank_->parent().remove_child(*blank_);
+    blank_.reset();
   }
 
   // Joins the pieces of a text and replaces the references in them.
@@ -58,7 +66,7 @@ class Finisher : private pugi::xml_tree_walker {
       if (done != text) done.parent().remove_child(done);
     }
     *end = '\0';
-    if (isBlank({start, static_cast<std::size_t>(end - start)})) blankTexts_.push_back(text);
+    if (isBlank({start, static_cast<std::size_t>(end - start)})) blank_ = text;
     return true;
   }
 
@@ -86,9 +94,9 @@ class Finisher : private pugi::xml_tree_walker {
 
   static char* inPlace(const char* value) { return const_cast<char*>(value); }
 
-  const char* end_;                         // of all values
-  std::vector<pugi::xml_node> blankTexts_;  // not removed under the walk's feet
-  std::vector<string_view> names_;          // of one element's attributes
+  const char* end_;                      // of all values
+  std::optional<pugi::xml_node> blank_;  // a text that goes as soon as the walk has left it
+  std::vector<string_view> names_;       // of one element's attributes
 };
 
 // Whether nothing but white space stands around one root element and what may come before it.
@@ -145,7 +153,8 @@ struct HWXMLDocument::Tree {
 };
 
 bool HWXMLDocument::Tree::parse() {
-  if (!isXMLText(bytes)) return false;
+  // An open tag at the very end is one to pugixml only when no white space stands before it.
+  if (!isXMLText(bytes) || bytes.ends_with('<')) return false;
   // As a fragment, so that what stands around the root element is not skipped unseen; and with white
   // space, which between two CDATA sections is part of a text.
   constexpr unsigned options = pugi::parse_fragment | pugi::parse_declaration |

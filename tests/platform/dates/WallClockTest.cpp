@@ -78,6 +78,20 @@ TEST(WallClock, AgreesWithTheZoneOnWalks) {
   }
 }
 
+// Coming from afar to the very second of a setting, and into the hour that it repeats.
+TEST(WallClock, KnowsTheEndsOfASpanAtOnce) {
+  constexpr std::int64_t backToStandard = 1'730'613'600;  // 3 November 2024, 06:00 UTC
+  constexpr std::int64_t daylight = -4 * secondsPerHour;
+  const testing::ScopedTimeZone zone("America/New_York");
+  WallClock& clock = WallClock::current();
+  const std::int64_t repeated = backToStandard - 5 * secondsPerHour + 1800;
+  EXPECT_EQ(clock.wallTimeAt(backToStandard), wallTimeByZone(backToStandard));
+  EXPECT_EQ(clock.instantOf(repeated), repeated - daylight) << "the first of the two";
+  clock.wallTimeAt(-backToStandard);
+  EXPECT_EQ(clock.wallTimeAt(backToStandard), wallTimeByZone(backToStandard));
+  EXPECT_EQ(clock.wallTimeAt(backToStandard - 1), wallTimeByZone(backToStandard - 1));
+}
+
 TEST(CivilDate, IsTheSameDayAsItsNumber) {
   EXPECT_EQ(civilDate(0), (CivilDate{1970, 1, 1}));
   EXPECT_EQ(weekdayOf(0), 4);

@@ -183,6 +183,7 @@ TEST(HWXMLReading, RefusesWhatIsNotWellFormed) {
       "<a/><b/>",
       "<a/></a>",
       "<a/><",
+      "<a/> <",
       "<![CDATA[x]]><a/>",
       "<a/><![CDATA[ ]]>",
       " <?xml version='1.0'?><a/>",

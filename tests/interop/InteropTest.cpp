@@ -1,0 +1,314 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <quillmere/caldav/KBTDavConnection.h>
+
+#include <algorithm>
+#include <cstdlib>
+
+#include "tests/support/CollectionHost.h"
+#include "tests/support/CurlClient.h"
+#include "tests/support/SessionHost.h"
+
+// Every operation of a collection against the server that `servers.py` started.
+
+namespace quillmere {
+namespace {
+
+using ::testing::Contains;
+using ::testing::ContainsRegex;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+// Where the servers differ.
+struct Answers {
+  const char* server;
+  const char* challenge;       // the scheme by which it lets users in
+  const char* noCalendar;      // to a resource that is none
+  const char* missingAddress;  // to a fetch of one that is there and one that is not
+  const char* freeBusy;        // of one event
+};
+
+constexpr Answers answersOfServers[] = {
+    {"radicale", "Basic", "failed KBTDavConnection 400", "events", "freebusy 0"},
+    {"sabredav_basic", "Basic", "failed KBTDavConnection 415", "failed KBTDavConnection 404",
+     "freebusy 1"},
+    {"sabredav_digest", "Digest", "failed KBTDavConnection 415", "failed KBTDavConnection 404",
+     "freebusy 1"},
+};
+
+std::string environment(const char* name) {
+  const char* const value = std::getenv(name);
+  if (!value) throw std::runtime_error(std::string("run this by servers.py: no ") + name);
+  return value;
+}
+
+const Answers& answers() {
+  const std::string name = environment("QUILLMERE_INTEROP_SERVER");
+  for (const Answers& known : answersOfServers) {
+    if (name == known.server) return known;
+  }
+  throw std::runtime_error("nothing is known of " + name);
+}
+
+std::string component(const std::string& kind, const std::string& uid, const std::string& lines) {
+  return "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Quillmere//Tests//EN\r\nBEGIN:" + kind +
+         "\r\nUID:" + uid + "\r\nDTSTAMP:20240101T000000Z\r\n" + lines + "END:" + kind +
+         "\r\nEND:VCALENDAR\r\n";
+}
+
+std::string event(const std::string& uid, const std::string& summary = "Tea",
+                  const std::string& day = "20240105") {
+  return component(
+      "VEVENT", uid,
+      "DTSTART:" + day + "T090000Z\r\nDTEND:" + day + "T100000Z\r\nSUMMARY:" + summary + "\r\n");
+}
+
+NSDate utc(const char* text) { return NSDate::initWithICSDateString(text).value(); }
+
+// A new collection of its own for each test.
+class Interop : public ::testing::Test {
+ protected:
+  using Operation = std::function<void(KBTDavConnection&)>;
+
+  void SetUp() override {
+    const auto* const test = ::testing::UnitTest::GetInstance()->current_test_info();
+    url_ = environment("QUILLMERE_INTEROP_HOME") + test->name() + "/";
+    testing::CurlClient client;
+    client.set(CURLOPT_HTTPAUTH, static_cast<long>(CURLAUTH_ANY));
+    client.set(CURLOPT_USERNAME, environment("QUILLMERE_USER").c_str());
+    client.set(CURLOPT_PASSWORD, environment("QUILLMERE_PASSWORD").c_str());
+    ASSERT_EQ(client.perform("MKCALENDAR", url_).status, 201);
+    login(environment("QUILLMERE_PASSWORD"));
+  }
+  void TearDown() override {
+    if (principal_) principal_->invalidate();
+  }
+
+  void login(const std::string& password) {
+    if (principal_) principal_->invalidate();
+    const NSURL address = NSURL::URLWithString(url_).value();
+    principal_ = KBTDavPrincipal::initWithDelegate_username_andPassword_forServer(
+        nullptr, environment("QUILLMERE_USER"), password, address);
+    collection_ = KBTDavConnection::initWithCalendarName_description_URL_forPrincipal(
+        std::nullopt, std::nullopt, address, principal_);
+    host_ = std::make_shared<testing::CollectionHost>();
+    collection_->setDelegate(host_);
+  }
+
+  // What an operation comes to, without the context.
+  std::string outcomeOf(const Operation& start) {
+    host_->events.clear();
+    start(*collection_);
+    if (!testing::runUntil([&] { return !host_->events.empty(); })) return "nothing";
+    EXPECT_EQ(host_->events.size(), 1U);
+    const std::string& event = host_->events.front();
+    return event.substr(0, event.rfind(" ["));
+  }
+
+  std::string tag() {
+    return outcomeOf([](auto& collection) { collection.reportCTagWithContext({}); });
+  }
+  std::string create(const std::string& name, const std::string& text) {
+    return outcomeOf([&](auto& collection) {
+      collection.createResource_withName_context(NSData::dataWithString(text), name, {});
+    });
+  }
+  std::string update(const std::string& name, const std::string& text,
+                     const std::optional<std::string>& etag) {
+    return outcomeOf([&](auto& collection) {
+      collection.updateResource_withName_andETag_context(NSData::dataWithString(text), name, etag,
+                                                         {});
+    });
+  }
+  std::string remove(const std::string& name, const std::optional<std::string>& etag = {}) {
+    return outcomeOf([&](auto& collection) {
+      collection.deleteResourceWithName_andETag_context(name, etag, {});
+    });
+  }
+  std::string fetch(const std::vector<std::string>& addresses) {
+    return outcomeOf(
+        [&](auto& collection) { collection.multigetEventsForAddresses_context(addresses, {}); });
+  }
+  // The addresses listed, as paths below the collection with their escapes undone.
+  std::vector<std::string> list(bool events, bool contents, std::optional<NSDate> from = {},
+                                std::optional<NSDate> to = {}) {
+    const std::string outcome = outcomeOf([&](auto& collection) {
+      collection.reportEvents_includingContents_fromDate_toDate_context(events, contents, from, to,
+                                                                        {});
+    });
+    EXPECT_THAT(outcome, StartsWith("events"));
+    const std::string folder = NSURL::URLWithString(url_)->path();
+    std::vector<std::string> names;
+    for (const auto& [address, etag] : host_->etags) {
+      EXPECT_THAT(address, StartsWith(folder));
+      names.push_back(unescaped(address.substr(folder.size())));
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+  }
+
+  static std::string unescaped(const std::string& text) {
+    int length = 0;
+    const std::unique_ptr<char, decltype(&curl_free)> plain(
+        curl_easy_unescape(nullptr, text.c_str(), static_cast<int>(text.size()), &length),
+        &curl_free);
+    return {plain.get(), static_cast<std::size_t>(length)};
+  }
+
+  std::string url_;
+  std::shared_ptr<KBTDavPrincipal> principal_;
+  std::shared_ptr<KBTDavConnection> collection_;
+  std::shared_ptr<testing::CollectionHost> host_;
+};
+
+// What all the others stand on: that the server asks for the login, in the way this run is about.
+TEST_F(Interop, TheServerChallenges) {
+  testing::CurlClient client;
+  const auto outcome = client.perform("PROPFIND", url_);
+  EXPECT_EQ(outcome.status, 401);
+  EXPECT_THAT(outcome.heads,
+              Contains(StartsWith(std::string("WWW-Authenticate: ") + answers().challenge)));
+}
+
+TEST_F(Interop, TagChangesWithEveryWrite) {
+  std::vector<std::string> tags = {tag()};
+  create("a", event("a"));
+  tags.push_back(tag());
+  update("a", event("a", "Coffee"), std::nullopt);
+  tags.push_back(tag());
+  EXPECT_EQ(tag(), tags.back());
+  remove("a");
+  tags.push_back(tag());
+  for (const std::string& text : tags) EXPECT_THAT(text, ContainsRegex("^ctag .*[0-9a-f]"));
+  for (std::size_t i = 1; i < tags.size(); ++i) EXPECT_NE(tags[i], tags[i - 1]) << i;
+}
+
+TEST_F(Interop, CreatedResourcesAreListedUnderTheirNames) {
+  const std::string created = create("plain", event("1"));
+  EXPECT_THAT(created, ContainsRegex("^created \".+\"$"));
+  EXPECT_THAT(create("two words", event("2")), StartsWith("created \""));
+  EXPECT_THAT(create("alice@example.com", event("3")), StartsWith("created \""));
+  EXPECT_THAT(create("Tee f\xC3\xBCr zwei", event("4")), StartsWith("created \""));
+  EXPECT_THAT(list(true, false), ElementsAre("Tee f\xC3\xBCr zwei.ics", "alice@example.com.ics",
+                                             "plain.ics", "two words.ics"));
+  const std::string path = NSURL::URLWithString(url_)->path();
+  EXPECT_EQ("created " + host_->etags[path + "plain.ics"], created);
+  EXPECT_TRUE(host_->contents.empty());
+
+  // The listed addresses are those by which the resources are fetched.
+  std::vector<std::string> addresses;
+  for (const auto& [address, etag] : host_->etags) addresses.push_back(address);
+  const KBTDavResourceTexts listed = host_->etags;
+  fetch(addresses);
+  EXPECT_EQ(host_->etags, listed);
+  EXPECT_EQ(host_->contents.size(), addresses.size());
+
+  for (const char* name : {"plain", "two words", "alice@example.com", "Tee f\xC3\xBCr zwei"}) {
+    EXPECT_EQ(remove(name), "deleted") << name;
+  }
+  EXPECT_THAT(list(true, false), ElementsAre());
+}
+
+// No server heeds the misspelt condition.
+TEST_F(Interop, CreatingOverATakenNameReplaces) {
+  const std::string first = create("a", event("a"));
+  const std::string second = create("a", event("a", "Coffee"));
+  EXPECT_THAT(second, StartsWith("created \""));
+  EXPECT_NE(second, first);
+  list(true, true);
+  ASSERT_EQ(host_->contents.size(), 1U);
+  EXPECT_THAT(host_->contents.begin()->second, HasSubstr("SUMMARY:Coffee"));
+}
+
+TEST_F(Interop, UpdatesWithoutATagAndIsRefusedWithOne) {
+  const std::string created = create("a", event("a"));
+  const std::string updated = update("a", event("a", "Coffee"), std::nullopt);
+  EXPECT_THAT(updated, StartsWith("updated \""));
+  const std::string etag = updated.substr(updated.find('"'));
+  EXPECT_NE("created " + etag, created);
+  EXPECT_EQ(update("a", event("a", "Cake"), etag), "failed KBTDavConnection 412");
+  EXPECT_EQ(remove("a", etag), "failed KBTDavConnection 412");
+  fetch({NSURL::URLWithString(url_)->path() + "a.ics"});
+  ASSERT_EQ(host_->contents.size(), 1U);
+  EXPECT_EQ(host_->etags.begin()->second, etag);
+  EXPECT_THAT(host_->contents.begin()->second, HasSubstr("SUMMARY:Coffee"));
+}
+
+TEST_F(Interop, ListsByKindAndDates) {
+  create("january", event("1", "Tea & <cake> f\xC3\xBCr zwei", "20240105"));
+  create("march", event("2", "Tea", "20240305"));
+  create("task", component("VTODO", "3", "DUE:20240105T120000Z\r\nSUMMARY:Ferry\r\n"));
+  const auto from = utc("20240101T000000Z");
+  const auto to = utc("20240201T000000Z");
+  EXPECT_THAT(list(true, false), ElementsAre("january.ics", "march.ics"));
+  EXPECT_THAT(list(false, false), ElementsAre("task.ics"));
+  EXPECT_THAT(list(false, false, from, to), ElementsAre("task.ics"));
+  EXPECT_THAT(list(false, false, utc("20240301T000000Z"), utc("20240401T000000Z")), ElementsAre());
+  EXPECT_THAT(list(true, true, from, to), ElementsAre("january.ics"));
+  ASSERT_EQ(host_->contents.size(), 1U);
+  EXPECT_THAT(host_->contents.begin()->second, HasSubstr("SUMMARY:Tea & <cake> f\xC3\xBCr zwei"));
+  EXPECT_EQ(host_->contents.begin()->first, host_->etags.begin()->first);
+}
+
+TEST_F(Interop, FetchesWhatIsThere) {
+  create("a", event("a"));
+  const std::string path = NSURL::URLWithString(url_)->path();
+  EXPECT_THAT(fetch({path + "a.ics", path + "gone.ics"}), StartsWith(answers().missingAddress));
+  fetch({path + "a.ics"});
+  EXPECT_THAT(host_->contents, ElementsAre(::testing::Pair(path + "a.ics", HasSubstr("UID:a"))));
+}
+
+TEST_F(Interop, TellsWhenItsOwnerIsBusy) {
+  create("a", event("a"));
+  EXPECT_EQ(outcomeOf([](auto& collection) {
+              collection.reportFreebusyFromDate_toDate_context(utc("20240101T000000Z"),
+                                                               utc("20240201T000000Z"), {});
+            }),
+            answers().freeBusy);
+}
+
+TEST_F(Interop, DeletesOnceAndAgain) {
+  create("a", event("a"));
+  EXPECT_EQ(remove("a"), "deleted");
+  EXPECT_EQ(remove("a"), "deleted");
+  EXPECT_THAT(list(true, false), ElementsAre());
+}
+
+TEST_F(Interop, WhatIsNoCalendarIsRefused) {
+  EXPECT_EQ(create("a", "Tea with Alice"), answers().noCalendar);
+  EXPECT_THAT(list(true, false), ElementsAre());
+}
+
+TEST_F(Interop, AWrongPasswordFailsEveryOperation) {
+  login("wrong");
+  const std::string refused = "failed KBTDavConnection 401";
+  EXPECT_EQ(tag(), refused);
+  EXPECT_EQ(create("a", event("a")), refused);
+  EXPECT_EQ(remove("a"), refused);
+  EXPECT_EQ(fetch({"/a.ics"}), refused);
+}
+
+TEST_F(Interop, RemovesItself) {
+  create("a", event("a"));
+  EXPECT_EQ(outcomeOf([](auto& collection) { collection.removeCalendar(); }), "removed");
+  EXPECT_EQ(tag(), "failed KBTDavConnection 404");
+}
+
+// One after another in the order of the asking, over one session.
+TEST_F(Interop, ManyOperationsAtOnce) {
+  constexpr int count = 20;
+  for (int i = 0; i < count; ++i) {
+    const std::string name = std::to_string(i);
+    collection_->createResource_withName_context(NSData::dataWithString(event(name)), name, {});
+  }
+  collection_->reportEvents_includingContents_fromDate_toDate_context(true, true, {}, {}, {});
+  ASSERT_TRUE(testing::runUntil([&] { return host_->events.size() == count + 1; }));
+  for (int i = 0; i < count; ++i) {
+    EXPECT_THAT(host_->events[static_cast<std::size_t>(i)], StartsWith("created \""));
+  }
+  EXPECT_EQ(host_->contents.size(), static_cast<std::size_t>(count));
+}
+
+}  // namespace
+}  // namespace quillmere

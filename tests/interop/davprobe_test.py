@@ -1,0 +1,194 @@
+"""Runs the davprobe example against a real server.
+
+Usage: davprobe_test.py DAVPROBE
+"""
+
+import os
+import pty
+import re
+import select
+import subprocess
+import sys
+import tempfile
+import unittest
+from pathlib import Path
+
+from servers import PASSWORD, USER, Server
+
+DAVPROBE = os.path.abspath(sys.argv[1])
+
+
+def calendar(kind, uid, summary):
+    return (f"BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Quillmere//Tests//EN\r\nBEGIN:{kind}\r\n"
+            f"UID:{uid}\r\nDTSTAMP:20240101T000000Z\r\nDTSTART:20240105T090000Z\r\n"
+            f"SUMMARY:{summary}\r\nEND:{kind}\r\nEND:VCALENDAR\r\n").encode()
+
+
+EVENT = calendar("VEVENT", "tea", "Tea with Søren")
+TO_DO = calendar("VTODO", "ferry", "Book the ferry")
+
+
+class DavProbeTest(unittest.TestCase):
+    def setUp(self):
+        self.server = self.enterContext(Server("sabredav_digest"))
+        self.url = self.server.make_collection("work")
+        self.folder = Path(self.enterContext(tempfile.TemporaryDirectory()))
+        self.environment = {name: value for name, value in os.environ.items()
+                            if not name.startswith(("QUILLMERE", "KBT"))}
+        self.environment |= {"QUILLMERE_USER": USER, "QUILLMERE_PASSWORD": PASSWORD}
+
+    def davprobe(self, *arguments, status=0, environment={}):
+        result = subprocess.run([DAVPROBE, *map(str, arguments)], capture_output=True, timeout=30,
+                                stdin=subprocess.DEVNULL, start_new_session=True,
+                                env=self.environment | environment)
+        self.assertEqual(result.returncode, status, result)
+        if not status and "--log" not in arguments:
+            self.assertEqual(result.stderr, b"")
+        return result
+
+    def put(self, name, data):
+        """The entity tag that the resource is said to have."""
+        file = self.folder / "file.ics"
+        file.write_bytes(data)
+        out = self.davprobe(self.url, "put", name, file).stdout.decode()
+        self.assertRegex(out, f'^put {re.escape(name)}\t"[0-9a-f]+"\n$')
+        return out.split("\t")[1].strip()
+
+    def probe(self):
+        out = self.davprobe(self.url).stdout.decode()
+        tag, *rest = out.splitlines()
+        self.assertRegex(tag, "^tag: [0-9]+$")
+        return tag, rest
+
+    def test_puts_lists_gets_and_deletes(self):
+        tag, rest = self.probe()
+        self.assertEqual(rest, ["may hold: events, to-dos", "resources: 0, bytes: 0"])
+        self.assertEqual(self.davprobe(self.url, "list").stdout, b"")
+
+        odd = "50% off? #1 a:b+c@d & für %41"
+        tags = {"tea": self.put("tea", EVENT), "my ferry": self.put("my ferry", TO_DO),
+                odd: self.put(odd, calendar("VEVENT", "odd", "Sale"))}
+        listed = self.davprobe(self.url, "list").stdout.decode()
+        self.assertEqual(listed, "".join(f"{name}\t{tags[name]}\n" for name in sorted(tags)))
+        self.assertEqual(self.davprobe(self.url, "get", odd).stdout.replace(b"\r", b""),
+                         calendar("VEVENT", "odd", "Sale").replace(b"\r", b""))
+        self.davprobe(self.url, "delete", odd)
+
+        # A URL without its slash is that of the same collection. The lines of a text come with
+        # single line feeds, because they were in XML.
+        plain = [text.replace(b"\r", b"") for text in (EVENT, TO_DO)]
+        for url in (self.url, self.url.rstrip("/")):
+            self.assertEqual(self.davprobe(url, "get", "tea").stdout, plain[0])
+            self.assertEqual(self.davprobe(url, "get", "my ferry").stdout, plain[1])
+        later, rest = self.probe()
+        self.assertNotEqual(later, tag)
+        size = sum(map(len, plain))
+        self.assertEqual(rest[1], f"resources: 2, bytes: {size}")
+
+        again = self.put("tea", EVENT.replace("Søren".encode(), b"Ida"))
+        self.assertNotEqual(again, tags["tea"])
+        self.assertIn(b"SUMMARY:Tea with Ida\n", self.davprobe(self.url, "get", "tea").stdout)
+
+        for _ in range(2):
+            self.assertEqual(self.davprobe(self.url, "delete", "tea").stdout, b"deleted tea\n")
+        self.assertEqual(self.davprobe(self.url, "list").stdout.decode(),
+                         f"my ferry\t{tags['my ferry']}\n")
+
+    def test_failures(self):
+        file = self.folder / "text"
+        file.write_bytes(b"no calendar")
+        nobody = {"QUILLMERE_PASSWORD": "wrong"}
+        table = [
+            ((self.url,), nobody, "unauthorized (KBTDavConnection 401)"),
+            ((self.url, "list"), nobody, "unauthorized (KBTDavConnection 401)"),
+            ((self.url + "none/",), {}, "not found (KBTDavConnection 404)"),
+            ((self.url, "get", "gone"), {}, 'there is no resource "gone"'),
+            ((self.url, "get", "a\x1b]0;b\x07"), {}, 'there is no resource "a\N{REPLACEMENT CHARACTER}]0;b\N{REPLACEMENT CHARACTER}"'),
+            ((self.url, "put", "x", file), {},
+             "unsupported media type (KBTDavConnection 415)"),
+            ((self.url, "put", "x", self.folder / "gone"), {},
+             f"cannot read {self.folder / 'gone'}"),
+            (("http://127.0.0.1:1/",), {}, None),
+        ]
+        for arguments, environment, text in table:
+            with self.subTest(arguments):
+                result = self.davprobe(*arguments, status=1, environment=environment)
+                self.assertEqual(result.stdout, b"")
+                if text:
+                    self.assertEqual(result.stderr.decode(), f"davprobe: {text}\n")
+                else:
+                    self.assertRegex(result.stderr.decode(),
+                                     r"^davprobe: .+ \(NSURLErrorDomain -1004\)\n$")
+
+    def test_usage(self):
+        table = [(), (self.url, "fetch"), (self.url, "get"), (self.url, "put", "x"),
+                 (self.url, "list", "x"), (self.url, "delete", ""), ("--password", "x", self.url),
+                 ("--user",), ("ftp://example.com/",), ("",)]
+        for arguments in table:
+            with self.subTest(arguments):
+                result = self.davprobe(*arguments, status=2)
+                self.assertEqual(result.stdout, b"")
+                self.assertRegex(result.stderr.decode(),
+                                 r"^davprobe: .+\ndavprobe --help tells more\.\n$")
+        out = self.davprobe("--help").stdout.decode()
+        self.assertIn("Usage: davprobe", out)
+
+    def test_log_holds_the_traffic_and_no_secret(self):
+        self.put("tea", EVENT)
+        result = self.davprobe("--log", self.url, "get", "tea")
+        self.assertEqual(result.stdout, EVENT.replace(b"\r", b""))
+        log = result.stderr.decode()
+        self.assertIn("multistatus", log)
+        self.assertIn("SUMMARY:Tea with Søren", log)
+        for secret in (PASSWORD, "Authorization", "nonce"):
+            self.assertNotIn(secret, log)
+
+    def on_terminal(self, *arguments, typed=None):
+        """Exit status, and what a terminal shows of a davprobe that has no password but what is
+        typed, once it asks."""
+        environment = {name: value for name, value in self.environment.items()
+                       if name != "QUILLMERE_PASSWORD" or typed is None}
+        child, terminal = pty.fork()
+        if child == 0:
+            try:
+                os.execve(DAVPROBE, [DAVPROBE, *arguments], environment)
+            finally:
+                os._exit(127)
+        shown = b""
+        try:
+            while select.select([terminal], [], [], 20)[0] and (piece := os.read(terminal, 4096)):
+                shown += piece
+                if typed and shown.endswith(b": "):
+                    os.write(terminal, typed)
+                    typed = None
+        except OSError:  # a terminal that everybody closed
+            pass
+        os.close(terminal)
+        return os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]), shown.decode()
+
+    def test_asks_for_the_password_on_a_terminal(self):
+        right = self.on_terminal("--user", USER, self.url, "list", typed=b"secret\n")
+        self.assertEqual(right, (0, "Password of alice: \r\n"))
+        wrong = self.on_terminal("--user", USER, self.url, "list", typed=b"guess\n")
+        self.assertEqual(wrong, (1, "Password of alice: \r\n"
+                                    "davprobe: unauthorized (KBTDavConnection 401)\r\n"))
+        status, shown = self.on_terminal("--user", USER, self.url, "list", typed=b"\x03")
+        self.assertEqual(status, -2, shown)
+
+        del self.environment["QUILLMERE_PASSWORD"]
+        self.assertEqual(self.davprobe(self.url, status=2).stderr,
+                         b"davprobe: there is no password and no terminal to ask for it\n"
+                         b"davprobe --help tells more.\n")
+
+    def test_a_terminal_is_safe_from_what_servers_send(self):
+        # DEL and a C1 control may stand in XML, so they come through the server.
+        self.put("bell", calendar("VEVENT", "bell", "Tea \x7f \x9b31m red"))
+        status, shown = self.on_terminal(self.url, "get", "bell")
+        self.assertEqual(status, 0, shown)
+        self.assertIn("SUMMARY:Tea \ufffd \ufffd31m red\r\n", shown)
+        self.put("\x1b[31m", EVENT)
+        self.assertEqual(self.davprobe(self.url, "list").stdout.count(b"\x1b"), 0)
+
+
+if __name__ == "__main__":
+    unittest.main(argv=sys.argv[:1])
