@@ -16,11 +16,13 @@
 #include "Printing.h"
 #include "Problems.h"
 #include "StateFile.h"
+#include "common/Printable.h"
 
 namespace agenda {
 namespace {
 
 namespace fs = std::filesystem;
+using examples::printable;
 using quillmere::NSCalendar;
 using quillmere::NSDate;
 using quillmere::NSDateComponents;

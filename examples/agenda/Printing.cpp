@@ -12,9 +12,12 @@
 #include <tuple>
 #include <utility>
 
+#include "common/Printable.h"
+
 namespace agenda {
 namespace {
 
+using examples::printable;
 using quillmere::NSCalendar;
 using quillmere::NSDate;
 using std::string_view;
@@ -237,26 +240,6 @@ void printChanges(std::ostream& out, const std::string& file, const Changes& cha
   printTitles(out, "new: ", changes.added);
   printTitles(out, "updated: ", changes.updated);
   printTitles(out, "gone: ", changes.gone);
-}
-
-std::string printable(string_view text) {
-  constexpr string_view replacement = "\xEF\xBF\xBD";  // U+FFFD
-  std::string result;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const auto byte = static_cast<unsigned char>(text[i]);
-    const auto next = i + 1 < text.size() ? static_cast<unsigned char>(text[i + 1]) : 0U;
-    if (byte == '\n' || byte == '\t' || byte == '\r') {
-      result += ' ';
-    } else if (byte < ' ' || byte == 0x7f) {
-      result += replacement;
-    } else if (byte == 0xc2 && next >= 0x80 && next < 0xa0) {  // U+0080 to U+009F
-      result += replacement;
-      ++i;
-    } else {
-      result += text[i];
-    }
-  }
-  return result;
 }
 
 ProgressLine::ProgressLine(const std::string& file)

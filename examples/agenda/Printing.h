@@ -6,7 +6,6 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "CalendarHost.h"
@@ -25,10 +24,6 @@ void printList(std::ostream& out, const CalendarHost& host);
 
 /// What a fetch found in the file.
 void printChanges(std::ostream& out, const std::string& file, const Changes& changes);
-
-/// `text` as it may go to a terminal: control characters are replaced, so that nobody's summary
-/// moves the cursor.
-std::string printable(std::string_view text);
 
 /// Shows on standard error, when that is a terminal, how far the reading of a file has come.
 class ProgressLine {

@@ -35,7 +35,8 @@ class DavProbeTest(unittest.TestCase):
         self.folder = Path(self.enterContext(tempfile.TemporaryDirectory()))
         self.environment = {name: value for name, value in os.environ.items()
                             if not name.startswith(("QUILLMERE", "KBT"))}
-        self.environment |= {"QUILLMERE_USER": USER, "QUILLMERE_PASSWORD": PASSWORD}
+        self.environment |= {"QUILLMERE_USER": USER, "QUILLMERE_PASSWORD": PASSWORD,
+                             "LC_ALL": "C.UTF-8"}
 
     def davprobe(self, *arguments, status=0, environment={}):
         result = subprocess.run([DAVPROBE, *map(str, arguments)], capture_output=True, timeout=30,
@@ -51,7 +52,8 @@ class DavProbeTest(unittest.TestCase):
         file = self.folder / "file.ics"
         file.write_bytes(data)
         out = self.davprobe(self.url, "put", name, file).stdout.decode()
-        self.assertRegex(out, f'^put {re.escape(name)}\t"[0-9a-f]+"\n$')
+        shown = re.escape(name.replace("\x1b", "\ufffd"))
+        self.assertRegex(out, f'^put {shown}\t"[0-9a-f]+"\n$')
         return out.split("\t")[1].strip()
 
     def probe(self):
@@ -103,7 +105,8 @@ class DavProbeTest(unittest.TestCase):
             ((self.url, "list"), nobody, "unauthorized (KBTDavConnection 401)"),
             ((self.url + "none/",), {}, "not found (KBTDavConnection 404)"),
             ((self.url, "get", "gone"), {}, 'there is no resource "gone"'),
-            ((self.url, "get", "a\x1b]0;b\x07"), {}, 'there is no resource "a\N{REPLACEMENT CHARACTER}]0;b\N{REPLACEMENT CHARACTER}"'),
+            ((self.url, "get", "a\x1b]0;b\x07"), {},
+             'there is no resource "a\ufffd]0;b\ufffd"'),
             ((self.url, "put", "x", file), {},
              "unsupported media type (KBTDavConnection 415)"),
             ((self.url, "put", "x", self.folder / "gone"), {},
@@ -181,13 +184,17 @@ class DavProbeTest(unittest.TestCase):
                          b"davprobe --help tells more.\n")
 
     def test_a_terminal_is_safe_from_what_servers_send(self):
-        # DEL and a C1 control may stand in XML, so they come through the server.
+        # DEL and C1 controls may stand in XML, so they come through the server.
         self.put("bell", calendar("VEVENT", "bell", "Tea \x7f \x9b31m red"))
         status, shown = self.on_terminal(self.url, "get", "bell")
         self.assertEqual(status, 0, shown)
         self.assertIn("SUMMARY:Tea \ufffd \ufffd31m red\r\n", shown)
+        logged = self.on_terminal("--log", self.url, "get", "bell")[1]
+        self.assertIn("SUMMARY:Tea \ufffd \ufffd31m red\r\n", logged)
+        for control in "\x7f\x9b":
+            self.assertNotIn(control, shown + logged)
         self.put("\x1b[31m", EVENT)
-        self.assertEqual(self.davprobe(self.url, "list").stdout.count(b"\x1b"), 0)
+        self.assertIn("\ufffd[31m\t", self.davprobe(self.url, "list").stdout.decode())
 
 
 if __name__ == "__main__":

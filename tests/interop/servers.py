@@ -22,6 +22,8 @@ from pathlib import Path
 
 USER, PASSWORD = "alice", "secret"
 SECONDS_TO_START = 20
+# Before a command: it is killed when this process ends, even if this one is killed.
+WITH_THIS_PROCESS = ["setpriv", "--pdeathsig", "KILL"]
 
 
 def radicale(folder, port):
@@ -116,7 +118,7 @@ class Server:
         command, environment = self.set_up(self.folder, port)
         with open(self.folder / "log", "wb") as log:
             self.process = subprocess.Popen(
-                ["setpriv", "--pdeathsig", "KILL", *command], stdin=subprocess.DEVNULL,
+                WITH_THIS_PROCESS + command, stdin=subprocess.DEVNULL,
                 stdout=log, stderr=subprocess.STDOUT, env=os.environ | environment)
         self.wait_for_answer(port)
         self.home = f"http://127.0.0.1:{port}{self.home_path}"
@@ -151,10 +153,10 @@ class Server:
             return url
 
 
-def main(name, *command):
+def main(name, command):
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))  # so that the server is stopped
     with Server(name) as server:
-        status = subprocess.run(command, env=server.environment()).returncode
+        status = subprocess.run(WITH_THIS_PROCESS + command, env=server.environment()).returncode
         if status:
             print(server.log(), file=sys.stderr)
     return 1 if status else 0
@@ -163,4 +165,4 @@ def main(name, *command):
 if __name__ == "__main__":
     if len(sys.argv) < 3 or sys.argv[1] not in SERVERS:
         sys.exit(__doc__)
-    sys.exit(main(*sys.argv[1:]))
+    sys.exit(main(sys.argv[1], sys.argv[2:]))

@@ -38,8 +38,11 @@ class CollectionHost : public KBTDavConnectionDelegate {
     etags = tags;
     contents = texts;
     std::string text = "events";
-    for (const auto& [address, tag] : tags) text += " " + address + "=" + tag;
-    for (const auto& [address, content] : texts) text += " " + address + ":" + content;
+    for (const auto& [address, tag] : tags)
+      text.append(" ").append(address).append("=").append(tag);
+    for (const auto& [address, content] : texts) {
+      text.append(" ").append(address).append(":").append(content);
+    }
     note(text, context);
   }
   void calDavConnection_didCreateResourceWithETag_context(KBTDavConnection&,

@@ -28,7 +28,8 @@ std::uint16_t portOf(const NSURL& url) {
 }
 
 bool isSameServer(const NSURL& a, const NSURL& b) {
-  return a.scheme() == b.scheme() && a.host() == b.host() && portOf(a) == portOf(b);
+  return a.scheme() == b.scheme() && portOf(a) == portOf(b) &&
+         equalIgnoringCase(a.host().value_or(""), b.host().value_or(""));
 }
 
 // What the platform would send to the new address (RFC 9110 section 15.4).

@@ -24,8 +24,8 @@ bool isText(pugi::xml_node node) {
 bool isBlank(string_view text) { return text.find_first_not_of(" \t\r\n") == string_view::npos; }
 
 // Finishes a tree whose values the parser left as they were sent, where they stand in `bytes`: what
-// is finished never takes more room. pugixml walks without recursion, so that elements may be nested
-// as deep as the sender likes.
+// is finished never takes more room. pugixml walks without recursion, so that elements may be
+// nested as deep as the sender likes.
 class Finisher : private pugi::xml_tree_walker {
  public:
   explicit Finisher(string_view bytes) : end_(bytes.data() + bytes.size()) {}
@@ -155,8 +155,8 @@ struct HWXMLDocument::Tree {
 bool HWXMLDocument::Tree::parse() {
   // An open tag at the very end is one to pugixml only when no white space stands before it.
   if (!isXMLText(bytes) || bytes.ends_with('<')) return false;
-  // As a fragment, so that what stands around the root element is not skipped unseen; and with white
-  // space, which between two CDATA sections is part of a text.
+  // As a fragment, so that what stands around the root element is not skipped unseen; and with
+  // white space, which between two CDATA sections is part of a text.
   constexpr unsigned options = pugi::parse_fragment | pugi::parse_declaration |
                                pugi::parse_doctype | pugi::parse_cdata | pugi::parse_ws_pcdata |
                                pugi::parse_wconv_attribute;

@@ -18,8 +18,8 @@ namespace quillmere {
 ///     send(body->xmlData());
 ///
 ///     if (const auto answer = HWXMLDocument::initWithData(bytes)) {
-///       const auto etag = answer->rootElement().firstChildAtPath("response/propstat/prop/getetag");
-///       if (etag) use(etag->text());
+///       const auto prop = answer->rootElement().firstChildAtPath("response/propstat/prop");
+///       if (prop) use(prop->firstChildNamed("getetag"));
 ///     }
 ///
 /// Namespaces are attributes like any other when a document is written, and are not resolved when
@@ -42,18 +42,19 @@ class HWXMLDocument {
   ///   comments, processing instructions and the XML declaration; "]]>" in text; any character
   ///   beyond ASCII in a name; prefixes that are not bound.
   ///
-  /// Takes time in proportion to the length, whatever the bytes (with many attributes of one element,
-  /// what sorting them takes); and memory for a copy of them, for 64 bytes for each element and each
-  /// piece of text, and for 56 for each attribute.
+  /// Takes time in proportion to the length, whatever the bytes (many attributes of one element
+  /// take the time of sorting them); and memory for a copy of them, 64 bytes more for each element
+  /// and each piece of text, white space included, and 72 for each attribute.
   static std::shared_ptr<HWXMLDocument> initWithData(const NSData& data);
 
   HWXMLElement rootElement() const;
 
-  // Writing. Of values and text, bytes that are not UTF-8 and characters that XML does not have (most
-  // control characters) are left out; what has to be escaped is escaped when the document is
+  // Writing. Of values and text, bytes that are not UTF-8 and characters that XML does not have
+  // (most control characters) are left out; what has to be escaped is escaped when the document is
   // serialised. The element being written is at first the root, also in a document that was read.
 
-  /// Sets an attribute of the element being written; one of that name is replaced.
+  /// Sets an attribute of the element being written; one of that name is replaced, and what was
+  /// read of its value is good no more.
   void setAttribute_value(std::string_view name, std::string_view value);
 
   /// Appends an element to the one being written, and from then on writes it.
@@ -66,8 +67,8 @@ class HWXMLDocument {
   /// document is serialised and read again.
   void appendString(std::string_view text);
 
-  /// The document in UTF-8, with an XML declaration and without any white space of its own. Elements
-  /// that were not popped end where the document ends.
+  /// The document in UTF-8, with an XML declaration and without any white space of its own.
+  /// Elements that were not popped end where the document ends.
   NSData xmlData() const;
 
  protected:

@@ -37,7 +37,7 @@ class HWXMLElement {
   std::vector<HWXMLNode> children() const;
   /// Takes time in proportion to the count.
   std::size_t childrenCount() const;
-  /// Null past the end. Takes time in proportion to `index`; a loop is better one over `children()`.
+  /// Null past the end. Takes time in proportion to `index`: a loop is better over `children()`.
   std::optional<HWXMLNode> childAtIndex(std::size_t index) const;
   /// Null when there is no child.
   std::optional<HWXMLNode> lastChild() const;

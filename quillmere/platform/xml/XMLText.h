@@ -28,10 +28,10 @@ void appendEscapedText(std::string& to, std::string_view text);
 /// but blanks, for which a reader would otherwise take it.
 void appendEscapedAttribute(std::string& to, std::string_view value);
 
-/// Writes the text at the start of `raw`, which ends at the first NUL or at the end, to `to` with its
-/// references replaced by their characters: the five named ones of XML 1.0 and those by number, the
-/// only ones there are without a document type. Returns the end of what it wrote; null when an "&"
-/// begins anything else. The place may be that of `raw` itself, or one before it.
+/// Writes the text at the start of `raw`, which ends at the first NUL or at the end, to `to` with
+/// its references replaced by their characters: the five named ones of XML 1.0 and those by number,
+/// the only ones there are without a document type. Returns the end of what it wrote; null when an
+/// "&" begins anything else. The place may be that of `raw` itself, or one before it.
 char* writeUnescaped(char* to, std::string_view raw);
 
 }  // namespace quillmere
