@@ -100,11 +100,11 @@ KBTDavConnection::initWithCalendarName_description_URL_forPrincipal(
 }
 
 KBTDavConnection::KBTDavConnection(std::optional<std::string> name,
-                                   std::optional<std::string> description, const NSURL& URL,
+                                   std::optional<std::string> description, NSURL URL,
                                    std::shared_ptr<KBTDavPrincipal> principal,
                                    const std::optional<HWXMLElement>& supportedComponents)
     : principal_(std::move(principal)),
-      calendarURL_(URL),
+      calendarURL_(std::move(URL)),
       name_(std::move(name)),
       description_(std::move(description)) {
   if (!supportedComponents) return;
@@ -351,8 +351,8 @@ std::vector<KBTDavResourceTexts> KBTDavConnection::_arrayForReportResponse_withK
     const auto prop = response ? response->firstChildAtPath("propstat/prop") : std::nullopt;
     if (!prop) continue;
     KBTDavResourceTexts row;
-    for (auto key = keys.rbegin(); key != keys.rend(); ++key) {
-      if (const auto text = textAt(*prop, *key)) row[*key] = *text;
+    for (const std::string& key : keys) {
+      if (const auto text = textAt(*prop, key)) row[key] = *text;
     }
     rows.push_back(std::move(row));
   }

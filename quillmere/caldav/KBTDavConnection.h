@@ -104,7 +104,7 @@ class KBTDavConnection : public KBTDavRequestor {
 
  protected:
   KBTDavConnection(std::optional<std::string> name, std::optional<std::string> description,
-                   const NSURL& URL, std::shared_ptr<KBTDavPrincipal> principal,
+                   NSURL URL, std::shared_ptr<KBTDavPrincipal> principal,
                    const std::optional<HWXMLElement>& supportedComponents);
 
   std::optional<std::string> _getUsername() const override { return principal_->user(); }

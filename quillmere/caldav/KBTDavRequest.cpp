@@ -13,9 +13,12 @@ KBTDavRequest::initWithRequest_withCompletionSelector_context_internal(
   return makeObject<KBTDavRequest>(request, selector, std::move(context), internal);
 }
 
-KBTDavRequest::KBTDavRequest(const NSURLRequest& request, KBTDavCompletionSelector selector,
+KBTDavRequest::KBTDavRequest(NSURLRequest request, KBTDavCompletionSelector selector,
                              std::any context, bool internal)
-    : request_(request), selector_(selector), internal_(internal), context_(std::move(context)) {}
+    : request_(std::move(request)),
+      selector_(selector),
+      internal_(internal),
+      context_(std::move(context)) {}
 
 NSData KBTDavRequest::data() const {
   if (!received_.empty()) data_ = NSData::dataWithString(std::exchange(received_, {}));

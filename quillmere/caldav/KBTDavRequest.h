@@ -56,7 +56,7 @@ class KBTDavRequest {
   const std::any& context() const { return context_; }
 
  protected:
-  KBTDavRequest(const NSURLRequest& request, KBTDavCompletionSelector selector, std::any context,
+  KBTDavRequest(NSURLRequest request, KBTDavCompletionSelector selector, std::any context,
                 bool internal);
 
  private:

@@ -130,11 +130,11 @@ NSErrorPtr HTTPTransfer::errorBeforeSending(const NSURLRequest& request) {
   return urlError(isOfOtherScheme ? NSURLErrorUnsupportedURL : NSURLErrorBadURL, request.URL());
 }
 
-HTTPTransfer::HTTPTransfer(std::shared_ptr<CurlLoop> loop, const NSURLRequest& request,
+HTTPTransfer::HTTPTransfer(std::shared_ptr<CurlLoop> loop, NSURLRequest request,
                            const NSURLSessionConfiguration& configuration,
                            std::shared_ptr<CookieJar> cookies, Connection connection, Owner& owner)
     : loop_(std::move(loop)),
-      request_(request),
+      request_(std::move(request)),
       configuration_(configuration),
       cookies_(std::move(cookies)),
       owner_(&owner),
@@ -195,7 +195,8 @@ void HTTPTransfer::setHeaderFields() {
   };
   for (const auto& [name, value] : request_.allHTTPHeaderFields()) {
     // A semicolon instead of the colon is how libcurl is told of a field without a value.
-    append(value.empty() ? name + ";" : name + ": " + value);
+    std::string line = name;
+    append(value.empty() ? line.append(";") : line.append(": ").append(value));
   }
   // What libcurl would add of its own accord.
   for (const char* name : {"Accept", "Content-Type", "Expect", "Transfer-Encoding"}) {

@@ -50,7 +50,7 @@ class HTTPTransfer final : public CurlLoop::Client,
   enum class Connection : std::uint8_t { asTheMethodNeeds, kept };
 
   /// The owner must outlive the transfer, or `stop` it.
-  HTTPTransfer(std::shared_ptr<CurlLoop> loop, const NSURLRequest& request,
+  HTTPTransfer(std::shared_ptr<CurlLoop> loop, NSURLRequest request,
                const NSURLSessionConfiguration& configuration, std::shared_ptr<CookieJar> cookies,
                Connection connection, Owner& owner);
   ~HTTPTransfer() override;

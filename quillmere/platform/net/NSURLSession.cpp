@@ -25,11 +25,11 @@ std::shared_ptr<NSURLSession> NSURLSession::sessionWithConfiguration_delegate_de
 
 NSURLSession::NSURLSession(const NSURLSessionConfiguration& configuration,
                            const std::shared_ptr<NSURLSessionDelegate>& delegate,
-                           const NSOperationQueue& queue)
+                           NSOperationQueue queue)
     : configuration_(configuration),
       delegate_(delegate),
-      queue_(queue),
-      loop_(CurlLoop::loopOf(queue)),
+      queue_(std::move(queue)),
+      loop_(CurlLoop::loopOf(queue_)),
       cookies_(std::make_shared<CookieJar>()) {}
 
 std::shared_ptr<NSURLSessionDataTask> NSURLSession::dataTaskWithRequest(
@@ -63,7 +63,8 @@ void NSURLSessionDataTask::cancel() {
       [run = run_] { run->complete(urlError(NSURLErrorCancelled, run->currentURL())); });
 }
 
-// What happens when nobody answers.
+// What happens when nobody answers. The handlers come by value, for those who keep them.
+// NOLINTBEGIN(performance-unnecessary-value-param)
 
 void NSURLSessionDelegate::URLSession_task_willPerformHTTPRedirection_newRequest_completionHandler(
     NSURLSession&, NSURLSessionDataTask&, const NSHTTPURLResponse&, const NSURLRequest& newRequest,
@@ -88,6 +89,8 @@ void NSURLSessionDelegate::URLSession_dataTask_didReceiveResponse_completionHand
     std::function<void(NSURLSessionResponseDisposition)> completionHandler) {
   completionHandler(NSURLSessionResponseAllow);
 }
+
+// NOLINTEND(performance-unnecessary-value-param)
 
 void NSURLSessionDelegate::URLSession_dataTask_didReceiveData(NSURLSession&, NSURLSessionDataTask&,
                                                               const NSData&) {}

@@ -88,8 +88,7 @@ class NSURLSession : public std::enable_shared_from_this<NSURLSession> {
 
  protected:
   NSURLSession(const NSURLSessionConfiguration& configuration,
-               const std::shared_ptr<NSURLSessionDelegate>& delegate,
-               const NSOperationQueue& queue);
+               const std::shared_ptr<NSURLSessionDelegate>& delegate, NSOperationQueue queue);
 
  private:
   friend class DataTaskRun;

@@ -12,7 +12,6 @@
 namespace quillmere {
 namespace {
 
-using testing::anyBody;
 using testing::AuthScheme;
 using ::testing::ElementsAre;
 using testing::RawServer;
