@@ -4,6 +4,7 @@
 #include <quillmere/platform/xml/HWXMLDocument.h>
 
 #include <algorithm>
+#include <mutex>
 #include <set>
 #include <string_view>
 #include <utility>
@@ -70,12 +71,28 @@ std::optional<std::string_view> textAt(const HWXMLElement& element, std::string_
 
 using KeptDelegates = std::shared_ptr<std::vector<std::shared_ptr<KBTDavConnectionDelegate>>>;
 
-// The delegates of all collections that ever had one; never destroyed, since nothing in it ever is
-// without being asked for.
-std::set<KeptDelegates>& delegatesOfTheProcess() {
-  static auto& all = *new std::set<KeptDelegates>;
-  return all;
-}
+// The delegates of all collections that ever had one, whichever thread theirs is. Never destroyed,
+// since nothing in it ever is without being asked for.
+class DelegatesOfTheProcess {
+ public:
+  static void add(const KeptDelegates& delegates) {
+    const std::lock_guard lock(all().mutex_);
+    all().lists_.insert(delegates);
+  }
+  static void remove(const KeptDelegates& delegates) {
+    const std::lock_guard lock(all().mutex_);
+    all().lists_.erase(delegates);
+  }
+
+ private:
+  static DelegatesOfTheProcess& all() {
+    static auto& all = *new DelegatesOfTheProcess;
+    return all;
+  }
+
+  std::mutex mutex_;
+  std::set<KeptDelegates> lists_;
+};
 
 }  // namespace
 
@@ -119,12 +136,10 @@ KBTDavConnection::KBTDavConnection(std::optional<std::string> name,
 }
 
 void KBTDavConnection::setDelegate(std::shared_ptr<KBTDavConnectionDelegate> delegate) {
+  if (isOver()) return;
   delegate_ = delegate.get();
   if (!delegate) return;
-  if (!keptDelegates_) {
-    keptDelegates_ = std::make_shared<DelegateList>();
-    delegatesOfTheProcess().insert(keptDelegates_);
-  }
+  DelegatesOfTheProcess::add(keptDelegates_);
   keptDelegates_->push_back(std::move(delegate));
 }
 
@@ -135,8 +150,14 @@ void KBTDavConnection::invalidate() {
 
 void KBTDavConnection::letGo() {
   delegate_ = nullptr;
-  delegatesOfTheProcess().erase(keptDelegates_);
-  const auto gone = std::exchange(keptDelegates_, nullptr);
+  letGoOf(keptDelegates_);
+}
+
+void KBTDavConnection::letGoOf(const std::shared_ptr<void>& keptDelegates) {
+  const auto delegates = std::static_pointer_cast<DelegateList>(keptDelegates);
+  if (!delegates) return;
+  DelegatesOfTheProcess::remove(delegates);
+  const DelegateList gone = std::exchange(*delegates, {});
 }
 
 // Requests.

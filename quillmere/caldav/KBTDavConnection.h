@@ -22,8 +22,9 @@ namespace quillmere {
 /// the order in which they were asked for.
 ///
 /// A resource's name becomes its address by appending ".ics" and resolving against the collection's
-/// URL, which should end with "/". Nothing in the name is escaped or checked before; what may not
-/// travel is escaped on the wire.
+/// URL, which should end with "/". Nothing in the name is escaped or checked before: blanks and
+/// characters beyond ASCII are escaped on the wire, but "/", "?", "#", "%" and a scheme before ":"
+/// mean what they mean in any relative address, so a host that has such names escapes them itself.
 class KBTDavConnection : public KBTDavRequestor {
  public:
   /// `supportedComponents` is the collection's supported-calendar-component-set (RFC 4791 section
@@ -41,7 +42,8 @@ class KBTDavConnection : public KBTDavRequestor {
   static std::shared_ptr<KBTDavRequestor> init() = delete;
 
   /// Keeps the delegate alive for good, also when another is set and when the collection is gone,
-  /// by contract; `KBTDavPrincipal::invalidate` is what lets go of it.
+  /// by contract; `KBTDavPrincipal::invalidate` is what lets go of it, and after that none is
+  /// taken.
   void setDelegate(std::shared_ptr<KBTDavConnectionDelegate> delegate);
 
   const std::optional<std::string>& name() const { return name_; }
@@ -59,7 +61,7 @@ class KBTDavConnection : public KBTDavRequestor {
   /// Asks for the collection's tag: `didReceiveCTag`.
   void reportCTagWithContext(std::any context);
 
-  /// Asks when the collection's owner is busy (RFC 4791 section 7.10): `didReceiveFreebusy`. An
+  /// Asks when the collection has busy time (RFC 4791 section 7.10): `didReceiveFreebusy`. An
   /// answer with a malformed period is a failure.
   void reportFreebusyFromDate_toDate_context(NSDate from, NSDate to, std::any context);
 
@@ -99,7 +101,8 @@ class KBTDavConnection : public KBTDavRequestor {
   /// Deletes the collection: `calDavConnectionDidRemoveCalendar`.
   void removeCalendar();
 
-  /// Cancels every operation, running or waiting; each fails with `NSURLErrorCancelled`, later.
+  /// Cancels every operation, running or waiting; each fails with `NSURLErrorCancelled`, later, but
+  /// `removeCalendar`, which is over as always, and a deletion that was answered 404 already.
   void cancel() { cancelRequests(); }
 
  protected:
@@ -137,6 +140,7 @@ class KBTDavConnection : public KBTDavRequestor {
   bool tellFailure(const KBTDavRequest& request);
   std::optional<std::string> etagAfterWrite(const KBTDavRequest& request, Completion completion);
   void invalidate();
+  static void letGoOf(const std::shared_ptr<void>& keptDelegates);
 
   KBTDavConnectionDelegate* delegate_ = nullptr;  // one of those that are kept
   std::shared_ptr<KBTDavPrincipal> principal_;
@@ -146,7 +150,8 @@ class KBTDavConnection : public KBTDavRequestor {
   bool canContainEvents_ = true;
   bool canContainTodos_ = true;
   bool _writable = false;
-  std::shared_ptr<DelegateList> keptDelegates_;  // also held by a list of the process
+  // Also held by a list of the process once there are any.
+  std::shared_ptr<DelegateList> keptDelegates_ = std::make_shared<DelegateList>();
 };
 
 }  // namespace quillmere

@@ -33,7 +33,8 @@ class KBTDavConnectionDelegate {
                                                        const std::any& context) = 0;
 
   /// Any operation but `removeCalendar` has failed: with an error of `KBTDavConnectionErrorDomain`,
-  /// whose code is the HTTP status, or of `NSURLErrorDomain`, `NSURLErrorCancelled` after `cancel`.
+  /// whose code is the HTTP status (or 3 for a malformed free/busy answer), or of
+  /// `NSURLErrorDomain`, `NSURLErrorCancelled` after `cancel`.
   virtual void calDavConnection_requestDidFail_context(KBTDavConnection& connection,
                                                        const NSErrorPtr& error,
                                                        const std::any& context) = 0;
@@ -44,8 +45,8 @@ class KBTDavConnectionDelegate {
       const std::any& context) = 0;
 
   /// A listing or a fetch by address has succeeded: the entity tag and the iCalendar text of each
-  /// resource that the server reported with status 200. Both are empty for an answer that is no
-  /// XML.
+  /// resource whose first propstat has exactly the status "HTTP/1.1 200 OK". Both are empty for an
+  /// answer that is no XML.
   virtual void calDavConnection_didReceiveEventsWithETags_andContents_context(
       KBTDavConnection& connection, const KBTDavResourceTexts& etags,
       const KBTDavResourceTexts& contents, const std::any& context) = 0;

@@ -54,17 +54,21 @@ NSMutableURLRequest KBTDavPrincipal::newRequest() const {
 }
 
 void KBTDavPrincipal::addConnection(const std::shared_ptr<KBTDavConnection>& connection) {
-  std::erase_if(connections_, [](const auto& known) { return known.expired(); });
-  connections_.push_back(connection);
+  std::erase_if(collections_, [](const auto& known) { return known.keptDelegates.expired(); });
+  collections_.push_back({connection, connection->keptDelegates_});
   if (isInvalid_) connection->invalidate();
 }
 
 void KBTDavPrincipal::invalidate() {
   const auto kept = shared_from_this();
   isInvalid_ = true;
-  const auto connections = connections_;
-  for (const auto& known : connections) {
-    if (const auto connection = known.lock()) connection->invalidate();
+  const auto collections = collections_;
+  for (const Collection& known : collections) {
+    if (const auto connection = known.connection.lock()) {
+      connection->invalidate();
+    } else {
+      KBTDavConnection::letGoOf(known.keptDelegates.lock());
+    }
   }
   endRequests();
 }

@@ -71,6 +71,12 @@ class KBTDavPrincipal : public KBTDavRequestor {
   friend class KBTDavConnection;
   void addConnection(const std::shared_ptr<KBTDavConnection>& connection);
 
+  // A collection of the principal, for `invalidate` alone: its delegates may outlive it.
+  struct Collection {
+    std::weak_ptr<KBTDavConnection> connection;
+    std::weak_ptr<void> keptDelegates;
+  };
+
   std::shared_ptr<KBTDavPrincipalDelegate> delegate_;
   std::optional<std::string> user_;
   std::optional<std::string> password_;
@@ -79,7 +85,7 @@ class KBTDavPrincipal : public KBTDavRequestor {
   bool isCurrentPrincipal_;
   std::atomic<std::shared_ptr<const std::string>> _authorization;
 
-  std::vector<std::weak_ptr<KBTDavConnection>> connections_;  // for `invalidate` alone
+  std::vector<Collection> collections_;
   bool isInvalid_ = false;
 };
 

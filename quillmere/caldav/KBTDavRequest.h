@@ -47,8 +47,8 @@ class KBTDavRequest {
   bool internal() const { return internal_; }
 
   /// Null for success; otherwise a transport error (`NSURLErrorDomain`), or an error of
-  /// `KBTDavConnectionErrorDomain` whose code is the HTTP status, with the body in its user info
-  /// under `KBTDavResponseDataKey`.
+  /// `KBTDavConnectionErrorDomain`: its code is the HTTP status, with the body in its user info
+  /// under `KBTDavResponseDataKey`, or 3 for a malformed free/busy answer.
   const NSErrorPtr& error() const { return error_; }
   void setError(NSErrorPtr error);
 

@@ -76,6 +76,7 @@ void KBTDavRequestor::endRequests() {
   if (requestQueue_.empty()) letGo();
 }
 
+// Null for a task that somebody else made with the session.
 std::shared_ptr<KBTDavRequest> KBTDavRequestor::recordOf(const NSURLSessionDataTask& task) const {
   const auto found = connectionMap_.find(&task);
   return found == connectionMap_.end() ? nullptr : found->second;
@@ -85,7 +86,9 @@ void KBTDavRequestor::URLSession_task_willPerformHTTPRedirection_newRequest_comp
     NSURLSession&, NSURLSessionDataTask& task, const NSHTTPURLResponse&,
     const NSURLRequest& newRequest,
     std::function<void(const std::optional<NSURLRequest>&)> completionHandler) {
-  const NSURLRequest& issued = recordOf(task)->originalRequest();
+  const auto record = recordOf(task);
+  if (!record) return completionHandler(newRequest);
+  const NSURLRequest& issued = record->originalRequest();
   NSMutableURLRequest request;
   request.setURL(newRequest.URL());
   request.setHTTPMethod(issued.HTTPMethod());
@@ -112,8 +115,9 @@ void KBTDavRequestor::URLSession_didReceiveChallenge_completionHandler(
 void KBTDavRequestor::URLSession_task_didReceiveChallenge_completionHandler(
     NSURLSession&, NSURLSessionDataTask& task, const NSURLAuthenticationChallenge& challenge,
     NSURLSessionChallengeCompletionHandler completionHandler) {
-  const NSURLRequest& issued = recordOf(task)->originalRequest();
-  const bool isPreset = issued.valueForHTTPHeaderField("Authorization").has_value();
+  const auto record = recordOf(task);
+  const bool isPreset =
+      !record || record->originalRequest().valueForHTTPHeaderField("Authorization").has_value();
   answerChallenge(challenge, isPreset, completionHandler);
 }
 
@@ -135,21 +139,23 @@ void KBTDavRequestor::URLSession_dataTask_didReceiveResponse_completionHandler(
     NSURLSession&, NSURLSessionDataTask& task,
     const std::shared_ptr<const NSHTTPURLResponse>& response,
     std::function<void(NSURLSessionResponseDisposition)> completionHandler) {
-  const auto request = recordOf(task);
-  request->setResponse(response);
-  request->beginData(lengthOf(*response));
+  if (const auto request = recordOf(task)) {
+    request->setResponse(response);
+    request->beginData(lengthOf(*response));
+  }
   completionHandler(NSURLSessionResponseAllow);
 }
 
 void KBTDavRequestor::URLSession_dataTask_didReceiveData(NSURLSession&, NSURLSessionDataTask& task,
                                                          const NSData& data) {
-  recordOf(task)->appendData(data);
+  if (const auto request = recordOf(task)) request->appendData(data);
 }
 
 void KBTDavRequestor::URLSession_task_didCompleteWithError(NSURLSession&,
                                                            NSURLSessionDataTask& task,
                                                            const NSErrorPtr& error) {
   const auto request = recordOf(task);
+  if (!request) return;
   if (error) {
     request->setError(error);
   } else {

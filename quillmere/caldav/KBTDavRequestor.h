@@ -23,13 +23,13 @@ namespace quillmere {
 /// - Every status but 200 to 299 is an error (see `KBTDavRequest::error`). No request is repeated.
 /// - A challenge is answered once with the user name and password of `_getUsername` and
 ///   `_getPassword`; a second one, NTLM and Negotiate with no credential, so that the 401 is the
-///   answer. So does a request that was issued with a field Authorization.
+///   answer. A request that was issued with a field Authorization is never answered for.
 /// - A redirect is followed with the issued request's method and body and its Content-Type, Accept,
 ///   Depth and If-Match, and no other field: not Authorization, and not the conditional fields of
 ///   collections, whose names end in a colon.
 /// - A minute without a byte is a time-out.
 ///
-/// While the preference "KBTDavRequestorLogLevel" is greater than 0, every response and every
+/// While the preference "KBTDavRequestorLogLevel" is greater than 0, every final response and every
 /// redirected request is logged with its body (GLib's log, domain "Quillmere", level message). No
 /// password and no field is ever logged.
 ///
@@ -89,6 +89,8 @@ class KBTDavRequestor : public NSURLSessionDelegate,
   /// nothing is left `letGo` is called.
   void endRequests();
   virtual void letGo() {}
+  /// Whether nothing more will be heard of any request, now or later.
+  bool isOver() const { return hasEnded_ && requestQueue_.empty(); }
 
  private:
   std::shared_ptr<KBTDavRequest> recordOf(const NSURLSessionDataTask& task) const;

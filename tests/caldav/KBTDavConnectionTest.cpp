@@ -134,6 +134,11 @@ TEST(KBTDavConnection, FetchesByAddressAndReadsTheMultiStatus) {
       "<propstat><prop><getetag>\"3\"</getetag></prop><status>HTTP/1.1 200 OK</status></propstat>"
       "</response>" +
       row("/c/other.ics", "HTTP/1.0 200 OK", both) + "</response>" +
+      row("/c/blank.ics", "HTTP/1.1 200 OK ", both) + "</response>" + "<response><propstat><prop>" +
+      both +
+      "</prop><status>HTTP/1.1 200 OK</status></propstat>"
+      "</response><response><href>/c/noprop.ics</href><propstat><status>HTTP/1.1 200 OK</status>"
+      "</propstat></response>" +
       row("/c/tag.ics", good, "<getetag>\"4\"</getetag><C:calendar-data/>") + "</response>" +
       row("/c/text.ics", good, "<C:calendar-data><![CDATA[x]]></C:calendar-data>") +
       "</response><response><href>/c/none.ics</href><status>HTTP/1.1 404 Not Found</status>"
@@ -172,12 +177,13 @@ TEST(KBTDavConnection, AsksWhenSomebodyIsBusy) {
       .noOtherFields = true};
   f.server.expect(request, {.body = "FREEBUSY:20240105T090000Z/PT1H\r\n"});
   f.server.expect(request, {.body = "FREEBUSY:20240105T090000Z\r\n"});
-  for (const char* context : {"good", "bad"}) {
+  f.server.expect(request, {.status = 403, .body = "FREEBUSY:20240105T090000Z\r\n"});
+  for (const char* context : {"good", "bad", "worse"}) {
     f.collection->reportFreebusyFromDate_toDate_context(utc("20240101T000000Z"),
                                                         utc("20240201T000000Z"), context);
   }
-  EXPECT_THAT(f.eventsAfter(2),
-              ElementsAre("freebusy 1 [good]", "failed KBTDavConnection 3 [bad]"));
+  EXPECT_THAT(f.eventsAfter(3), ElementsAre("freebusy 1 [good]", "failed KBTDavConnection 3 [bad]",
+                                            "failed KBTDavConnection 403 [worse]"));
 }
 
 TEST(KBTDavConnection, PutsAndDeletesResources) {
@@ -223,6 +229,56 @@ TEST(KBTDavConnection, PutsAndDeletesResources) {
   EXPECT_EQ(f.server.connectionCount(), 1U);
 }
 
+TEST(KBTDavConnection, EveryRequestHasThePresetAuthorization) {
+  ScriptedServer server;
+  const NSURL url = NSURL::URLWithString(server.url("/c/")).value();
+  const auto principal = KBTDavPrincipal::initWithDelegate_username_andPassword_forServer(
+      nullptr, "alice", "secret", url);
+  principal->setAuthorization("Bearer x");
+  const auto collection = KBTDavConnection::initWithCalendarName_description_URL_forPrincipal(
+      "Work", "Mine", url, principal);
+  EXPECT_EQ(collection->name(), "Work");
+  EXPECT_EQ(collection->description(), "Mine");
+  EXPECT_EQ(collection->URL(), url);
+  const auto host = std::make_shared<CollectionHost>();
+  collection->setDelegate(host);
+  const auto expect = [&](const char* method, const char* path, unsigned status) {
+    server.expect({.method = method,
+                   .path = path,
+                   .fields = {{"Authorization", "Bearer x"}},
+                   .body = testing::anyBody},
+                  {.status = status,
+                   .challenges = status == 401 ? std::vector<testing::Challenge>{{}}
+                                               : std::vector<testing::Challenge>{}});
+  };
+  expect("REPORT", "/c/", 207);
+  collection->multigetEventsForAddresses_context({}, "get");
+  expect("PUT", "/c/a.ics", 201);
+  collection->createResource_withName_context(NSData::dataWithBytes("x"), "a", "put");
+  expect("DELETE", "/c/a.ics", 204);
+  collection->deleteResourceWithName_andETag_context("a", std::nullopt, "delete");
+  expect("GET", "/c/a.ics", 401);
+  runUntil([&] { return host->events.size() == 3; });
+  EXPECT_THAT(host->events,
+              ElementsAre("events [get]", "deleted [delete]", "failed KBTDavConnection 401 [put]"));
+  EXPECT_THAT(server.finish(), ElementsAre());
+}
+
+TEST(KBTDavConnection, NamesMeanWhatTheyMeanInAnyAddress) {
+  Fixture f;
+  const NSData text = NSData::dataWithString("x");
+  for (const char* name : {"mailto:a", "a\tb", "a\xff"}) {
+    f.collection->updateResource_withName_andETag_context(text, name, std::nullopt, name);
+  }
+  f.server.expect({.method = "PUT", .path = "/c/a", .fields = {{"If-Match:", ""}}, .body = "x"},
+                  {.status = 204, .fields = {{"ETag", "\"1\""}}});
+  f.collection->updateResource_withName_andETag_context(text, "a#b", "", "fragment");
+  EXPECT_THAT(f.eventsAfter(4),
+              ElementsAre("failed NSURLErrorDomain -1002 [mailto:a]",
+                          "failed NSURLErrorDomain -1000 [a\tb]",
+                          "failed NSURLErrorDomain -1000 [a\xff]", "updated \"1\" [fragment]"));
+}
+
 // The GETs come after what was waiting already, and go where the answer came from.
 TEST(KBTDavConnection, AsksForTheEntityTagUntilThereIsOne) {
   const NSData text = NSData::dataWithString("x");
@@ -231,14 +287,18 @@ TEST(KBTDavConnection, AsksForTheEntityTagUntilThereIsOne) {
                   {.status = 307, .fields = {{"Location", "/d/a.ics"}}});
   f.server.expect({.method = "PUT", .path = "/d/a.ics", .body = "x"}, {.status = 201});
   f.server.expect({.method = "PUT", .path = "/c/b.ics", .body = "x"}, {.status = 204});
+  f.server.expect({.method = "PUT", .path = "/c/e.ics", .body = "x"}, {.status = 204});
   f.server.expect({.path = "/d/a.ics", .noOtherFields = true}, {.body = "no tag"});
   f.server.expect({.path = "/c/b.ics", .noOtherFields = true}, {.status = 404});
+  f.server.expect({.path = "/c/e.ics", .noOtherFields = true},
+                  {.fields = {{"ETag", "\"5\""}}, .body = "y"});
   f.server.expect({.path = "/d/a.ics", .noOtherFields = true},
                   {.fields = {{"ETag", "\"9\""}}, .body = "y"});
   f.collection->createResource_withName_context(text, "a", "a");
   f.collection->updateResource_withName_andETag_context(text, "b", std::nullopt, "b");
-  EXPECT_THAT(f.eventsAfter(2),
-              ElementsAre("failed KBTDavConnection 404 [b]", "created \"9\" [a]"));
+  f.collection->updateResource_withName_andETag_context(text, "e", std::nullopt, "e");
+  EXPECT_THAT(f.eventsAfter(3), ElementsAre("failed KBTDavConnection 404 [b]", "updated \"5\" [e]",
+                                            "created \"9\" [a]"));
 }
 
 TEST(KBTDavConnection, ItsOwnRemovalIsOverWhateverCameOfIt) {
@@ -303,6 +363,21 @@ TEST(KBTDavConnection, ReadsRowsOfAnyMultiStatus) {
               ElementsAre(KBTDavResourceTexts{{"a", "1"}, {"b/c", "2"}}, KBTDavResourceTexts{}));
 }
 
+TEST(KBTDavConnection, KeepsItsDelegateWhenItIsGoneItself) {
+  const NSURL url = NSURL::URLWithString("http://127.0.0.1:1/c/").value();
+  const auto principal = KBTDavPrincipal::initWithDelegate_username_andPassword_forServer(
+      nullptr, "alice", "secret", url);
+  auto collection = KBTDavConnection::initWithCalendarName_description_URL_forPrincipal(
+      "c", std::nullopt, url, principal);
+  auto host = std::make_shared<CollectionHost>();
+  const std::weak_ptr<CollectionHost> watched = host;
+  collection->setDelegate(std::move(host));
+  collection.reset();
+  EXPECT_FALSE(watched.expired());
+  principal->invalidate();
+  EXPECT_TRUE(watched.expired());
+}
+
 TEST(KBTDavConnection, KeepsItsDelegatesUntilThePrincipalIsInvalid) {
   ScriptedServer server;
   server.expect({.method = "PROPFIND", .path = "/c/", .body = testing::anyBody}, {.held = true});
@@ -330,6 +405,10 @@ TEST(KBTDavConnection, KeepsItsDelegatesUntilThePrincipalIsInvalid) {
   EXPECT_THAT(events, ElementsAre("failed NSURLErrorDomain -999 [held]",
                                   "failed NSURLErrorDomain -999 [late]"));
   EXPECT_TRUE(runUntil([&] { return first.expired() && second.expired(); }));
+  auto late = std::make_shared<CollectionHost>();
+  const std::weak_ptr<CollectionHost> third = late;
+  collection->setDelegate(std::move(late));
+  EXPECT_TRUE(third.expired()) << "none is taken afterwards";
   const std::weak_ptr<KBTDavConnection> watched = collection;
   collection.reset();
   EXPECT_TRUE(runUntil([&] { return watched.expired(); }));

@@ -153,6 +153,8 @@ TEST(KBTDavRequestor, AnswersAChallengeOnceWithUserAndPassword) {
                 {.status = 401, .body = "out", .challenges = {basic}});
   server.expect({.path = "/ntlm"},
                 {.status = 401, .fields = {{"WWW-Authenticate", "NTLM"}}, .body = "out"});
+  server.expect({.path = "/negotiate"},
+                {.status = 401, .fields = {{"WWW-Authenticate", "Negotiate"}}, .body = "out"});
   server.expect({.path = "/preset", .fields = {{"Authorization", "mine"}}},
                 {.status = 401, .challenges = {basic}});
   server.expect({.path = "/moved", .fields = {{"Authorization", "mine"}}},
@@ -161,11 +163,13 @@ TEST(KBTDavRequestor, AnswersAChallengeOnceWithUserAndPassword) {
   requestor->ask(server.url("/good"), "good");
   requestor->ask(server.url("/bad"), "bad");
   requestor->ask(server.url("/ntlm"), "ntlm");
+  requestor->ask(server.url("/negotiate"), "negotiate");
   requestor->ask(server.url("/preset"), "preset", "GET", {{"Authorization", "mine"}});
   requestor->ask(server.url("/moved"), "moved", "GET", {{"Authorization", "mine"}});
-  EXPECT_THAT(requestor->outcomesAfter(5),
+  EXPECT_THAT(requestor->outcomesAfter(6),
               ElementsAre("good in", "bad KBTDavConnection 401", "ntlm KBTDavConnection 401",
-                          "preset KBTDavConnection 401", "moved KBTDavConnection 401"));
+                          "negotiate KBTDavConnection 401", "preset KBTDavConnection 401",
+                          "moved KBTDavConnection 401"));
 }
 
 TEST(KBTDavRequestor, TransportErrorsArriveAsTheyAre) {

@@ -249,7 +249,8 @@ TEST(KBTCalRepetition, TheEndOfACountedSeriesIsItsLastOccurrence) {
       {"FREQ=DAILY;COUNT=3;UNTIL=20240601", localDate("20240601T000000")},
       {"FREQ=YEARLY;COUNT=9223372036854775807", std::nullopt},
       // Elapsed hours but for the repeated one of each November, 2024 to 2030.
-      {"FREQ=HOURLY;COUNT=60000", localDate("20240131T100000").dateByAddingSeconds(60'006 * 3600)},
+      {"FREQ=HOURLY;COUNT=60000",
+       localDate("20240131T100000").dateByAddingSeconds(std::int64_t{60'006} * 3600)},
       {"FREQ=MINUTELY;INTERVAL=1440;COUNT=3", localDate("20240202T100000")},
   };
   for (const auto& row : rows) {

@@ -50,6 +50,8 @@ bool ContentDecoder::decode(std::string_view bytes, std::uint64_t maximum, std::
       if (inflateReset2(&zlib, -MAX_WBITS) != Z_OK) return false;
       zlib.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(bytes.data()));
       zlib.avail_in = static_cast<uInt>(bytes.size());
+      zlib.next_out = reinterpret_cast<Bytef*>(piece.data());
+      zlib.avail_out = static_cast<uInt>(piece.size());
       result = inflate(&zlib, Z_NO_FLUSH);
     }
     stream_->hasBegun = true;

@@ -1,4 +1,5 @@
 #include <quillmere/platform/base/makeObject.h>
+#include <quillmere/platform/loop/Alarm.h>
 #include <quillmere/platform/loop/MainContext.h>
 #include <quillmere/platform/net/CurlLoop.h>
 #include <sys/epoll.h>
@@ -13,8 +14,6 @@ namespace {
 
 constexpr int maximumEvents = 64;         // of one turn of the loop
 constexpr long maximumConnections = 256;  // of all sessions of a loop; others wait for one
-constexpr gint64 never = -1;              // as a ready time
-constexpr gint64 microsecondsPerMillisecond = 1000;
 
 CURLM* newMulti() {
   static const CURLcode initialised = curl_global_init(CURL_GLOBAL_DEFAULT);
@@ -42,7 +41,8 @@ CurlLoop::CurlLoop(const NSOperationQueue& queue)
   curl_multi_setopt(multi_, CURLMOPT_MAX_TOTAL_CONNECTIONS, maximumConnections);
   curl_multi_setopt(multi_, CURLMOPT_MAXCONNECTS, maximumConnections);
 
-  static GSourceFuncs functions{nullptr, nullptr, &CurlLoop::dispatch, nullptr, nullptr, nullptr};
+  static GSourceFuncs functions{
+      &CurlLoop::prepare, &CurlLoop::check, &CurlLoop::dispatch, nullptr, nullptr, nullptr};
   source_ = g_source_new(&functions, sizeof(Source));
   reinterpret_cast<Source*>(source_)->loop = this;
   tag_ = g_source_add_unix_fd(source_, epoll_.get(), G_IO_IN);
@@ -74,11 +74,19 @@ void CurlLoop::remove(CURL* transfer) {
 
 void CurlLoop::tellSoon(CURL* transfer) {
   if (std::find(moved_.begin(), moved_.end(), transfer) == moved_.end()) moved_.push_back(transfer);
-  updateReadyTime();
 }
 
-void CurlLoop::updateReadyTime() {
-  g_source_set_ready_time(source_, moved_.empty() ? deadline_ : 0);
+// The loop asks for the time instead of being told, since telling GLib wakes the loop each time.
+
+gboolean CurlLoop::prepare(GSource* source, gint* timeout) {
+  const CurlLoop& loop = *reinterpret_cast<Source*>(source)->loop;
+  *timeout = loop.moved_.empty() ? millisecondsUntil(loop.deadline_) : 0;
+  return *timeout == 0;
+}
+
+gboolean CurlLoop::check(GSource* source) {
+  gint timeout = 0;
+  return prepare(source, &timeout);
 }
 
 gboolean CurlLoop::dispatch(GSource* source, GSourceFunc, void*) {
@@ -100,12 +108,11 @@ void CurlLoop::work(bool isReadable) {
       curl_multi_socket_action(multi_, events[static_cast<std::size_t>(i)].data.fd, mask, &running);
     }
   }
-  if (deadline_ != never && g_get_monotonic_time() >= deadline_) {
-    deadline_ = never;
+  if (deadline_ != Alarm::never && g_get_monotonic_time() >= deadline_) {
+    deadline_ = Alarm::never;
     curl_multi_socket_action(multi_, CURL_SOCKET_TIMEOUT, 0, &running);
   }
   tell();
-  updateReadyTime();
 }
 
 // Clients may start and remove transfers, and run the loop, while they are told; so nothing is
@@ -150,9 +157,7 @@ int CurlLoop::socketChanged(CURL*, curl_socket_t socket, int what, void* loop, v
 int CurlLoop::timerChanged(CURLM*, long milliseconds, void* data) {
   auto* const loop = static_cast<CurlLoop*>(data);
   loop->deadline_ =
-      milliseconds < 0 ? never
-                       : g_get_monotonic_time() + gint64{milliseconds} * microsecondsPerMillisecond;
-  loop->updateReadyTime();
+      milliseconds < 0 ? Alarm::never : g_get_monotonic_time() + gint64{milliseconds} * 1000;
   return 0;
 }
 

@@ -57,12 +57,13 @@ class CurlLoop : public std::enable_shared_from_this<CurlLoop> {
     CurlLoop* loop;
   };
 
+  static gboolean prepare(GSource* source, gint* timeout);
+  static gboolean check(GSource* source);
   static gboolean dispatch(GSource* source, GSourceFunc, void*);
   static int socketChanged(CURL*, curl_socket_t socket, int what, void* loop, void*);
   static int timerChanged(CURLM*, long milliseconds, void* loop);
   void work(bool isReadable);
   void tell();
-  void updateReadyTime();
 
   FileDescriptor epoll_;
   CURLM* multi_;
@@ -70,7 +71,7 @@ class CurlLoop : public std::enable_shared_from_this<CurlLoop> {
   void* tag_ = nullptr;  // of the epoll set in the source
   std::unordered_map<CURL*, std::shared_ptr<Client>> clients_;
   std::deque<CURL*> moved_;
-  gint64 deadline_ = -1;  // when libcurl wants to be called, in monotonic time; -1 for never
+  gint64 deadline_ = -1;  // when libcurl wants to be called, as an alarm has it
 };
 
 }  // namespace quillmere

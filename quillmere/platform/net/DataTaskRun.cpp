@@ -12,7 +12,7 @@ namespace quillmere {
 namespace {
 
 constexpr int maximumRedirects = 20;
-constexpr int maximumStaleNonces = 3;  // in a row
+constexpr int maximumStaleNonces = 3;  // of one credential
 constexpr std::int64_t unauthorized = 401;
 constexpr std::int64_t proxyAuthenticationRequired = 407;
 
@@ -47,7 +47,9 @@ NSURLRequest redirected(const NSURLRequest& request, std::int64_t status, const 
     proposed.setValue_forHTTPHeaderField(std::nullopt, "Content-Type");
   }
   if (!isSameServer(*request.URL(), target)) {
-    proposed.setValue_forHTTPHeaderField(std::nullopt, "Authorization");
+    for (const char* field : {"Authorization", "Proxy-Authorization", "Cookie"}) {
+      proposed.setValue_forHTTPHeaderField(std::nullopt, field);
+    }
   }
   proposed.setURL(target);
   return proposed;
@@ -159,9 +161,7 @@ void DataTaskRun::askAboutRedirect() {
   const auto response = transfer_->response();
   const NSURLRequest proposed =
       redirected(request_, response->statusCode(), *redirectTarget(*response));
-  refusedCredentials_ = 0;
-  credential_.reset();
-  staleNonces_ = 0;
+  server_ = {};
   const auto task = task_;
   const auto delegate = task->delegate_;
   delegate->URLSession_task_willPerformHTTPRedirection_newRequest_completionHandler(
@@ -177,13 +177,17 @@ void DataTaskRun::askAboutRedirect() {
 void DataTaskRun::askForCredential() {
   const auto response = transfer_->response();
   const AuthenticateChallenge offer = *challengeToRaise(challenges_);
-  // A nonce that has become stale says nothing about the credential (RFC 7616 section 3.3).
-  if (credential_ && staleNonces_ < maximumStaleNonces &&
-      equalIgnoringCase(offer.parameter("stale").value_or(""), "true")) {
-    ++staleNonces_;
-    return answer(offer, *credential_);
-  }
   const bool isProxys = response->statusCode() == proxyAuthenticationRequired;
+  Asker& asker = isProxys ? proxy_ : server_;
+  // A Digest nonce that has become stale says nothing about the credential (RFC 7616 section 3.3).
+  const bool isStale = asker.credential && asker.answered.scheme == "digest" &&
+                       offer.scheme == "digest" &&
+                       offer.parameter("realm") == asker.answered.parameter("realm") &&
+                       equalIgnoringCase(offer.parameter("stale").value_or(""), "true");
+  if (isStale && asker.staleNonces < maximumStaleNonces) {
+    ++asker.staleNonces;
+    return answer(offer, asker);
+  }
   const NSURL& url = *request_.URL();
   const auto makeSpace =
       isProxys ? &NSURLProtectionSpace::initWithProxyHost_port_type_realm_authenticationMethod
@@ -192,18 +196,21 @@ void DataTaskRun::askForCredential() {
       initWithProtectionSpace_proposedCredential_previousFailureCount_failureResponse(
           makeSpace(url.host().value_or(""), portOf(url), url.scheme().value_or(""),
                     offer.parameter("realm"), offer.authenticationMethod()),
-          nullptr, refusedCredentials_, response);
+          nullptr, asker.refusedCredentials, response);
   const bool isAnswerable = offer.scheme == "digest" || offer.scheme == "basic";
   const auto handler =
       answerHandler<NSURLSessionAuthChallengeDisposition, std::shared_ptr<NSURLCredential>>(
-          [offer, isAnswerable](DataTaskRun& run, NSURLSessionAuthChallengeDisposition disposition,
-                                const std::shared_ptr<NSURLCredential>& credential) {
+          [offer, isAnswerable, isProxys](DataTaskRun& run,
+                                          NSURLSessionAuthChallengeDisposition disposition,
+                                          const std::shared_ptr<NSURLCredential>& credential) {
             using enum NSURLSessionAuthChallengeDisposition;
             if (disposition == cancelAuthenticationChallenge) return run.task_->cancel();
             if (disposition == useCredential && credential && isAnswerable) {
-              ++run.refusedCredentials_;
-              run.credential_ = credential;
-              return run.answer(offer, *credential);
+              Asker& answered = isProxys ? run.proxy_ : run.server_;
+              ++answered.refusedCredentials;
+              answered.credential = credential;
+              answered.staleNonces = 0;
+              return run.answer(offer, answered);
             }
             run.purpose_ = Purpose::answer;
             run.askAboutResponse();
@@ -220,15 +227,17 @@ void DataTaskRun::askForCredential() {
 }
 
 // The credential goes into what is sent alone: neither a redirect nor another request has it.
-void DataTaskRun::answer(const AuthenticateChallenge& offer, const NSURLCredential& credential) {
-  const bool isProxys = transfer_->response()->statusCode() == proxyAuthenticationRequired;
+void DataTaskRun::answer(const AuthenticateChallenge& offer, Asker& asker) {
+  asker.answered = offer;
+  asker.value = authorizationFor(offer, *asker.credential, request_, CFUUIDCreateString());
   NSMutableURLRequest request;
   static_cast<NSURLRequest&>(request) = request_;
-  request.setValue_forHTTPHeaderField(
-      authorizationFor(offer, credential, request_, CFUUIDCreateString()),
-      isProxys ? "Proxy-Authorization" : "Authorization");
-  // A nonce may be good for this connection only, and it was alive just now.
-  transfer(request, HTTPTransfer::Connection::kept);
+  if (proxy_.value) request.setValue_forHTTPHeaderField(proxy_.value, "Proxy-Authorization");
+  if (server_.value) request.setValue_forHTTPHeaderField(server_.value, "Authorization");
+  // A nonce may be good for the connection alone that it came over, the last one that was used.
+  const bool hasNonce = offer.scheme == "digest";
+  transfer(request,
+           hasNonce ? HTTPTransfer::Connection::kept : HTTPTransfer::Connection::asTheMethodNeeds);
 }
 
 void DataTaskRun::askAboutResponse() {

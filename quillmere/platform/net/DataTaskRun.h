@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <string>
 #include <vector>
 
 // Internal: a task of a session on its way.
@@ -34,6 +35,15 @@ class DataTaskRun final : public HTTPTransfer::Owner,
   // What the response that comes in is for.
   enum class Purpose : std::uint8_t { unknown, redirect, challenge, answer };
 
+  // Who asks for credentials, and what it was given.
+  struct Asker {
+    std::int64_t refusedCredentials = 0;
+    std::shared_ptr<NSURLCredential> credential;
+    AuthenticateChallenge answered;
+    std::optional<std::string> value;  // of the field that answers
+    int staleNonces = 0;               // since the credential was given
+  };
+
   bool isOver() const { return !task_ || task_->state() != NSURLSessionTaskState::running; }
   void send(const NSURLRequest& request);
   void transfer(const NSURLRequest& request, HTTPTransfer::Connection connection);
@@ -41,7 +51,7 @@ class DataTaskRun final : public HTTPTransfer::Owner,
   std::optional<NSURL> redirectTarget(const NSHTTPURLResponse& response) const;
   void askAboutRedirect();
   void askForCredential();
-  void answer(const AuthenticateChallenge& offer, const NSURLCredential& credential);
+  void answer(const AuthenticateChallenge& offer, Asker& asker);
   void askAboutResponse();
   void goOn();
   void deliverBody();
@@ -60,9 +70,7 @@ class DataTaskRun final : public HTTPTransfer::Owner,
   bool isPaused_ = false;                          // until it does
   bool hasEnded_ = false;                          // the transfer has
   int redirects_ = 0;
-  std::int64_t refusedCredentials_ = 0;
-  std::shared_ptr<NSURLCredential> credential_;  // the last that was given for this server
-  int staleNonces_ = 0;
+  Asker server_, proxy_;
   std::uint64_t questions_ = 0;  // asked of the delegate so far, and answered
 };
 

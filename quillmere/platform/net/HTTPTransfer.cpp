@@ -115,7 +115,7 @@ NSErrorPtr urlError(NSURLErrorCode code, const std::optional<NSURL>& url, std::s
   std::string text = KSLocalizedString(descriptionOf(code));
   if (!detail.empty()) text.append(" (").append(detail).append(")");
   userInfo[NSLocalizedDescriptionKey] = std::move(text);
-  if (url) userInfo[NSURLErrorFailingURLStringErrorKey] = url->wireString();
+  if (url && url->isHTTP()) userInfo[NSURLErrorFailingURLStringErrorKey] = url->wireString();
   return NSError::errorWithDomain_code_userInfo(NSURLErrorDomain, code, std::move(userInfo));
 }
 
@@ -162,18 +162,21 @@ void HTTPTransfer::setOptions(Connection connection) {
   // What the library takes for its own settings of the system, it takes from the environment.
   if (const char* authorities = std::getenv("SSL_CERT_FILE")) {
     curl_easy_setopt(curl_, CURLOPT_CAINFO, authorities);
+    curl_easy_setopt(curl_, CURLOPT_CAPATH, nullptr);
   }
+  // A host that is still being looked up must not be waited for when a request is cancelled.
+  curl_easy_setopt(curl_, CURLOPT_QUICK_EXIT, 1L);
 
   const std::string& method = request_.HTTPMethod();
   const auto& body = request_.HTTPBody();
-  if (body || method == "POST" || method == "PUT") {
+  if (method == "HEAD") {
+    curl_easy_setopt(curl_, CURLOPT_NOBODY, 1L);
+  } else if (body || method == "POST" || method == "PUT") {
     const bool isEmpty = !body || body->length() == 0;
     curl_easy_setopt(curl_, CURLOPT_POSTFIELDSIZE_LARGE,
                      isEmpty ? curl_off_t{0} : static_cast<curl_off_t>(body->length()));
     curl_easy_setopt(curl_, CURLOPT_POSTFIELDS,
                      isEmpty ? "" : static_cast<const void*>(body->bytes()));
-  } else if (method == "HEAD") {
-    curl_easy_setopt(curl_, CURLOPT_NOBODY, 1L);
   }
   curl_easy_setopt(curl_, CURLOPT_CUSTOMREQUEST, method.c_str());
   const bool needsNewConnection =
@@ -194,9 +197,13 @@ void HTTPTransfer::setHeaderFields() {
     fields_ = curl_slist_append(fields_, line.c_str());
   };
   for (const auto& [name, value] : request_.allHTTPHeaderFields()) {
-    // A semicolon instead of the colon is how libcurl is told of a field without a value.
     std::string line = name;
-    append(value.empty() ? line.append(";") : line.append(": ").append(value));
+    if (!trimmed(value).empty() || name.ends_with(':')) {
+      append(line.append(": ").append(value));
+    } else {
+      // A semicolon instead of the colon is how libcurl is told of a field without a value.
+      append(line.append(";"));
+    }
   }
   // What libcurl would add of its own accord.
   for (const char* name : {"Accept", "Content-Type", "Expect", "Transfer-Encoding"}) {
@@ -208,7 +215,7 @@ void HTTPTransfer::setHeaderFields() {
 void HTTPTransfer::beginAnew() {
   headFields_.clear();
   headSize_ = 0;
-  isHeadComplete_ = false;
+  hasStatusLine_ = isHeadComplete_ = false;
   response_.reset();
   decoder_.reset();
   bodySize_ = 0;
@@ -223,12 +230,12 @@ void HTTPTransfer::start() {
 }
 
 void HTTPTransfer::stop() {
-  silence_.setTime(-1);
+  silence_.setTime(Alarm::never);
   loop_->remove(curl_);
 }
 
 void HTTPTransfer::pause() {
-  silence_.setTime(-1);
+  silence_.setTime(Alarm::never);
   curl_easy_pause(curl_, CURLPAUSE_RECV);
 }
 
@@ -247,22 +254,19 @@ std::size_t HTTPTransfer::receiveHead(char* bytes, std::size_t size, std::size_t
 // Responses before the last (1xx) begin with a status line like that one. Fields after the body do
 // not count.
 bool HTTPTransfer::takeHeadLine(std::string_view line) {
-  if (line.starts_with("HTTP/")) {
-    beginAnew();
-  } else if (isHeadComplete_) {
-    return true;
-  }
+  if (isHeadComplete_) return true;
   headSize_ += line.size();
   if (headSize_ > configuration_.maximumResponseHeadSize) {
     failure_ = NSURLErrorBadServerResponse;
     return false;
   }
-  if (trimmed(line).empty()) {
+  if (!hasStatusLine_) {
+    hasStatusLine_ = true;
+  } else if (trimmed(line).empty()) {
     completeHead();
   } else if ((line.front() == ' ' || line.front() == '\t') && !headFields_.empty()) {
     headFields_.back().second.append(" ").append(trimmed(line));
-  } else if (const std::size_t colon = line.find(':');
-             colon != std::string_view::npos && !line.starts_with("HTTP/")) {
+  } else if (const std::size_t colon = line.find(':'); colon != std::string_view::npos) {
     headFields_.emplace_back(trimmed(line.substr(0, colon)), trimmed(line.substr(colon + 1)));
   }
   return true;
@@ -275,9 +279,14 @@ void HTTPTransfer::completeHead() {
   curl_easy_getinfo(curl_, CURLINFO_HTTP_VERSION, &version);
   constexpr long firstFinalStatus = 200;
   constexpr long switchingProtocols = 101;
-  if (status < firstFinalStatus && status != switchingProtocols) return;  // 1xx: another follows
+  if (status < firstFinalStatus && status != switchingProtocols) {  // another follows
+    hasStatusLine_ = false;
+    headFields_.clear();
+    return;
+  }
   const char* const versionText = version == CURL_HTTP_VERSION_1_0   ? "HTTP/1.0"
                                   : version == CURL_HTTP_VERSION_1_1 ? "HTTP/1.1"
+                                  : version == CURL_HTTP_VERSION_3   ? "HTTP/3"
                                                                      : "HTTP/2";
   isHeadComplete_ = true;
   response_ = NSHTTPURLResponse::initWithURL_statusCode_HTTPVersion_headerFields(
@@ -331,7 +340,10 @@ void HTTPTransfer::watchForSilence() {
 
 gint64 HTTPTransfer::timeOfSilence() const {
   constexpr double microsecondsPerSecond = 1e6;
-  return lastByteTime_ + static_cast<gint64>(request_.timeoutInterval() * microsecondsPerSecond);
+  constexpr double longest = 1e9;  // seconds; a NaN is that as well
+  const double interval =
+      request_.timeoutInterval() < longest ? request_.timeoutInterval() : longest;
+  return lastByteTime_ + static_cast<gint64>(std::max(interval, 0.0) * microsecondsPerSecond);
 }
 
 // The alarm is left alone while bytes come; when it rings, it may have been too early.
@@ -346,7 +358,7 @@ void HTTPTransfer::lookForSilence() {
 }
 
 void HTTPTransfer::transferEnded(CURLcode result) {
-  silence_.setTime(-1);
+  silence_.setTime(Alarm::never);
   if (failure_ == 0 && result == CURLE_OK && decoder_ && !decoder_->isComplete()) {
     failure_ = NSURLErrorCannotDecodeRawData;
   }
@@ -362,6 +374,9 @@ NSErrorPtr HTTPTransfer::errorFor(CURLcode result) const {
     return urlError(certificateError(verification), request_.URL());
   }
   // Without any error and without a whole head: the connection was closed within it.
+  if (result == CURLE_OUT_OF_MEMORY && !isHeadComplete_) {  // what libcurl says of a long line
+    return urlError(NSURLErrorBadServerResponse, request_.URL());
+  }
   const auto code = result == CURLE_OK ? NSURLErrorNetworkConnectionLost : errorCodeFor(result);
   return urlError(code, request_.URL(), result == CURLE_OK ? "" : curl_easy_strerror(result));
 }

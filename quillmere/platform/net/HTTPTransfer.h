@@ -99,6 +99,7 @@ class HTTPTransfer final : public CurlLoop::Client,
 
   std::vector<std::pair<std::string, std::string>> headFields_;
   std::uint64_t headSize_ = 0;
+  bool hasStatusLine_ = false;
   bool isHeadComplete_ = false;
   std::shared_ptr<const NSHTTPURLResponse> response_;
   std::unique_ptr<ContentDecoder> decoder_;

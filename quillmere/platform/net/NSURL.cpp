@@ -194,13 +194,7 @@ optional<string> partOf(CURLU* url, CURLUPart part, unsigned flags) {
   return text;
 }
 
-// Null for no authority and for a malformed one. User info ends at the last "@", so that nothing
-// of it is ever taken for a host.
-optional<Server> serverOf(const Components& components) {
-  if (!components.authority) return std::nullopt;
-  const string_view authority = components.authority->substr(components.authority->rfind('@') + 1);
-  if (authority.empty()) return std::nullopt;  // libcurl would look for a host in the path
-
+optional<Server> readServer(string_view authority) {
   constexpr string_view scheme = "http://";
   const UTF8Locale locale;
   const std::unique_ptr<CURLU, decltype(&::curl_url_cleanup)> url(::curl_url(),
@@ -230,6 +224,25 @@ optional<Server> serverOf(const Components& components) {
       wireHost.starts_with('[') ? !zone || isPlainName(*zone) : isPlainName(wireHost);
   if (!isPlain) return std::nullopt;
   return server;
+}
+
+// Null for no authority and for a malformed one. User info ends at the last "@", so that nothing
+// of it is ever taken for a host.
+optional<Server> serverOf(const Components& components) {
+  if (!components.authority) return std::nullopt;
+  const string_view authority = components.authority->substr(components.authority->rfind('@') + 1);
+  if (authority.empty()) return std::nullopt;  // libcurl would look for a host in the path
+
+  // Most requests go where the one before went, and reading takes some microseconds.
+  struct Known {
+    string authority;
+    optional<Server> server;
+  };
+  thread_local Known last;
+  constexpr std::size_t longestToKeep = 1024;
+  if (authority.size() > longestToKeep) return readServer(authority);
+  if (last.authority != authority) last = {string(authority), readServer(authority)};
+  return last.server;
 }
 
 bool isHTTPScheme(const optional<string_view>& scheme) {

@@ -34,7 +34,8 @@ class NSURLAuthenticationChallenge {
   const NSURLProtectionSpace& protectionSpace() const { return protectionSpace_; }
   /// A credential that is known already; null from sessions, which store none.
   const std::shared_ptr<NSURLCredential>& proposedCredential() const { return proposedCredential_; }
-  /// How many credentials of this task the server has refused; 0 the first time it asks.
+  /// How many credentials the server, or the proxy, has refused since it was first asked; 0 the
+  /// first time.
   std::int64_t previousFailureCount() const { return previousFailureCount_; }
   /// The answer that asks, a 401 or 407.
   const std::shared_ptr<const NSHTTPURLResponse>& failureResponse() const {

@@ -43,7 +43,8 @@ enum NSURLErrorCode : std::int64_t {
   NSURLErrorServerCertificateNotYetValid = -1204,
 };
 
-/// Key of an error's user info: the URL that failed, without user and password.
+/// Key of an error's user info: the URL that failed, without user and password; not there for one
+/// that is neither of http nor of https.
 inline constexpr const char* NSURLErrorFailingURLStringErrorKey = "NSErrorFailingURLStringKey";
 
 /// What a session does with every request.
@@ -52,7 +53,8 @@ struct NSURLSessionConfiguration {
   static NSURLSessionConfiguration ephemeralSessionConfiguration() { return {}; }
 
   /// Limits against hostile servers, in bytes: a response's status line and fields, and its body
-  /// after decompression.
+  /// after decompression. libcurl has bounds of its own for the head, 100 KiB a line and 300 KiB in
+  /// all.
   std::uint64_t maximumResponseHeadSize = std::uint64_t{256} << 10;
   std::uint64_t maximumResponseBodySize = std::uint64_t{1} << 30;
 };
@@ -64,7 +66,8 @@ enum class NSURLSessionResponseDisposition : std::uint8_t { cancel, allow };
 inline constexpr auto NSURLSessionResponseCancel = NSURLSessionResponseDisposition::cancel;
 inline constexpr auto NSURLSessionResponseAllow = NSURLSessionResponseDisposition::allow;
 
-/// Requests over HTTP and HTTPS, which run side by side; everything about them is told to one
+/// Requests over HTTP and HTTPS, which run side by side, over up to 256 connections of all sessions
+/// of a loop (others wait for one, and their time-outs run); everything about them is told to one
 /// delegate, on the loop of one queue.
 ///
 /// TLS is always verified, against the system's authorities, or those of the file that the
@@ -140,10 +143,10 @@ class NSURLSessionDelegate {
   virtual ~NSURLSessionDelegate() = default;
 
   /// A 301, 302, 303, 307 or 308 with a Location of http or https. `newRequest` is what the
-  /// platform would send: the same, without Authorization where host, port or scheme change; with
-  /// GET and no body after a 303 (but for HEAD) and after a 301 or 302 to a POST (RFC 9110 section
-  /// 15.4). The handler takes what is to be sent; with null the redirect itself is the response.
-  /// Default: `newRequest`.
+  /// platform would send: the same, without Authorization, Proxy-Authorization and Cookie where
+  /// host, port or scheme change; with GET and no body after a 303 (but for HEAD) and after a 301
+  /// or 302 to a POST (RFC 9110 section 15.4). The handler takes what is to be sent; with null the
+  /// redirect itself is the response. Default: `newRequest`.
   virtual void URLSession_task_willPerformHTTPRedirection_newRequest_completionHandler(
       NSURLSession& session, NSURLSessionDataTask& task, const NSHTTPURLResponse& response,
       const NSURLRequest& newRequest,

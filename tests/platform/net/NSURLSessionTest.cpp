@@ -340,6 +340,19 @@ TEST(NSURLSession, A401IsTheAnswerWhenNobodyHasACredential) {
   answer({});
   EXPECT_EQ(host->fetch(requestFor(server.url("/a"))), "response 401, data, end");
 
+  // Only a Digest has nonces: another scheme asks again, whatever it says.
+  int times = 0;
+  host->credential = [&](const NSURLAuthenticationChallenge& challenge) {
+    return ++times < 2 ? aliceAndSecret(challenge) : nullptr;
+  };
+  server.expect({.path = "/a"}, {.status = 401, .challenges = {{.scheme = AuthScheme::digest}}});
+  server.expect(
+      {.path = "/a", .credential = {{AuthScheme::digest, "alice", "secret"}}},
+      {.status = 401, .fields = {{"WWW-Authenticate", "Basic realm=\"calendars\", stale=true"}}});
+  EXPECT_EQ(host->fetch(requestFor(server.url("/a"))),
+            "challenge HTTPDigest calendars 0, challenge HTTPBasic calendars 1, response 401, end");
+  host->credential = [](const NSURLAuthenticationChallenge&) { return nullptr; };
+
   // With a field of its own a request asks nobody.
   auto request = requestFor(server.url("/a"));
   request.setValue_forHTTPHeaderField("mine", "Authorization");
@@ -452,11 +465,17 @@ TEST(NSURLSession, SurvivesServersThatMisbehave) {
       {"speaks HTTP/1.0",
        {raw::write("HTTP/1.0 200 OK\r\n\r\nabc"), raw::close()},
        "response 200, data, end"},
+      {"names a field like a status line",
+       {raw::write(ok + "HTTP/x: y\r\nContent-Length: 1\r\n\r\na")},
+       "response 200, data, end"},
+      {"has a line beyond bounds",
+       {raw::write(ok + "X: "), raw::write("0123456789", 12'000), raw::write("\r\n\r\n")},
+       "error -1011"},
       {"folds a field",
        {raw::write(ok + "X: a\r\n b\r\nContent-Length: 0\r\n\r\n")},
        "response 200, end"},
       {"has trailers",
-       {raw::write(ok + "Transfer-Encoding: chunked\r\n\r\n1\r\na\r\n0\r\nX: late\r\n\r\n")},
+       {raw::write(ok + "Transfer-Encoding: chunked\r\n\r\n1\r\na\r\n0\r\nHTTP/X: late\r\n\r\n")},
        "response 200, data, end"},
   };
   for (const auto& row : rows) {
