@@ -128,7 +128,7 @@ void KBTDavRequestor::answerChallenge(
   const bool isHopeless = isPreset || method == NSURLAuthenticationMethodNTLM ||
                           method == NSURLAuthenticationMethodNegotiate ||
                           challenge.previousFailureCount() != 0;
-  completionHandler(NSURLSessionAuthChallengeDisposition::useCredential,
+  completionHandler(NSURLSessionAuthChallengeUseCredential,
                     isHopeless ? nullptr
                                : NSURLCredential::credentialWithUser_password_persistence(
                                      _getUsername().value_or(""), _getPassword().value_or(""),

@@ -62,11 +62,13 @@ class KBTCalRepetitionDayOfWeek {
 
 }  // namespace quillmere
 
+/// @cond
 template <>
 struct std::hash<quillmere::KBTCalRepetitionDayOfWeek> {
   std::size_t operator()(const quillmere::KBTCalRepetitionDayOfWeek& day) const noexcept {
     return day.hash();
   }
 };
+/// @endcond
 
 #endif

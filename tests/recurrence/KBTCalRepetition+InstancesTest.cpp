@@ -313,8 +313,8 @@ TEST(KBTCalRepetitionInstances, MoveByDays) {
 TEST(KBTCalRepetitionInstances, EndWithTheCalendar) {
   const ScopedTimeZone zone("America/New_York");
   const NSCalendar calendar = NSCalendar::currentCalendar();
-  const NSDate last = calendar.dateFromComponents({144683, 12, 31, 23, 59}).value();
-  const NSDate first = calendar.dateFromComponents({1, 1, 1}).value();
+  const NSDate last = calendar.dateFromComponents({144683, 12, 31, 23, 59, 0}).value();
+  const NSDate first = calendar.dateFromComponents({1, 1, 1, 0, 0, 0}).value();
   const char* const lists[] = {"", ";BYMONTH=2;BYMONTHDAY=30,31", ";BYMONTH=2;BYDAY=MO",
                                ";BYMONTHDAY=31,-31"};
   for (const char* frequency : {"MINUTELY", "HOURLY", "DAILY", "WEEKLY", "MONTHLY", "YEARLY"}) {

@@ -15,7 +15,7 @@
 namespace quillmere::testing {
 namespace {
 
-constexpr int occurrencesCompared = 50;
+constexpr std::size_t occurrencesCompared = 50;
 
 // Writes a random rule of the common subset, and a local start that fits it closely enough.
 class RandomRule {
@@ -120,7 +120,7 @@ std::vector<icaltimetype> occurrencesOfLibical(const RandomRule& rule) {
   // Two passes: COUNT counts from the first that fits.
   icaltimetype start = rule.start();
   const auto recurrence = icalrecurrencetype_from_string(rule.text().c_str());
-  for (const std::size_t wanted : {1, occurrencesCompared}) {
+  for (const std::size_t wanted : {std::size_t{1}, occurrencesCompared}) {
     occurrences.clear();
     const std::unique_ptr<icalrecur_iterator, decltype(&icalrecur_iterator_free)> iterator(
         icalrecur_iterator_new(recurrence, start), &icalrecur_iterator_free);

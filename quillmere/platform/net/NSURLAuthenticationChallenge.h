@@ -19,6 +19,10 @@ enum class NSURLSessionAuthChallengeDisposition {
   rejectProtectionSpace = 3,
 };
 
+/// The first by its published name.
+inline constexpr auto NSURLSessionAuthChallengeUseCredential =
+    NSURLSessionAuthChallengeDisposition::useCredential;
+
 /// Answers a challenge: the disposition, and the credential or null.
 using NSURLSessionChallengeCompletionHandler = std::function<void(
     NSURLSessionAuthChallengeDisposition, std::shared_ptr<NSURLCredential> credential)>;
