@@ -41,8 +41,10 @@ std::shared_ptr<NSURLSessionDataTask> NSURLSession::dataTaskWithRequest(
 
 NSURLSessionDataTask::NSURLSessionDataTask(std::shared_ptr<NSURLSession> session,
                                            std::shared_ptr<NSURLSessionDelegate> delegate,
-                                           const NSURLRequest& request)
-    : session_(std::move(session)), delegate_(std::move(delegate)), originalRequest_(request) {}
+                                           NSURLRequest request)
+    : session_(std::move(session)),
+      delegate_(std::move(delegate)),
+      originalRequest_(std::move(request)) {}
 
 NSURLSessionDataTask::~NSURLSessionDataTask() = default;
 

@@ -122,7 +122,7 @@ class NSURLSessionDataTask : public std::enable_shared_from_this<NSURLSessionDat
 
  protected:
   NSURLSessionDataTask(std::shared_ptr<NSURLSession> session,
-                       std::shared_ptr<NSURLSessionDelegate> delegate, const NSURLRequest& request);
+                       std::shared_ptr<NSURLSessionDelegate> delegate, NSURLRequest request);
 
  private:
   friend class DataTaskRun;
