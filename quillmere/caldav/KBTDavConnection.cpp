@@ -1,7 +1,7 @@
+#include <quillmere/caldav/DavXML.h>
 #include <quillmere/caldav/KBTDavConnection.h>
 #include <quillmere/ical/KBTCalObject.h>
 #include <quillmere/platform/base/makeObject.h>
-#include <quillmere/platform/xml/HWXMLDocument.h>
 
 #include <algorithm>
 #include <mutex>
@@ -12,61 +12,11 @@
 namespace quillmere {
 namespace {
 
-constexpr const char* davNamespace = "DAV:";
-constexpr const char* caldavNamespace = "urn:ietf:params:xml:ns:caldav";
-constexpr const char* calendarServerNamespace = "http://calendarserver.org/ns/";
-constexpr const char* xmlContentType = "text/xml; charset=\"utf-8\"";
-constexpr const char* statusOfFound = "HTTP/1.1 200 OK";
-
-// A body under way, with every namespace a plain "xmlns" of the element that needs one.
-class Body {
- public:
-  Body(const char* root, const char* xmlns)
-      : document_(HWXMLDocument::initWithRootElementNamed(root)) {
-    document_->setAttribute_value("xmlns", xmlns);
-  }
-
-  Body& push(const char* name, const char* xmlns = nullptr) {
-    document_->pushElement(name);
-    return xmlns ? attribute("xmlns", xmlns) : *this;
-  }
-  Body& pop() {
-    document_->popElement();
-    return *this;
-  }
-  Body& attribute(const char* name, const std::string& value) {
-    document_->setAttribute_value(name, value);
-    return *this;
-  }
-  Body& empty(const char* name, const char* xmlns) { return push(name, xmlns).pop(); }
-  Body& text(const char* name, const char* xmlns, const std::string& text) {
-    push(name, xmlns);
-    document_->appendString(text);
-    return pop();
-  }
-  Body& timeRange(NSDate from, NSDate to) {
-    return push("time-range")
-        .attribute("start", KBTCalObject::datetimeAsZuluString(from))
-        .attribute("end", KBTCalObject::datetimeAsZuluString(to))
-        .pop();
-  }
-
-  NSData data() const { return document_->xmlData(); }
-
- private:
-  std::shared_ptr<HWXMLDocument> document_;
-};
-
-// Null for a body that is no XML.
-std::optional<HWXMLElement> rootOf(const KBTDavRequest& request) {
-  const auto document = HWXMLDocument::initWithData(request.data());
-  if (!document) return std::nullopt;
-  return document->rootElement();
-}
-
-std::optional<std::string_view> textAt(const HWXMLElement& element, std::string_view path) {
-  const auto found = element.firstChildAtPath(path);
-  return found ? found->text() : std::nullopt;
+DavBody& addTimeRange(DavBody& body, NSDate from, NSDate to) {
+  return body.push("time-range")
+      .attribute("start", KBTCalObject::datetimeAsZuluString(from))
+      .attribute("end", KBTCalObject::datetimeAsZuluString(to))
+      .pop();
 }
 
 using KeptDelegates = std::shared_ptr<std::vector<std::shared_ptr<KBTDavConnectionDelegate>>>;
@@ -126,10 +76,8 @@ KBTDavConnection::KBTDavConnection(std::optional<std::string> name,
       description_(std::move(description)) {
   if (!supportedComponents) return;
   canContainEvents_ = canContainTodos_ = false;
-  for (const HWXMLNode& child : supportedComponents->children()) {
-    const auto* component = std::get_if<HWXMLElement>(&child);
-    if (!component || component->name() != "comp") continue;
-    const auto kind = component->attributeNamed("name");
+  for (const HWXMLElement& component : childElementsOf(*supportedComponents, "comp")) {
+    const auto kind = component.attributeNamed("name");
     canContainEvents_ = canContainEvents_ || kind == "VEVENT";
     canContainTodos_ = canContainTodos_ || kind == "VTODO";
   }
@@ -185,8 +133,10 @@ void KBTDavConnection::reportCTagWithContext(std::any context) {
   request.setValue_forHTTPHeaderField(xmlContentType, "Content-Type");
   request.setValue_forHTTPHeaderField("text/xml", "Accept");
   request.setValue_forHTTPHeaderField("0", "Depth");
-  request.setHTTPBody(
-      Body("propfind", davNamespace).push("prop").empty("getctag", calendarServerNamespace).data());
+  request.setHTTPBody(DavBody("propfind", davNamespace)
+                          .push("prop")
+                          .empty("getctag", calendarServerNamespace)
+                          .data());
   issue(std::move(request), &KBTDavConnection::_didGetCTag, std::move(context));
 }
 
@@ -195,7 +145,8 @@ void KBTDavConnection::reportFreebusyFromDate_toDate_context(NSDate from, NSDate
   NSMutableURLRequest request = requestWithMethod("REPORT", calendarURL_);
   request.setValue_forHTTPHeaderField(xmlContentType, "Content-Type");
   request.setValue_forHTTPHeaderField("text/calendar", "Accept");
-  request.setHTTPBody(Body("free-busy-query", caldavNamespace).timeRange(from, to).data());
+  DavBody body("free-busy-query", caldavNamespace);
+  request.setHTTPBody(addTimeRange(body, from, to).data());
   issue(std::move(request), &KBTDavConnection::_didGetFreeBusyForCalendar, std::move(context));
 }
 
@@ -211,20 +162,20 @@ NSMutableURLRequest KBTDavConnection::reportWithBody(NSData body) const {
 void KBTDavConnection::reportEvents_includingContents_fromDate_toDate_context(
     bool events, bool includingContents, std::optional<NSDate> from, std::optional<NSDate> to,
     std::any context) {
-  Body body("calendar-query", caldavNamespace);
+  DavBody body("calendar-query", caldavNamespace);
   body.push("prop", davNamespace).empty("getetag", davNamespace);
   if (includingContents) body.empty("calendar-data", caldavNamespace);
   body.pop().push("filter", caldavNamespace);
   body.push("comp-filter").attribute("name", "VCALENDAR");
   body.push("comp-filter").attribute("name", events ? "VEVENT" : "VTODO");
-  if (from && to) body.timeRange(*from, *to);
+  if (from && to) addTimeRange(body, *from, *to);
   issue(reportWithBody(body.data()), &KBTDavConnection::_didGetEventsForCalendar,
         std::move(context));
 }
 
 void KBTDavConnection::multigetEventsForAddresses_context(const std::vector<std::string>& addresses,
                                                           std::any context) {
-  Body body("calendar-multiget", caldavNamespace);
+  DavBody body("calendar-multiget", caldavNamespace);
   body.push("prop", davNamespace)
       .empty("getetag", davNamespace)
       .empty("calendar-data", caldavNamespace)
@@ -306,13 +257,12 @@ void KBTDavConnection::_didGetEventsForCalendar(const std::shared_ptr<KBTDavRequ
   if (tellFailure(*request) || !delegate_) return;
   KBTDavResourceTexts etags, contents;
   if (const auto root = rootOf(*request)) {
-    for (const HWXMLNode& child : root->children()) {
-      const auto* response = std::get_if<HWXMLElement>(&child);
-      if (!response || response->name() != "response") continue;
+    request->beginData(0);  // the document has its own copy, and answers are large here
+    for (const HWXMLElement& response : childElementsOf(*root, "response")) {
       // Intended: only the first propstat is looked at, and its status must be this very text.
-      const auto propstat = response->firstChildNamed("propstat");
+      const auto propstat = response.firstChildNamed("propstat");
       if (!propstat || textAt(*propstat, "status") != statusOfFound) continue;
-      const auto address = textAt(*response, "href");
+      const auto address = textAt(response, "href");
       const auto prop = propstat->firstChildNamed("prop");
       if (!address || !prop) continue;
       if (const auto etag = textAt(*prop, "getetag")) etags[std::string(*address)] = *etag;
@@ -367,9 +317,8 @@ std::vector<KBTDavResourceTexts> KBTDavConnection::_arrayForReportResponse_withK
   std::vector<KBTDavResourceTexts> rows;
   const auto root = rootOf(request);
   if (!root) return rows;
-  for (const HWXMLNode& child : root->children()) {
-    const auto* response = std::get_if<HWXMLElement>(&child);
-    const auto prop = response ? response->firstChildAtPath("propstat/prop") : std::nullopt;
+  for (const HWXMLElement& response : childElementsOf(*root)) {
+    const auto prop = response.firstChildAtPath("propstat/prop");
     if (!prop) continue;
     KBTDavResourceTexts row;
     for (const std::string& key : keys) {

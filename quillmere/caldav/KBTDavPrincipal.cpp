@@ -1,10 +1,23 @@
+#include <quillmere/caldav/DavXML.h>
 #include <quillmere/caldav/KBTDavConnection.h>
 #include <quillmere/caldav/KBTDavPrincipal.h>
+#include <quillmere/platform/base/UTF8.h>
 #include <quillmere/platform/base/makeObject.h>
 
+#include <algorithm>
 #include <utility>
 
 namespace quillmere {
+namespace {
+
+template <class Condition>
+std::shared_ptr<KBTDavConnection> firstOf(
+    const std::vector<std::shared_ptr<KBTDavConnection>>& calendars, const Condition& isWanted) {
+  const auto found = std::find_if(calendars.begin(), calendars.end(), isWanted);
+  return found == calendars.end() ? nullptr : *found;
+}
+
+}  // namespace
 
 std::shared_ptr<KBTDavPrincipal>
 KBTDavPrincipal::initWithDelegate_username_andPassword_forServer_isCurrent(
@@ -34,23 +47,65 @@ KBTDavPrincipal::KBTDavPrincipal(std::shared_ptr<KBTDavPrincipalDelegate> delega
       principalURL_(server),
       isCurrentPrincipal_(isCurrent) {}
 
-std::optional<std::string> KBTDavPrincipal::authorization() const {
-  const auto value = _authorization.load();
-  if (!value) return std::nullopt;
-  return *value;
-}
-
-void KBTDavPrincipal::setAuthorization(std::optional<std::string> authorization) {
-  _authorization.store(
-      authorization ? std::make_shared<const std::string>(std::move(*authorization)) : nullptr);
-}
-
 NSMutableURLRequest KBTDavPrincipal::newRequest() const {
   NSMutableURLRequest request;
   if (auto value = authorization()) {
     request.setValue_forHTTPHeaderField(std::move(value), "Authorization");
   }
   return request;
+}
+
+NSMutableURLRequest KBTDavPrincipal::propertyRequest(const NSURL& url, const char* depth,
+                                                     NSData body) const {
+  NSMutableURLRequest request = newRequest();
+  request.setURL(url);
+  request.setHTTPMethod("PROPFIND");
+  request.setValue_forHTTPHeaderField(xmlContentType, "Content-Type");
+  request.setValue_forHTTPHeaderField("text/xml", "Accept");
+  request.setValue_forHTTPHeaderField(depth, "Depth");
+  request.setHTTPBody(std::move(body));
+  return request;
+}
+
+void KBTDavPrincipal::issue(NSMutableURLRequest request, Completion completion, std::any context) {
+  _createConnectionWithRequest_context_completionSelector_internal(
+      std::move(request), std::move(context), static_cast<KBTDavCompletionSelector>(completion),
+      true);
+}
+
+void KBTDavPrincipal::tellLoggedInWithError(const NSErrorPtr& error) {
+  if (const auto delegate = delegate_) delegate->calDavPrincipal_loggedInWithError(*this, error);
+}
+
+NSErrorPtr KBTDavPrincipal::errorOfCode(std::int64_t code, std::string description) {
+  return NSError::errorWithDomain_code_userInfo(
+      KBTDavConnectionErrorDomain, code, {{NSLocalizedDescriptionKey, std::move(description)}});
+}
+
+std::shared_ptr<KBTDavPrincipal> KBTDavPrincipal::principalFromInfo(
+    const KBTPrincipalInfo& info) const {
+  const auto server = info.principalURL();
+  return server ? newPrincipalForServer(*server) : nullptr;
+}
+
+std::shared_ptr<KBTDavPrincipal> KBTDavPrincipal::newPrincipalForServer(const NSURL& server) const {
+  return initWithDelegate_username_andPassword_forServer(delegate_, user_, password_, server);
+}
+
+std::optional<std::string> KBTDavPrincipal::originator() const {
+  if (!originator_) return std::nullopt;
+  return originator_->absoluteString();
+}
+
+std::shared_ptr<KBTDavConnection> KBTDavPrincipal::calendarNamed(std::string_view name) const {
+  return firstOf(calendars_, [&](const auto& calendar) { return calendar->name() == name; });
+}
+
+std::shared_ptr<KBTDavConnection> KBTDavPrincipal::caseInsensitiveCalendarNamed(
+    std::string_view name) const {
+  return firstOf(calendars_, [&](const auto& calendar) {
+    return calendar->name() && equalIgnoringCase(*calendar->name(), name);
+  });
 }
 
 void KBTDavPrincipal::addConnection(const std::shared_ptr<KBTDavConnection>& connection) {
@@ -73,6 +128,9 @@ void KBTDavPrincipal::invalidate() {
   endRequests();
 }
 
-void KBTDavPrincipal::letGo() { const auto gone = std::exchange(delegate_, nullptr); }
+void KBTDavPrincipal::letGo() {
+  const auto delegate = std::exchange(delegate_, nullptr);
+  const auto calendars = std::exchange(calendars_, {});
+}
 
 }  // namespace quillmere

@@ -103,9 +103,9 @@ class KBTSynchingCalendar : public std::enable_shared_from_this<KBTSynchingCalen
   std::shared_ptr<KBTSynchingCalendarDelegate> delegate() const;
 
   OrderedMap<KBTClientObject>& objectsByUniqueName() { return objectsByUniqueName_; }
-  const OrderedSet& insertSet() const { return insertSet_; }
-  const OrderedSet& updateSet() const { return updateSet_; }
-  const OrderedSet& deleteSet() const { return deleteSet_; }
+  OrderedSet& insertSet() { return insertSet_; }
+  OrderedSet& updateSet() { return updateSet_; }
+  OrderedSet& deleteSet() { return deleteSet_; }
 
   void setIsChecking(bool isChecking) { isChecking_ = isChecking; }
   void setIsSaving(bool isSaving) { isSaving_ = isSaving; }

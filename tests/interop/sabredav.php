@@ -24,10 +24,25 @@ class BasicBackend extends \Sabre\DAV\Auth\Backend\AbstractBasic
     }
 }
 
+// The library finds principals by e-mail address, but not by the address that CalDAV makes of it.
+class PrincipalBackend extends \Sabre\DAVACL\PrincipalBackend\PDO
+{
+    public function searchPrincipals($prefixPath, array $searchProperties)
+    {
+        $address = '{urn:ietf:params:xml:ns:caldav}calendar-user-address-set';
+        if (isset($searchProperties[$address])) {
+            $searchProperties['{http://sabredav.org/ns}email-address'] =
+                preg_replace('/^mailto:/i', '', $searchProperties[$address]);
+            unset($searchProperties[$address]);
+        }
+        return parent::searchPrincipals($prefixPath, $searchProperties);
+    }
+}
+
 $pdo = new \PDO('sqlite:' . getenv('DATABASE'));
 $pdo->setAttribute(\PDO::ATTR_ERRMODE, \PDO::ERRMODE_EXCEPTION);
 $users = new \Sabre\DAV\Auth\Backend\PDO($pdo);
-$principals = new \Sabre\DAVACL\PrincipalBackend\PDO($pdo);
+$principals = new PrincipalBackend($pdo);
 $calendars = new \Sabre\CalDAV\Backend\PDO($pdo);
 
 $server = new \Sabre\DAV\Server([

@@ -12,8 +12,9 @@ namespace quillmere {
 /// (`bindtextdomain`) and sets its locale.
 const char* KSLocalizedString(const char* english);
 
-/// The same, with `argument` in place of the text's first "%@".
+/// The same, with the arguments in place of the text's "%@", in order.
 std::string KSLocalizedString(const char* english, std::string_view argument);
+std::string KSLocalizedString(const char* english, std::string_view first, std::string_view second);
 
 }  // namespace quillmere
 

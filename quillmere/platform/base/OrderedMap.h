@@ -136,6 +136,7 @@ class OrderedMap {
 template <class Name>
 class OrderedSetOf {
  public:
+  std::size_t size() const { return names_.size(); }
   bool empty() const { return names_.empty(); }
   bool contains(std::string_view name) const { return names_.contains(name); }
   /// Whether the name is new.

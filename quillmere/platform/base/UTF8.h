@@ -9,6 +9,10 @@ namespace quillmere {
 /// above U+10FFFF). ASCII, the common case, is told at vector speed.
 bool isValidUTF8(std::string_view bytes);
 
+/// Whether two texts are the same but for case (Unicode's full case folding). Bytes
+/// that are not UTF-8 are only like themselves.
+bool equalIgnoringCase(std::string_view a, std::string_view b);
+
 }  // namespace quillmere
 
 #endif

@@ -1,0 +1,71 @@
+#ifndef QUILLMERE_CALDAV_DAVXML_H
+#define QUILLMERE_CALDAV_DAVXML_H
+
+#include <quillmere/caldav/KBTDavRequest.h>
+#include <quillmere/platform/base/NSData.h>
+#include <quillmere/platform/xml/HWXMLDocument.h>
+#include <quillmere/platform/xml/HWXMLElement.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+// Internal: the bodies that the CalDAV client sends, and a reader's way through those it gets.
+namespace quillmere {
+
+inline constexpr const char* davNamespace = "DAV:";
+inline constexpr const char* caldavNamespace = "urn:ietf:params:xml:ns:caldav";
+inline constexpr const char* calendarServerNamespace = "http://calendarserver.org/ns/";
+inline constexpr const char* xmlContentType = "text/xml; charset=\"utf-8\"";
+/// What the first propstat's status must be, to the letter, for a resource to count.
+inline constexpr const char* statusOfFound = "HTTP/1.1 200 OK";
+
+/// A body under way, with every namespace a plain "xmlns" of the element that needs one.
+class DavBody {
+ public:
+  DavBody(const char* root, const char* xmlns)
+      : document_(HWXMLDocument::initWithRootElementNamed(root)) {
+    document_->setAttribute_value("xmlns", xmlns);
+  }
+
+  DavBody& push(const char* name, const char* xmlns = nullptr) {
+    document_->pushElement(name);
+    return xmlns ? attribute("xmlns", xmlns) : *this;
+  }
+  DavBody& pop() {
+    document_->popElement();
+    return *this;
+  }
+  DavBody& attribute(const char* name, const std::string& value) {
+    document_->setAttribute_value(name, value);
+    return *this;
+  }
+  DavBody& empty(const char* name, const char* xmlns = nullptr) { return push(name, xmlns).pop(); }
+  DavBody& text(const char* name, const char* xmlns, const std::string& text) {
+    push(name, xmlns);
+    document_->appendString(text);
+    return pop();
+  }
+
+  /// Elements that are still open are closed.
+  NSData data() const { return document_->xmlData(); }
+
+ private:
+  std::shared_ptr<HWXMLDocument> document_;
+};
+
+/// The root of a request's answer; null for a body that is no XML.
+std::optional<HWXMLElement> rootOf(const KBTDavRequest& request);
+
+/// The text of the element at the path, null when there is none.
+std::optional<std::string_view> textAt(const HWXMLElement& element, std::string_view path);
+
+/// The children that are elements, and of these those of a name.
+std::vector<HWXMLElement> childElementsOf(const HWXMLElement& element);
+std::vector<HWXMLElement> childElementsOf(const HWXMLElement& element, std::string_view localName);
+
+}  // namespace quillmere
+
+#endif

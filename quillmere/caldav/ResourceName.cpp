@@ -1,0 +1,64 @@
+#include <quillmere/caldav/ResourceName.h>
+#include <quillmere/platform/base/UTF8.h>
+#include <quillmere/platform/net/NSURL.h>
+
+#include <algorithm>
+#include <charconv>
+#include <optional>
+
+namespace quillmere {
+namespace {
+
+using std::string_view;
+
+// The byte of the escape that the text begins with, null when it begins with none.
+std::optional<char> escapedByte(string_view text) {
+  constexpr std::size_t length = 3;
+  if (text.size() < length || text[0] != '%') return std::nullopt;
+  unsigned char byte = 0;
+  const char* const end = text.data() + length;
+  if (std::from_chars(text.data() + 1, end, byte, 16).ptr != end) return std::nullopt;
+  return static_cast<char>(byte);
+}
+
+bool isLetter(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
+
+// RFC 3986 section 3.1.
+bool isScheme(string_view text) {
+  return !text.empty() && isLetter(text[0]) && std::all_of(text.begin(), text.end(), [](char c) {
+    return isLetter(c) || (c >= '0' && c <= '9') || c == '+' || c == '-' || c == '.';
+  });
+}
+
+bool survivesDecoded(char c, string_view before) {
+  const auto byte = static_cast<unsigned char>(c);
+  if (byte < ' ' || byte == 0x7f) return false;
+  if (c == ':') return !isScheme(before);
+  return c != '/' && c != '%' && c != '?' && c != '#';
+}
+
+std::string decoded(string_view component) {
+  std::string text;
+  for (std::size_t at = 0; at < component.size();) {
+    const auto byte = escapedByte(component.substr(at));
+    if (byte && survivesDecoded(*byte, text)) {
+      text += *byte;
+      at += 3;
+    } else {
+      text += component[at++];
+    }
+  }
+  return isValidUTF8(text) ? text : std::string(component);
+}
+
+}  // namespace
+
+std::string uniqueNameOfHref(string_view href) {
+  const auto url = NSURL::URLWithString(href);
+  std::string name = decoded(url ? url->lastPathComponent() : href);
+  const auto dot = name.rfind('.');
+  if (dot != std::string::npos && dot > 0) name.resize(dot);
+  return name;
+}
+
+}  // namespace quillmere

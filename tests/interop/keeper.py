@@ -1,0 +1,161 @@
+"""Keeps one server until standard input ends, which it does when the harness ends, however that ends.
+
+Usage: keeper.py SERVER
+
+Once the server answers, a line of JSON tells where. At the end nothing is left: neither processes, of which
+many change their user, session and parent, nor files.
+"""
+
+import ctypes
+import json
+import os
+import random
+import shutil
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import time
+import traceback
+from pathlib import Path
+
+from setups import SERVERS
+
+SECONDS_TO_START = 30
+SECONDS_TO_STOP = 3
+PR_SET_CHILD_SUBREAPER = 36
+
+
+def free_port():
+    """A port that is not among those from which the kernel serves clients."""
+    while True:
+        port = random.randrange(20000, 32768)
+        with socket.socket() as probe:
+            try:
+                probe.bind(("127.0.0.1", port))
+                return port
+            except OSError:
+                pass
+
+
+class Site:
+    """Where one server is set up: its folder, and its place on the network."""
+
+    def __init__(self, folder, tls):
+        self.folder = folder
+        (folder / "logs").mkdir()
+        self.port = free_port()
+        self.origin = f"{'https' if tls else 'http'}://127.0.0.1:{self.port}"
+        self.certificates = self.authorities = None
+        if tls:
+            self.certificates = Path(os.environ["QUILLMERE_TEST_CERTIFICATES"])
+            self.authorities = str(self.certificates / "ca.pem")
+        # Nothing of what is meant for the program under test, for example of a sanitizer.
+        self.environment = {"PATH": "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin",
+                            "LC_ALL": "C.UTF-8", "TZ": "UTC", "HOME": str(folder)}
+
+    def write(self, name, text):
+        path = self.folder / name
+        path.write_text(text)
+        return path
+
+    def popen(self, command, environment, **options):
+        with open(self.folder / "logs" / Path(command[0]).name, "ab") as log:
+            return subprocess.Popen([str(part) for part in command], stdout=log,
+                                    stderr=subprocess.STDOUT, cwd=self.folder,
+                                    env=self.environment | environment, **options)
+
+    def run(self, *command, text="", environment={}):
+        process = self.popen(command, environment, stdin=subprocess.PIPE)
+        process.communicate(text.encode())
+        if process.returncode:
+            raise RuntimeError(f"{command} ended with {process.returncode}")
+
+    def start(self, *command, until=None, environment={}):
+        """Returns once the server answers: at the site's port, or at a local socket."""
+        process = self.popen(command, environment, stdin=subprocess.DEVNULL)
+        family, address = ((socket.AF_UNIX, str(until)) if until else
+                           (socket.AF_INET, ("127.0.0.1", self.port)))
+        while process.poll() is None:
+            with socket.socket(family) as probe:
+                if not probe.connect_ex(address):
+                    return
+            time.sleep(0.01)
+        raise RuntimeError(f"{command} ended with {process.returncode}")
+
+
+def descendants():
+    children = {}
+    for entry in os.listdir("/proc"):
+        if entry.isdigit():
+            try:
+                stat = Path("/proc", entry, "stat").read_text(errors="replace")
+            except OSError:  # it is gone
+                continue
+            # After the name, which may hold anything, stand the state and the parent.
+            children.setdefault(int(stat.rpartition(")")[2].split()[1]), []).append(int(entry))
+    found = children.get(os.getpid(), [])
+    for process in found:
+        found.extend(children.get(process, []))
+    return found
+
+
+def stop_descendants():
+    for number in (signal.SIGTERM, signal.SIGKILL):
+        deadline = time.monotonic() + SECONDS_TO_STOP
+        for process in descendants():
+            try:
+                os.kill(process, number)
+            except ProcessLookupError:
+                pass
+        while time.monotonic() < deadline:
+            try:
+                if not os.waitpid(-1, os.WNOHANG)[0]:
+                    time.sleep(0.01)
+            except ChildProcessError:  # there is none left
+                return
+
+
+def logs(folder):
+    """The ends of all that the server and its helpers have to say."""
+    text = ""
+    for path in sorted((folder / "logs").rglob("*")):
+        if path.is_file():
+            text += f"--- {path.name}\n{path.read_text(errors='replace')[-20000:]}\n"
+    return text
+
+
+def stop(number, _):
+    raise RuntimeError(f"stopped by {signal.Signals(number).name}")
+
+
+def main(name):
+    kind = SERVERS[name]
+    ctypes.CDLL(None, use_errno=True).prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0)
+    signal.signal(signal.SIGTERM, stop)
+    signal.signal(signal.SIGALRM, stop)
+    # Reachable for other users, and short enough for the name of a local socket.
+    folder = Path(tempfile.mkdtemp(prefix="quillmere-interop-", dir="/tmp"))
+    folder.chmod(0o755)
+    try:
+        signal.alarm(SECONDS_TO_START)
+        site = Site(folder, kind.tls)
+        kind.set_up(site)
+        signal.alarm(0)
+        print(json.dumps({"folder": str(folder), "base": site.origin + kind.base,
+                          "home": site.origin + kind.home, "authorities": site.authorities}),
+              flush=True)
+        sys.stdin.read()
+    except Exception:
+        traceback.print_exc()
+        print(logs(folder), file=sys.stderr)
+        return 1
+    finally:
+        stop_descendants()
+        shutil.rmtree(folder)
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1]))
