@@ -104,7 +104,7 @@ std::shared_ptr<KBTDavConnection> KBTDavPrincipal::calendarNamed(std::string_vie
 std::shared_ptr<KBTDavConnection> KBTDavPrincipal::caseInsensitiveCalendarNamed(
     std::string_view name) const {
   return firstOf(calendars_, [&](const auto& calendar) {
-    return calendar->name() && equalIgnoringCase(*calendar->name(), name);
+    return calendar->name() && equalCaseFolded(*calendar->name(), name);
   });
 }
 

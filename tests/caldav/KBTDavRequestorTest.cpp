@@ -220,35 +220,5 @@ TEST(KBTDavRequestor, LogsTrafficWhileItsPreferenceSaysSo) {
   g_log_remove_handler("Quillmere", handler);
 }
 
-TEST(KBTDavPrincipal, MakesEveryRequestAndGivesItsIdentity) {
-  const NSURL server = NSURL::URLWithString("http://127.0.0.1:1/dav/").value();
-  const auto principal = KBTDavPrincipal::initWithDelegate_username_andPassword_forServer(
-      nullptr, "alice", "secret", server);
-  EXPECT_EQ(principal->principalURL(), server);
-  EXPECT_EQ(principal->principalCollectionURL(), server);
-  EXPECT_EQ(principal->user(), "alice");
-  EXPECT_EQ(principal->password(), "secret");
-  EXPECT_TRUE(principal->isCurrentPrincipal());
-  EXPECT_TRUE(principal->newRequest().allHTTPHeaderFields().empty());
-  EXPECT_EQ(principal->newRequest().URL(), std::nullopt);
-  principal->setAuthorization("Bearer x");
-  EXPECT_EQ(principal->newRequest().valueForHTTPHeaderField("Authorization"), "Bearer x");
-  EXPECT_EQ(principal->newRequest().allHTTPHeaderFields().size(), 1U);
-  principal->setAuthorization(std::nullopt);
-  EXPECT_EQ(principal->authorization(), std::nullopt);
-}
-
-TEST(KBTDavPrincipal, OwnsItsDelegateUntilItIsInvalid) {
-  auto delegate = std::make_shared<KBTDavPrincipalDelegate>();
-  const std::weak_ptr<KBTDavPrincipalDelegate> watched = delegate;
-  const auto principal = KBTDavPrincipal::initWithDelegate_username_andPassword_forServer_isCurrent(
-      std::move(delegate), std::nullopt, std::nullopt,
-      NSURL::URLWithString("http://127.0.0.1:1/").value(), false);
-  EXPECT_FALSE(principal->isCurrentPrincipal());
-  EXPECT_FALSE(watched.expired());
-  principal->invalidate();
-  EXPECT_TRUE(watched.expired());
-}
-
 }  // namespace
 }  // namespace quillmere

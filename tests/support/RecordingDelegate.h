@@ -104,27 +104,34 @@ class RecordingDelegate : public KBTSynchingCalendarDelegate {
   }
   void synchingCalendar_didInsert_versionString(KBTSynchingCalendar&, const KBTClientObject& object,
                                                 const std::string& version) override {
-    record("inserted " + Item::of(object).name + " " + version);
+    saved("inserted ", object, version);
   }
   void synchingCalendar_didUpdate_versionString(KBTSynchingCalendar&, const KBTClientObject& object,
                                                 const std::string& version) override {
-    record("updated " + Item::of(object).name + " " + version);
+    saved("updated ", object, version);
   }
   void synchingCalendar_didDelete(KBTSynchingCalendar&, const KBTClientObject& object) override {
-    record("deleted " + Item::of(object).name);
+    record("deleted " + nameOf(object));
   }
   void synchingCalendar_failedSavingObject_withError(KBTSynchingCalendar&,
                                                      const KBTFailedObject& object,
                                                      const NSErrorPtr& error) override {
     const auto* failed = std::get_if<KBTClientObject>(&object);
     const std::string name = !failed   ? std::get<std::string>(object)
-                             : *failed ? Item::of(*failed).name
+                             : *failed ? nameOf(*failed)
                                        : "document";
     record("failed " + name + textOf(error));
   }
   void synchingCalendarCompletedSave(KBTSynchingCalendar&) override { record("saved"); }
 
  private:
+  static std::string nameOf(const KBTClientObject& object) {
+    return object ? Item::of(object).name : "(null)";
+  }
+  void saved(const char* how, const KBTClientObject& object, const std::string& version) {
+    if (object) Item::of(object).version = version;
+    record(how + nameOf(object) + " " + version);
+  }
   static std::string textOf(const NSErrorPtr& error) {
     return error ? " " + error->domain() + " " + std::to_string(error->code()) : "";
   }

@@ -23,7 +23,7 @@ bool isValidUTF8(std::string_view bytes) {
   return utf8::is_valid(findNonASCII(bytes.data(), end), end);
 }
 
-bool equalIgnoringCase(std::string_view a, std::string_view b) {
+bool equalCaseFolded(std::string_view a, std::string_view b) {
   if (!isValidUTF8(a) || !isValidUTF8(b)) return a == b;
   return caseFolded(a) == caseFolded(b);
 }

@@ -11,7 +11,7 @@ bool isValidUTF8(std::string_view bytes);
 
 /// Whether two texts are the same but for case (Unicode's full case folding). Bytes
 /// that are not UTF-8 are only like themselves.
-bool equalIgnoringCase(std::string_view a, std::string_view b);
+bool equalCaseFolded(std::string_view a, std::string_view b);
 
 }  // namespace quillmere
 

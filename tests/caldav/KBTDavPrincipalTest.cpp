@@ -1,0 +1,571 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/support/PrincipalHost.h"
+#include "tests/support/ScriptedServer.h"
+#include "tests/support/SessionHost.h"
+
+namespace quillmere {
+namespace {
+
+using testing::Answer;
+using testing::anyBody;
+using ::testing::ElementsAre;
+using testing::ExpectedRequest;
+using testing::HeaderField;
+using ::testing::IsEmpty;
+using ::testing::MatchesRegex;
+using testing::PrincipalHost;
+using testing::runUntil;
+using testing::ScriptedServer;
+
+const HeaderField xmlType{"Content-Type", "text/xml; charset=\"utf-8\""};
+constexpr const char* declaration = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>";
+constexpr const char* caldav = " xmlns=\"urn:ietf:params:xml:ns:caldav\"";
+
+std::string multistatus(const std::string& responses) {
+  return "<?xml version=\"1.0\"?>\n<D:multistatus xmlns:D=\"DAV:\" "
+         "xmlns:C=\"urn:ietf:params:xml:ns:caldav\">" +
+         responses + "</D:multistatus>";
+}
+
+// A response whose first propstat holds `props`.
+std::string response(const std::string& href, const std::string& props,
+                     const char* status = "HTTP/1.1 200 OK") {
+  return "<D:response><D:href>" + href + "</D:href><D:propstat><D:prop>" + props +
+         "</D:prop><D:status>" + status + "</D:status></D:propstat></D:response>";
+}
+
+Answer found(const std::string& href, const std::string& props) {
+  return {.status = 207, .body = multistatus(response(href, props))};
+}
+
+Answer ownPrincipal(const std::string& href = "/p/alice/") {
+  return found(
+      "/", "<D:current-user-principal><D:href>" + href + "</D:href></D:current-user-principal>");
+}
+
+ExpectedRequest propfind(const std::string& path, const char* depth, const std::string& props) {
+  return {.method = "PROPFIND",
+          .path = path,
+          .fields = {xmlType, {"Accept", "text/xml"}, {"Depth", depth}},
+          .body = std::string(declaration) + "<propfind xmlns=\"DAV:\"><prop>" + props +
+                  "</prop></propfind>",
+          .noOtherFields = true};
+}
+
+ExpectedRequest whoAmI(const std::string& path) {
+  return propfind(path, "0", "<current-user-principal/>");
+}
+
+ExpectedRequest readPrincipal(const std::string& path = "/p/alice/") {
+  return propfind(path, "0",
+                  "<displayname xmlns=\"DAV:\"/><calendar-user-address-set" + std::string(caldav) +
+                      "/><calendar-home-set" + caldav + "/><schedule-outbox-URL" + caldav +
+                      "/><group-membership xmlns=\"DAV:\"/><principal-collection-set "
+                      "xmlns=\"DAV:\"/>");
+}
+
+ExpectedRequest listCalendars(const std::string& path = "/c/alice/") {
+  return propfind(path, "1",
+                  "<resourcetype xmlns=\"DAV:\"/><displayname xmlns=\"DAV:\"/>"
+                  "<current-user-privilege-set xmlns=\"DAV:\"/><owner xmlns=\"DAV:\"/>"
+                  "<calendar-description" +
+                      std::string(caldav) + "/><supported-calendar-component-set" + caldav + "/>");
+}
+
+constexpr const char* homeAndOutbox =
+    "<C:calendar-home-set><D:href>/c/alice</D:href></C:calendar-home-set>"
+    "<C:schedule-outbox-URL><D:href>/c/alice/out/</D:href></C:schedule-outbox-URL>";
+constexpr const char* mailAddress =
+    "<C:calendar-user-address-set><D:href>mailto:alice@example.com</D:href>"
+    "</C:calendar-user-address-set>";
+
+// A principal of a scripted server, and its host.
+struct Fixture {
+  ScriptedServer server;
+  std::shared_ptr<PrincipalHost> host = std::make_shared<PrincipalHost>();
+  std::shared_ptr<KBTDavPrincipal> principal;
+
+  explicit Fixture(const std::string& path = "/dav/") {
+    principal = KBTDavPrincipal::initWithDelegate_username_andPassword_forServer(
+        host, "alice", "secret", NSURL::URLWithString(server.url(path)).value());
+  }
+  ~Fixture() { principal->invalidate(); }
+  Fixture(const Fixture&) = delete;
+  Fixture& operator=(const Fixture&) = delete;
+
+  std::vector<std::string> eventsAfter(std::size_t count = 1) {
+    runUntil([&] { return host->events.size() >= count; });
+    return std::exchange(host->events, {});
+  }
+  std::vector<std::string> login() {
+    principal->login();
+    return eventsAfter();
+  }
+  // Logs in where the principal has these properties and no calendars.
+  std::vector<std::string> loginAs(const std::string& props) {
+    server.expect(whoAmI(principal->principalURL().path()), ownPrincipal());
+    server.expect(readPrincipal(), found("/p/alice/", props));
+    server.expect(listCalendars(), {.status = 207, .body = multistatus("")});
+    return login();
+  }
+  std::string pathOf(const NSURL& url) const {
+    EXPECT_TRUE(url.absoluteString().starts_with(server.url(""))) << url.absoluteString();
+    return url.path();
+  }
+};
+
+TEST(KBTDavPrincipal, GivesItsIdentityAndOwnsItsDelegateUntilItIsInvalid) {
+  const NSURL server = NSURL::URLWithString("http://127.0.0.1:1/dav/").value();
+  auto delegate = std::make_shared<PrincipalHost>();
+  const std::weak_ptr<PrincipalHost> watched = delegate;
+  const auto principal = KBTDavPrincipal::initWithDelegate_username_andPassword_forServer_isCurrent(
+      std::move(delegate), "alice", "secret", server, false);
+  EXPECT_EQ(principal->principalURL(), server);
+  EXPECT_EQ(principal->principalCollectionURL(), server);
+  EXPECT_EQ(principal->user(), "alice");
+  EXPECT_EQ(principal->password(), "secret");
+  EXPECT_FALSE(principal->isCurrentPrincipal());
+  EXPECT_TRUE(principal->newRequest().allHTTPHeaderFields().empty());
+  principal->setAuthorization("Bearer x");
+  EXPECT_EQ(principal->newRequest().valueForHTTPHeaderField("Authorization"), "Bearer x");
+  principal->setAuthorization(std::nullopt);
+  EXPECT_EQ(principal->authorization(), std::nullopt);
+
+  const auto info = KBTPrincipalInfo::init();
+  EXPECT_EQ(principal->principalFromInfo(*info), nullptr);
+  info->setPrincipalURL(NSURL::URLWithString("http://127.0.0.1:1/p/bob/"));
+  const auto other = principal->principalFromInfo(*info);
+  EXPECT_EQ(other->principalURL(), info->principalURL());
+  EXPECT_EQ(other->user(), "alice");
+  EXPECT_EQ(other->password(), "secret");
+  EXPECT_TRUE(other->isCurrentPrincipal());
+
+  principal->invalidate();
+  EXPECT_FALSE(watched.expired());
+  other->invalidate();
+  EXPECT_TRUE(watched.expired());
+}
+
+// Which addresses are asked when each refuses with a status.
+TEST(KBTDavPrincipal, LooksForThePrincipalAtFourAddressesAtMost) {
+  const struct {
+    const char* server;
+    std::vector<std::pair<const char*, unsigned>> answers;  // path and status
+    const char* outcome;
+  } rows[] = {
+      {"/dav/",
+       {{"/dav/", 404}, {"/dav/principals/", 405}, {"/dav/calendars/", 403}, {"/", 410}},
+       "failed KBTDavConnection 410 gone"},
+      {"/dav", {{"/dav", 400}, {"/principals/", 401}}, "failed KBTDavConnection 401 unauthorized"},
+      {"/dav/", {{"/dav/", 401}}, "failed KBTDavConnection 401 unauthorized"},
+      {"/dav/",
+       {{"/dav/", 499}, {"/dav/principals/", 500}},
+       "failed KBTDavConnection 500 internal server error"},
+      // Below the root, "/" is where it began.
+      {"/",
+       {{"/", 404}, {"/principals/", 404}, {"/calendars/", 404}, {"/", 404}},
+       "failed KBTDavConnection 404 not found"},
+      // The last component of the server's own path does not make it a candidate.
+      {"/calendars/",
+       {{"/calendars/", 404},
+        {"/calendars/principals/", 404},
+        {"/calendars/calendars/", 404},
+        {"/", 404}},
+       "failed KBTDavConnection 404 not found"},
+  };
+  for (const auto& row : rows) {
+    Fixture f(row.server);
+    for (const auto& [path, status] : row.answers) {
+      f.server.expect(whoAmI(path), {.status = status});
+    }
+    EXPECT_THAT(f.login(), ElementsAre(row.outcome));
+    EXPECT_EQ(f.principal->principalLookupFailure(), nullptr);
+  }
+}
+
+TEST(KBTDavPrincipal, GoesOnFromWhereARedirectLed) {
+  const auto redirect = [](const char* path) {
+    return Answer{.status = 302, .fields = {{"Location", path}}};
+  };
+  const auto redirected = [](const char* path) {
+    ExpectedRequest request = whoAmI(path);
+    request.noOtherFields = false;
+    return request;
+  };
+  // To an address that is no candidate: the end. To the server's own: the first again, four in all.
+  Fixture f;
+  f.server.expect(whoAmI("/dav/"), redirect("/elsewhere/"));
+  f.server.expect(redirected("/elsewhere/"), {.status = 404});
+  EXPECT_THAT(f.login(), ElementsAre("failed KBTDavConnection 404 not found"));
+  f.server.expect(whoAmI("/dav/"), {.status = 404});
+  for (int i = 0; i < 3; ++i) {
+    f.server.expect(whoAmI("/dav/principals/"), redirect("/dav/"));
+    f.server.expect(redirected("/dav/"), {.status = 404});
+  }
+  EXPECT_THAT(f.login(), ElementsAre("failed KBTDavConnection 404 not found"));
+}
+
+TEST(KBTDavPrincipal, AnAnswerWithoutPrincipalEndsTheLogin) {
+  const std::string bodies[] = {
+      "", "<html>", multistatus(""),
+      multistatus(response("/",
+                           "<D:current-user-principal><D:unauthenticated/>"
+                           "</D:current-user-principal>")),
+      multistatus(response("/", "<D:current-user-principal><D:href/></D:current-user-principal>")),
+      // Only the first response and its first propstat are read.
+      multistatus(response("/", "") + response("/",
+                                               "<D:current-user-principal><D:href>/p/"
+                                               "</D:href></D:current-user-principal>"))};
+  for (const std::string& body : bodies) {
+    Fixture f;
+    f.server.expect(whoAmI("/dav/"), {.status = 207, .body = body});
+    EXPECT_THAT(f.login(), ElementsAre("failed KBTDavConnection 3 unknown CalDav error"));
+    EXPECT_EQ(f.principal->principalLookupFailure(), nullptr);
+  }
+}
+
+TEST(KBTDavPrincipal, AFailedStepEndsTheLoginAndKeepsWhatWasFound) {
+  Fixture f;
+  f.server.expect(whoAmI("/dav/"), ownPrincipal("alice"));
+  f.server.expect(readPrincipal("/dav/alice"), {.status = 404});
+  EXPECT_THAT(f.login(), ElementsAre("failed KBTDavConnection 404 not found"));
+  EXPECT_EQ(f.pathOf(f.principal->principalURL()), "/dav/alice");
+  // A second login starts from there.
+  f.server.expect(whoAmI("/dav/alice"), ownPrincipal());
+  f.server.expect(readPrincipal(), found("/p/alice/", homeAndOutbox));
+  f.server.expect(listCalendars(), {.status = 503});
+  EXPECT_THAT(f.login(), ElementsAre("failed KBTDavConnection 503 service unavailable"));
+  EXPECT_EQ(f.pathOf(f.principal->principalURL()), "/p/alice/");
+}
+
+TEST(KBTDavPrincipal, NeedsHomeAndOutbox) {
+  const std::string home = "<C:calendar-home-set><D:href>/c/alice/</D:href></C:calendar-home-set>";
+  const std::string outbox = "<C:schedule-outbox-URL><D:href>/o/</D:href></C:schedule-outbox-URL>";
+  const std::string answers[] = {
+      multistatus(response("/p/alice/", home)),
+      multistatus(response("/p/alice/", outbox)),
+      multistatus(
+          response("/p/alice/", "<C:calendar-home-set><D:href/></C:calendar-home-set>" + outbox)),
+      multistatus(response("/p/alice/", "") + response("/p/alice/", home + outbox)),
+      "<html><body>",
+      ""};
+  for (const std::string& answer : answers) {
+    Fixture f;
+    int announced = 0;
+    const auto observation = f.principal->observeKey_changeHandler("principalLookupFailure", [&] {
+      EXPECT_NE(f.principal->principalLookupFailure(), nullptr);
+      EXPECT_THAT(f.host->events, IsEmpty());
+      ++announced;
+    });
+    f.server.expect(whoAmI("/dav/"), ownPrincipal());
+    f.server.expect(readPrincipal(), {.status = 207, .body = answer});
+    EXPECT_THAT(f.login(), ElementsAre("failed KBTDavConnection 1 Not able to determine outbox or "
+                                       "calendar home from server"));
+    EXPECT_EQ(f.principal->principalLookupFailure(), f.host->error);
+    EXPECT_EQ(announced, 1);
+  }
+}
+
+std::string addresses(const std::vector<const char*>& texts) {
+  std::string set = "<C:calendar-user-address-set>";
+  for (const char* text : texts) set += "<D:href>" + std::string(text) + "</D:href>";
+  return set + "</C:calendar-user-address-set>";
+}
+
+TEST(KBTDavPrincipal, ReadsThePrincipal) {
+  const struct {
+    std::vector<const char*> addresses;
+    std::optional<std::string> originator;
+  } rows[] = {
+      {{"/p/alice/", "mailto:a@example.com", "mailto:b@example.com"}, "mailto:a@example.com"},
+      {{"mailto:a@example.com", "urn:uuid:1", "urn:uuid:2", "http://h/"}, "urn:uuid:2"},
+      {{"MAILTO:a@example.com", "/p/alice/"}, std::nullopt},
+  };
+  for (const auto& row : rows) {
+    Fixture f;
+    EXPECT_THAT(f.loginAs(std::string(homeAndOutbox) + addresses(row.addresses)),
+                ElementsAre("logged in"));
+    EXPECT_EQ(f.principal->originator(), row.originator);
+  }
+
+  // The outbox may be a text without href. Elements without meaning are passed over.
+  Fixture f;
+  EXPECT_THAT(
+      f.loginAs("\n<D:displayname>Alice &amp; Søren</D:displayname><X/>"
+                "<C:calendar-home-set><D:href>/c/alice</D:href></C:calendar-home-set>"
+                "<C:schedule-outbox-URL>/c/alice/out</C:schedule-outbox-URL>"
+                "<D:group-membership><D:href>/p/x/calendar-proxy-write/</D:href>"
+                "<D:href>/p/y/calendar-proxy-read/</D:href><D:href>/p/z/calendar-proxy-write"
+                "</D:href><D:group>/p/w/calendar-proxy-write/</D:group>"
+                "<D:href>v/calendar-proxy-write/</D:href></D:group-membership>"
+                "<D:principal-collection-set><D:href>/q/</D:href><D:href>r/</D:href>"
+                "</D:principal-collection-set>"),
+      ElementsAre("logged in"));
+  EXPECT_EQ(f.principal->displayName(), "Alice & Søren");
+  EXPECT_EQ(f.principal->originator(), std::nullopt);
+  ASSERT_EQ(f.principal->readWriteProxies().size(), 2U);
+  EXPECT_EQ(f.pathOf(f.principal->readWriteProxies()[0]), "/p/x");
+  EXPECT_EQ(f.pathOf(f.principal->readWriteProxies()[1]), "/p/alice/v");
+  EXPECT_EQ(f.pathOf(f.principal->principalCollectionURL()), "/p/alice/r/");
+
+  f.server.expect({.method = "POST", .path = "/c/alice/out/", .body = anyBody}, {.status = 500});
+  f.principal->requestFreebusyForPrincipalURN_fromDate_toDate_context("mailto:b", NSDate::date(),
+                                                                      NSDate::date(), {});
+  EXPECT_EQ(f.eventsAfter().size(), 1U);
+}
+
+std::string calendar(const std::string& href, const std::string& props,
+                     const char* status = "HTTP/1.1 200 OK") {
+  return response(href, "<D:resourcetype><D:collection/><C:calendar/></D:resourcetype>" + props,
+                  status);
+}
+
+TEST(KBTDavPrincipal, ListsCalendars) {
+  const auto granting = [](const std::string& privileges) {
+    return "<D:displayname>x</D:displayname><D:current-user-privilege-set>" + privileges +
+           "</D:current-user-privilege-set>";
+  };
+  Fixture f;
+  std::size_t announced = 0;
+  const auto observation = f.principal->observeKey_changeHandler("calendars", [&] {
+    announced = f.principal->calendars().size();
+    EXPECT_THAT(f.host->events, IsEmpty());
+  });
+  f.server.expect(whoAmI("/dav/"), ownPrincipal());
+  f.server.expect(readPrincipal(), found("/p/alice/", homeAndOutbox));
+  f.server.expect(
+      listCalendars(),
+      {.status = 207,
+       .body = multistatus(
+           response("/c/alice/",
+                    "<D:resourcetype><D:collection/></D:resourcetype>"
+                    "<D:displayname>Home</D:displayname>") +
+           response("/c/alice/in/",
+                    "<D:resourcetype><C:schedule-inbox/></D:resourcetype>"
+                    "<D:displayname>In</D:displayname>") +
+           calendar("/c/alice/a/",
+                    granting("<D:privilege><D:read/></D:privilege>"
+                             "<D:privilege><D:write-content/></D:privilege>") +
+                        "<C:calendar-description>All</C:calendar-description>"
+                        "<C:supported-calendar-component-set><C:comp name=\"VTODO\"/>"
+                        "</C:supported-calendar-component-set>") +
+           calendar("b/", granting("<D:privilege><D:all/><D:write/></D:privilege>")) +
+           calendar("/c/alice/c/", "<D:displayname>WORK</D:displayname>") +
+           calendar("/c/alice/d/", "<D:displayname>Work</D:displayname>") +
+           calendar("/c/alice/nameless/", "<D:displayname/>") +
+           calendar("/c/alice/low/", "<D:displayname>Low</D:displayname>", "HTTP/1.1 200 ok") +
+           calendar("", "<D:displayname>Nowhere</D:displayname>") +
+           "<D:response><D:href>/e/"
+           "</D:href><D:status>HTTP/1.1 200 OK</D:status></D:response>")});
+  EXPECT_THAT(f.login(), ElementsAre("logged in"));
+  EXPECT_EQ(announced, 4U);
+  const auto calendars = f.principal->calendars();
+  ASSERT_EQ(calendars.size(), 4U);
+  EXPECT_EQ(f.pathOf(calendars[0]->URL()), "/c/alice/a/");
+  EXPECT_EQ(calendars[0]->name(), "x");
+  EXPECT_EQ(calendars[0]->description(), "All");
+  EXPECT_TRUE(calendars[0]->writable());
+  EXPECT_FALSE(calendars[0]->canContainEvents());
+  EXPECT_TRUE(calendars[0]->canContainTodos());
+  EXPECT_EQ(f.pathOf(calendars[1]->URL()), "/c/alice/b/");
+  EXPECT_EQ(calendars[1]->description(), "x");
+  EXPECT_FALSE(calendars[1]->writable());
+  EXPECT_TRUE(calendars[1]->canContainEvents());
+
+  EXPECT_EQ(f.principal->calendarNamed("Work"), calendars[3]);
+  EXPECT_EQ(f.principal->calendarNamed("work"), nullptr);
+  EXPECT_EQ(f.principal->caseInsensitiveCalendarNamed("work"), calendars[2]);
+  EXPECT_EQ(f.principal->caseInsensitiveCalendarNamed("\xff"), nullptr);
+
+  // Each listing replaces the last; one that is no XML is empty.
+  f.server.expect(whoAmI("/p/alice/"), ownPrincipal());
+  f.server.expect(readPrincipal(), found("/p/alice/", std::string(homeAndOutbox) + mailAddress +
+                                                          "<D:group-membership/>"));
+  f.server.expect(listCalendars(), {.status = 200, .body = "<html>"});
+  EXPECT_THAT(f.login(), ElementsAre("logged in"));
+  EXPECT_EQ(announced, 0U);
+  EXPECT_THAT(f.principal->calendars(), IsEmpty());
+}
+
+TEST(KBTDavPrincipal, AnswersChallengesAndIsQuietOnceInvalid) {
+  Fixture f;
+  f.server.expect(whoAmI("/dav/"), {.status = 401, .challenges = {{}}});
+  ExpectedRequest authorized = whoAmI("/dav/");
+  authorized.credential = {{testing::AuthScheme::basic, "alice", "secret"}};
+  f.server.expect(authorized, {.status = 404, .held = true});
+  f.principal->login();
+  EXPECT_TRUE(runUntil([&] { return f.server.requests().size() == 2; }));
+  f.principal->invalidate();
+  EXPECT_THAT(f.eventsAfter(), ElementsAre(MatchesRegex("failed NSURLErrorDomain -999 .*")));
+  f.server.release();
+  f.principal->login();
+  runUntil([&, turns = 0]() mutable { return ++turns > 3; });
+  EXPECT_THAT(f.host->events, IsEmpty());
+}
+
+// Services.
+
+constexpr const char* busyText =
+    "BEGIN:VCALENDAR\nBEGIN:VFREEBUSY\n"
+    "FREEBUSY:20240105T090000Z/PT1H,20240106T090000Z/PT1H\n"
+    "END:VFREEBUSY\nEND:VCALENDAR\n";
+
+TEST(KBTDavPrincipal, AsksWhenSomebodyIsBusy) {
+  Fixture f;
+  f.loginAs(std::string(homeAndOutbox) + mailAddress);
+  const auto ask = [&](unsigned status, const std::string& body) {
+    f.server.expect({.method = "POST",
+                     .path = "/c/alice/out/",
+                     .fields = {{"Content-Type", "text/calendar"},
+                                {"Accept", "text/xml"},
+                                {"Accept-Encoding", "gzip"},
+                                {"Originator", "mailto:alice@example.com"},
+                                {"Recipient", "mailto:bob@example.com"}},
+                     .body = anyBody,
+                     .noOtherFields = true},
+                    {.status = status, .body = body});
+    f.principal->requestFreebusyForPrincipalURN_fromDate_toDate_context(
+        "mailto:bob@example.com", NSDate::initWithICSDateString("20240105T000000Z").value(),
+        NSDate::initWithICSDateString("20240107T000000Z").value(), "busy");
+    return f.eventsAfter().front();
+  };
+  const auto answer = [](const std::string& inside) {
+    return "<C:schedule-response xmlns:D=\"DAV:\" xmlns:C=\"urn:ietf:params:xml:ns:caldav\">"
+           "<C:response><C:recipient><D:href>mailto:bob@example.com</D:href></C:recipient>" +
+           inside + "</C:response></C:schedule-response>";
+  };
+  const auto status = [&](const std::string& text) {
+    return answer("<C:request-status>" + text + "</C:request-status>");
+  };
+  const std::string data =
+      answer("<C:calendar-data>" + std::string(busyText) + "</C:calendar-data>");
+  const std::string failed = "failed KBTDavConnection 3 ";
+  const struct {
+    unsigned status;
+    std::string body;
+    std::string outcome;
+  } rows[] = {
+      {200, data, "freebusy 2 [busy]"},
+      {500, data, "freebusy 2 [busy]"},  // whatever became of the request
+      {200, answer("<C:calendar-data/>"), "freebusy 0 [busy]"},
+      {200, answer("<C:calendar-data>FREEBUSY:20240105T090000Z</C:calendar-data>"),
+       failed + "unknown CalDav error"},
+      {200, status("3.8;No authority"),
+       failed + "The CalDAV server at 127.0.0.1 denied request for free/busy information for "
+                "recipient mailto:bob@example.com"},
+      {200, status("3.80;Nearly"), failed + "3.80;Nearly"},
+      {200, status("5.3;No scheduling support for user"),
+       failed + "5.3;No scheduling support for user"},
+      {200, answer(""), failed + "unknown CalDav error"},
+      {403, "<html>", failed + "unknown CalDav error"},
+      {200, "<r><other/><response><request-status>2.0</request-status></response></r>",
+       failed + "2.0"},
+  };
+  for (const auto& row : rows) EXPECT_EQ(ask(row.status, row.body), row.outcome);
+  EXPECT_EQ(f.principal->principalLookupFailure(), nullptr);
+
+  const auto requests = f.server.requests();
+  const std::string& body = requests.back().body;
+  EXPECT_THAT(body, MatchesRegex("BEGIN:VCALENDAR\nVERSION:2.0\n"
+                                 "PRODID:-//Tessaly//KBTDavConnection//EN\nMETHOD:REQUEST\n"
+                                 "BEGIN:VFREEBUSY\nDTSTAMP:[0-9]+T[0-9]+Z\n"
+                                 "ORGANIZER:mailto:alice@example.com\nDTSTART:20240105T000000Z\n"
+                                 "DTEND:20240107T000000Z\nUID:[0-9A-F-]+\n"
+                                 "ATTENDEE:mailto:bob@example.com\nEND:VFREEBUSY\n"
+                                 "END:VCALENDAR\n"));
+  const auto uid = [](const std::string& text) { return text.substr(text.find("UID:"), 40); };
+  EXPECT_NE(uid(body), uid(requests[requests.size() - 2].body));
+}
+
+// A line of the request is the caller's text as it stands; one that would make two is not sent.
+TEST(KBTDavPrincipal, ARecipientOfTwoLinesIsNotAskedFor) {
+  Fixture f;
+  f.loginAs(std::string(homeAndOutbox) + mailAddress);
+  f.principal->requestFreebusyForPrincipalURN_fromDate_toDate_context(
+      "mailto:b\r\nX: y", NSDate::date(), NSDate::date(), {});
+  EXPECT_THAT(f.eventsAfter(), ElementsAre("failed KBTDavConnection 3 unknown CalDav error"));
+}
+
+TEST(KBTDavPrincipal, SearchesPrincipals) {
+  Fixture f;
+  f.loginAs(std::string(homeAndOutbox) + mailAddress +
+            "<D:displayname>Alice</D:displayname>"
+            "<D:principal-collection-set><D:href>/p/</D:href></D:principal-collection-set>");
+  f.principal->reportPrincipalInfoForUserAddress_context("mailto:alice@example.com", "own");
+  EXPECT_THAT(std::exchange(f.host->events, {}),
+              ElementsAre("found [own] {/p/alice/, Alice, mailto:alice@example.com, "
+                          "mailto:alice@example.com}"));
+
+  const auto search = [&](const std::string& address, Answer answer) {
+    f.server.expect(
+        {.method = "REPORT",
+         .path = "/p/",
+         .fields = {xmlType, {"Accept", "text/xml"}},
+         .body = std::string(declaration) +
+                 "<principal-property-search xmlns=\"DAV:\"><property-search><prop>"
+                 "<calendar-user-address-set" +
+                 caldav + "/></prop><match>" + address +
+                 "</match></property-search><prop><displayname/><calendar-user-address-set" +
+                 caldav + "/><principal-URL/></prop></principal-property-search>",
+         .noOtherFields = true},
+        std::move(answer));
+    f.principal->reportPrincipalInfoForUserAddress_context(address, "search");
+    return f.eventsAfter().front();
+  };
+  const std::string rows =
+      response("/p/bob/", "<D:displayname>Bob</D:displayname>" +
+                              addresses({"mailto:bob@example.com", "urn:uuid:b", "urn:uuid:c"})) +
+      response("carl", addresses({"/p/bob/", "mailto:carl@example.com"}), "HTTP/1.1 404 x") +
+      response("/p/dora/", addresses({"mailto:BOB@example.com"})) + response("/p/e/", "") +
+      "<D:response><D:href>/p/none/</D:href></D:response>";
+  EXPECT_EQ(search("bob", {.status = 207, .body = multistatus(rows)}),
+            "found [search] {/p/bob/, Bob, mailto:bob@example.com, urn:uuid:c} "
+            "{/p/alice/carl, -, mailto:carl@example.com, -}");
+  EXPECT_EQ(search("bob@x", {.status = 207, .body = multistatus(rows)}), "found [search]");
+  EXPECT_EQ(search("bob", {.status = 200, .body = "<html>"}), "found [search]");
+  EXPECT_EQ(search("bob", {.status = 403}), "failed KBTDavConnection 403 forbidden");
+}
+
+TEST(KBTDavPrincipal, CreatesCalendars) {
+  Fixture f;
+  f.loginAs(homeAndOutbox);
+  const auto create = [&](const char* path, const char* expectedPath, unsigned status) {
+    f.server.expect({.method = "MKCALENDAR",
+                     .path = expectedPath,
+                     .fields = {xmlType},
+                     .body = std::string(declaration) + "<mkcalendar" + caldav +
+                             "><set xmlns=\"DAV:\"><prop xmlns=\"DAV:\"><displayname "
+                             "xmlns=\"DAV:\">W &amp; K</displayname><calendar-description" +
+                             caldav + ">All</calendar-description></prop></set></mkcalendar>",
+                     .noOtherFields = true},
+                    {.status = status});
+    const auto created =
+        f.principal->createCalendarAtPath_withName_andDescription(path, "W & K", "All");
+    EXPECT_EQ(created->URL().path(), expectedPath);
+    return f.eventsAfter().front();
+  };
+  int announced = 0;
+  const auto observation = f.principal->observeKey_changeHandler("calendars", [&] { ++announced; });
+  EXPECT_EQ(create("work", "/c/alice/work/", 201), "created W & K /c/alice/work/");
+  EXPECT_EQ(create("two/", "/c/alice/two/", 405), "failed KBTDavConnection 405 method not allowed");
+  EXPECT_EQ(create("", "/", 201), "created W & K /");
+  EXPECT_EQ(f.principal->calendars().size(), 2U);
+  EXPECT_EQ(announced, 0);
+  EXPECT_EQ(f.principal->createCalendarAtPath_withName_andDescription("a\nb", "x", "y"), nullptr);
+  EXPECT_THAT(f.eventsAfter(), ElementsAre(MatchesRegex("failed NSURLErrorDomain -100[02] .*")));
+}
+
+// Nothing of it needs to be known for a service to be asked for; it just fails.
+TEST(KBTDavPrincipal, ServicesBeforeALoginFail) {
+  Fixture f;
+  f.principal->requestFreebusyForPrincipalURN_fromDate_toDate_context("mailto:b", NSDate::date(),
+                                                                      NSDate::date(), {});
+  f.principal->createCalendarAtPath_withName_andDescription("work", "x", "y");
+  EXPECT_THAT(f.eventsAfter(2), ElementsAre("failed KBTDavConnection 3 unknown CalDav error",
+                                            MatchesRegex("failed NSURLErrorDomain -100[02] .*")));
+}
+
+}  // namespace
+}  // namespace quillmere

@@ -1,0 +1,394 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <quillmere/calendars/KBTDavCalendar.h>
+
+#include "tests/support/PrincipalHost.h"
+#include "tests/support/RecordingDelegate.h"
+#include "tests/support/ScriptedServer.h"
+#include "tests/support/SessionHost.h"
+
+namespace quillmere {
+namespace {
+
+using testing::Answer;
+using testing::anyBody;
+using ::testing::ElementsAre;
+using testing::ExpectedRequest;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using testing::Item;
+using testing::RecordingDelegate;
+using testing::runUntil;
+using testing::ScriptedServer;
+
+const ExpectedRequest tagRequest{.method = "PROPFIND", .path = "/c/", .body = anyBody};
+const ExpectedRequest report{.method = "REPORT", .path = "/c/", .body = anyBody};
+
+Answer tag(const std::string& text) {
+  return {.status = 207,
+          .body = "<m><response><propstat><prop><getctag>" + text +
+                  "</getctag></prop></propstat></response></m>"};
+}
+
+std::string row(const std::string& href, const std::string& etag, const std::string& text = "") {
+  return "<response><href>" + href + "</href><propstat><prop><getetag>" + etag + "</getetag>" +
+         (text.empty() ? "" : "<calendar-data>" + text + "</calendar-data>") +
+         "</prop><status>HTTP/1.1 200 OK</status></propstat></response>";
+}
+
+Answer rows(const std::string& responses) {
+  return {.status = 207, .body = "<multistatus>" + responses + "</multistatus>"};
+}
+
+class Host : public RecordingDelegate {
+ public:
+  std::optional<NSDate> earliest, latest;
+  std::optional<NSDate> synchingCalendarEarliestDate(KBTSynchingCalendar&) override {
+    return earliest;
+  }
+  std::optional<NSDate> synchingCalendarLatestDate(KBTSynchingCalendar&) override { return latest; }
+};
+
+struct Fixture {
+  ScriptedServer server;
+  std::shared_ptr<Host> host = std::make_shared<Host>();
+  std::shared_ptr<KBTDavPrincipal> principal;
+  std::shared_ptr<KBTDavCalendar> calendar = open("/c/");
+
+  Fixture() { calendar->setDelegate(host); }
+  ~Fixture() {
+    if (principal) principal->invalidate();
+  }
+  Fixture(const Fixture&) = delete;
+  Fixture& operator=(const Fixture&) = delete;
+
+  std::shared_ptr<KBTDavCalendar> open(const char* path) {
+    const NSURL url = NSURL::URLWithString(server.url(path)).value();
+    if (!principal) {
+      principal = KBTDavPrincipal::initWithDelegate_username_andPassword_forServer(
+          nullptr, std::nullopt, std::nullopt, url);
+    }
+    return KBTDavCalendar::initWithDavConnection(
+        KBTDavConnection::initWithCalendarName_description_URL_forPrincipal("Work", std::nullopt,
+                                                                            url, principal));
+  }
+
+  // The lines until one begins with `last`.
+  std::vector<std::string> logUntil(const std::string& last) {
+    runUntil([&] { return !host->log.empty() && host->log.back().starts_with(last); });
+    return host->take();
+  }
+  std::vector<std::string> fetch() {
+    calendar->fetchExternalChanges();
+    return logUntil("fetched");
+  }
+  std::vector<std::string> save() {
+    calendar->saveChanges();
+    return logUntil("saved");
+  }
+  void runTurns() {
+    runUntil([turns = 0]() mutable { return ++turns > 5; });
+  }
+};
+
+TEST(KBTDavCalendar, StandsForItsCollection) {
+  Fixture f;
+  EXPECT_EQ(KBTDavCalendar::initWithDavConnection(nullptr), nullptr);
+  EXPECT_EQ(f.calendar->calendarName(), "Work");
+  EXPECT_EQ(f.calendar->cachingString(), std::nullopt);
+  f.calendar->setCachingString("7");
+  EXPECT_EQ(f.calendar->cTag(), "7");
+  EXPECT_TRUE(f.calendar->isEqualToCalendar(*f.open("/c/")));
+  EXPECT_FALSE(f.calendar->isEqualToCalendar(*f.open("/d/")));
+  EXPECT_FALSE(f.calendar->isEqualToCalendar(*KBTSynchingCalendar::init()));
+}
+
+TEST(KBTDavCalendar, ChecksWithoutKeepingTheTag) {
+  Fixture f;
+  f.calendar->checkForExternalChanges();  // nothing was fetched yet: no request
+  EXPECT_THAT(f.host->take(), ElementsAre("checked none"));
+  f.calendar->setCachingString("1");
+  for (const auto& [answer, line] :
+       {std::pair(tag("1"), "checked none"), std::pair(tag("2"), "checked changes"),
+        std::pair(Answer{.status = 207}, "checked changes")}) {
+    f.server.expect(tagRequest, answer);
+    f.calendar->checkForExternalChanges();
+    EXPECT_TRUE(f.calendar->isChecking());
+    f.calendar->checkForExternalChanges();  // neither while one is in flight
+    f.calendar->fetchExternalChanges();
+    EXPECT_THAT(f.logUntil("checked"), ElementsAre(line));
+    EXPECT_FALSE(f.calendar->isChecking());
+    EXPECT_EQ(f.calendar->cachingString(), "1");
+  }
+}
+
+TEST(KBTDavCalendarDeathTest, AFailedOrCancelledCheckStopsTheProcess) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const auto check = [](const char* address, bool cancels) {
+    const NSURL url = NSURL::URLWithString(address).value();
+    const auto principal = KBTDavPrincipal::initWithDelegate_username_andPassword_forServer(
+        nullptr, std::nullopt, std::nullopt, url);
+    const auto calendar = KBTDavCalendar::initWithDavConnection(
+        KBTDavConnection::initWithCalendarName_description_URL_forPrincipal("Work", std::nullopt,
+                                                                            url, principal));
+    calendar->setCachingString("1");
+    calendar->checkForExternalChanges();
+    if (cancels) calendar->cancel();
+    runUntil([&] { return !calendar->isChecking(); });
+  };
+  EXPECT_DEATH(check("http://127.0.0.1:1/", false), "KBTDavCalendar:217: not yet ported");
+  EXPECT_DEATH(check("http://127.0.0.1:1/", true), "KBTDavCalendar:217: not yet ported");
+}
+
+TEST(KBTDavCalendar, FetchesWhatDiffers) {
+  Fixture f;
+  f.calendar->setObjects({Item::make("same", "\"1\""), Item::make("b@c", "\"1\""),
+                          Item::make("gone", "\"1\""), Item::make("also gone", "")});
+  f.server.expect(tagRequest, tag("1"));
+  f.server.expect(report, rows(row("/c/same.ics", "\"1\"") + row("/c/b%40c.ics", "\"2\"") +
+                               row("/c/new.ics", "\"1\"") + row("/c/no.ics", "\"1\"")));
+  f.server.expect(report, rows(row("/c/new.ics", "\"3\"", "BEGIN:VEVENT\nX:1\n") +
+                               row("/c/b%40c.ics", "\"4\"", "BEGIN:VEVENT\nX:2\n") +
+                               row("/c/no.ics", "\"1\"")));
+  f.host->declined = {"no"};
+  EXPECT_THAT(f.fetch(), ElementsAre("began", "gone gone", "gone also gone", "update b@c \"4\"",
+                                     "new new \"3\"", "new no \"1\"", "fetched"));
+  EXPECT_THAT(f.host->readers, ElementsAre("BEGIN:VEVENT\nX:2\n", "BEGIN:VEVENT\nX:1\n", ""));
+  EXPECT_EQ(f.calendar->cachingString(), "1");
+
+  // No change: no callback but the last. A change of nothing: no third request.
+  f.server.expect(tagRequest, tag("1"));
+  EXPECT_THAT(f.fetch(), ElementsAre("fetched"));
+  f.server.expect(tagRequest, tag("2"));
+  f.server.expect(report, rows(row("/c/same.ics", "\"1\"") + row("/c/b%40c.ics", "\"4\"") +
+                               row("/c/new.ics", "\"3\"")));
+  EXPECT_THAT(f.fetch(), ElementsAre("began", "fetched"));
+
+  // What was declined is offered again at the next change; a listing that is no XML is empty.
+  f.server.expect(tagRequest, tag("3"));
+  f.server.expect(report, {.status = 200, .body = "<html><br>"});
+  EXPECT_THAT(f.fetch(), ElementsAre("began", "gone same", "gone b@c", "gone new", "fetched"));
+}
+
+TEST(KBTDavCalendar, ListsWhatItIsAskedFor) {
+  const NSDate from = NSDate::initWithICSDateString("20240101T000000Z").value();
+  const NSDate to = NSDate::initWithICSDateString("20240201T000000Z").value();
+  const char* const range = "<time-range start=\"20240101T000000Z\" end=\"20240201T000000Z\"/>";
+  for (const bool toDos : {false, true}) {
+    for (const bool isRanged : {false, true}) {
+      Fixture f;
+      if (isRanged) f.host->earliest = from;
+      f.host->latest = to;
+      EXPECT_FALSE(f.calendar->getToDos());
+      f.calendar->setGetToDos(toDos);
+      f.server.expect(tagRequest, tag("1"));
+      f.server.expect(report, rows(""));
+      EXPECT_THAT(f.fetch(), ElementsAre("began", "fetched"));
+      const std::string body = f.server.requests().back().body;
+      EXPECT_THAT(body, HasSubstr(toDos ? "\"VTODO\"" : "\"VEVENT\""));
+      EXPECT_EQ(body.find(range) != std::string::npos, isRanged);
+      EXPECT_EQ(body.find("calendar-data"), std::string::npos);
+    }
+  }
+}
+
+TEST(KBTDavCalendar, AFailedListingLeavesTheNewTag) {
+  Fixture f;
+  f.calendar->setObjects({Item::make("a", "\"1\"")});
+  f.calendar->setCachingString("1");
+  f.server.expect(tagRequest, tag("2"));
+  f.server.expect(report, {.status = 500});
+  EXPECT_THAT(f.fetch(), ElementsAre("fetched KBTDavConnection 500"));
+  EXPECT_EQ(f.calendar->cachingString(), "2");
+  f.server.expect(tagRequest, tag("2"));
+  EXPECT_THAT(f.fetch(), ElementsAre("fetched"));
+  // Deletions stand when the fetch by address fails after them.
+  f.calendar->setCachingString("1");
+  f.server.expect(tagRequest, tag("2"));
+  f.server.expect(report, rows(row("/c/b.ics", "\"1\"")));
+  f.server.expect(report, {.status = 403});
+  EXPECT_THAT(f.fetch(), ElementsAre("began", "gone a", "fetched KBTDavConnection 403"));
+}
+
+TEST(KBTDavCalendar, SavesEachChangeWithoutConditions) {
+  Fixture f;
+  const auto put = [&](const char* path, const char* body, Answer answer) {
+    f.server.expect({.method = "PUT",
+                     .path = path,
+                     .fields = {{"Content-Type", "text/calendar"}},
+                     .body = body,
+                     .noOtherFields = true},
+                    std::move(answer));
+  };
+  const auto ends = [](const char* etag) { return Answer{.fields = {{"ETag", etag}}}; };
+  f.calendar->setObjects({Item::make("b", "", "BEGIN:B\r\n"), Item::make("c")});
+  f.calendar->deleteObject(Item::make("c"));
+  f.calendar->deleteObject(Item::make("stranger"));
+  f.calendar->updateObject(Item::make("b"));
+  f.calendar->insertObject(Item::make("two words", "", "BEGIN:A\r\n"));
+  f.calendar->updateObject(Item::make("two words"));
+  put("/c/two%20words.ics", "BEGIN:A\r\n", ends("\"1\""));
+  put("/c/b.ics", "BEGIN:B\r\n", ends("\"2\""));
+  put("/c/two%20words.ics", "BEGIN:A\r\n", ends("\"3\""));
+  const ExpectedRequest gone{.method = "DELETE", .path = "/c/c.ics", .noOtherFields = true};
+  f.server.expect(gone, {.status = 404});
+  f.server.expect({.method = "DELETE", .path = "/c/stranger.ics"}, {.status = 204});
+  f.server.expect(tagRequest, tag("9"));
+  f.calendar->saveChanges();
+  EXPECT_TRUE(f.calendar->isSaving());
+  f.calendar->deleteObject(Item::make("b"));  // dropped while a save is in flight
+  EXPECT_THAT(f.logUntil("saved"),
+              ElementsAre("inserted two words \"1\"", "updated b \"2\"", "updated two words \"3\"",
+                          "deleted c", "deleted (null)", "saved"));
+  EXPECT_FALSE(f.calendar->hasPendingChanges());
+  EXPECT_FALSE(f.calendar->isSaving());
+  EXPECT_EQ(f.calendar->cachingString(), "9");
+
+  // What was deleted is still known; the fetch reports it.
+  f.calendar->setCachingString(std::nullopt);
+  f.server.expect(tagRequest, tag("9"));
+  f.server.expect(report, rows(row("/c/b.ics", "\"2\"") + row("/c/two%20words.ics", "\"3\"")));
+  EXPECT_THAT(f.fetch(), ElementsAre("began", "gone c", "fetched"));
+
+  // Nothing to save: the tag alone.
+  f.server.expect(tagRequest, tag("10"));
+  EXPECT_THAT(f.save(), ElementsAre("saved"));
+  EXPECT_EQ(f.calendar->cachingString(), "10");
+}
+
+TEST(KBTDavCalendar, FailuresNameTheObjectAndCompleteTheSave) {
+  Fixture f;
+  const ExpectedRequest put{.method = "PUT", .path = "/c/a.ics", .body = "A"};
+  f.calendar->insertObject(Item::make("a", "", "A"));
+  f.calendar->deleteObject(Item::make("b"));
+  f.calendar->setCachingString("1");
+  f.server.expect(put, {.status = 412});
+  f.server.expect({.method = "DELETE", .path = "/c/b.ics"}, {.status = 204});
+  EXPECT_THAT(f.save(), ElementsAre("failed a KBTDavConnection 412", "deleted (null)", "saved"));
+  EXPECT_TRUE(f.calendar->hasPendingChanges());
+  EXPECT_EQ(f.calendar->cachingString(), "1");
+
+  // It is tried again. A failed last request names itself.
+  f.server.expect(put, {.fields = {{"ETag", "\"1\""}}});
+  f.server.expect(tagRequest, {.status = 503});
+  EXPECT_THAT(f.save(),
+              ElementsAre("inserted a \"1\"",
+                          "failed KBTDavCalendar_FinishedSaving KBTDavConnection 503", "saved"));
+  EXPECT_FALSE(f.calendar->hasPendingChanges());
+  EXPECT_EQ(f.calendar->cachingString(), "1");
+
+  // Failures were forgotten with the save that they completed.
+  f.server.expect(tagRequest, tag("2"));
+  EXPECT_THAT(f.save(), ElementsAre("saved"));
+}
+
+// Of a name that the calendar does not know there is nothing to write, which servers refuse.
+TEST(KBTDavCalendar, AnUpdateOfAStrangerIsAnEmptyResource) {
+  Fixture f;
+  f.calendar->updateObject(Item::make("x", "", "X"));
+  f.server.expect({.method = "PUT", .path = "/c/x.ics", .body = ""}, {.status = 415});
+  EXPECT_THAT(f.save(), ElementsAre("failed x KBTDavConnection 415", "saved"));
+}
+
+TEST(KBTDavCalendar, ASaveDuringASaveWritesAgainWhatIsPending) {
+  Fixture f;
+  f.calendar->insertObject(Item::make("a", "", "A"));
+  for (const char* etag : {"\"1\"", "\"2\""}) {
+    f.server.expect({.method = "PUT", .path = "/c/a.ics", .body = "A"},
+                    {.fields = {{"ETag", etag}}});
+  }
+  // Each answer finds nothing pending any more and asks for the tag.
+  f.server.expect(tagRequest, tag("1"));
+  f.server.expect(tagRequest, tag("2"));
+  f.calendar->saveChanges();
+  f.calendar->saveChanges();
+  runUntil([&] { return f.host->log.size() == 4; });
+  EXPECT_THAT(f.host->take(),
+              ElementsAre("inserted a \"1\"", "inserted a \"2\"", "saved", "saved"));
+  EXPECT_EQ(f.calendar->cachingString(), "2");
+}
+
+TEST(KBTDavCalendar, CancellingCompletesWhatIsInFlight) {
+  Fixture f;
+  f.calendar->insertObject(Item::make("a", "", "A"));
+  f.calendar->insertObject(Item::make("b", "", "B"));
+  f.calendar->fetchExternalChanges();
+  f.calendar->saveChanges();
+  f.calendar->cancel();
+  EXPECT_TRUE(f.calendar->isSaving());
+  EXPECT_THAT(f.logUntil("saved"),
+              ElementsAre("fetched NSURLErrorDomain -999", "failed a NSURLErrorDomain -999",
+                          "failed b NSURLErrorDomain -999", "saved"));
+  EXPECT_FALSE(f.calendar->isChecking());
+  EXPECT_TRUE(f.calendar->hasPendingChanges());
+  EXPECT_THAT(f.server.finish(), IsEmpty());
+}
+
+TEST(KBTDavCalendar, WhatItDidNotAskForIsRecordedOrIgnored) {
+  Fixture f;
+  ::testing::internal::CaptureStderr();
+  f.calendar->calDavConnection_requestDidFail_context(
+      *f.calendar->connection(), NSError::errorWithPOSIXCode(5), std::string("a"));
+  EXPECT_THAT(::testing::internal::GetCapturedStderr(), HasSubstr("NOTREACHED"));
+  f.calendar->calDavConnection_didReceiveCTag_context(*f.calendar->connection(), "5", {});
+  f.calendar->calDavConnection_didReceiveEventsWithETags_andContents_context(
+      *f.calendar->connection(), {{"/c/a.ics", "1"}}, {}, 17);
+  EXPECT_THAT(f.host->take(), IsEmpty());
+  EXPECT_EQ(f.calendar->cachingString(), std::nullopt);
+}
+
+// The collection keeps its delegate, the calendar, until the principal is invalid.
+TEST(KBTDavCalendar, LivesUntilThePrincipalIsInvalid) {
+  Fixture f;
+  const std::weak_ptr<KBTDavCalendar> watched = f.calendar;
+  f.server.expect(tagRequest, {.status = 500, .held = true});
+  f.calendar->fetchExternalChanges();
+  f.calendar = nullptr;
+  EXPECT_TRUE(runUntil([&] { return !f.server.requests().empty(); }));
+  EXPECT_FALSE(watched.expired());
+  f.server.release();
+  EXPECT_THAT(f.logUntil("fetched"), ElementsAre("fetched KBTDavConnection 500"));
+  EXPECT_FALSE(watched.expired());
+  f.principal->invalidate();
+  EXPECT_TRUE(watched.expired());
+}
+
+// In each callback in turn the host ends the account and lets go of everything.
+TEST(KBTDavCalendar, AHostMayEndEverythingInAnyCallback) {
+  const auto play = [](ScriptedServer& server) {
+    server.expect(tagRequest, tag("1"));
+    server.expect(report, rows(row("/c/a.ics", "\"2\"") + row("/c/n.ics", "\"1\"")));
+    server.expect(report, rows(row("/c/a.ics", "\"2\"", "A") + row("/c/n.ics", "\"1\"", "N")));
+    server.expect({.method = "PUT", .path = "/c/i.ics", .body = "I"}, {.fields = {{"ETag", "1"}}});
+    server.expect({.method = "DELETE", .path = "/c/g.ics"}, {.status = 500});
+  };
+  for (int end = 0;; ++end) {
+    Fixture f;
+    play(f.server);
+    f.calendar->setObjects({Item::make("a", "\"1\""), Item::make("g", "\"1\"")});
+    f.calendar->deleteObject(Item::make("g"));
+    f.calendar->insertObject(Item::make("i", "", "I"));
+    int callbacks = 0;
+    bool isSaved = false;
+    f.host->onCallback = [&](const std::string& line) {
+      if (line == "fetched" && f.calendar) f.calendar->saveChanges();
+      isSaved = isSaved || line == "saved";
+      if (callbacks++ != end) return;
+      f.calendar = nullptr;
+      f.principal->invalidate();
+      f.principal = nullptr;
+      f.host = nullptr;  // whose callback is running: the caller holds it
+    };
+    f.calendar->fetchExternalChanges();
+    runUntil([&] { return isSaved || !f.host; });
+    f.runTurns();
+    f.server.finish();
+    if (f.host) {
+      EXPECT_GE(end, 10);
+      break;
+    }
+  }
+}
+
+}  // namespace
+}  // namespace quillmere
