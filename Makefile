@@ -3,26 +3,35 @@
 JOBS ?= $(shell nproc)
 SUDO := $(if $(filter 0,$(shell id -u)),,sudo)
 PACKAGES = $(shell sed 's/\#.*//' packages.txt)
+PEERS = libkf5dav-dev libkf5coreaddons-dev python3-caldav
 FUZZ_SECONDS ?= 60
 PREFIX ?= /usr/local
 POLICY = /usr/sbin/policy-rc.d
 APT_GET = $(SUDO) env DEBIAN_FRONTEND=noninteractive apt-get -q -o DPkg::Lock::Timeout=300
 SOURCES = $(shell git ls-files -co --exclude-standard '*.h' '*.cpp')
 
-.PHONY: deps build demo test bench fuzz lint format format-check docs install clean
+.PHONY: deps peers build demo test bench fuzz lint format format-check docs install clean
+
+# Installs those of the packages $(1) that are missing.
+define install
+@missing=$$(for package in $(1); do \
+  dpkg -s $$package 2>/dev/null | grep -q '^Status: install ok installed' || echo $$package; \
+done); \
+if [ -n "$$missing" ]; then \
+  echo "installing:" $$missing; \
+  if ! [ -e $(POLICY) ]; then : "the servers among them are for tests, which start their own"; \
+    trap '$(SUDO) rm -f $(POLICY)' EXIT; trap 'exit 1' HUP INT TERM; \
+    printf '#!/bin/sh\nexit 101\n' | $(SUDO) install -m 755 /dev/stdin $(POLICY); \
+  fi; \
+  $(APT_GET) update && $(APT_GET) install -y --no-install-recommends $$missing; \
+fi
+endef
 
 deps: ## install the Debian packages that are missing
-	@missing=$$(for package in $(PACKAGES); do \
-	  dpkg -s $$package 2>/dev/null | grep -q '^Status: install ok installed' || echo $$package; \
-	done); \
-	if [ -n "$$missing" ]; then \
-	  echo "installing:" $$missing; \
-	  if ! [ -e $(POLICY) ]; then : "the servers among them are for tests, which start their own"; \
-	    trap '$(SUDO) rm -f $(POLICY)' EXIT; trap 'exit 1' HUP INT TERM; \
-	    printf '#!/bin/sh\nexit 101\n' | $(SUDO) install -m 755 /dev/stdin $(POLICY); \
-	  fi; \
-	  $(APT_GET) update && $(APT_GET) install -y --no-install-recommends $$missing; \
-	fi
+	$(call install,$(PACKAGES))
+
+peers: deps ## the same for those that only `bench` compares with
+	$(call install,$(PEERS))
 
 build: deps ## build library, examples and tests
 	cmake --preset release $(CONFIGURE)
@@ -34,7 +43,7 @@ demo: build ## read, change, save and re-synchronise real calendar files
 test: build ## run every test
 	ctest --test-dir build/release --output-on-failure -j $(JOBS)
 
-bench: deps ## measure beside the peers; prints ratios
+bench: peers ## measure beside the peers; prints ratios
 	cmake --preset release -DQUILLMERE_BUILD_BENCHMARKS=ON
 	cmake --build build/release -j $(JOBS)
 	benchmarks/run.sh build/release/benchmarks

@@ -23,18 +23,41 @@ using ::testing::StartsWith;
 // Where the servers differ.
 struct Answers {
   const char* server;
-  const char* challenge;       // the scheme by which it lets users in
-  const char* noCalendar;      // to a resource that is none
-  const char* missingAddress;  // to a fetch of one that is there and one that is not
-  const char* freeBusy;        // of one event
+  const char* challenge;                  // the scheme by which it lets users in
+  const char* noCalendar;                 // to a resource that is none
+  const char* missingAddress = "events";  // to a fetch of one that is there and one that is not
+  const char* freeBusy = "freebusy 1";    // of one event
+  const char* tagOfNone = "failed KBTDavConnection 404";  // of a collection that is gone
+  bool findsDue = true;  // a to-do by its date, if that is only when it is due
+  bool lists = true;     // what is in a collection, if no depth is given
 };
 
 constexpr Answers answersOfServers[] = {
-    {"radicale", "Basic", "failed KBTDavConnection 400", "events", "freebusy 0"},
-    {"sabredav_basic", "Basic", "failed KBTDavConnection 415", "failed KBTDavConnection 404",
-     "freebusy 1"},
-    {"sabredav_digest", "Digest", "failed KBTDavConnection 415", "failed KBTDavConnection 404",
-     "freebusy 1"},
+    {.server = "cyrus_basic", .challenge = "Basic", .noCalendar = "failed KBTDavConnection 403"},
+    {.server = "cyrus_digest", .challenge = "Digest", .noCalendar = "failed KBTDavConnection 403"},
+    {.server = "cyrus_tls", .challenge = "Digest", .noCalendar = "failed KBTDavConnection 403"},
+    {.server = "davical_digest",
+     .challenge = "Digest",
+     .noCalendar = "failed KBTDavConnection 412",
+     .findsDue = false},
+    {.server = "radicale",
+     .challenge = "Basic",
+     .noCalendar = "failed KBTDavConnection 400",
+     .freeBusy = "freebusy 0"},
+    {.server = "sabredav_basic",
+     .challenge = "Basic",
+     .noCalendar = "failed KBTDavConnection 415",
+     .missingAddress = "failed KBTDavConnection 404"},
+    {.server = "sabredav_digest",
+     .challenge = "Digest",
+     .noCalendar = "failed KBTDavConnection 415",
+     .missingAddress = "failed KBTDavConnection 404"},
+    {.server = "xandikos",
+     .challenge = nullptr,
+     .noCalendar = "failed KBTDavConnection 404",
+     .freeBusy = "freebusy 0",
+     .tagOfNone = "ctag (null)",
+     .lists = false},
 };
 
 std::string environment(const char* name) {
@@ -66,6 +89,16 @@ std::string event(const std::string& uid, const std::string& summary = "Tea",
 
 NSDate utc(const char* text) { return NSDate::initWithICSDateString(text).value(); }
 
+// Trusts the authority that a server with TLS is known by.
+testing::CurlClient curlClient() {
+  testing::CurlClient client;
+  client.set(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
+  if (const char* const authorities = std::getenv("SSL_CERT_FILE")) {
+    client.set(CURLOPT_CAINFO, authorities);
+  }
+  return client;
+}
+
 // A new collection of its own for each test.
 class Interop : public ::testing::Test {
  protected:
@@ -74,15 +107,20 @@ class Interop : public ::testing::Test {
   void SetUp() override {
     const auto* const test = ::testing::UnitTest::GetInstance()->current_test_info();
     url_ = environment("QUILLMERE_INTEROP_HOME") + test->name() + "/";
-    testing::CurlClient client;
-    client.set(CURLOPT_HTTPAUTH, static_cast<long>(CURLAUTH_ANY));
-    client.set(CURLOPT_USERNAME, environment("QUILLMERE_USER").c_str());
-    client.set(CURLOPT_PASSWORD, environment("QUILLMERE_PASSWORD").c_str());
-    ASSERT_EQ(client.perform("MKCALENDAR", url_).status, 201);
+    ASSERT_EQ(performAsUser("MKCALENDAR"), 201);
     login(environment("QUILLMERE_PASSWORD"));
   }
   void TearDown() override {
     if (principal_) principal_->invalidate();
+    performAsUser("DELETE");  // some servers allow a UID only once in all that a user has
+  }
+
+  long performAsUser(const char* method) {
+    testing::CurlClient client = curlClient();
+    client.set(CURLOPT_HTTPAUTH, static_cast<long>(CURLAUTH_ANY));
+    client.set(CURLOPT_USERNAME, environment("QUILLMERE_USER").c_str());
+    client.set(CURLOPT_PASSWORD, environment("QUILLMERE_PASSWORD").c_str());
+    return client.perform(method, url_).status;
   }
 
   void login(const std::string& password) {
@@ -164,11 +202,18 @@ class Interop : public ::testing::Test {
 
 // What all the others stand on: that the server asks for the login, in the way this run is about.
 TEST_F(Interop, TheServerChallenges) {
-  testing::CurlClient client;
-  const auto outcome = client.perform("PROPFIND", url_);
+  const auto outcome = curlClient().perform("PROPFIND", url_);
+  const auto challenge =
+      std::find_if(outcome.heads.begin(), outcome.heads.end(),
+                   [](const auto& line) { return line.starts_with("WWW-Authenticate: "); });
+  if (!answers().challenge) {
+    EXPECT_EQ(outcome.status, 207);
+    EXPECT_EQ(challenge, outcome.heads.end());
+    return;
+  }
   EXPECT_EQ(outcome.status, 401);
-  EXPECT_THAT(outcome.heads,
-              Contains(StartsWith(std::string("WWW-Authenticate: ") + answers().challenge)));
+  ASSERT_NE(challenge, outcome.heads.end());
+  EXPECT_THAT(*challenge, StartsWith(std::string("WWW-Authenticate: ") + answers().challenge));
 }
 
 TEST_F(Interop, TagChangesWithEveryWrite) {
@@ -190,8 +235,13 @@ TEST_F(Interop, CreatedResourcesAreListedUnderTheirNames) {
   EXPECT_THAT(create("two words", event("2")), StartsWith("created \""));
   EXPECT_THAT(create("alice@example.com", event("3")), StartsWith("created \""));
   EXPECT_THAT(create("Tee f\xC3\xBCr zwei", event("4")), StartsWith("created \""));
-  EXPECT_THAT(list(true, false), ElementsAre("Tee f\xC3\xBCr zwei.ics", "alice@example.com.ics",
-                                             "plain.ics", "two words.ics"));
+  const std::vector<std::string> names = list(true, false);
+  if (!answers().lists) {
+    EXPECT_THAT(names, ElementsAre());
+    return;
+  }
+  EXPECT_THAT(names, ElementsAre("Tee f\xC3\xBCr zwei.ics", "alice@example.com.ics", "plain.ics",
+                                 "two words.ics"));
   const std::string path = NSURL::URLWithString(url_)->path();
   EXPECT_EQ("created " + host_->etags[path + "plain.ics"], created);
   EXPECT_TRUE(host_->contents.empty());
@@ -216,7 +266,7 @@ TEST_F(Interop, CreatingOverATakenNameReplaces) {
   const std::string second = create("a", event("a", "Coffee"));
   EXPECT_THAT(second, StartsWith("created \""));
   EXPECT_NE(second, first);
-  list(true, true);
+  fetch({NSURL::URLWithString(url_)->path() + "a.ics"});
   ASSERT_EQ(host_->contents.size(), 1U);
   EXPECT_THAT(host_->contents.begin()->second, HasSubstr("SUMMARY:Coffee"));
 }
@@ -241,9 +291,14 @@ TEST_F(Interop, ListsByKindAndDates) {
   create("task", component("VTODO", "3", "DUE:20240105T120000Z\r\nSUMMARY:Ferry\r\n"));
   const auto from = utc("20240101T000000Z");
   const auto to = utc("20240201T000000Z");
-  EXPECT_THAT(list(true, false), ElementsAre("january.ics", "march.ics"));
+  const std::vector<std::string> events = list(true, false);
+  if (!answers().lists) {
+    EXPECT_THAT(events, ElementsAre());
+    return;
+  }
+  EXPECT_THAT(events, ElementsAre("january.ics", "march.ics"));
   EXPECT_THAT(list(false, false), ElementsAre("task.ics"));
-  EXPECT_THAT(list(false, false, from, to), ElementsAre("task.ics"));
+  EXPECT_EQ(list(false, false, from, to).size(), answers().findsDue ? 1U : 0U);
   EXPECT_THAT(list(false, false, utc("20240301T000000Z"), utc("20240401T000000Z")), ElementsAre());
   EXPECT_THAT(list(true, true, from, to), ElementsAre("january.ics"));
   ASSERT_EQ(host_->contents.size(), 1U);
@@ -282,6 +337,10 @@ TEST_F(Interop, WhatIsNoCalendarIsRefused) {
 
 TEST_F(Interop, AWrongPasswordFailsEveryOperation) {
   login("wrong");
+  if (!answers().challenge) {
+    EXPECT_THAT(tag(), StartsWith("ctag "));
+    return;
+  }
   const std::string refused = "failed KBTDavConnection 401";
   EXPECT_EQ(tag(), refused);
   EXPECT_EQ(create("a", event("a")), refused);
@@ -292,7 +351,7 @@ TEST_F(Interop, AWrongPasswordFailsEveryOperation) {
 TEST_F(Interop, RemovesItself) {
   create("a", event("a"));
   EXPECT_EQ(outcomeOf([](auto& collection) { collection.removeCalendar(); }), "removed");
-  EXPECT_EQ(tag(), "failed KBTDavConnection 404");
+  EXPECT_EQ(tag(), answers().tagOfNone);
 }
 
 // One after another in the order of the asking, over one session.
@@ -307,7 +366,7 @@ TEST_F(Interop, ManyOperationsAtOnce) {
   for (int i = 0; i < count; ++i) {
     EXPECT_THAT(host_->events[static_cast<std::size_t>(i)], StartsWith("created \""));
   }
-  EXPECT_EQ(host_->contents.size(), static_cast<std::size_t>(count));
+  EXPECT_EQ(host_->contents.size(), static_cast<std::size_t>(answers().lists ? count : 0));
 }
 
 }  // namespace

@@ -1,9 +1,9 @@
-"""Keeps one server until standard input ends, which it does when the harness ends, however that ends.
+"""Keeps one server until standard input ends, as it does with the harness, however that ends.
 
 Usage: keeper.py SERVER
 
-Once the server answers, a line of JSON tells where. At the end nothing is left: neither processes, of which
-many change their user, session and parent, nor files.
+Once the server answers, a line of JSON tells where. At the end nothing is left: neither processes,
+of which many change their user, session and parent, nor files.
 """
 
 import ctypes
@@ -47,10 +47,14 @@ class Site:
         (folder / "logs").mkdir()
         self.port = free_port()
         self.origin = f"{'https' if tls else 'http'}://127.0.0.1:{self.port}"
-        self.certificates = self.authorities = None
+        self.tls = tls
         if tls:
-            self.certificates = Path(os.environ["QUILLMERE_TEST_CERTIFICATES"])
-            self.authorities = str(self.certificates / "ca.pem")
+            certificates = os.environ.get("QUILLMERE_TEST_CERTIFICATES")
+            if not certificates:
+                raise RuntimeError("QUILLMERE_TEST_CERTIFICATES does not tell the certificates")
+            for name in ("ca.pem", "good.pem", "good.key"):
+                shutil.copyfile(Path(certificates, name), folder / name)
+        self.authorities = str(folder / "ca.pem") if tls else None
         # Nothing of what is meant for the program under test, for example of a sanitizer.
         self.environment = {"PATH": "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin",
                             "LC_ALL": "C.UTF-8", "TZ": "UTC", "HOME": str(folder)}
@@ -120,9 +124,9 @@ def stop_descendants():
 def logs(folder):
     """The ends of all that the server and its helpers have to say."""
     text = ""
-    for path in sorted((folder / "logs").rglob("*")):
-        if path.is_file():
-            text += f"--- {path.name}\n{path.read_text(errors='replace')[-20000:]}\n"
+    for place, _, names in os.walk(folder / "logs", followlinks=True):
+        for path in (Path(place, name) for name in sorted(names)):
+            text += f"--- {path}\n{path.read_text(errors='replace')[-20000:]}\n"
     return text
 
 
@@ -135,7 +139,8 @@ def main(name):
     ctypes.CDLL(None, use_errno=True).prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0)
     signal.signal(signal.SIGTERM, stop)
     signal.signal(signal.SIGALRM, stop)
-    # Reachable for other users, and short enough for the name of a local socket.
+    # Open to the users that servers run as, and short enough for the name of a local socket.
+    os.umask(0o022)
     folder = Path(tempfile.mkdtemp(prefix="quillmere-interop-", dir="/tmp"))
     folder.chmod(0o755)
     try:
@@ -152,6 +157,8 @@ def main(name):
         print(logs(folder), file=sys.stderr)
         return 1
     finally:
+        for number in (signal.SIGTERM, signal.SIGALRM):
+            signal.signal(number, signal.SIG_IGN)
         stop_descendants()
         shutil.rmtree(folder)
     return 0

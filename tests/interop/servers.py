@@ -2,10 +2,14 @@
 
 Usage: servers.py SERVER PROGRAM [ARGUMENT]...
 
-Runs a program while SERVER is up, and exits with 1 when it fails. The program finds in its environment:
-QUILLMERE_INTEROP_SERVER, the server's name; QUILLMERE_INTEROP_BASE, the URL that a login starts from;
-QUILLMERE_INTEROP_HOME, the URL below which the user may make collections; QUILLMERE_USER and
-QUILLMERE_PASSWORD; and for a server with TLS SSL_CERT_FILE, the authority that the server is known by.
+Runs a program while SERVER is up, and exits with 1 when it fails. The program finds in its
+environment: QUILLMERE_INTEROP_SERVER, the server's name; QUILLMERE_INTEROP_BASE, the URL that a
+login starts from; QUILLMERE_INTEROP_HOME, the URL below which the user may make collections;
+QUILLMERE_USER and QUILLMERE_PASSWORD; and for a server with TLS SSL_CERT_FILE, the authority that
+the server is known by.
+
+A server with TLS takes its certificate from QUILLMERE_TEST_CERTIFICATES, a folder that
+make_certificates.sh has filled.
 """
 
 import json
@@ -25,8 +29,8 @@ WITH_THIS_PROCESS = ["setpriv", "--pdeathsig", "KILL"]
 class Server:
     """A running server, for a `with`. It does not outlive this process, however that ends.
 
-    Has its name; the URLs base and home; authorities, the file to check its certificate with, or None; and
-    its folder.
+    Has its name; the URLs base and home; authorities, the file to check its certificate with, or
+    None; and its folder.
     """
 
     def __init__(self, name):

@@ -1,4 +1,4 @@
-"""How each server of the tests is set up: a function writes what it needs into its site and starts it there.
+"""How each server is set up: a function writes what it needs into its site and starts it there.
 
 All know the users alice and bob, with one password; an address is mailto:USER@example.com.
 """
@@ -12,7 +12,6 @@ import shutil
 import socket
 import sqlite3
 import ssl
-import time
 import urllib.request
 from functools import partial
 from pathlib import Path
@@ -81,8 +80,12 @@ def sabredav(site, authentication):
             digest = hashlib.md5(f"{user}:SabreDAV:{PASSWORD}".encode()).hexdigest()
             database.execute("INSERT INTO users (username, digesta1) VALUES (?, ?)", (user, digest))
             database.execute("INSERT INTO principals (uri, email, displayname) VALUES (?, ?, ?)",
-                             (f"principals/{user}", f"{user}@example.com", user.title()))
-    # Its workers would outlive it: it answers one request after another.
+                             (f"principals/{user}", f"{user}@example.com", user))
+        # Only a user's proxies may look at the user: so alice is one of bob's.
+        proxies = database.execute("INSERT INTO principals (uri) VALUES (?)",
+                                   ("principals/bob/calendar-proxy-write",)).lastrowid
+        database.execute("INSERT INTO groupmembers (principal_id, member_id)"
+                         " SELECT ?, id FROM principals WHERE uri = 'principals/alice'", (proxies,))
     site.start("php", "-d", "display_errors=0", "-S", f"127.0.0.1:{site.port}",
                HERE / "sabredav.php",
                environment={"DATABASE": str(path), "AUTHENTICATION": authentication})
@@ -103,7 +106,7 @@ class LocalIMAP(imaplib.IMAP4):
             raise RuntimeError(f"{command} {arguments}: {lines}")
 
 
-def cyrus(site, mechanisms=""):
+def cyrus(site, mechanisms="DIGEST-MD5 PLAIN"):
     if os.geteuid() != 0:
         raise RuntimeError("only root can start Cyrus, which then runs as the user cyrus")
     folder = site.folder / "cyrus"
@@ -112,11 +115,8 @@ def cyrus(site, mechanisms=""):
     for user in USERS:
         (folder / "state/log" / user).mkdir(parents=True)
     (site.folder / "logs/traffic").symlink_to(folder / "state/log")
-    tls = ""
-    if certificates := site.certificates:
-        tls = f"tls_server_cert: {folder}/server.pem\ntls_server_key: {folder}/server.key\n"
-        for kind in ("pem", "key"):
-            shutil.copyfile(certificates / f"good.{kind}", folder / f"server.{kind}")
+    tls = (f"tls_server_cert: {site.folder}/good.pem\ntls_server_key: {site.folder}/good.key\n"
+           if site.tls else "")
     configuration = site.write("cyrus/imapd.conf", f"""\
 configdirectory: {folder}/state
 defaultpartition: default
@@ -127,6 +127,7 @@ mboxname_lockpath: {folder}/lock
 servername: example.com
 defaultdomain: example.com
 virtdomains: off
+unixhierarchysep: no
 admins: cyrus
 httpmodules: caldav
 caldav_realm: example.com
@@ -138,17 +139,18 @@ allowplaintext: yes
 sasl_pwcheck_method: auxprop
 sasl_auxprop_plugin: sasldb
 sasl_sasldb_path: {folder}/sasldb
-{f"sasl_mech_list: {mechanisms}" if mechanisms else ""}
+sasl_mech_list: {mechanisms}
 # Without it Digest asks again for ever.
 sasl_reauth_timeout: 1440
 {tls}""")
+    httpd = f"httpd -C {configuration}" + (" -s" if site.tls else "")
     services = site.write("cyrus/cyrus.conf", f"""\
 START {{
   recover cmd="ctl_cyrusdb -C {configuration} -r"
 }}
 SERVICES {{
   imap cmd="imapd -C {configuration}" listen="{folder}/imap" prefork=1
-  http cmd="httpd -C {configuration}{" -s" if tls else ""}" listen="127.0.0.1:{site.port}" prefork=1
+  http cmd="{httpd}" listen="127.0.0.1:{site.port}" prefork=1
 }}
 """)
     for user in ("cyrus", *USERS):
@@ -167,6 +169,126 @@ SERVICES {{
             imap.must("setacl", f"user.{user}.#calendars", "anyone", "l9")
 
 
+def nginx(site, server):
+    """Starts nginx with that in its one server block."""
+    tls = (f"ssl_certificate {site.folder}/good.pem; ssl_certificate_key {site.folder}/good.key;"
+           if site.tls else "")
+    folder = site.folder / "nginx"
+    folder.mkdir()
+    configuration = site.write("nginx/nginx.conf", f"""\
+{"user root;" if os.geteuid() == 0 else ""}
+daemon off;
+pid {folder}/pid;
+events {{ }}
+http {{
+  access_log {site.folder}/logs/access;
+  client_max_body_size 0;
+  client_body_temp_path {folder}/bodies;
+  fastcgi_temp_path {folder}/fastcgi;
+  proxy_temp_path {folder}/proxy;
+  scgi_temp_path {folder}/scgi;
+  uwsgi_temp_path {folder}/uwsgi;
+  server {{
+    listen 127.0.0.1:{site.port}{" ssl" if site.tls else ""};
+    {tls}
+{server}
+  }}
+}}
+""")
+    site.start("nginx", "-e", site.folder / "logs/errors", "-c", configuration)
+
+
+def files(site):
+    """Serves the folder root; below dav/ and private/ it takes PUT, and private/ is for USER."""
+    for name in ("root/private", "root/dav"):
+        (site.folder / name).mkdir(parents=True)
+    users = site.write("users", f"{USER}:{{PLAIN}}{PASSWORD}\n")
+    nginx(site, f"""\
+    root {site.folder}/root;
+    types {{ text/calendar ics; }}
+    etag on;
+    gzip on;
+    gzip_types text/calendar;
+    gzip_min_length 0;
+    location /dav/ {{ dav_methods PUT DELETE; }}
+    location /private/ {{
+      dav_methods PUT DELETE;
+      auth_basic private;
+      auth_basic_user_file {users};
+    }}
+""")
+
+
+DAVICAL = Path("/usr/share/davical")
+DAVICAL_USERS = "".join(f"""
+INSERT INTO usr (active, email_ok, updated, username, password, fullname, email)
+  VALUES (TRUE, current_date, current_date, '{user}', '**{PASSWORD}', '{user}',
+    '{user}@example.com');
+INSERT INTO principal (type_id, user_no, displayname, default_privileges)
+  SELECT 1, user_no, fullname,
+      privilege_to_bits(ARRAY['caldav:read-free-busy', 'caldav:schedule-query-freebusy'])
+    FROM usr WHERE username = '{user}';
+""" for user in USERS) + """
+-- Makes alice one of bob's proxies.
+INSERT INTO grants (by_principal, to_principal, privileges)
+  SELECT bob.principal_id, alice.principal_id, privilege_to_bits(ARRAY['DAV::read', 'DAV::write'])
+    FROM principal alice, principal bob
+    WHERE alice.displayname = 'alice' AND bob.displayname = 'bob';
+"""
+
+
+def davical(site, authentication):
+    binaries = max(Path("/usr/lib/postgresql").glob("*/bin"),
+                   key=lambda path: int(path.parent.name))
+    cluster = site.folder / "postgresql"
+    cluster.mkdir()
+    # PostgreSQL refuses to run as root.
+    as_owner = []
+    if os.geteuid() == 0:
+        shutil.chown(cluster, "postgres", "postgres")
+        as_owner = ["setpriv", "--reuid=postgres", "--regid=postgres", "--clear-groups"]
+    environment = {"PGHOST": str(cluster), "PGUSER": "postgres", "TMPDIR": str(cluster)}
+    site.run(*as_owner, binaries / "initdb", "--auth=trust", "--username=postgres", "--no-sync",
+             "--encoding=UTF8", "--locale=C", "--pgdata", cluster / "data")
+    options = {"listen_addresses": "", "unix_socket_directories": cluster, "fsync": "off",
+               "dynamic_shared_memory_type": "mmap", "max_connections": 20}
+    site.start(*as_owner, binaries / "postgres", "-D", cluster / "data",
+               *(f"--{name}={value}" for name, value in options.items()),
+               until=cluster / ".s.PGSQL.5432")
+    site.run(*as_owner, DAVICAL / "dba/create-database.sh", "davical", PASSWORD,
+             environment=environment)
+    site.run("psql", "-q", "-v", "ON_ERROR_STOP=1", "davical", text=DAVICAL_USERS,
+             environment=environment)
+    # It looks for its configuration beside the folder of its scripts.
+    pages = site.folder / "davical/htdocs"
+    pages.mkdir(parents=True)
+    for name in ("always.php", "caldav.php"):
+        (pages / name).symlink_to(DAVICAL / "htdocs" / name)
+    (pages.parent / "inc").symlink_to(DAVICAL / "inc")
+    (pages.parent / "config").mkdir()
+    site.write("davical/config/config.php", f"""<?php
+$c->pg_connect[] = 'dbname=davical user=davical_app host={cluster}';
+$c->http_auth_mode = '{authentication}';
+$c->domain_name = '127.0.0.1';
+$c->admin_email = 'admin@example.com';
+""")
+    gateway = site.folder / "php"
+    # Out of its reach is the configuration of the whole machine.
+    reachable = ":".join(map(str, (site.folder, "/usr/share/")))
+    site.start("php-cgi", "-d", f"open_basedir={reachable}", "-d", "display_errors=0",
+               "-b", gateway, until=gateway, environment={"PHP_FCGI_MAX_REQUESTS": "0"})
+    nginx(site, f"""\
+    location / {{
+      fastcgi_split_path_info ^(/caldav\\.php)(/.*)$;
+      include /etc/nginx/fastcgi_params;
+      fastcgi_param SCRIPT_FILENAME {pages}/caldav.php;
+      fastcgi_param SCRIPT_NAME /caldav.php;
+      fastcgi_param PATH_INFO $fastcgi_path_info;
+      fastcgi_pass unix:{gateway};
+    }}
+""")
+
+
 class Kind(NamedTuple):
     set_up: Callable  # of a site
     base: str  # the path that a login starts from
@@ -175,11 +297,16 @@ class Kind(NamedTuple):
 
 
 CYRUS = ("/dav/principals/", f"/dav/calendars/user/{USER}/")
+DAVICAL_PATHS = ("/caldav.php/", f"/caldav.php/{USER}/")
 SABREDAV = ("/", f"/calendars/{USER}/")
 SERVERS = {
     "cyrus_basic": Kind(partial(cyrus, mechanisms="PLAIN"), *CYRUS),
     "cyrus_digest": Kind(cyrus, *CYRUS),
     "cyrus_tls": Kind(cyrus, *CYRUS, tls=True),
+    "davical": Kind(partial(davical, authentication="Basic"), *DAVICAL_PATHS),
+    "davical_digest": Kind(partial(davical, authentication="Digest"), *DAVICAL_PATHS),
+    "nginx": Kind(files, "/", "/dav/"),
+    "nginx_tls": Kind(files, "/", "/dav/", tls=True),
     "radicale": Kind(radicale, "/", f"/{USER}/"),
     "sabredav_basic": Kind(partial(sabredav, authentication="basic"), *SABREDAV),
     "sabredav_digest": Kind(partial(sabredav, authentication="digest"), *SABREDAV),

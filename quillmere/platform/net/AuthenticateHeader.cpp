@@ -140,6 +140,13 @@ std::vector<AuthenticateChallenge> parseAuthenticateHeader(std::string_view valu
   }
 }
 
+bool isDeadEnd(const std::vector<AuthenticateChallenge>& challenges) {
+  return !challengeToRaise(challenges) &&
+         std::any_of(challenges.begin(), challenges.end(), [](const auto& challenge) {
+           return challenge.scheme == "digest" && !challenge.parameter("nonce");
+         });
+}
+
 const AuthenticateChallenge* challengeToRaise(
     const std::vector<AuthenticateChallenge>& challenges) {
   for (const std::string_view scheme : {"digest", "basic", "ntlm", "negotiate"}) {

@@ -36,6 +36,10 @@ std::vector<AuthenticateChallenge> parseAuthenticateHeader(std::string_view valu
 /// of them. Of several of one scheme the first that can be answered.
 const AuthenticateChallenge* challengeToRaise(const std::vector<AuthenticateChallenge>& challenges);
 
+/// Whether a server asks for Digest and gives no nonce to answer with, as some do once somebody has
+/// logged in over the connection: on that one there is no way to do so again.
+bool isDeadEnd(const std::vector<AuthenticateChallenge>& challenges);
+
 }  // namespace quillmere
 
 #endif

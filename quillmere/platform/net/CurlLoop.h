@@ -8,7 +8,10 @@
 
 #include <deque>
 #include <memory>
+#include <set>
+#include <string>
 #include <unordered_map>
+#include <utility>
 
 // Internal: libcurl's transfers on a run loop.
 namespace quillmere {
@@ -46,6 +49,13 @@ class CurlLoop : public std::enable_shared_from_this<CurlLoop> {
   /// Makes `transferMoved` be called on that transfer's client.
   void tellSoon(CURL* transfer);
 
+  /// Servers that let nobody log in a second time over one connection, told by scheme, host and
+  /// port: with them a connection is closed after a login, since sessions share their connections.
+  void noteSingleLogin(std::string server) { singleLoginServers_.insert(std::move(server)); }
+  bool isSingleLogin(const std::string& server) const {
+    return singleLoginServers_.contains(server);
+  }
+
   GMainContext* context() const { return g_source_get_context(source_); }
 
  protected:
@@ -71,6 +81,7 @@ class CurlLoop : public std::enable_shared_from_this<CurlLoop> {
   void* tag_ = nullptr;  // of the epoll set in the source
   std::unordered_map<CURL*, std::shared_ptr<Client>> clients_;
   std::deque<CURL*> moved_;
+  std::set<std::string> singleLoginServers_;
   gint64 deadline_ = -1;  // when libcurl wants to be called, as an alarm has it
 };
 

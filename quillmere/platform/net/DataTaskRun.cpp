@@ -27,10 +27,12 @@ std::uint16_t portOf(const NSURL& url) {
   return url.port().value_or(url.scheme() == "https" ? httpsPort : httpPort);
 }
 
-bool isSameServer(const NSURL& a, const NSURL& b) {
-  return a.scheme() == b.scheme() && portOf(a) == portOf(b) &&
-         equalIgnoringCase(a.host().value_or(""), b.host().value_or(""));
+std::string serverOf(const NSURL& url) {
+  return url.scheme().value_or("") + "://" + lowerCaseASCII(url.host().value_or("")) + ":" +
+         std::to_string(portOf(url));
 }
+
+bool isSameServer(const NSURL& a, const NSURL& b) { return serverOf(a) == serverOf(b); }
 
 // What the platform would send to the new address (RFC 9110 section 15.4).
 NSURLRequest redirected(const NSURLRequest& request, std::int64_t status, const NSURL& target) {
@@ -76,6 +78,7 @@ void DataTaskRun::start() {
 
 void DataTaskRun::send(const NSURLRequest& request) {
   request_ = request;
+  isAfresh_ = false;
   transfer(request, HTTPTransfer::Connection::asTheMethodNeeds);
 }
 
@@ -126,6 +129,10 @@ void DataTaskRun::transferEnded(const NSErrorPtr& error) {
       return askAboutRedirect();
     case Purpose::challenge:
       return askForCredential();
+    case Purpose::deadEnd:
+      isAfresh_ = true;
+      task_->session_->loop_->noteSingleLogin(serverOf(*request_.URL()));
+      return transfer(request_, HTTPTransfer::Connection::fresh);
     default:
       return deliverBody();
   }
@@ -142,8 +149,9 @@ DataTaskRun::Purpose DataTaskRun::purposeOf(const NSHTTPURLResponse& response) {
   const auto field =
       response.valueForHTTPHeaderField(isProxys ? "Proxy-Authenticate" : "WWW-Authenticate");
   challenges_ = field ? parseAuthenticateHeader(*field) : std::vector<AuthenticateChallenge>();
-  const bool isChallenge = !isPreset && challengeToRaise(challenges_) != nullptr;
-  return isChallenge ? Purpose::challenge : Purpose::answer;
+  if (isPreset) return Purpose::answer;
+  if (challengeToRaise(challenges_)) return Purpose::challenge;
+  return isDeadEnd(challenges_) && !isAfresh_ ? Purpose::deadEnd : Purpose::answer;
 }
 
 // Null for an address that is missing, malformed, or neither of http nor of https.
@@ -235,9 +243,10 @@ void DataTaskRun::answer(const AuthenticateChallenge& offer, Asker& asker) {
   if (proxy_.value) request.setValue_forHTTPHeaderField(proxy_.value, "Proxy-Authorization");
   if (server_.value) request.setValue_forHTTPHeaderField(server_.value, "Authorization");
   // A nonce may be good for the connection alone that it came over, the last one that was used.
+  using enum HTTPTransfer::Connection;
   const bool hasNonce = offer.scheme == "digest";
-  transfer(request,
-           hasNonce ? HTTPTransfer::Connection::kept : HTTPTransfer::Connection::asTheMethodNeeds);
+  const bool isOnce = task_->session_->loop_->isSingleLogin(serverOf(*request_.URL()));
+  transfer(request, !hasNonce ? asTheMethodNeeds : isOnce ? keptThenClosed : kept);
 }
 
 void DataTaskRun::askAboutResponse() {

@@ -33,7 +33,7 @@ class DataTaskRun final : public HTTPTransfer::Owner,
 
  private:
   // What the response that comes in is for.
-  enum class Purpose : std::uint8_t { unknown, redirect, challenge, answer };
+  enum class Purpose : std::uint8_t { unknown, redirect, challenge, deadEnd, answer };
 
   // Who asks for credentials, and what it was given.
   struct Asker {
@@ -69,6 +69,7 @@ class DataTaskRun final : public HTTPTransfer::Owner,
   bool isAllowed_ = false;                         // the delegate has let the response through
   bool isPaused_ = false;                          // until it does
   bool hasEnded_ = false;                          // the transfer has
+  bool isAfresh_ = false;                          // sent again because of a dead end
   int redirects_ = 0;
   Asker server_, proxy_;
   std::uint64_t questions_ = 0;  // asked of the delegate so far, and answered

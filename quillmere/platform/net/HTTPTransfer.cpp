@@ -1,4 +1,5 @@
 #include <quillmere/platform/base/KSStringTable.h>
+#include <quillmere/platform/net/AuthenticateHeader.h>
 #include <quillmere/platform/net/HTTPTransfer.h>
 
 #include <algorithm>
@@ -180,8 +181,10 @@ void HTTPTransfer::setOptions(Connection connection) {
   }
   curl_easy_setopt(curl_, CURLOPT_CUSTOMREQUEST, method.c_str());
   const bool needsNewConnection =
-      connection == Connection::asTheMethodNeeds && !isIdempotent(method);
+      connection == Connection::fresh ||
+      (connection == Connection::asTheMethodNeeds && !isIdempotent(method));
   curl_easy_setopt(curl_, CURLOPT_FRESH_CONNECT, needsNewConnection ? 1L : 0L);
+  if (connection == Connection::keptThenClosed) curl_easy_setopt(curl_, CURLOPT_FORBID_REUSE, 1L);
 
   curl_easy_setopt(curl_, CURLOPT_HEADERFUNCTION, &HTTPTransfer::receiveHead);
   curl_easy_setopt(curl_, CURLOPT_HEADERDATA, this);
@@ -295,6 +298,10 @@ void HTTPTransfer::completeHead() {
     if (const auto coding = response_->valueForHTTPHeaderField("Content-Encoding")) {
       decoder_ = ContentDecoder::decoderFor(*coding);
     }
+  }
+  const auto challenge = response_->valueForHTTPHeaderField("WWW-Authenticate");
+  if (challenge && isDeadEnd(parseAuthenticateHeader(*challenge))) {
+    curl_easy_setopt(curl_, CURLOPT_FORBID_REUSE, 1L);
   }
   loop_->tellSoon(curl_);
 }

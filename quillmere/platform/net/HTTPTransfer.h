@@ -47,7 +47,7 @@ class HTTPTransfer final : public CurlLoop::Client,
 
   /// A kept connection may turn out to have been closed, and libcurl then sends the request once
   /// more on a new one: so a method that must not be repeated takes a new one at once, unless told.
-  enum class Connection : std::uint8_t { asTheMethodNeeds, kept };
+  enum class Connection : std::uint8_t { asTheMethodNeeds, kept, keptThenClosed, fresh };
 
   /// The owner must outlive the transfer, or `stop` it.
   HTTPTransfer(std::shared_ptr<CurlLoop> loop, NSURLRequest request,

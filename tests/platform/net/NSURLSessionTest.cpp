@@ -319,6 +319,28 @@ TEST(NSURLSession, AnswersChallengesWithWhatTheDelegateGives) {
             "challenge HTTPDigest calendars 0, response 200, end");
 }
 
+// Some servers give no nonce on a connection over which somebody has logged in.
+TEST(NSURLSession, LogsInOverANewConnectionWhereTheOldOneIsADeadEnd) {
+  ScriptedServer server;
+  const testing::Answer deadEnd{
+      .status = 401, .fields = {{"WWW-Authenticate", "Digest"}}, .body = "who?"};
+  server.expect({.path = "/a"}, deadEnd);
+  server.expect({.path = "/a"}, {.status = 401, .challenges = {{.scheme = AuthScheme::digest}}});
+  server.expect({.path = "/a", .credential = {{AuthScheme::digest, "alice", "secret"}}},
+                {.body = "hello"});
+  // Then each login has a connection of its own; and there is an end to trying.
+  for (int i = 0; i < 2; ++i) server.expect({.path = "/b"}, deadEnd);
+  const auto host = SessionHost::make();
+  host->credential = aliceAndSecret;
+  EXPECT_EQ(host->fetch(requestFor(server.url("/a"))),
+            "challenge HTTPDigest calendars 0, response 200, data, end");
+  EXPECT_EQ(host->fetch(requestFor(server.url("/b"))), "response 401, data, end");
+  EXPECT_EQ(host->body, "who?");
+  std::vector<unsigned> connections;
+  for (const auto& request : server.requests()) connections.push_back(request.connection);
+  EXPECT_THAT(connections, ElementsAre(1, 2, 2, 3, 4));
+}
+
 TEST(NSURLSession, A401IsTheAnswerWhenNobodyHasACredential) {
   ScriptedServer server;
   const auto host = SessionHost::make();

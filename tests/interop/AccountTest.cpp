@@ -1,0 +1,321 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <quillmere/calendars/KBTDavCalendar.h>
+#include <quillmere/ical/KBTMutableCalObject.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <map>
+
+#include "tests/support/PrincipalHost.h"
+#include "tests/support/RecordingDelegate.h"
+#include "tests/support/SessionHost.h"
+
+// An account on the server that `servers.py` started: what a login finds, and two clients that keep
+// their objects in step through it.
+
+namespace quillmere {
+namespace {
+
+using ::testing::ContainsRegex;
+using ::testing::ElementsAre;
+using testing::Item;
+using testing::PrincipalHost;
+using testing::RecordingDelegate;
+using testing::runUntil;
+using ::testing::StartsWith;
+
+// Where the servers differ.
+struct Account {
+  const char* server;
+  bool hasOutbox = true;   // without which there is no login
+  bool keepsBytes = true;  // or writes what it got in its own way
+  std::size_t proxies = 0;
+};
+
+constexpr Account accountsOfServers[] = {
+    {.server = "cyrus_basic", .keepsBytes = false},
+    {.server = "cyrus_digest", .keepsBytes = false},
+    {.server = "cyrus_tls", .keepsBytes = false},
+    {.server = "davical", .proxies = 1},
+    {.server = "davical_digest", .proxies = 1},
+    {.server = "radicale", .hasOutbox = false, .keepsBytes = false},
+    {.server = "sabredav_basic"},
+    {.server = "sabredav_digest"},
+    {.server = "xandikos", .hasOutbox = false},
+};
+
+std::string environment(const char* name) {
+  const char* const value = std::getenv(name);
+  if (!value) throw std::runtime_error(std::string("run this by servers.py: no ") + name);
+  return value;
+}
+
+const Account& account() {
+  const std::string name = environment("QUILLMERE_INTEROP_SERVER");
+  for (const Account& known : accountsOfServers) {
+    if (name == known.server) return known;
+  }
+  throw std::runtime_error("nothing is known of " + name);
+}
+
+NSDate utc(const char* text) { return NSDate::initWithICSDateString(text).value(); }
+
+// A document whose values need escaping, folding and more than ASCII.
+std::string document(const std::string& uid, const std::string& summary) {
+  const auto event =
+      KBTMutableCalObject::initWithObjectType_includeCalendarDeclaration("VEVENT", true);
+  event->appendKey_stringValue("UID", uid);
+  event->appendKey_datetimeValue("DTSTAMP", utc("20240101T000000Z"));
+  event->appendKey_datetimeValue("DTSTART", utc("20240105T090000Z"));
+  event->appendKey_datetimeValue("DTEND", utc("20240105T100000Z"));
+  event->appendKey_stringValue("SUMMARY", summary);
+  event->appendKey_stringValue("LOCATION", "Caf\xC3\xA9; \xE6\x97\xA5\xE6\x9C\xAC, 2\\3 <&>");
+  event->appendKey_stringValue(
+      "DESCRIPTION", std::string(150, 'x') + " \xF0\x9F\x93\x85 \n" + std::string(90, 'y'));
+  return std::string(event->icsData().view());
+}
+
+// The lines of the event, unfolded and sorted, of those keys that a document here has.
+std::vector<std::string> propertiesOf(const std::string& text) {
+  const std::string sent[] = {"UID", "DTSTART", "DTEND", "SUMMARY", "LOCATION", "DESCRIPTION"};
+  std::vector<std::string> properties;
+  const auto reader = KBTCalObject::initWithData(NSData::dataWithBytes(text));
+  while (reader->nextLine()) {
+    const std::string key(reader->key().value_or(""));
+    if (std::find(std::begin(sent), std::end(sent), key) == std::end(sent)) continue;
+    properties.push_back(key + ":" + std::string(reader->value().value_or("(null)")));
+  }
+  std::sort(properties.begin(), properties.end());
+  return properties;
+}
+
+// The same text for the same object: XML has the line ends of what stands in it become line feeds.
+std::vector<std::string> comparable(const std::string& text) {
+  if (!account().keepsBytes) return propertiesOf(text);
+  std::string bytes = text;
+  std::erase(bytes, '\r');
+  return {bytes};
+}
+
+// A host that keeps the texts of its objects.
+class Host : public RecordingDelegate {
+ public:
+  KBTClientObject synchingCalendar_newObjectNamed_versionString_data(
+      KBTSynchingCalendar& calendar, const std::string& name, const std::string& version,
+      const std::shared_ptr<KBTCalObject>& data) override {
+    RecordingDelegate::synchingCalendar_newObjectNamed_versionString_data(calendar, name, version,
+                                                                          data);
+    objects[name]->ics = readers.back();
+    return objects[name];
+  }
+  void synchingCalendar_updateForObject_versionString_data(
+      KBTSynchingCalendar& calendar, const KBTClientObject& object, const std::string& version,
+      const std::shared_ptr<KBTCalObject>& data) override {
+    RecordingDelegate::synchingCalendar_updateForObject_versionString_data(calendar, object,
+                                                                           version, data);
+    Item::of(object).ics = readers.back();
+  }
+  void synchingCalendar_deletionForObject(KBTSynchingCalendar& calendar,
+                                          const KBTClientObject& object) override {
+    RecordingDelegate::synchingCalendar_deletionForObject(calendar, object);
+    objects.erase(Item::of(object).name);
+  }
+};
+
+// One client of a user's.
+class Client {
+ public:
+  explicit Client(const std::string& user = environment("QUILLMERE_USER"),
+                  const std::string& password = environment("QUILLMERE_PASSWORD"),
+                  const std::string& url = environment("QUILLMERE_INTEROP_BASE"))
+      : principal(KBTDavPrincipal::initWithDelegate_username_andPassword_forServer(
+            listener, user, password, NSURL::URLWithString(url).value())) {}
+  Client(const Client&) = delete;
+  Client& operator=(const Client&) = delete;
+  ~Client() { principal->invalidate(); }
+
+  std::shared_ptr<PrincipalHost> listener = std::make_shared<PrincipalHost>();
+  std::shared_ptr<Host> host = std::make_shared<Host>();
+  std::shared_ptr<KBTDavPrincipal> principal;
+  std::shared_ptr<KBTDavCalendar> calendar;
+
+  std::string outcome() {
+    if (!runUntil([&] { return !listener->events.empty(); })) return "nothing";
+    EXPECT_EQ(listener->events.size(), 1U);
+    return std::exchange(listener->events, {}).front();
+  }
+  std::string login() {
+    principal->login();
+    return outcome();
+  }
+  void open(const std::shared_ptr<KBTDavConnection>& collection) {
+    calendar = KBTDavCalendar::initWithDavConnection(collection);
+    calendar->setDelegate(host);
+  }
+  // The collection of that name, for servers that tell a login nothing.
+  void openAt(const NSURL& url) {
+    open(KBTDavConnection::initWithCalendarName_description_URL_forPrincipal("Work", std::nullopt,
+                                                                             url, principal));
+  }
+
+  void fetch() {
+    host->take();
+    calendar->fetchExternalChanges();
+    EXPECT_TRUE(runUntil([&] { return !calendar->isChecking(); }));
+    EXPECT_EQ(host->log.back(), "fetched");
+  }
+  void save() {
+    host->take();
+    calendar->saveChanges();
+    EXPECT_TRUE(runUntil([&] { return !calendar->isSaving(); }));
+    EXPECT_EQ(failures(), std::vector<std::string>());
+    EXPECT_FALSE(calendar->hasPendingChanges());
+  }
+  std::vector<std::string> failures() const {
+    std::vector<std::string> lines;
+    std::copy_if(host->log.begin(), host->log.end(), std::back_inserter(lines),
+                 [](const std::string& line) { return line.starts_with("failed"); });
+    return lines;
+  }
+
+  void insert(const std::string& name, const std::string& summary) {
+    const auto item = Item::make(name, "", document("uid-" + name, summary));
+    host->objects[name] = item;
+    calendar->insertObject(item);
+  }
+  void update(const std::string& name, const std::string& summary) {
+    host->objects.at(name)->ics = document("uid-" + name, summary);
+    calendar->updateObject(host->objects.at(name));
+  }
+  void remove(const std::string& name) {
+    calendar->deleteObject(host->objects.at(name));
+    host->objects.erase(name);
+  }
+
+  std::map<std::string, std::vector<std::string>> objects() const {
+    std::map<std::string, std::vector<std::string>> all;
+    for (const auto& [name, item] : host->objects) all[name] = comparable(item->ics);
+    return all;
+  }
+};
+
+// Fifty, of every kind that needs care on the way.
+std::vector<std::string> fiftyNames() {
+  const char* const kinds[] = {"plain", "alice@example.com", "two words ",
+                               "h\xC3\xBCt \xE6\x97\xA5", "a+b&c;d=(e)"};
+  std::vector<std::string> names;
+  for (int i = 0; i < 50; ++i) names.push_back(kinds[i % 5] + std::to_string(i));
+  return names;
+}
+
+TEST(Account, LogsIn) {
+  Client alice;
+  if (!account().hasOutbox) {
+    EXPECT_EQ(alice.login(),
+              "failed KBTDavConnection 1 Not able to determine outbox or calendar "
+              "home from server");
+    EXPECT_EQ(alice.principal->principalLookupFailure(), alice.listener->error);
+    return;
+  }
+  EXPECT_EQ(alice.login(), "logged in");
+  EXPECT_EQ(alice.principal->originator(), "mailto:alice@example.com");
+  EXPECT_EQ(alice.principal->readWriteProxies().size(), account().proxies);
+  const auto before = alice.principal->calendars().size();
+  EXPECT_EQ(alice.login(), "logged in");  // from the principal's own address
+  EXPECT_EQ(alice.principal->calendars().size(), before);
+
+  Client stranger(environment("QUILLMERE_USER"), "wrong");
+  EXPECT_EQ(stranger.login(), "failed KBTDavConnection 401 unauthorized");
+}
+
+// Two clients of one collection. Here a server that lists nothing has nothing to tell them.
+TEST(Account, TwoClientsStayInStep) {
+  Client first, second;
+  if (account().hasOutbox) {
+    ASSERT_EQ(first.login(), "logged in");
+    first.principal->createCalendarAtPath_withName_andDescription(
+        "in-step", "Schritt f\xC3\xBCr Schritt", "F\xC3\xBCr Alice");
+    ASSERT_THAT(first.outcome(), ContainsRegex("^created Schritt f\xC3\xBCr Schritt .*/in-step/$"));
+    ASSERT_EQ(first.login(), "logged in");
+    ASSERT_EQ(second.login(), "logged in");
+    for (Client* client : {&first, &second}) {
+      const auto collection = client->principal->calendarNamed("Schritt f\xC3\xBCr Schritt");
+      ASSERT_NE(collection, nullptr);
+      EXPECT_TRUE(collection->writable());
+      EXPECT_TRUE(collection->canContainEvents());
+      EXPECT_EQ(collection->description(), "F\xC3\xBCr Alice");
+      client->open(collection);
+    }
+  } else {
+    const NSURL url =
+        NSURL::URLWithString(environment("QUILLMERE_INTEROP_HOME") + "in-step/").value();
+    first.openAt(url);
+    second.openAt(url);
+    const auto made = first.principal->createCalendarAtPath_withName_andDescription(
+        url.absoluteString(), "Schritt f\xC3\xBCr Schritt", "F\xC3\xBCr Alice");
+    ASSERT_THAT(first.outcome(), StartsWith("created"));
+  }
+
+  const auto names = fiftyNames();
+  for (const std::string& name : names) first.insert(name, "Tea, " + name);
+  first.save();
+  ASSERT_EQ(first.host->log.size(), names.size() + 1);
+  first.fetch();
+  EXPECT_THAT(first.host->log, ElementsAre("fetched"));  // its own changes are none
+  second.fetch();
+  if (std::string(account().server) ==
+      "xandikos") {  // takes a listing without depth as one of none
+    EXPECT_THAT(second.host->log, ElementsAre("began", "fetched"));
+    return;
+  }
+  EXPECT_EQ(second.host->objects.size(), names.size());
+  EXPECT_EQ(second.objects(), first.objects());
+
+  for (int i = 0; i < 10; ++i) {
+    second.update(names[static_cast<std::size_t>(i)], "Coffee");
+    second.remove(names[static_cast<std::size_t>(i + 10)]);
+    second.insert("new @" + std::to_string(i), "Cake");
+  }
+  second.save();
+  first.fetch();
+  EXPECT_EQ(first.host->log.size(), 32U) << ::testing::PrintToString(first.host->log);
+  EXPECT_EQ(first.objects(), second.objects());
+
+  first.remove(names[0]);
+  first.update(names[1], "Tea again");
+  first.save();
+  second.fetch();
+  EXPECT_EQ(second.objects(), first.objects());
+  EXPECT_EQ(second.host->objects.size(), names.size() - 1);
+}
+
+// What bob's calendar says is told to alice, who finds bob by his address.
+TEST(Account, OthersAreFoundAndTheirBusyTimeToo) {
+  if (!account().hasOutbox) GTEST_SKIP() << "nobody logs in here";
+  Client bob("bob");
+  ASSERT_EQ(bob.login(), "logged in");
+  bob.principal->createCalendarAtPath_withName_andDescription("busy", "Busy", "");
+  ASSERT_THAT(bob.outcome(), StartsWith("created Busy"));
+  bob.open(bob.principal->calendarNamed("Busy"));
+  bob.insert("meeting", "Meeting");
+  bob.save();
+
+  Client alice;
+  ASSERT_EQ(alice.login(), "logged in");
+  alice.principal->requestFreebusyForPrincipalURN_fromDate_toDate_context(
+      "mailto:bob@example.com", utc("20240101T000000Z"), utc("20240201T000000Z"), "busy");
+  EXPECT_EQ(alice.outcome(), "freebusy 1 [busy]");
+  ASSERT_EQ(alice.listener->periods.size(), 1U);
+  EXPECT_EQ(alice.listener->periods[0]->start(), utc("20240105T090000Z"));
+  EXPECT_EQ(alice.listener->periods[0]->end(), utc("20240105T100000Z"));
+
+  alice.principal->reportPrincipalInfoForUserAddress_context("bob@example.com", "who");
+  EXPECT_THAT(alice.outcome(), ContainsRegex("^found \\[who\\] \\{[^}]*bob[^}]*, mailto:bob@example"
+                                             "\\.com, -\\}$"));
+  alice.principal->reportPrincipalInfoForUserAddress_context("nobody@example.com", "who");
+  EXPECT_EQ(alice.outcome(), "found [who]");
+}
+
+}  // namespace
+}  // namespace quillmere
