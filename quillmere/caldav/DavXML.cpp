@@ -15,6 +15,20 @@ std::optional<std::string_view> textAt(const HWXMLElement& element, std::string_
   return found ? found->text() : std::nullopt;
 }
 
+std::optional<std::string_view> hrefAt(const HWXMLElement& element, std::string_view path) {
+  const auto found = element.firstChildAtPath(path);
+  return found ? hrefOf(*found) : std::nullopt;
+}
+
+std::optional<std::string_view> hrefOf(const HWXMLElement& element) {
+  constexpr std::string_view blanks = " \t\r\n";
+  const auto text = element.text();
+  if (!text) return std::nullopt;
+  const std::size_t first = text->find_first_not_of(blanks);
+  if (first == std::string_view::npos) return std::nullopt;
+  return text->substr(first, text->find_last_not_of(blanks) - first + 1);
+}
+
 std::vector<HWXMLElement> childElementsOf(const HWXMLElement& element) {
   std::vector<HWXMLElement> elements;
   for (const HWXMLNode& child : element.children()) {

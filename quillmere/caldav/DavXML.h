@@ -62,6 +62,11 @@ std::optional<HWXMLElement> rootOf(const KBTDavRequest& request);
 /// The text of the element at the path, null when there is none.
 std::optional<std::string_view> textAt(const HWXMLElement& element, std::string_view path);
 
+/// An address: the text of the element at the path, or of the element itself, without the white
+/// space around it with which some servers indent. Null when there is none.
+std::optional<std::string_view> hrefAt(const HWXMLElement& element, std::string_view path);
+std::optional<std::string_view> hrefOf(const HWXMLElement& element);
+
 /// The children that are elements, and of these those of a name.
 std::vector<HWXMLElement> childElementsOf(const HWXMLElement& element);
 std::vector<HWXMLElement> childElementsOf(const HWXMLElement& element, std::string_view localName);

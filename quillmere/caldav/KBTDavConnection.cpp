@@ -262,7 +262,7 @@ void KBTDavConnection::_didGetEventsForCalendar(const std::shared_ptr<KBTDavRequ
       // Intended: only the first propstat is looked at, and its status must be this very text.
       const auto propstat = response.firstChildNamed("propstat");
       if (!propstat || textAt(*propstat, "status") != statusOfFound) continue;
-      const auto address = textAt(response, "href");
+      const auto address = hrefAt(response, "href");
       const auto prop = propstat->firstChildNamed("prop");
       if (!address || !prop) continue;
       if (const auto etag = textAt(*prop, "getetag")) etags[std::string(*address)] = *etag;

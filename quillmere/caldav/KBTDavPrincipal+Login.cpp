@@ -94,7 +94,7 @@ void KBTDavPrincipal::_didGetPrincipalInfoForCurrentUser(
   }
   const auto root = rootOf(*request);
   const auto href =
-      root ? textAt(*root, "response/propstat/prop/current-user-principal/href") : std::nullopt;
+      root ? hrefAt(*root, "response/propstat/prop/current-user-principal/href") : std::nullopt;
   const auto url = href ? NSURL::URLWithString_relativeToURL(*href, principalURL_) : std::nullopt;
   if (!url) {
     return tellLoggedInWithError(errorOfCode(3, KSLocalizedString("unknown CalDav error")));
@@ -136,15 +136,15 @@ void KBTDavPrincipal::readProperty(const HWXMLElement& property) {
   } else if (name == "calendar-user-address-set") {
     readAddresses(property);
   } else if (name == "calendar-home-set") {
-    if (const auto url = folderFromHref(textAt(property, "href"))) calendarHomeURL_ = url;
+    if (const auto url = folderFromHref(hrefAt(property, "href"))) calendarHomeURL_ = url;
   } else if (name == "schedule-outbox-URL") {
     const auto href = property.firstChildNamed("href");
-    if (const auto url = folderFromHref(href ? href->text() : property.text())) outboxURL_ = url;
+    if (const auto url = folderFromHref(hrefOf(href.value_or(property)))) outboxURL_ = url;
   } else if (name == "group-membership") {
     readMemberships(property);
   } else if (name == "principal-collection-set") {
     for (const HWXMLElement& href : childElementsOf(property, "href")) {
-      const auto url = NSURL::URLWithString_relativeToURL(href.text().value_or(""), principalURL_);
+      const auto url = NSURL::URLWithString_relativeToURL(hrefOf(href).value_or(""), principalURL_);
       if (url) principalCollectionURL_ = *url;
     }
   }
@@ -152,7 +152,7 @@ void KBTDavPrincipal::readProperty(const HWXMLElement& property) {
 
 void KBTDavPrincipal::readAddresses(const HWXMLElement& addressSet) {
   for (const HWXMLElement& href : childElementsOf(addressSet, "href")) {
-    const string_view address = href.text().value_or("");
+    const string_view address = hrefOf(href).value_or("");
     if (address.starts_with("urn:")) {
       originator_ = NSURL::URLWithString(address);
     } else if (address.starts_with("mailto:")) {
@@ -168,7 +168,7 @@ void KBTDavPrincipal::readMemberships(const HWXMLElement& membership) {
   constexpr string_view asProxy = "/calendar-proxy-write/";
   readWriteProxies_.clear();
   for (const HWXMLElement& href : childElementsOf(membership, "href")) {
-    string_view group = href.text().value_or("");
+    string_view group = hrefOf(href).value_or("");
     if (!group.ends_with(asProxy)) continue;
     group.remove_suffix(asProxy.size());
     if (const auto url = NSURL::URLWithString_relativeToURL(group, principalURL_)) {
@@ -179,7 +179,7 @@ void KBTDavPrincipal::readMemberships(const HWXMLElement& membership) {
 
 // Null for no text and for text that makes no URL.
 std::optional<NSURL> KBTDavPrincipal::folderFromHref(std::optional<string_view> href) const {
-  if (!href || href->empty()) return std::nullopt;
+  if (!href) return std::nullopt;
   return NSURL::URLWithString_relativeToURL(closedBySlash(*href), principalURL_);
 }
 
@@ -216,7 +216,7 @@ std::shared_ptr<KBTDavConnection> KBTDavPrincipal::calendarFromResponse(
   const auto prop = propstat->firstChildNamed("prop");
   if (!prop || !prop->firstChildAtPath("resourcetype/calendar")) return nullptr;
   const auto name = textAt(*prop, "displayname");
-  const auto href = textAt(response, "href");
+  const auto href = hrefAt(response, "href");
   const auto url =
       href ? NSURL::URLWithString_relativeToURL(*href, *calendarHomeURL_) : std::nullopt;
   if (!name || !url) return nullptr;

@@ -14,7 +14,7 @@ namespace {
 
 using std::string_view;
 
-// The texts of an element, in order: its own, and those of elements that stand in it.
+// The texts of an element, in order: its own, and those of the elements in it.
 std::string stringValueOf(const HWXMLElement& element) {
   std::string value;
   for (const HWXMLNode& child : element.children()) {
@@ -67,7 +67,7 @@ void KBTDavPrincipal::_didGetFreebusyForUser(const std::shared_ptr<KBTDavRequest
     NSErrorPtr error;
     const auto periods =
         KBTFreeBusy::freeBusyInfoFromICSData(NSData::dataWithString(stringValueOf(*data)), &error);
-    if (!periods) return tellLoggedInWithError(error);
+    if (!periods) return tellLoggedInWithError(error);  // a period that is malformed
     if (const auto delegate = delegate_) {
       delegate->calDavPrincipal_didReceiveFreebusy_withContext(*this, *periods, request->context());
     }
@@ -81,7 +81,7 @@ void KBTDavPrincipal::_didGetFreebusyForUser(const std::shared_ptr<KBTDavRequest
     message = KSLocalizedString(
         "The CalDAV server at %@ denied request for free/busy information for recipient %@",
         outboxURL_ ? outboxURL_->host().value_or("") : "",
-        textAt(*root, "response/recipient/href").value_or(""));
+        hrefAt(*root, "response/recipient/href").value_or(""));
   } else {
     message = *status;
   }
@@ -149,7 +149,7 @@ std::shared_ptr<KBTPrincipalInfo> KBTDavPrincipal::infoFromResponse(
   const auto prop = response.firstChildAtPath("propstat/prop");
   if (!prop) return nullptr;
   auto info = KBTPrincipalInfo::init();
-  if (const auto href = textAt(response, "href")) {
+  if (const auto href = hrefAt(response, "href")) {
     info->setPrincipalURL(NSURL::URLWithString_relativeToURL(*href, principalURL_));
   }
   if (const auto name = textAt(*prop, "displayname")) info->setName(std::string(*name));
@@ -158,7 +158,7 @@ std::shared_ptr<KBTPrincipalInfo> KBTDavPrincipal::infoFromResponse(
   const auto addressSet = prop->firstChildNamed("calendar-user-address-set");
   if (!addressSet) return nullptr;
   for (const HWXMLElement& href : childElementsOf(*addressSet, "href")) {
-    const std::string address(href.text().value_or(""));
+    const std::string address(hrefOf(href).value_or(""));
     if (address.starts_with("mailto:")) {
       info->setEmail(address);
     } else if (address.starts_with("urn:")) {

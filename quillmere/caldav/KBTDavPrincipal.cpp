@@ -109,7 +109,9 @@ std::shared_ptr<KBTDavConnection> KBTDavPrincipal::caseInsensitiveCalendarNamed(
 }
 
 void KBTDavPrincipal::addConnection(const std::shared_ptr<KBTDavConnection>& connection) {
-  std::erase_if(collections_, [](const auto& known) { return known.keptDelegates.expired(); });
+  if (collections_.size() == collections_.capacity()) {
+    std::erase_if(collections_, [](const auto& known) { return known.keptDelegates.expired(); });
+  }
   collections_.push_back({connection, connection->keptDelegates_});
   if (isInvalid_) connection->invalidate();
 }

@@ -127,7 +127,8 @@ class KBTDavPrincipal : public KBTDavRequestor, public NSKeyValueObserving {
   /// Ends the principal for good: cancels every request of it and of its collections, as well as
   /// those issued from now on, and once they have ended lets go of `calendars` and of the delegates
   /// of all of them.
-  /// Until then they hear of each as of any failed request.
+  /// Until then they hear of each as of any failed request; so not during a calendar's check, of
+  /// which a failure stops the process.
   void invalidate();
 
  protected:

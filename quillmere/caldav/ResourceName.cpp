@@ -30,23 +30,25 @@ bool isScheme(string_view text) {
   });
 }
 
-bool survivesDecoded(char c, string_view before) {
+bool survivesDecoded(char c) {
   const auto byte = static_cast<unsigned char>(c);
-  if (byte < ' ' || byte == 0x7f) return false;
-  if (c == ':') return !isScheme(before);
-  return c != '/' && c != '%' && c != '?' && c != '#';
+  return byte >= ' ' && byte != 0x7f && c != '/' && c != '%' && c != '?' && c != '#';
 }
 
 std::string decoded(string_view component) {
   std::string text;
   for (std::size_t at = 0; at < component.size();) {
     const auto byte = escapedByte(component.substr(at));
-    if (byte && survivesDecoded(*byte, text)) {
+    if (byte && survivesDecoded(*byte)) {
       text += *byte;
       at += 3;
     } else {
       text += component[at++];
     }
+  }
+  const std::size_t colon = text.find(':');
+  if (colon != std::string::npos && isScheme(string_view(text).substr(0, colon))) {
+    text.replace(colon, 1, "%3A");
   }
   return isValidUTF8(text) ? text : std::string(component);
 }

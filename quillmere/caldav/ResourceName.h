@@ -12,7 +12,8 @@ namespace quillmere {
 /// which a server that escapes makes of "a@b.ics".
 ///
 /// An escape stays one where the name would not lead back to the address without it: "/", "%", "?",
-/// "#", control characters, a ":" that would end a scheme, and bytes that are not UTF-8.
+/// "#", control characters and bytes that are not UTF-8. For the same reason a ":" that would end a
+/// scheme becomes one.
 std::string uniqueNameOfHref(std::string_view href);
 
 }  // namespace quillmere

@@ -4,22 +4,29 @@
 #include <quillmere/platform/base/KSDiagnostics.h>
 #include <quillmere/platform/base/makeObject.h>
 
+#include <string_view>
 #include <utility>
 
 namespace quillmere {
 namespace {
 
-// What the calendar's requests are told apart by; a PUT or a DELETE has the object's name instead.
-constexpr const char* checkCTag = "KBTDavCalendar_CheckCTag";
-constexpr const char* fetchCTag = "KBTDavCalendar_FetchCTag";
-constexpr const char* findServerChanges = "KBTDavCalendar_FindServerChanges";
-constexpr const char* fetchServerUpdates = "KBTDavCalendar_FetchServerUpdates";
-constexpr const char* finishedSaving = "KBTDavCalendar_FinishedSaving";
+// What the calendar's requests are told apart by. A PUT or a DELETE has the object's name instead,
+// a `std::string`, so that no name that a server has chosen is taken for one of these.
+using Context = std::string_view;
+constexpr Context checkCTag = "KBTDavCalendar_CheckCTag";
+constexpr Context fetchCTag = "KBTDavCalendar_FetchCTag";
+constexpr Context findServerChanges = "KBTDavCalendar_FindServerChanges";
+constexpr Context fetchServerUpdates = "KBTDavCalendar_FetchServerUpdates";
+constexpr Context finishedSaving = "KBTDavCalendar_FinishedSaving";
 
-// Empty for an operation that somebody else asked the collection for.
-std::string textOf(const std::any& context) {
-  const auto* text = std::any_cast<std::string>(&context);
-  return text ? *text : std::string();
+// These are empty for a context of another kind.
+Context requestIn(const std::any& context) {
+  const auto* request = std::any_cast<Context>(&context);
+  return request ? *request : Context();
+}
+std::string nameIn(const std::any& context) {
+  const auto* name = std::any_cast<std::string>(&context);
+  return name ? *name : std::string();
 }
 
 }  // namespace
@@ -64,20 +71,20 @@ void KBTDavCalendar::checkForExternalChanges() {
     return delegate()->synchingCalendarCompletedCheckForExternalChanges_changes(*this, false);
   }
   setIsChecking(true);
-  connection_->reportCTagWithContext(std::string(checkCTag));
+  connection_->reportCTagWithContext(checkCTag);
 }
 
 void KBTDavCalendar::fetchExternalChanges() {
   if (isChecking()) return;
   setIsChecking(true);
-  connection_->reportCTagWithContext(std::string(fetchCTag));
+  connection_->reportCTagWithContext(fetchCTag);
 }
 
 void KBTDavCalendar::calDavConnection_didReceiveCTag_context(KBTDavConnection&,
                                                              const std::optional<std::string>& ctag,
                                                              const std::any& context) {
   const auto self = keptAlive();
-  const std::string request = textOf(context);
+  const Context request = requestIn(context);
   if (request == checkCTag) {
     // Intended: the tag is not kept, or the fetch that follows would see no change.
     setIsChecking(false);
@@ -95,8 +102,8 @@ void KBTDavCalendar::receivedTagOfFetch(const std::optional<std::string>& ctag) 
   setCTag(ctag);  // Intended: before the listing has succeeded.
   const auto earliest = delegate()->synchingCalendarEarliestDate(*this);
   const auto latest = delegate()->synchingCalendarLatestDate(*this);
-  connection_->reportEvents_includingContents_fromDate_toDate_context(
-      !getToDos_, false, earliest, latest, std::string(findServerChanges));
+  connection_->reportEvents_includingContents_fromDate_toDate_context(!getToDos_, false, earliest,
+                                                                      latest, findServerChanges);
 }
 
 void KBTDavCalendar::completeFetch(const NSErrorPtr& error) {
@@ -108,7 +115,7 @@ void KBTDavCalendar::calDavConnection_didReceiveEventsWithETags_andContents_cont
     KBTDavConnection&, const KBTDavResourceTexts& etags, const KBTDavResourceTexts& contents,
     const std::any& context) {
   const auto self = keptAlive();
-  const std::string request = textOf(context);
+  const Context request = requestIn(context);
   if (request == findServerChanges) {
     _findServerChangesForEventsWithEtags(etags);
   } else if (request == fetchServerUpdates) {
@@ -138,7 +145,7 @@ void KBTDavCalendar::_findServerChangesForEventsWithEtags(const KBTDavResourceTe
     objectsByUniqueName().erase(name);
   }
   if (changed.empty()) return completeFetch(nullptr);
-  connection_->multigetEventsForAddresses_context(changed, std::string(fetchServerUpdates));
+  connection_->multigetEventsForAddresses_context(changed, fetchServerUpdates);
 }
 
 void KBTDavCalendar::_handleServerUpdatesForEventsWithEtags_contents(
@@ -197,7 +204,7 @@ void KBTDavCalendar::calDavConnection_didCreateResourceWithETag_context(KBTDavCo
                                                                         const std::string& etag,
                                                                         const std::any& context) {
   const auto self = keptAlive();
-  const std::string name = textOf(context);
+  const std::string name = nameIn(context);
   delegate()->synchingCalendar_didInsert_versionString(*this, objectNamed(name), etag);
   insertSet().erase(name);
   _checkForSaveCompletion();
@@ -207,7 +214,7 @@ void KBTDavCalendar::calDavConnection_didUpdateResourceWithETag_context(KBTDavCo
                                                                         const std::string& etag,
                                                                         const std::any& context) {
   const auto self = keptAlive();
-  const std::string name = textOf(context);
+  const std::string name = nameIn(context);
   delegate()->synchingCalendar_didUpdate_versionString(*this, objectNamed(name), etag);
   updateSet().erase(name);
   _checkForSaveCompletion();
@@ -217,7 +224,7 @@ void KBTDavCalendar::calDavConnection_didUpdateResourceWithETag_context(KBTDavCo
 void KBTDavCalendar::calDavConnectionDidDeleteResource_context(KBTDavConnection&,
                                                                const std::any& context) {
   const auto self = keptAlive();
-  const std::string name = textOf(context);
+  const std::string name = nameIn(context);
   delegate()->synchingCalendar_didDelete(*this, objectNamed(name));
   deleteSet().erase(name);
   _checkForSaveCompletion();
@@ -227,7 +234,7 @@ void KBTDavCalendar::calDavConnection_requestDidFail_context(KBTDavConnection&,
                                                              const NSErrorPtr& error,
                                                              const std::any& context) {
   const auto self = keptAlive();
-  const std::string request = textOf(context);
+  const Context request = requestIn(context);
   if (request == findServerChanges || request == fetchServerUpdates || request == fetchCTag) {
     completeFetch(error);
   } else if (request == checkCTag) {
@@ -235,7 +242,8 @@ void KBTDavCalendar::calDavConnection_requestDidFail_context(KBTDavConnection&,
   } else if (!isSaving()) {
     KSRecordBacktrace("NOTREACHED");
   } else {
-    delegate()->synchingCalendar_failedSavingObject_withError(*this, request, error);
+    delegate()->synchingCalendar_failedSavingObject_withError(
+        *this, request == finishedSaving ? std::string(request) : nameIn(context), error);
     ++errorCount_;
     _checkForSaveCompletion();
   }
@@ -247,7 +255,7 @@ void KBTDavCalendar::_checkForSaveCompletion() {
   const std::size_t pending = updateSet().size() + insertSet().size() + deleteSet().size();
   if (!isSaving() || errorCount_ < pending) return;
   if (errorCount_ > 0) return completeSave();
-  connection_->reportCTagWithContext(std::string(finishedSaving));
+  connection_->reportCTagWithContext(finishedSaving);
 }
 
 void KBTDavCalendar::completeSave() {

@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "tests/support/CollectionHost.h"
 #include "tests/support/PrincipalHost.h"
 #include "tests/support/ScriptedServer.h"
 #include "tests/support/SessionHost.h"
@@ -146,6 +147,14 @@ TEST(KBTDavPrincipal, GivesItsIdentityAndOwnsItsDelegateUntilItIsInvalid) {
   EXPECT_FALSE(watched.expired());
   other->invalidate();
   EXPECT_TRUE(watched.expired());
+
+  // A collection made after the end has ended as well, and takes no delegate.
+  const auto late = KBTDavConnection::initWithCalendarName_description_URL_forPrincipal(
+      "Late", std::nullopt, server, principal);
+  auto listener = std::make_shared<testing::CollectionHost>();
+  const std::weak_ptr<testing::CollectionHost> kept = listener;
+  late->setDelegate(std::move(listener));
+  EXPECT_TRUE(kept.expired());
 }
 
 // Which addresses are asked when each refuses with a status.
@@ -183,6 +192,17 @@ TEST(KBTDavPrincipal, LooksForThePrincipalAtFourAddressesAtMost) {
     EXPECT_THAT(f.login(), ElementsAre(row.outcome));
     EXPECT_EQ(f.principal->principalLookupFailure(), nullptr);
   }
+}
+
+// What is found there is relative to the server's address all the same.
+TEST(KBTDavPrincipal, LogsInFromALaterCandidate) {
+  Fixture f;
+  f.server.expect(whoAmI("/dav/"), {.status = 403});
+  f.server.expect(whoAmI("/dav/principals/"), ownPrincipal(" \nalice/ "));
+  f.server.expect(readPrincipal("/dav/alice/"), found("/dav/alice/", homeAndOutbox));
+  f.server.expect(listCalendars(), {.status = 207, .body = multistatus("")});
+  f.principal->findPrincipalURLForCurrentUserWithContext("mine");
+  EXPECT_THAT(f.eventsAfter(), ElementsAre("logged in"));
 }
 
 TEST(KBTDavPrincipal, GoesOnFromWhereARedirectLed) {
@@ -318,8 +338,40 @@ TEST(KBTDavPrincipal, ReadsThePrincipal) {
 
 std::string calendar(const std::string& href, const std::string& props,
                      const char* status = "HTTP/1.1 200 OK") {
-  return response(href, "<D:resourcetype><D:collection/><C:calendar/></D:resourcetype>" + props,
+  return response(href, "<D:resourcetype><C:calendar/><D:collection/></D:resourcetype>" + props,
                   status);
+}
+
+// Addresses are never forgotten, memberships always; and what a login did not find it leaves alone.
+TEST(KBTDavPrincipal, ASecondLoginAddsToTheFirst) {
+  Fixture f;
+  const std::string proxy =
+      "<D:group-membership><D:href>/p/x/calendar-proxy-write/</D:href></D:group-membership>";
+  f.loginAs(homeAndOutbox + addresses({"urn:uuid:1", "mailto:a@example.com"}) + proxy);
+  EXPECT_EQ(f.principal->readWriteProxies().size(), 1U);
+  // Its first propstat counts, whatever its status; and the outbox is still known.
+  f.server.expect(whoAmI("/p/alice/"), ownPrincipal());
+  f.server.expect(readPrincipal(),
+                  {.status = 207,
+                   .body = multistatus(response(
+                       "/p/alice/", "<D:group-membership/>" + addresses({"mailto:b@example.com"}),
+                       "HTTP/1.1 404 Not Found"))});
+  f.server.expect(
+      listCalendars(),
+      {.status = 207, .body = multistatus(calendar("w/", "<D:displayname>W</D:displayname>"))});
+  EXPECT_THAT(f.login(), ElementsAre("logged in"));
+  EXPECT_THAT(f.principal->readWriteProxies(), IsEmpty());
+  EXPECT_EQ(f.principal->originator(), "urn:uuid:1");
+  for (const char* own : {"mailto:a@example.com", "mailto:b@example.com"}) {
+    f.principal->reportPrincipalInfoForUserAddress_context(own, {});
+    EXPECT_EQ(std::exchange(f.host->events, {}).size(), 1U) << own;
+  }
+  // A failed listing leaves the calendars as they were.
+  f.server.expect(whoAmI("/p/alice/"), ownPrincipal());
+  f.server.expect(readPrincipal(), found("/p/alice/", ""));
+  f.server.expect(listCalendars(), {.status = 500});
+  EXPECT_THAT(f.login(), ElementsAre("failed KBTDavConnection 500 internal server error"));
+  EXPECT_EQ(f.principal->calendars().size(), 1U);
 }
 
 TEST(KBTDavPrincipal, ListsCalendars) {
@@ -526,6 +578,19 @@ TEST(KBTDavPrincipal, SearchesPrincipals) {
   EXPECT_EQ(search("bob@x", {.status = 207, .body = multistatus(rows)}), "found [search]");
   EXPECT_EQ(search("bob", {.status = 200, .body = "<html>"}), "found [search]");
   EXPECT_EQ(search("bob", {.status = 403}), "failed KBTDavConnection 403 forbidden");
+  EXPECT_EQ(search("alice@example.com", {.status = 207}),
+            "found [search]");  // not the whole address
+
+  // A second search changes what the first one's answer is compared with.
+  for (int i = 0; i < 2; ++i) {
+    f.server.expect({.method = "REPORT", .path = "/p/", .body = anyBody},
+                    {.status = 207, .body = multistatus(rows)});
+  }
+  f.principal->reportPrincipalInfoForUserAddress_context("bob", "first");
+  f.principal->reportPrincipalInfoForUserAddress_context("carl", "second");
+  EXPECT_THAT(f.eventsAfter(2),
+              ElementsAre("found [first] {/p/alice/carl, -, mailto:carl@example.com, -}",
+                          "found [second] {/p/alice/carl, -, mailto:carl@example.com, -}"));
 }
 
 TEST(KBTDavPrincipal, CreatesCalendars) {

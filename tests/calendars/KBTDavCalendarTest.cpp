@@ -327,14 +327,70 @@ TEST(KBTDavCalendar, CancellingCompletesWhatIsInFlight) {
 TEST(KBTDavCalendar, WhatItDidNotAskForIsRecordedOrIgnored) {
   Fixture f;
   ::testing::internal::CaptureStderr();
-  f.calendar->calDavConnection_requestDidFail_context(
-      *f.calendar->connection(), NSError::errorWithPOSIXCode(5), std::string("a"));
+  // A name is never taken for a request of the calendar's own.
+  f.calendar->calDavConnection_requestDidFail_context(*f.calendar->connection(),
+                                                      NSError::errorWithPOSIXCode(5),
+                                                      std::string("KBTDavCalendar_CheckCTag"));
   EXPECT_THAT(::testing::internal::GetCapturedStderr(), HasSubstr("NOTREACHED"));
   f.calendar->calDavConnection_didReceiveCTag_context(*f.calendar->connection(), "5", {});
   f.calendar->calDavConnection_didReceiveEventsWithETags_andContents_context(
       *f.calendar->connection(), {{"/c/a.ics", "1"}}, {}, 17);
   EXPECT_THAT(f.host->take(), IsEmpty());
   EXPECT_EQ(f.calendar->cachingString(), std::nullopt);
+}
+
+// Failures count from save to save until one completes.
+TEST(KBTDavCalendar, FailuresOfASaveThatWasStartedAgainAddUp) {
+  Fixture f;
+  f.calendar->insertObject(Item::make("a", "", "A"));
+  f.calendar->insertObject(Item::make("b", "", "B"));
+  const ExpectedRequest a{.method = "PUT", .path = "/c/a.ics", .body = "A"};
+  const ExpectedRequest b{.method = "PUT", .path = "/c/b.ics", .body = "B"};
+  bool isAgain = false;
+  f.host->onCallback = [&](const std::string& line) {
+    if (line.starts_with("inserted") && !std::exchange(isAgain, true)) f.calendar->saveChanges();
+  };
+  f.server.expect(a, {.status = 403});
+  f.server.expect(b, {.fields = {{"ETag", "1"}}});
+  f.server.expect(a, {.status = 403, .held = true});
+  EXPECT_THAT(f.save(), ElementsAre("failed a KBTDavConnection 403", "inserted b 1", "saved"));
+  f.server.expect(b, {.fields = {{"ETag", "2"}}});
+  f.server.release();
+  f.runTurns();
+}
+
+// A host may go on from the callback that ends an operation, and sees there what is still pending.
+TEST(KBTDavCalendar, CallbacksSeeTheStateThatHoldsThen) {
+  Fixture f;
+  f.calendar->setObjects({Item::make("first", "1"), Item::make("second", "1")});
+  f.calendar->insertObject(Item::make("a", "", "A"));
+  int fetches = 0;
+  f.host->onCallback = [&](const std::string& line) {
+    if (line == "fetched") {
+      EXPECT_FALSE(f.calendar->isChecking());
+      if (++fetches == 1) f.calendar->fetchExternalChanges();
+      if (fetches == 2) f.calendar->checkForExternalChanges();
+    } else if (line == "gone first") {
+      f.calendar->setObjects({});  // so that there is no second to go
+    } else if (line.starts_with("checked")) {
+      EXPECT_FALSE(f.calendar->isChecking());
+      f.calendar->saveChanges();
+    } else if (line.starts_with("inserted")) {
+      EXPECT_TRUE(f.calendar->hasPendingChanges());
+    } else if (line == "saved") {
+      f.calendar->updateObject(Item::make("a", "", "A"));
+      EXPECT_TRUE(f.calendar->hasPendingChanges());
+    }
+  };
+  f.server.expect(tagRequest, tag("1"));
+  f.server.expect(report, rows(""));
+  f.server.expect(tagRequest, tag("1"));
+  f.server.expect(tagRequest, tag("1"));
+  f.server.expect({.method = "PUT", .path = "/c/a.ics", .body = ""}, {.fields = {{"ETag", "1"}}});
+  f.server.expect(tagRequest, tag("2"));
+  f.calendar->fetchExternalChanges();
+  EXPECT_THAT(f.logUntil("saved"), ElementsAre("began", "gone first", "fetched", "fetched",
+                                               "checked none", "inserted (null) 1", "saved"));
 }
 
 // The collection keeps its delegate, the calendar, until the principal is invalid.
