@@ -37,7 +37,6 @@ constexpr Account accountsOfServers[] = {
     {.server = "cyrus_basic", .keepsBytes = false},
     {.server = "cyrus_digest", .keepsBytes = false},
     {.server = "cyrus_tls", .keepsBytes = false},
-    {.server = "davical", .proxies = 1},
     {.server = "davical_digest", .proxies = 1},
     {.server = "radicale", .hasOutbox = false, .keepsBytes = false},
     {.server = "sabredav_basic"},
