@@ -2,31 +2,14 @@
 
 #include <quillmere/calendars/KBTFileCalendar.h>
 
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <string>
 
+#include "Process.h"
 #include "Race.h"
 #include "RecordingHost.h"
 
-namespace {
-
 using namespace benchmarks;
-
-// A size that the system tells about this process.
-double bytesOfStatus(const std::string& name) {
-  std::ifstream status("/proc/self/status");
-  std::string word;
-  double kilobytes = 0;
-  while (status >> word && word != name + ':') {
-  }
-  status >> kilobytes;
-  require(kilobytes > 0, "the memory of the process cannot be told");
-  return 1024 * kilobytes;
-}
-
-}  // namespace
 
 int main(int count, char** arguments) {
   const std::size_t events = eventsFromArguments(count, arguments);
@@ -34,12 +17,12 @@ int main(int count, char** arguments) {
   const std::string path = arguments[2];
   const auto fileSize = static_cast<double>(std::filesystem::file_size(path));
 
-  const double before = bytesOfStatus("VmRSS");
+  const double before = Memory::now().resident;
   const auto host = std::make_shared<RecordingHost>();
   const auto calendar = quillmere::KBTFileCalendar::initWithPath(path);
   calendar->setDelegate(host);
   calendar->fetchExternalChanges();
-  const double peak = bytesOfStatus("VmHWM") - before;
+  const double peak = Memory::now().peak - before;
   require(host->hasFetched() && host->objects().size() == events,
           "the fetch did not report every event");
 

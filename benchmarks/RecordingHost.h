@@ -3,6 +3,7 @@
 
 #include <quillmere/calendars/KBTSynchingCalendarDelegate.h>
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -10,7 +11,7 @@
 
 namespace benchmarks {
 
-/// A host that keeps the name and the version of every object of a fetch, and nothing else.
+/// A host that keeps the name and the version of every object, and nothing else.
 class RecordingHost : public quillmere::KBTSynchingCalendarDelegate {
  public:
   struct Object {
@@ -20,6 +21,8 @@ class RecordingHost : public quillmere::KBTSynchingCalendarDelegate {
 
   const std::vector<std::shared_ptr<Object>>& objects() const { return objects_; }
   bool hasFetched() const { return hasFetched_; }
+
+  std::function<void()> onCompletion = [] {};  // of a fetch
 
  private:
   using Calendar = quillmere::KBTSynchingCalendar;
@@ -37,6 +40,12 @@ class RecordingHost : public quillmere::KBTSynchingCalendarDelegate {
   void synchingCalendarCompletedFetchExternalChanges_withError(Calendar&,
                                                                const Error& error) override {
     hasFetched_ = !error;
+    onCompletion();
+  }
+  void synchingCalendar_updateForObject_versionString_data(Calendar&, const ClientObject& object,
+                                                           const string& version,
+                                                           const Reader&) override {
+    static_cast<Object*>(object.get())->version = version;
   }
   std::optional<string> synchingCalendar_uniqueNameForObject(Calendar&,
                                                              const ClientObject& object) override {
@@ -60,8 +69,6 @@ class RecordingHost : public quillmere::KBTSynchingCalendarDelegate {
     return std::nullopt;
   }
   void synchingCalendarBeganFetchExternalChanges(Calendar&) override {}
-  void synchingCalendar_updateForObject_versionString_data(Calendar&, const ClientObject&,
-                                                           const string&, const Reader&) override {}
   void synchingCalendar_deletionForObject(Calendar&, const ClientObject&) override {}
   void synchingCalendarCompletedCheckForExternalChanges_changes(Calendar&, bool) override {}
   void synchingCalendar_didInsert_versionString(Calendar&, const ClientObject&,

@@ -1,7 +1,6 @@
 // Reads the answer to a calendar-multiget of 10,000 resources, beside bare pugixml.
 
 #include <quillmere/platform/xml/HWXMLDocument.h>
-#include <sys/resource.h>
 
 #include <pugixml.hpp>
 #include <string>
@@ -9,7 +8,8 @@
 #include <utility>
 #include <variant>
 
-#include "CalendarGenerator.h"
+#include "DavResources.h"
+#include "Process.h"
 #include "Race.h"
 
 namespace {
@@ -50,52 +50,15 @@ struct Answer {
 };
 
 Answer::Answer(string_view carriageReturn) {
-  const std::string calendar = generateCalendar(resources).text;
-  constexpr string_view begin = "BEGIN:VEVENT\r\n";
-  constexpr string_view end = "END:VEVENT\r\n";
-  std::size_t from = calendar.find(begin);
-  const std::string head = calendar.substr(0, from);
-
-  text.reserve(resources * (head.size() + 2'000));
-  const auto appendEscaped = [&](string_view piece) {
-    for (const char character : piece) {
-      switch (character) {
-        case '&':
-          text += "&amp;";
-          break;
-        case '<':
-          text += "&lt;";
-          break;
-        case '>':
-          text += "&gt;";
-          break;
-        case '\r':
-          text += carriageReturn;
-          break;
-        default:
-          text += character;
-      }
-    }
-  };
-  text +=
-      "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n<D:multistatus xmlns:D=\"DAV:\" "
-      "xmlns:C=\"urn:ietf:params:xml:ns:caldav\">";
+  DavResourceGenerator generator(resources);
+  MultiStatus answer(resources * 3'000);  // growing would take more memory than reading
   for (std::size_t i = 0; i != resources; ++i) {
-    const std::string href = "/calendars/user/work/" + std::to_string(1'000'000 + i) + ".ics";
-    const std::string etag = '"' + std::to_string(0x9E3779B97F4A7C15 * (i + 1)) + '"';
-    constexpr string_view status = "HTTP/1.1 200 OK";
-    const std::size_t next = calendar.find(end, from) + end.size();
-    const std::string event = head + calendar.substr(from, next - from) + "END:VCALENDAR\r\n";
-    from = next;
-    sums.add(href, status, etag, event);
-
-    text.append("<D:response><D:href>").append(href).append("</D:href><D:propstat><D:prop>");
-    text.append("<D:getetag>").append(etag).append("</D:getetag><C:calendar-data>");
-    appendEscaped(event);
-    text.append("</C:calendar-data></D:prop><D:status>").append(status);
-    text += "</D:status></D:propstat></D:response>\n";
+    const DavResource resource = generator.next();
+    const std::string href = "/calendars/user/work/" + resource.name;
+    answer.addResource(href, resource.etag, xmlEscaped(resource.calendar, carriageReturn));
+    sums.add(href, MultiStatus::status, resource.etag, resource.calendar);
   }
-  text += "</D:multistatus>\n";
+  text = answer.finish();
 }
 
 Sums readAnswer(const NSData& bytes) {
@@ -133,16 +96,9 @@ Sums readWithPugixml(const NSData& bytes) {
   return sums;
 }
 
-// The most memory that this process has had so far.
-double peakBytes() {
-  rusage usage{};
-  require(getrusage(RUSAGE_SELF, &usage) == 0, "the memory of the process cannot be told");
-  return 1024 * static_cast<double>(usage.ru_maxrss);
-}
-
 // The program's peak so far lies in reading: making the answer took less than another copy of it.
 void printMemory(double startBytes, double answerBytes) {
-  const double peak = peakBytes() - startBytes;
+  const double peak = Memory::now().peak - startBytes;
   Row row;
   row.measure = "HWXMLDocument: multiget answer, peak memory " + megabytes(peak) + " MB";
   row.ofLimit = formatted(peak / answerBytes, "%.2f x the answer");
@@ -177,7 +133,7 @@ void measureSpeed(const std::string& lineEnds, const NSData& bytes, const Sums& 
 }  // namespace
 
 int main() {
-  const double startBytes = peakBytes();
+  const double startBytes = Memory::now().peak;
   Answer plain("\r");
   const NSData plainBytes = NSData::dataWithString(std::move(plain.text));
   require(readAnswer(plainBytes) == plain.sums, "the document gave other texts");

@@ -1,9 +1,9 @@
 #!/bin/sh
 # Runs every benchmark of the directory $1 and prints three Markdown tables. MB/s are 10^6 bytes in
 # a second of processor time, ns are processor time, times are the best of seven rounds. "To its
-# limit" is in time, "To libical" in speed, and the peer of the requests is a bare loop over libcurl
-# with the same server, a process on this machine. EVENTS is the size of the generated calendar:
-# 200,000 events are about 200 MB, and the run then takes about 1.5 GB of memory.
+# limit" is in time, "To libical" in speed. The peers of the third table are bare libcurl and other
+# clients; all have the same server, a process on this machine. EVENTS is the size of the generated
+# calendar: 200,000 events are about 200 MB, and the run then takes about 1.5 GB of memory.
 set -eu
 programs=$1
 events=${EVENTS:-200000}
@@ -28,3 +28,4 @@ echo
 echo '| Measure | Ours | Peer | To the peer | Target | Met |'
 echo '| --- | --- | --- | --- | --- | --- |'
 "$programs/EngineBenchmark"
+"$programs/SyncBenchmark"
