@@ -78,7 +78,7 @@ class Host : public quillmere::KBTDavConnectionDelegate {
       const std::any&) override {}
   void calDavConnection_didReceiveEventsWithETags_andContents_context(
       KBTDavConnection&, const quillmere::KBTDavResourceTexts&,
-      const quillmere::KBTDavResourceTexts&, const std::any&) override {}
+      const quillmere::KBTDavResourceContents&, const std::any&) override {}
   void calDavConnection_didCreateResourceWithETag_context(KBTDavConnection&, const std::string&,
                                                           const std::any&) override {}
   void calDavConnection_didUpdateResourceWithETag_context(KBTDavConnection&, const std::string&,

@@ -255,10 +255,10 @@ void KBTDavConnection::_didGetFreeBusyForCalendar(const std::shared_ptr<KBTDavRe
 
 void KBTDavConnection::_didGetEventsForCalendar(const std::shared_ptr<KBTDavRequest>& request) {
   if (tellFailure(*request) || !delegate_) return;
-  KBTDavResourceTexts etags, contents;
-  if (const auto root = rootOf(*request)) {
-    request->beginData(0);  // the document has its own copy, and answers are large here
-    for (const HWXMLElement& response : childElementsOf(*root, "response")) {
+  KBTDavResourceTexts etags;
+  KBTDavResourceContents contents;
+  if (const auto document = HWXMLDocument::initWithBytes(request->takeData())) {
+    for (const HWXMLElement& response : childElementsOf(document->rootElement(), "response")) {
       // Intended: only the first propstat is looked at, and its status must be this very text.
       const auto propstat = response.firstChildNamed("propstat");
       if (!propstat || textAt(*propstat, "status") != statusOfFound) continue;
@@ -266,7 +266,8 @@ void KBTDavConnection::_didGetEventsForCalendar(const std::shared_ptr<KBTDavRequ
       const auto prop = propstat->firstChildNamed("prop");
       if (!address || !prop) continue;
       if (const auto etag = textAt(*prop, "getetag")) etags[std::string(*address)] = *etag;
-      if (const auto text = textAt(*prop, "calendar-data")) {
+      const auto content = prop->firstChildNamed("calendar-data");
+      if (const auto text = content ? content->textData() : std::nullopt) {
         contents[std::string(*address)] = *text;
       }
     }

@@ -2,6 +2,7 @@
 #define QUILLMERE_CALDAV_KBTDAVCONNECTIONDELEGATE_H
 
 #include <quillmere/ical/KBTFreeBusy.h>
+#include <quillmere/platform/base/NSData.h>
 #include <quillmere/platform/base/NSError.h>
 
 #include <any>
@@ -18,6 +19,8 @@ class KBTDavConnection;
 
 /// A text for each resource, by its address (the href as the server wrote it).
 using KBTDavResourceTexts = std::map<std::string, std::string, std::less<>>;
+/// The same for whole resources, in UTF-8. Each keeps the answer alive in which all of them came.
+using KBTDavResourceContents = std::map<std::string, NSData, std::less<>>;
 
 /// Receives the outcome of every operation of a calendar collection, exactly once for each, on the
 /// loop on which the collection was made. `context` is what the operation was given; by it a host
@@ -49,7 +52,7 @@ class KBTDavConnectionDelegate {
   /// answer that is no XML.
   virtual void calDavConnection_didReceiveEventsWithETags_andContents_context(
       KBTDavConnection& connection, const KBTDavResourceTexts& etags,
-      const KBTDavResourceTexts& contents, const std::any& context) = 0;
+      const KBTDavResourceContents& contents, const std::any& context) = 0;
 
   /// A resource was created, and its entity tag is this.
   virtual void calDavConnection_didCreateResourceWithETag_context(KBTDavConnection& connection,

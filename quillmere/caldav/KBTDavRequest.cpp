@@ -1,4 +1,5 @@
 #include <quillmere/caldav/KBTDavRequest.h>
+#include <quillmere/platform/base/LargePages.h>
 #include <quillmere/platform/base/makeObject.h>
 
 #include <algorithm>
@@ -25,6 +26,11 @@ NSData KBTDavRequest::data() const {
   return data_;
 }
 
+std::string KBTDavRequest::takeData() {
+  const NSData data = std::exchange(data_, {});
+  return data.length() > 0 ? std::string(data.view()) : std::exchange(received_, {});
+}
+
 void KBTDavRequest::appendData(const NSData& data) {
   if (data_.length() > 0) received_ = std::exchange(data_, {}).view();
   received_ += data.view();
@@ -34,6 +40,7 @@ void KBTDavRequest::beginData(std::uint64_t expectedLength) {
   constexpr std::uint64_t mostToTrust = std::uint64_t{64} << 20;  // of what a server says
   received_.clear();
   received_.reserve(static_cast<std::size_t>(std::min(expectedLength, mostToTrust)));
+  preferLargePages(received_.data(), received_.capacity());
   data_ = {};
 }
 

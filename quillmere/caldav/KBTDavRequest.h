@@ -35,6 +35,8 @@ class KBTDavRequest {
 
   /// The response's body so far.
   NSData data() const;
+  /// The same, which this then no longer has.
+  std::string takeData();
   void appendData(const NSData& data);
   /// Drops what came, and makes room for so many bytes.
   void beginData(std::uint64_t expectedLength);

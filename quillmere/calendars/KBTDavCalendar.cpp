@@ -112,7 +112,7 @@ void KBTDavCalendar::completeFetch(const NSErrorPtr& error) {
 }
 
 void KBTDavCalendar::calDavConnection_didReceiveEventsWithETags_andContents_context(
-    KBTDavConnection&, const KBTDavResourceTexts& etags, const KBTDavResourceTexts& contents,
+    KBTDavConnection&, const KBTDavResourceTexts& etags, const KBTDavResourceContents& contents,
     const std::any& context) {
   const auto self = keptAlive();
   const Context request = requestIn(context);
@@ -149,11 +149,11 @@ void KBTDavCalendar::_findServerChangesForEventsWithEtags(const KBTDavResourceTe
 }
 
 void KBTDavCalendar::_handleServerUpdatesForEventsWithEtags_contents(
-    const KBTDavResourceTexts& etags, const KBTDavResourceTexts& contents) {
+    const KBTDavResourceTexts& etags, const KBTDavResourceContents& contents) {
   for (const auto& [href, etag] : etags) {
     const auto text = contents.find(href);
     const auto reader = KBTCalObject::initWithData(
-        text == contents.end() ? std::nullopt : std::optional(NSData::dataWithBytes(text->second)));
+        text == contents.end() ? std::nullopt : std::optional(text->second));
     std::string name = uniqueNameOfHref(href);
     if (const auto known = objectNamed(name)) {
       delegate()->synchingCalendar_updateForObject_versionString_data(*this, known, etag, reader);

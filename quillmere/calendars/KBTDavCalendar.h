@@ -100,7 +100,7 @@ class KBTDavCalendar : public KBTSynchingCalendar, public KBTDavConnectionDelega
       const std::any& context) override;
   void calDavConnection_didReceiveEventsWithETags_andContents_context(
       KBTDavConnection& connection, const KBTDavResourceTexts& etags,
-      const KBTDavResourceTexts& contents, const std::any& context) override;
+      const KBTDavResourceContents& contents, const std::any& context) override;
   void calDavConnection_didCreateResourceWithETag_context(KBTDavConnection& connection,
                                                           const std::string& etag,
                                                           const std::any& context) override;
@@ -120,7 +120,7 @@ class KBTDavCalendar : public KBTSynchingCalendar, public KBTDavConnectionDelega
   void completeFetch(const NSErrorPtr& error);
   void _findServerChangesForEventsWithEtags(const KBTDavResourceTexts& etags);
   void _handleServerUpdatesForEventsWithEtags_contents(const KBTDavResourceTexts& etags,
-                                                       const KBTDavResourceTexts& contents);
+                                                       const KBTDavResourceContents& contents);
   NSData dataOfObject(const std::string& name);
   void _checkForSaveCompletion();
   void completeSave();

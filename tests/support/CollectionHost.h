@@ -33,14 +33,15 @@ class CollectionHost : public KBTDavConnectionDelegate {
     note("freebusy " + std::to_string(periods.size()), context);
   }
   void calDavConnection_didReceiveEventsWithETags_andContents_context(
-      KBTDavConnection&, const KBTDavResourceTexts& tags, const KBTDavResourceTexts& texts,
+      KBTDavConnection&, const KBTDavResourceTexts& tags, const KBTDavResourceContents& data,
       const std::any& context) override {
     etags = tags;
-    contents = texts;
+    contents.clear();
+    for (const auto& [address, content] : data) contents[address] = content.view();
     std::string text = "events";
     for (const auto& [address, tag] : tags)
       text.append(" ").append(address).append("=").append(tag);
-    for (const auto& [address, content] : texts) {
+    for (const auto& [address, content] : contents) {
       text.append(" ").append(address).append(":").append(content);
     }
     note(text, context);

@@ -23,6 +23,11 @@ class NSData {
   /// Takes over the bytes of `text` without copying them when it is passed by move.
   static NSData dataWithString(std::string text);
 
+  /// Bytes that `owner` keeps alive, and that nobody changes.
+  static NSData dataWithBytesOf(const std::shared_ptr<const void>& owner, std::string_view bytes) {
+    return {std::shared_ptr<const char>(owner, bytes.data()), bytes.size()};
+  }
+
   /// Reads a whole file. Null when `path` cannot be opened or read or is not a regular file (a pipe
   /// or a device might never end).
   static std::optional<NSData> dataWithContentsOfFile(const std::string& path);

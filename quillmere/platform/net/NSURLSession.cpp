@@ -34,25 +34,27 @@ NSURLSession::NSURLSession(const NSURLSessionConfiguration& configuration,
 
 std::shared_ptr<NSURLSessionDataTask> NSURLSession::dataTaskWithRequest(
     const NSURLRequest& request) {
-  auto delegate = delegate_.lock();
-  if (!delegate) delegate = std::make_shared<NobodysDelegate>();
-  return makeObject<NSURLSessionDataTask>(shared_from_this(), std::move(delegate), request);
+  return makeObject<NSURLSessionDataTask>(shared_from_this(), request);
 }
 
 NSURLSessionDataTask::NSURLSessionDataTask(std::shared_ptr<NSURLSession> session,
-                                           std::shared_ptr<NSURLSessionDelegate> delegate,
                                            NSURLRequest request)
-    : session_(std::move(session)),
-      delegate_(std::move(delegate)),
-      originalRequest_(std::move(request)) {}
+    : session_(std::move(session)), originalRequest_(std::move(request)) {}
 
 NSURLSessionDataTask::~NSURLSessionDataTask() = default;
 
 void NSURLSessionDataTask::resume() {
   if (state_ != NSURLSessionTaskState::suspended) return;
   state_ = NSURLSessionTaskState::running;
-  run_ = std::make_shared<DataTaskRun>(shared_from_this());
+  begin();
   session_->delegateQueue().addOperationWithBlock([run = run_] { run->start(); });
+}
+
+// From now on, and not before, the delegate is kept: it may hold tasks that it never starts.
+void NSURLSessionDataTask::begin() {
+  delegate_ = session_->delegate_.lock();
+  if (!delegate_) delegate_ = std::make_shared<NobodysDelegate>();
+  run_ = std::make_shared<DataTaskRun>(shared_from_this());
 }
 
 void NSURLSessionDataTask::cancel() {
@@ -60,7 +62,7 @@ void NSURLSessionDataTask::cancel() {
     return;
   }
   state_ = NSURLSessionTaskState::canceling;
-  if (!run_) run_ = std::make_shared<DataTaskRun>(shared_from_this());
+  if (!run_) begin();
   session_->delegateQueue().addOperationWithBlock(
       [run = run_] { run->complete(urlError(NSURLErrorCancelled, run->currentURL())); });
 }

@@ -95,6 +95,7 @@ class NSURLSession : public std::enable_shared_from_this<NSURLSession> {
 
  private:
   friend class DataTaskRun;
+  friend class NSURLSessionDataTask;
 
   NSURLSessionConfiguration configuration_;
   std::weak_ptr<NSURLSessionDelegate> delegate_;
@@ -121,14 +122,15 @@ class NSURLSessionDataTask : public std::enable_shared_from_this<NSURLSessionDat
   ~NSURLSessionDataTask();
 
  protected:
-  NSURLSessionDataTask(std::shared_ptr<NSURLSession> session,
-                       std::shared_ptr<NSURLSessionDelegate> delegate, NSURLRequest request);
+  NSURLSessionDataTask(std::shared_ptr<NSURLSession> session, NSURLRequest request);
 
  private:
   friend class DataTaskRun;
 
+  void begin();
+
   std::shared_ptr<NSURLSession> session_;
-  std::shared_ptr<NSURLSessionDelegate> delegate_;  // null once completed
+  std::shared_ptr<NSURLSessionDelegate> delegate_;  // while it runs
   NSURLRequest originalRequest_;
   std::shared_ptr<const NSHTTPURLResponse> response_;
   NSURLSessionTaskState state_ = NSURLSessionTaskState::suspended;

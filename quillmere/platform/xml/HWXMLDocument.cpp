@@ -175,14 +175,17 @@ std::shared_ptr<HWXMLDocument> HWXMLDocument::initWithRootElementNamed(string_vi
 }
 
 std::shared_ptr<HWXMLDocument> HWXMLDocument::initWithData(const NSData& data) {
+  std::string bytes;
+  bytes.reserve(data.length());
+  preferLargePages(bytes.data(), data.length());
+  bytes = data.view();
+  return initWithBytes(std::move(bytes));
+}
+
+std::shared_ptr<HWXMLDocument> HWXMLDocument::initWithBytes(std::string bytes) {
   auto tree = std::make_shared<Tree>();
-  if (auto text = textOfUTF16(data.view())) {
-    tree->bytes = std::move(*text);
-  } else {
-    tree->bytes.reserve(data.length());
-    preferLargePages(tree->bytes.data(), data.length());
-    tree->bytes = data.view();
-  }
+  auto text = textOfUTF16(bytes);
+  tree->bytes = text ? std::move(*text) : std::move(bytes);
   if (!tree->parse()) return nullptr;
   return makeObject<HWXMLDocument>(std::move(tree));
 }

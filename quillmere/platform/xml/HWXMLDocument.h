@@ -46,6 +46,8 @@ class HWXMLDocument {
   /// take the time of sorting them); and memory for a copy of them, 64 bytes more for each element
   /// and each piece of text, white space included, and 72 for each attribute.
   static std::shared_ptr<HWXMLDocument> initWithData(const NSData& data);
+  /// The same without a copy.
+  static std::shared_ptr<HWXMLDocument> initWithBytes(std::string bytes);
 
   HWXMLElement rootElement() const;
 

@@ -66,6 +66,12 @@ std::optional<string_view> HWXMLElement::text() const {
   return last.value();
 }
 
+std::optional<NSData> HWXMLElement::textData() const {
+  const auto bytes = text();
+  if (!bytes) return std::nullopt;
+  return NSData::dataWithBytesOf(node_, *bytes);
+}
+
 std::optional<HWXMLElement> HWXMLElement::firstChildNamed(string_view name) const {
   const pugi::xml_node found = firstNamed(pugi::xml_node(node_.get()), name);
   if (!found) return std::nullopt;

@@ -1,6 +1,8 @@
 #ifndef QUILLMERE_PLATFORM_XML_HWXMLELEMENT_H
 #define QUILLMERE_PLATFORM_XML_HWXMLELEMENT_H
 
+#include <quillmere/platform/base/NSData.h>
+
 #include <cstddef>
 #include <memory>
 #include <optional>
@@ -45,6 +47,10 @@ class HWXMLElement {
   /// The last child where that is text; null when it is an element and when there is none. Line
   /// ends are those that were sent.
   std::optional<std::string_view> text() const;
+
+  /// The same as bytes that keep the whole document alive, where text stays good no longer than
+  /// that does.
+  std::optional<NSData> textData() const;
 
   /// The first child element of that name (without prefix), null when there is none.
   std::optional<HWXMLElement> firstChildNamed(std::string_view localName) const;
