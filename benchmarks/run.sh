@@ -29,3 +29,4 @@ echo '| Measure | Ours | Peer | To the peer | Target | Met |'
 echo '| --- | --- | --- | --- | --- | --- |'
 "$programs/EngineBenchmark"
 "$programs/SyncBenchmark"
+"$programs/SubscriptionBenchmark" "$events"

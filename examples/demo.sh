@@ -1,11 +1,13 @@
 #!/usr/bin/env bash
-# Shows the example hosts at work on copies of the demo calendars, and fails when what they print or
-# save is not what it should be.
+# Shows the example hosts at work on copies of the demo calendars, and then with a CalDAV server that
+# it starts, and fails when what they print or save is not what it should be.
 #
 # Usage: demo.sh FOLDER_OF_EXAMPLE_PROGRAMS
 set -euo pipefail
 
 programs=$(realpath "${1:?usage: demo.sh FOLDER_OF_EXAMPLE_PROGRAMS}")
+script=$(realpath "$0")
+servers=$(realpath "$(dirname "$0")/../tests/interop/servers.py")
 data=$(realpath "$(dirname "$0")/data")
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
@@ -15,13 +17,15 @@ touch -d '1 hour ago' ./*.ics # what the demo writes later is younger
 
 heading() { printf '\n== %s ==\n' "$1"; }
 
-# Runs agenda, shows what it prints, and keeps that in the file "output" for `expect`.
-agenda() {
-  printf '$ agenda'
+# Shows a command line and what is piped in, and keeps that in the file "output" for `expect`.
+show() {
+  printf '$'
   printf ' %q' "$@"
   printf '\n'
-  "$programs/agenda" --zone Europe/Berlin "$@" | tee output
+  tee output
 }
+
+agenda() { "$programs/agenda" --zone Europe/Berlin "$@" | show agenda "$@"; }
 
 # Fails unless the last output, or another file, holds the text.
 expect() {
@@ -29,6 +33,54 @@ expect() {
   printf 'demo: "%s" is missing in %s\n' "$1" "${2:-the output}" >&2
   exit 1
 }
+
+# The second part, which the first runs again with a server up: two folders mirror one account.
+mirror() { "$programs/caldavsync" "$@" | show caldavsync "$@"; }
+
+round_trip() {
+  heading "An account on a CalDAV server gets a calendar, and a folder that mirrors it an event"
+  mirror --create Team "$QUILLMERE_INTEROP_BASE" here
+  agenda --add "Tea with Søren" --start 2026-05-07T15:00 --end 2026-05-07T15:45 here/Team/Tea.ics
+  uid=$(sed -n 's/^added //p' output)
+  mirror "$QUILLMERE_INTEROP_BASE" here
+  expect "Team: sent 1 new"
+
+  heading "Another folder, on another machine maybe, sees it and changes it"
+  mirror "$QUILLMERE_INTEROP_BASE" there
+  expect "Team: received 1 new"
+  agenda --edit "$uid" --summary "Coffee with Søren" there/Team/Tea.ics
+  mirror "$QUILLMERE_INTEROP_BASE" there
+  expect "Team: sent 1 changed"
+  mirror "$QUILLMERE_INTEROP_BASE" here
+  expect "Team: received 1 changed"
+  expect "SUMMARY:Coffee with Søren" here/Team/Tea.ics
+
+  heading "Both change it: nothing is lost"
+  sed -i 's/Coffee/Cocoa/' here/Team/Tea.ics
+  sed -i 's/Coffee/Milk/' there/Team/Tea.ics
+  mirror "$QUILLMERE_INTEROP_BASE" there
+  mirror "$QUILLMERE_INTEROP_BASE" here
+  expect "Team: received 1 changed; 1 conflict"
+  expect "SUMMARY:Milk with Søren" here/Team/Tea.ics
+  cat here/Team/Tea.ics.conflict-* >kept
+  expect "SUMMARY:Cocoa with Søren" kept
+
+  heading "The first folder gets a task and gives up the event"
+  printf '%s\r\n' BEGIN:VCALENDAR VERSION:2.0 PRODID:-//Quillmere//Demo//EN BEGIN:VTODO UID:ferry \
+    DTSTAMP:20260101T000000Z "SUMMARY:Book the ferry" END:VTODO END:VCALENDAR >here/Team/Ferry.ics
+  rm here/Team/Tea.ics
+  mirror --dry-run "$QUILLMERE_INTEROP_BASE" here
+  expect "Team: would delete at the server Tea.ics"
+  mirror "$QUILLMERE_INTEROP_BASE" here
+  expect "Team: sent 1 new, 1 deleted"
+  mirror "$QUILLMERE_INTEROP_BASE" there
+  expect "Team: received 1 new, 1 deleted"
+  expect "SUMMARY:Book the ferry" there/Team/Ferry.ics
+}
+if [ -n "${QUILLMERE_INTEROP_BASE:-}" ]; then
+  round_trip
+  exit
+fi
 
 week=(--from 2026-05-01 --days 8)
 
@@ -90,5 +142,7 @@ if grep -qF "$uid" output team.ics; then
   exit 1
 fi
 expect "Dinner with the new colleagues"
+
+python3 -B "$servers" sabredav_digest "$script" "$programs"
 
 heading "All of this is what it should be"

@@ -4,7 +4,6 @@
 #include <quillmere/platform/dates/NSTimeZone.h>
 #include <unistd.h>
 
-#include <exception>
 #include <filesystem>
 #include <iostream>
 #include <optional>
@@ -17,22 +16,18 @@
 #include "Problems.h"
 #include "StateFile.h"
 #include "common/Printable.h"
+#include "common/ProgressLine.h"
 
 namespace agenda {
 namespace {
 
 namespace fs = std::filesystem;
 using examples::printable;
+using examples::ProgressLine;
 using quillmere::NSCalendar;
 using quillmere::NSDate;
 using quillmere::NSDateComponents;
 using quillmere::NSTimeZone;
-
-enum ExitStatus { allWell = 0, calendarFailed = 1, usageWrong = 2 };
-
-void printError(const std::string& subject, const std::string& text) {
-  std::cerr << "agenda: " << printable(subject.empty() ? text : subject + ": " + text) << "\n";
-}
 
 void useZone(const std::string& name) {
   const auto zone = NSTimeZone::timeZoneWithName(name);
@@ -71,7 +66,7 @@ class Session {
     checkReadable(file, options.command == Command::add);
     const std::string path = fs::absolute(file).lexically_normal();
     host_ = CalendarHost::hostForFile(
-        path, [line = ProgressLine(file)](auto items) mutable { line.show(items); });
+        path, [this, line = ProgressLine()](auto items) mutable { showProgress(line, items); });
     if (options.stateFolder) restoreState(path);
   }
 
@@ -98,6 +93,15 @@ class Session {
   }
 
  private:
+  void showProgress(ProgressLine& line, std::optional<std::size_t> items) const {
+    constexpr std::size_t step = 1000;
+    if (!items) {
+      line.clear();
+    } else if (*items % step == 0) {
+      line.show("reading " + file_ + ": " + std::to_string(*items) + " items");
+    }
+  }
+
   void restoreState(const std::string& path) {
     std::error_code error;
     fs::create_directories(*options_.stateFolder, error);
@@ -106,7 +110,8 @@ class Session {
     try {
       if (const auto kept = readState(stateFile_, path)) host_->restore(*kept);
     } catch (const CalendarProblem& problem) {
-      printError(file_, "the state kept in " + stateFile_ + " is not used: " + problem.what());
+      examples::printError(file_ + ": the state kept in " + stateFile_ +
+                           " is not used: " + problem.what());
     }
   }
 
@@ -136,15 +141,15 @@ std::shared_ptr<CalendarHost> runFile(const std::string& file, const Options& op
     session.keepState();
     return session.host();
   } catch (const CalendarProblem& problem) {
-    printError(file, problem.what());
+    examples::printError(file + ": " + problem.what());
     return nullptr;
   }
 }
 
-ExitStatus run(const Options& options) {
+examples::ExitStatus run(const Options& options) {
   if (options.command == Command::help) {
     std::cout << helpText;
-    return allWell;
+    return examples::allWell;
   }
   if (options.zone) useZone(*options.zone);
   const DayRange range = rangeFor(options);
@@ -158,25 +163,12 @@ ExitStatus run(const Options& options) {
   } else if (options.command == Command::showDays && !hosts.empty()) {
     printDays(std::cout, hosts, range);
   }
-  return hosts.size() == options.files.size() ? allWell : calendarFailed;
+  return hosts.size() == options.files.size() ? examples::allWell : examples::operationFailed;
 }
 
 }  // namespace
 }  // namespace agenda
 
 int main(int argc, char** argv) {
-  try {
-    const auto status = agenda::run(agenda::parseCommandLine(argc, argv));
-    std::cout.flush();
-    if (std::cout) return status;
-    agenda::printError("", "the output could not be written");
-    return agenda::calendarFailed;
-  } catch (const agenda::UsageProblem& problem) {
-    agenda::printError("", problem.what());
-    std::cerr << "agenda --help tells more.\n";
-    return agenda::usageWrong;
-  } catch (const std::exception& problem) {
-    agenda::printError("", problem.what());
-    return agenda::calendarFailed;
-  }
+  return examples::runProgram([=] { return agenda::run(agenda::parseCommandLine(argc, argv)); });
 }

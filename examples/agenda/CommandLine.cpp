@@ -1,7 +1,5 @@
 #include "CommandLine.h"
 
-#include <getopt.h>
-
 #include <algorithm>
 #include <charconv>
 #include <string_view>
@@ -90,16 +88,10 @@ std::int64_t parseDays(string_view text) {
 class Parser {
  public:
   Options parse(int argc, char** argv) {
-    opterr = 0;  // the messages are this parser's own
-    while (true) {
-      const int found = getopt_long(argc, argv, ":", options, nullptr);
-      if (found == -1) break;
-      const std::string argument = argv[optind - 1];
-      if (found == ':') throw UsageProblem(argument + " needs an argument");
-      if (found == '?') throw UsageProblem(argument + " is no option, or takes no argument");
-      apply(static_cast<Option>(found), optarg ? optarg : "");
-    }
-    parsed_.files.assign(argv + optind, argv + argc);
+    parsed_.files =
+        examples::parseOptions(argc, argv, options, [this](int found, const std::string& argument) {
+          apply(static_cast<Option>(found), argument);
+        });
     if (parsed_.command != Command::help) check();
     return parsed_;
   }

@@ -1,11 +1,9 @@
 #include "Printing.h"
 
 #include <quillmere/platform/dates/NSCalendar.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
-#include <cstdio>
 #include <iterator>
 #include <optional>
 #include <ostream>
@@ -240,20 +238,6 @@ void printChanges(std::ostream& out, const std::string& file, const Changes& cha
   printTitles(out, "new: ", changes.added);
   printTitles(out, "updated: ", changes.updated);
   printTitles(out, "gone: ", changes.gone);
-}
-
-ProgressLine::ProgressLine(const std::string& file)
-    : label_("reading " + printable(file)), isTerminal_(::isatty(STDERR_FILENO) == 1) {}
-
-void ProgressLine::show(std::optional<std::size_t> items) {
-  constexpr std::size_t step = 1000;
-  if (items && isTerminal_ && *items % step == 0) {
-    isShown_ = true;
-    std::fprintf(stderr, "\r%s: %zu items", label_.c_str(), *items);
-  } else if (!items && isShown_) {
-    isShown_ = false;
-    std::fputs("\r\x1b[K", stderr);
-  }
 }
 
 }  // namespace agenda

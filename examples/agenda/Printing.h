@@ -1,10 +1,8 @@
 #ifndef AGENDA_PRINTING_H
 #define AGENDA_PRINTING_H
 
-#include <cstddef>
 #include <iosfwd>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -24,20 +22,6 @@ void printList(std::ostream& out, const CalendarHost& host);
 
 /// What a fetch found in the file.
 void printChanges(std::ostream& out, const std::string& file, const Changes& changes);
-
-/// Shows on standard error, when that is a terminal, how far the reading of a file has come.
-class ProgressLine {
- public:
-  explicit ProgressLine(const std::string& file);
-
-  /// The count of items so far; null clears the line.
-  void show(std::optional<std::size_t> items);
-
- private:
-  std::string label_;
-  bool isTerminal_;
-  bool isShown_ = false;
-};
 
 }  // namespace agenda
 

@@ -3,6 +3,8 @@
 
 #include <stdexcept>
 
+#include "common/Program.h"
+
 namespace agenda {
 
 /// A calendar cannot be read or saved as asked.
@@ -10,10 +12,7 @@ struct CalendarProblem : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-/// The command line does not say what to do.
-struct UsageProblem : std::runtime_error {
-  using std::runtime_error::runtime_error;
-};
+using examples::UsageProblem;
 
 }  // namespace agenda
 

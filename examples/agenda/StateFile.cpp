@@ -43,10 +43,12 @@
 #include <utility>
 
 #include "Problems.h"
+#include "common/Hash.h"
 
 namespace agenda {
 namespace {
 
+using examples::hashOf;
 using quillmere::NSData;
 using quillmere::NSDate;
 using std::string_view;
@@ -57,14 +59,6 @@ constexpr unsigned bitsPerByte = 8;
 
 enum Flag : unsigned { toDoFlag = 1, doneFlag = 2, cancelledFlag = 4 };
 constexpr unsigned allFlags = toDoFlag | doneFlag | cancelledFlag;
-
-std::uint64_t hashOf(string_view bytes) {
-  std::uint64_t hash = 0xcbf29ce484222325;
-  for (const char byte : bytes) {
-    hash = (hash ^ static_cast<unsigned char>(byte)) * 0x100000001b3;
-  }
-  return hash;
-}
 
 class Writer {
  public:

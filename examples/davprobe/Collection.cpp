@@ -2,60 +2,29 @@
 
 #include <quillmere/platform/loop/NSRunLoop.h>
 
-#include <charconv>
 #include <string_view>
 #include <utility>
+
+#include "common/Program.h"
+#include "common/ResourceName.h"
 
 namespace davprobe {
 namespace {
 
+using examples::Failure;
+using examples::resourceName;
 using quillmere::KBTDavConnection;
+using quillmere::KBTDavResourceContents;
 using quillmere::KBTDavResourceTexts;
 using quillmere::NSErrorPtr;
 using quillmere::NSRunLoop;
 using quillmere::NSURL;
-using std::string_view;
 
-constexpr string_view extension = ".ics";
-
-// What the collection makes an address of: it escapes nothing itself that has a meaning in one.
-std::string encodedName(string_view name) {
-  constexpr string_view hexDigits = "0123456789ABCDEF";
-  constexpr string_view unreserved =
-      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._~";
-  std::string encoded;
-  for (const char c : name) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (unreserved.find(c) != string_view::npos) {
-      encoded += c;
-    } else {
-      encoded += {'%', hexDigits[byte / 16], hexDigits[byte % 16]};
-    }
-  }
-  return encoded;
-}
-
-// What is no escape stays as it is.
-std::string decoded(string_view text) {
-  std::string result;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    unsigned char byte = 0;
-    const string_view digits = text.substr(i + 1, 2);
-    const char* const end = digits.data() + digits.size();
-    if (text[i] == '%' && digits.size() == 2 &&
-        std::from_chars(digits.data(), end, byte, 16).ptr == end) {
-      result += static_cast<char>(byte);
-      i += 2;
-    } else {
-      result += text[i];
-    }
-  }
-  return result;
-}
+constexpr std::string_view extension = ".ics";
 
 std::string nameOf(const std::string& address) {
   const auto url = NSURL::URLWithString(address);
-  std::string name = decoded(url ? url->lastPathComponent() : address);
+  std::string name = examples::percentDecoded(url ? url->lastPathComponent() : address);
   if (name.ends_with(extension)) name.resize(name.size() - extension.size());
   return name;
 }
@@ -67,7 +36,8 @@ class Collection::Outcome : public quillmere::KBTDavConnectionDelegate {
  public:
   NSErrorPtr error;
   std::optional<std::string> tag;  // of the collection or of the resource written
-  KBTDavResourceTexts etags, contents;
+  KBTDavResourceTexts etags;
+  KBTDavResourceContents contents;
 
   void calDavConnection_didReceiveCTag_context(KBTDavConnection&,
                                                const std::optional<std::string>& ctag,
@@ -86,7 +56,7 @@ class Collection::Outcome : public quillmere::KBTDavConnectionDelegate {
     end();
   }
   void calDavConnection_didReceiveEventsWithETags_andContents_context(
-      KBTDavConnection&, const KBTDavResourceTexts& tags, const KBTDavResourceTexts& texts,
+      KBTDavConnection&, const KBTDavResourceTexts& tags, const KBTDavResourceContents& texts,
       const std::any&) override {
     etags = tags;
     contents = texts;
@@ -127,8 +97,7 @@ Collection::Outcome& Collection::waitFor(const std::function<void(KBTDavConnecti
   start(*connection_);
   NSRunLoop::currentRunLoop().run();
   if (const auto error = std::exchange(outcome_->error, nullptr)) {
-    throw Failure(error->localizedDescription() + " (" + error->domain() + " " +
-                  std::to_string(error->code()) + ")");
+    throw Failure(examples::textOf(*error));
   }
   return *outcome_;
 }
@@ -146,7 +115,7 @@ Resources Collection::resources(bool withContents) {
     });
     for (const auto& [address, etag] : outcome.etags) {
       const auto text = outcome.contents.find(address);
-      const std::size_t size = text == outcome.contents.end() ? 0 : text->second.size();
+      const std::size_t size = text == outcome.contents.end() ? 0 : text->second.length();
       found[nameOf(address)] = {address, etag, size};
     }
   }
@@ -161,19 +130,19 @@ std::string Collection::textOf(const std::string& name) {
     connection.multigetEventsForAddresses_context({resource->second.address}, {});
   });
   if (outcome.contents.empty()) throw Failure("the server gave no text of \"" + name + "\"");
-  return outcome.contents.begin()->second;
+  return std::string(outcome.contents.begin()->second.view());
 }
 
 std::string Collection::put(const std::string& name, const quillmere::NSData& text) {
   const Outcome& outcome = waitFor([&](KBTDavConnection& connection) {
-    connection.createResource_withName_allowOverwrite_context(text, encodedName(name), true, {});
+    connection.createResource_withName_allowOverwrite_context(text, resourceName(name), true, {});
   });
   return outcome.tag.value();
 }
 
 void Collection::remove(const std::string& name) {
   waitFor([&](KBTDavConnection& connection) {
-    connection.deleteResourceWithName_andETag_context(encodedName(name), std::nullopt, {});
+    connection.deleteResourceWithName_andETag_context(resourceName(name), std::nullopt, {});
   });
 }
 

@@ -7,15 +7,9 @@
 #include <map>
 #include <memory>
 #include <optional>
-#include <stdexcept>
 #include <string>
 
 namespace davprobe {
-
-/// An operation has failed; the text is for people.
-struct Failure : std::runtime_error {
-  using std::runtime_error::runtime_error;
-};
 
 /// A resource of a collection, as a listing has it.
 struct Resource {
@@ -27,7 +21,7 @@ struct Resource {
 /// By name: the address's last path component, decoded, without ".ics".
 using Resources = std::map<std::string, Resource>;
 
-/// A collection of which every operation waits for its outcome; each throws Failure.
+/// A collection of which every operation waits for its outcome; each throws examples::Failure.
 class Collection {
  public:
   /// Null user and password for a server that asks for none.

@@ -1,36 +1,27 @@
 // davprobe looks into a collection on a CalDAV server and changes it: an example host of Quillmere.
 
-#include <getopt.h>
 #include <quillmere/platform/base/HWPreference.h>
 #include <unistd.h>
 
 #include <clocale>
-#include <cstdlib>
-#include <exception>
 #include <iostream>
 #include <optional>
 #include <sstream>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "Collection.h"
-#include "Password.h"
+#include "common/Password.h"
 #include "common/Printable.h"
+#include "common/Program.h"
 
 namespace davprobe {
 namespace {
 
+using examples::Failure;
 using examples::printable;
+using examples::UsageProblem;
 using quillmere::NSData;
-using quillmere::NSURL;
-
-enum ExitStatus { allWell = 0, operationFailed = 1, usageWrong = 2 };
-
-/// The command line does not say what to do.
-struct UsageProblem : std::runtime_error {
-  using std::runtime_error::runtime_error;
-};
 
 constexpr const char* helpText = R"(Usage: davprobe [OPTION]... URL [COMMAND]
 Looks into a calendar collection on a CalDAV server.
@@ -59,31 +50,19 @@ struct Options {
   std::vector<std::string> arguments;  // the URL, the command and what it takes
 };
 
-std::optional<std::string> environment(const char* name) {
-  const char* const value = std::getenv(name);
-  if (!value) return std::nullopt;
-  return value;
-}
-
 Options parseCommandLine(int argc, char** argv) {
   constexpr option options[] = {{"user", required_argument, nullptr, 'u'},
                                 {"log", no_argument, nullptr, 'l'},
                                 {"help", no_argument, nullptr, 'h'},
                                 {nullptr, 0, nullptr, 0}};
   Options parsed;
-  parsed.user = environment("QUILLMERE_USER");
-  opterr = 0;  // the messages are this program's own
-  while (true) {
-    const int found = getopt_long(argc, argv, ":", options, nullptr);
-    if (found == -1) break;
-    const std::string argument = argv[optind - 1];
-    if (found == ':') throw UsageProblem(argument + " needs an argument");
-    if (found == '?') throw UsageProblem(argument + " is no option, or takes no argument");
-    if (found == 'u') parsed.user = optarg;
-    if (found == 'l') parsed.logs = true;
-    if (found == 'h') parsed.needsHelp = true;
-  }
-  parsed.arguments.assign(argv + optind, argv + argc);
+  parsed.user = examples::environment("QUILLMERE_USER");
+  parsed.arguments =
+      examples::parseOptions(argc, argv, options, [&](int found, const std::string& argument) {
+        if (found == 'u') parsed.user = argument;
+        if (found == 'l') parsed.logs = true;
+        if (found == 'h') parsed.needsHelp = true;
+      });
   return parsed;
 }
 
@@ -97,22 +76,6 @@ void checkCommand(const std::vector<std::string>& arguments) {
   const std::size_t count = command == "put" ? 4 : takesName ? 3 : 2;
   if (arguments.size() != count) throw UsageProblem("wrong number of arguments of " + command);
   if (takesName && arguments[2].empty()) throw UsageProblem("the name is empty");
-}
-
-// A collection's address ends with a slash, or names would be resolved beside it.
-NSURL collectionURL(std::string text) {
-  if (!text.ends_with('/')) text += '/';
-  const auto url = NSURL::URLWithString(text);
-  if (!url || !url->isHTTP()) throw UsageProblem("\"" + text + "\" is no URL of a collection");
-  return *url;
-}
-
-// Nobody is asked for the password of nobody.
-std::optional<std::string> passwordOf(const std::optional<std::string>& user) {
-  if (!user) return std::nullopt;
-  if (auto password = environment("QUILLMERE_PASSWORD")) return password;
-  if (auto password = askForPassword("Password of " + printable(*user) + ": ")) return password;
-  throw UsageProblem("there is no password and no terminal to ask for it");
 }
 
 // Tells nothing unless all of it is known.
@@ -154,18 +117,18 @@ void put(Collection& collection, const std::string& name, const std::string& fil
   std::cout << "put " << printable(name) << "\t" << printable(etag) << "\n";
 }
 
-ExitStatus run(const Options& options) {
+examples::ExitStatus run(const Options& options) {
   if (options.needsHelp) {
     std::cout << helpText;
-    return allWell;
+    return examples::allWell;
   }
   const auto& arguments = options.arguments;
   checkCommand(arguments);
   if (options.logs) {
     quillmere::HWPreference::preferenceForKey("KBTDavRequestorLogLevel")->setIntegerValue(1);
   }
-  const NSURL url = collectionURL(arguments[0]);
-  Collection collection(url, options.user, passwordOf(options.user));
+  const auto url = examples::urlOfFolder(arguments[0]);
+  Collection collection(url, options.user, examples::passwordOf(options.user));
   const std::string command = arguments.size() > 1 ? arguments[1] : "";
   if (command == "list") {
     list(collection);
@@ -179,28 +142,14 @@ ExitStatus run(const Options& options) {
   } else {
     probe(collection);
   }
-  return allWell;
+  return examples::allWell;
 }
-
-void printError(const std::string& text) { std::cerr << "davprobe: " << printable(text) << "\n"; }
 
 }  // namespace
 }  // namespace davprobe
 
 int main(int argc, char** argv) {
   std::setlocale(LC_CTYPE, "");  // the log is written in the terminal's encoding
-  try {
-    const auto status = davprobe::run(davprobe::parseCommandLine(argc, argv));
-    std::cout.flush();
-    if (std::cout) return status;
-    davprobe::printError("the output could not be written");
-    return davprobe::operationFailed;
-  } catch (const davprobe::UsageProblem& problem) {
-    davprobe::printError(problem.what());
-    std::cerr << "davprobe --help tells more.\n";
-    return davprobe::usageWrong;
-  } catch (const std::exception& problem) {
-    davprobe::printError(problem.what());
-    return davprobe::operationFailed;
-  }
+  return examples::runProgram(
+      [=] { return davprobe::run(davprobe::parseCommandLine(argc, argv)); });
 }

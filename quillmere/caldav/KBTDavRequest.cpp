@@ -2,7 +2,6 @@
 #include <quillmere/platform/base/LargePages.h>
 #include <quillmere/platform/base/makeObject.h>
 
-#include <algorithm>
 #include <utility>
 
 namespace quillmere {
@@ -37,10 +36,8 @@ void KBTDavRequest::appendData(const NSData& data) {
 }
 
 void KBTDavRequest::beginData(std::uint64_t expectedLength) {
-  constexpr std::uint64_t mostToTrust = std::uint64_t{64} << 20;  // of what a server says
   received_.clear();
-  received_.reserve(static_cast<std::size_t>(std::min(expectedLength, mostToTrust)));
-  preferLargePages(received_.data(), received_.capacity());
+  reserveForStranger(received_, expectedLength);
   data_ = {};
 }
 

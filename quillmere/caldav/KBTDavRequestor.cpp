@@ -7,7 +7,6 @@
 #include <quillmere/platform/net/NSURLCredential.h>
 
 #include <algorithm>
-#include <charconv>
 #include <utility>
 
 namespace quillmere {
@@ -26,13 +25,6 @@ bool isLogging() {
 
 std::string textOf(const NSData& data) {
   return isValidUTF8(data.view()) ? std::string(data.view()) : "(null)";
-}
-
-std::uint64_t lengthOf(const NSHTTPURLResponse& response) {
-  const std::string text = response.valueForHTTPHeaderField("Content-Length").value_or("");
-  std::uint64_t length = 0;
-  std::from_chars(text.data(), text.data() + text.size(), length);
-  return length;
 }
 
 bool isSuccess(std::int64_t status) { return status >= 200 && status <= 299; }
@@ -141,7 +133,7 @@ void KBTDavRequestor::URLSession_dataTask_didReceiveResponse_completionHandler(
     std::function<void(NSURLSessionResponseDisposition)> completionHandler) {
   if (const auto request = recordOf(task)) {
     request->setResponse(response);
-    request->beginData(lengthOf(*response));
+    request->beginData(response->expectedContentLength());
   }
   completionHandler(NSURLSessionResponseAllow);
 }

@@ -38,13 +38,18 @@ bool survivesDecoded(char c) {
 std::string decoded(string_view component) {
   std::string text;
   for (std::size_t at = 0; at < component.size();) {
-    const auto byte = escapedByte(component.substr(at));
-    if (byte && survivesDecoded(*byte)) {
-      text += *byte;
-      at += 3;
-    } else {
+    const string_view escape = component.substr(at, 3);
+    const auto byte = escapedByte(escape);
+    if (!byte) {
       text += component[at++];
+      continue;
     }
+    if (survivesDecoded(*byte)) {
+      text += *byte;
+    } else {
+      for (const char c : escape) text += c >= 'a' ? static_cast<char>(c - 'a' + 'A') : c;
+    }
+    at += escape.size();
   }
   const std::size_t colon = text.find(':');
   if (colon != std::string::npos && isScheme(string_view(text).substr(0, colon))) {

@@ -13,7 +13,7 @@ namespace quillmere {
 ///
 /// An escape stays one where the name would not lead back to the address without it: "/", "%", "?",
 /// "#", control characters and bytes that are not UTF-8. For the same reason a ":" that would end a
-/// scheme becomes one.
+/// scheme becomes one. Escapes are in upper case, whichever the server's are.
 std::string uniqueNameOfHref(std::string_view href);
 
 }  // namespace quillmere

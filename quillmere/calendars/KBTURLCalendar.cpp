@@ -1,8 +1,7 @@
 #include <quillmere/calendars/KBTURLCalendar.h>
+#include <quillmere/platform/base/LargePages.h>
 #include <quillmere/platform/base/makeObject.h>
 
-#include <algorithm>
-#include <charconv>
 #include <utility>
 
 namespace quillmere {
@@ -14,15 +13,6 @@ std::optional<std::string> entityTagOf(const NSHTTPURLResponse& response) {
   auto tag = response.valueForHTTPHeaderField("Etag");
   if (tag && tag->starts_with("W/")) tag->erase(0, 2);
   return tag;
-}
-
-// What is worth making room for, of what a server says.
-std::size_t expectedLength(const NSHTTPURLResponse& response) {
-  constexpr std::size_t mostToTrust = std::size_t{64} << 20;
-  const std::string text = response.valueForHTTPHeaderField("Content-Length").value_or("");
-  std::size_t length = 0;
-  std::from_chars(text.data(), text.data() + text.size(), length);
-  return std::min(length, mostToTrust);
 }
 
 }  // namespace
@@ -117,7 +107,7 @@ void KBTURLCalendar::URLSession_dataTask_didReceiveResponse_completionHandler(
   } else {
     eTag_ = std::move(tag);
   }
-  if (downloadData_) downloadData_->reserve(expectedLength(*response));
+  if (downloadData_) reserveForStranger(*downloadData_, response->expectedContentLength());
   completionHandler(NSURLSessionResponseAllow);
 }
 

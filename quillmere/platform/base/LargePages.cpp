@@ -1,6 +1,7 @@
 #include <quillmere/platform/base/LargePages.h>
 #include <sys/mman.h>
 
+#include <algorithm>
 #include <memory>
 
 namespace quillmere {
@@ -11,6 +12,12 @@ void preferLargePages(char* buffer, std::size_t length) {
   if (!std::align(largePage, largePage, start, length)) return;
   // Advice only: a system that cannot take it backs the buffer as it always does.
   ::madvise(start, length - length % largePage, MADV_HUGEPAGE);
+}
+
+void reserveForStranger(std::string& buffer, std::uint64_t length) {
+  constexpr std::uint64_t mostToBelieve = std::uint64_t{256} << 20;
+  buffer.reserve(static_cast<std::size_t>(std::min(length, mostToBelieve)));
+  preferLargePages(buffer.data(), buffer.capacity());
 }
 
 }  // namespace quillmere

@@ -187,11 +187,13 @@ void DataTaskRun::askForCredential() {
   const AuthenticateChallenge offer = *challengeToRaise(challenges_);
   const bool isProxys = response->statusCode() == proxyAuthenticationRequired;
   Asker& asker = isProxys ? proxy_ : server_;
-  // A Digest nonce that has become stale says nothing about the credential (RFC 7616 section 3.3).
+  // A Digest nonce that has become stale says nothing about the credential (RFC 7616 section 3.3),
+  // and neither does one that went out over another connection than it came over.
   const bool isStale = asker.credential && asker.answered.scheme == "digest" &&
                        offer.scheme == "digest" &&
                        offer.parameter("realm") == asker.answered.parameter("realm") &&
-                       equalIgnoringCase(offer.parameter("stale").value_or(""), "true");
+                       (equalIgnoringCase(offer.parameter("stale").value_or(""), "true") ||
+                        transfer_->connectionPort() != asker.connectionPort);
   if (isStale && asker.staleNonces < maximumStaleNonces) {
     ++asker.staleNonces;
     return answer(offer, asker);
@@ -237,6 +239,7 @@ void DataTaskRun::askForCredential() {
 // The credential goes into what is sent alone: neither a redirect nor another request has it.
 void DataTaskRun::answer(const AuthenticateChallenge& offer, Asker& asker) {
   asker.answered = offer;
+  asker.connectionPort = transfer_->connectionPort();
   asker.value = authorizationFor(offer, *asker.credential, request_, CFUUIDCreateString());
   NSMutableURLRequest request;
   static_cast<NSURLRequest&>(request) = request_;

@@ -41,6 +41,7 @@ class DataTaskRun final : public HTTPTransfer::Owner,
     std::shared_ptr<NSURLCredential> credential;
     AuthenticateChallenge answered;
     std::optional<std::string> value;  // of the field that answers
+    long connectionPort = 0;           // of the connection that the answered challenge came over
     int staleNonces = 0;               // since the credential was given
   };
 

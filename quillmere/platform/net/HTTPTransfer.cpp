@@ -292,6 +292,7 @@ void HTTPTransfer::completeHead() {
                                   : version == CURL_HTTP_VERSION_3   ? "HTTP/3"
                                                                      : "HTTP/2";
   isHeadComplete_ = true;
+  curl_easy_getinfo(curl_, CURLINFO_LOCAL_PORT, &connectionPort_);
   response_ = NSHTTPURLResponse::initWithURL_statusCode_HTTPVersion_headerFields(
       *request_.URL(), status, versionText, std::move(headFields_));
   if (request_.valueForHTTPHeaderField("Accept-Encoding")) {

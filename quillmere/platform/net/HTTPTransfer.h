@@ -67,6 +67,8 @@ class HTTPTransfer final : public CurlLoop::Client,
 
   /// Null before the head is complete.
   const std::shared_ptr<const NSHTTPURLResponse>& response() const { return response_; }
+  /// Which connection the response came over: our port of it.
+  long connectionPort() const { return connectionPort_; }
   /// What came of the body since the last time.
   std::string takeBody() { return std::exchange(body_, {}); }
 
@@ -102,6 +104,7 @@ class HTTPTransfer final : public CurlLoop::Client,
   bool hasStatusLine_ = false;
   bool isHeadComplete_ = false;
   std::shared_ptr<const NSHTTPURLResponse> response_;
+  long connectionPort_ = 0;
   std::unique_ptr<ContentDecoder> decoder_;
   std::uint64_t bodySize_ = 0;
   std::string body_;

@@ -4,6 +4,7 @@
 #include <quillmere/platform/net/NSHTTPURLResponse.h>
 
 #include <algorithm>
+#include <charconv>
 
 namespace quillmere {
 namespace {
@@ -113,6 +114,13 @@ NSHTTPURLResponse::initWithURL_statusCode_HTTPVersion_headerFields(
 std::optional<std::string> NSHTTPURLResponse::valueForHTTPHeaderField(
     std::string_view field) const {
   return joinedFieldValue(headerFields_, field);
+}
+
+std::uint64_t NSHTTPURLResponse::expectedContentLength() const {
+  const std::string text = valueForHTTPHeaderField("Content-Length").value_or("");
+  std::uint64_t length = 0;
+  std::from_chars(text.data(), text.data() + text.size(), length);
+  return length;
 }
 
 std::string NSHTTPURLResponse::localizedStringForStatusCode(std::int64_t statusCode) {

@@ -34,6 +34,9 @@ class NSHTTPURLResponse {
     return headerFields_;
   }
 
+  /// What the field Content-Length says that the body has, in bytes; 0 when it says nothing of use.
+  std::uint64_t expectedContentLength() const;
+
   /// A status code for people, in their language. In English the registered reason phrase in lower
   /// case (RFC 9110 section 15 and the IANA registry), "not found"; for another code that of its
   /// class: "informational", "success", "redirected", "client error", "server error"; for what is

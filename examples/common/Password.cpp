@@ -1,4 +1,4 @@
-#include "Password.h"
+#include "common/Password.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -9,7 +9,10 @@
 #include <csignal>
 #include <iterator>
 
-namespace davprobe {
+#include "common/Printable.h"
+#include "common/Program.h"
+
+namespace examples {
 namespace {
 
 // The terminal, silent as long as this lives. An interrupt waits until the terminal is as it was.
@@ -60,8 +63,12 @@ class SilentTerminal {
 
 }  // namespace
 
-std::optional<std::string> askForPassword(const std::string& prompt) {
-  return SilentTerminal().lineAfter(prompt);
+std::optional<std::string> passwordOf(const std::optional<std::string>& user) {
+  if (!user) return std::nullopt;
+  if (auto password = environment("QUILLMERE_PASSWORD")) return password;
+  const std::string prompt = "Password of " + printable(*user) + ": ";
+  if (auto password = SilentTerminal().lineAfter(prompt)) return password;
+  throw UsageProblem("there is no password and no terminal to ask for it");
 }
 
-}  // namespace davprobe
+}  // namespace examples
