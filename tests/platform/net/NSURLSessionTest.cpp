@@ -341,6 +341,26 @@ TEST(NSURLSession, LogsInOverANewConnectionWhereTheOldOneIsADeadEnd) {
   EXPECT_THAT(connections, ElementsAre(1, 2, 2, 3, 4));
 }
 
+// A nonce is no good on another connection: then the one that it is refused with is answered.
+TEST(NSURLSession, AnswersAgainWhereANonceWentOutOverAnotherConnection) {
+  const testing::Challenge md5{.scheme = AuthScheme::digest};
+  const testing::Credential alice{AuthScheme::digest, "alice", "secret"};
+  ScriptedServer server;
+  const auto host = SessionHost::make();
+  host->credential = aliceAndSecret;
+  server.expect({.path = "/a"});
+  host->fetch(requestFor(server.url("/a")));  // leaves its connection, and a POST takes a new one
+  server.expect({.method = "POST", .path = "/b"}, {.status = 401, .challenges = {md5}});
+  server.expect({.method = "POST", .path = "/b", .credential = alice},
+                {.status = 401, .challenges = {md5}});
+  server.expect({.method = "POST", .path = "/b", .credential = alice});
+  EXPECT_EQ(host->fetch(requestFor(server.url("/b"), "POST", "")),
+            "challenge HTTPDigest calendars 0, response 200, end");
+  std::vector<unsigned> connections;
+  for (const auto& request : server.requests()) connections.push_back(request.connection);
+  EXPECT_THAT(connections, ElementsAre(1, 2, 1, 1));
+}
+
 TEST(NSURLSession, A401IsTheAnswerWhenNobodyHasACredential) {
   ScriptedServer server;
   const auto host = SessionHost::make();
