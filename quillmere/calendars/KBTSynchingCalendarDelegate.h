@@ -50,8 +50,11 @@ class KBTSynchingCalendarDelegate {
   virtual std::optional<std::string> synchingCalendar_versionStringForObject(
       KBTSynchingCalendar& calendar, const KBTClientObject& object) = 0;
 
-  /// The object's component, to be written. Null or empty contributes nothing: so a host leaves out
-  /// of a document what it has deleted.
+  /// The object's text, to be written. For a calendar in a document (a file, a URL) that is its
+  /// component, "BEGIN:VEVENT" to "END:VEVENT", and null or empty contributes nothing: so a host
+  /// leaves out what it has deleted. For a CalDAV calendar it is the whole resource, a "VCALENDAR"
+  /// with the component and its time zones. The desktop's event store takes a writer
+  /// (`KBTMutableCalObject`) and asks it for values.
   virtual std::shared_ptr<KBTICSDataSource> synchingCalendar_icsDataForObject(
       KBTSynchingCalendar& calendar, const KBTClientObject& object) = 0;
 
@@ -66,10 +69,14 @@ class KBTSynchingCalendarDelegate {
   virtual void synchingCalendarBeganFetchExternalChanges(KBTSynchingCalendar& calendar) = 0;
 
   /// The store holds an item that the calendar does not know. The result is kept under the name;
-  /// null declines the item. `data` is a reader of the item's component, before its "BEGIN" line,
-  /// whose value tells "VEVENT" from "VTODO". It ends at the first "END", so of a component that
-  /// holds another (an alarm) it has only a part. Where a document has an "END" without a "BEGIN"
-  /// it has no lines, or is the reader handed over before.
+  /// null declines the item.
+  ///
+  /// `data` is a reader before its first line. Of a calendar in a document it reads the item's
+  /// component from its "BEGIN" line, whose value tells "VEVENT" from "VTODO", to the first "END":
+  /// so of a component that holds another (an alarm) only a part. Where a document has an "END"
+  /// without a "BEGIN" it has no lines, or is the reader handed over before. Of a CalDAV calendar it
+  /// reads the whole resource, from "BEGIN:VCALENDAR" on: take no line for the event's that stands in
+  /// a time zone before it or in an alarm inside.
   virtual KBTClientObject synchingCalendar_newObjectNamed_versionString_data(
       KBTSynchingCalendar& calendar, const std::string& uniqueName,
       const std::string& versionString, const std::shared_ptr<KBTCalObject>& data) = 0;
@@ -110,7 +117,7 @@ class KBTSynchingCalendarDelegate {
                                                              const KBTFailedObject& object,
                                                              const NSErrorPtr& error) = 0;
 
-  /// Once per save.
+  /// Once per save; calendars behind a URL that tell no entity tag never send it.
   virtual void synchingCalendarCompletedSave(KBTSynchingCalendar& calendar) = 0;
 
   // The one optional callback.

@@ -2,6 +2,7 @@
 #include <quillmere/platform/base/LargePages.h>
 #include <quillmere/platform/base/makeObject.h>
 
+#include <algorithm>
 #include <utility>
 
 namespace quillmere {
@@ -9,9 +10,14 @@ namespace {
 
 bool isSuccess(std::int64_t status) { return status >= 200 && status <= 299; }
 
+// One with control characters is none: no request could be sent with it again.
 std::optional<std::string> entityTagOf(const NSHTTPURLResponse& response) {
   auto tag = response.valueForHTTPHeaderField("Etag");
-  if (tag && tag->starts_with("W/")) tag->erase(0, 2);
+  if (!tag) return std::nullopt;
+  if (std::any_of(tag->begin(), tag->end(), [](unsigned char c) { return c < ' '; })) {
+    return std::nullopt;
+  }
+  if (tag->starts_with("W/")) tag->erase(0, 2);
   return tag;
 }
 
@@ -60,6 +66,7 @@ void KBTURLCalendar::fetchExternalChanges() {
 
 void KBTURLCalendar::_writeCalendarData(const NSData& document) {
   justChecking_ = false;
+  downloadData_.reset();  // of a fetch that this takes the place of
   NSMutableURLRequest request = requestWithMethod("PUT");
   request.setValue_forHTTPHeaderField(eTag_, "If-Match");
   request.setHTTPBody(document);
@@ -117,10 +124,9 @@ void KBTURLCalendar::URLSession_dataTask_didReceiveData(NSURLSession&, NSURLSess
 }
 
 // What the task was for is told by what the calendar is doing now. A task that the delegate starts
-// here stays the one in flight.
+// in a callback stays the one in flight.
 void KBTURLCalendar::URLSession_task_didCompleteWithError(NSURLSession&, NSURLSessionDataTask&,
                                                           const NSErrorPtr& error) {
-  const auto self = keptAlive();
   const auto inFlight = dataTask();
   if (justChecking_) {
     completeCheck(error);
@@ -149,13 +155,14 @@ void KBTURLCalendar::completeFetch(const NSErrorPtr& error) {
 // entity tag there is no end: a request that would ask for it is made and not sent.
 void KBTURLCalendar::completeSave(const NSErrorPtr& error) {
   constexpr std::int64_t firstFailure = 400;
+  const auto inFlight = dataTask();
   if (error || statusCode_ >= firstFailure) {
     delegate()->synchingCalendar_failedSavingObject_withError(*this, KBTClientObject(),
                                                               error ? error : errorOfStatus());
   }
   if (error || eTag_) {
     delegate()->synchingCalendarCompletedSave(*this);
-  } else {
+  } else if (dataTask() == inFlight) {
     makeTask(requestWithMethod("HEAD"));
   }
 }

@@ -11,8 +11,8 @@ class KBTICSDataSource {
  public:
   virtual ~KBTICSDataSource() = default;
 
-  /// The component's text in UTF-8, from "BEGIN" through the line ending of "END"; it is put into a
-  /// document as it is.
+  /// The text in UTF-8, from "BEGIN" through the line ending of "END", which is written as it is: a
+  /// component, or a whole document where each object has one of its own (CalDAV).
   virtual NSData icsData() = 0;
 };
 

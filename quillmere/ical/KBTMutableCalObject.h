@@ -26,7 +26,8 @@ namespace quillmere {
 ///     NSData document = event->icsData();
 ///
 /// As the answer to a calendar that saves (`synchingCalendar_icsDataForObject`) a writer is made
-/// with `false`: the calendar puts the component into its own document.
+/// with `false` for a calendar in a file or behind a URL, which puts the component into its own
+/// document, and with `true` for a CalDAV calendar, whose resources are documents.
 ///
 /// Every value is escaped, whatever its type, so a rule or a list is written as text (see
 /// `docs/icalendar.md`): a backslash goes before backslash, comma and semicolon, and `\n`, `\r` and

@@ -231,6 +231,52 @@ TEST(KBTURLCalendar, SavesTheWholeDocument) {
   EXPECT_THAT(f.save(), ElementsAre("failed document NSURLErrorDomain -1004", "saved"));
 }
 
+// Large enough to come in pieces; and one calendar does all it can, each as if it were the first.
+TEST(KBTURLCalendar, FetchesChecksAndSavesInTurn) {
+  std::string large = "BEGIN:VCALENDAR\r\n";
+  for (int i = 0; i < 5'000; ++i) {
+    large += "BEGIN:VEVENT\r\nUID:" + std::to_string(i) +
+             "\r\nDTSTAMP:1\r\nX-FILL:" + std::string(60, 'x') + "\r\nEND:VEVENT\r\n";
+  }
+  Fixture f;
+  const HeaderField none{"If-None-Match", "\"1\""}, match{"If-Match", "\"1\""};
+  f.server.expect(request("GET"), answer(200, "\"1\"", large));
+  EXPECT_EQ(f.fetch().size(), 5'002U);
+  f.server.expect(request("HEAD"), answer(200, "\"1\""));
+  EXPECT_THAT(f.check(), ElementsAre("checked none"));
+  f.server.expect(request("PUT", match, testing::anyBody), answer(400, "\"1\""));
+  EXPECT_THAT(f.save(), ElementsAre("failed document URLCalendar 400", "saved"));
+  f.server.expect(request("PUT", match, testing::anyBody), answer(204, "\"1\""));
+  EXPECT_THAT(f.save(), ElementsAre("saved"));
+
+  // A fetch that a check took the place of is over for the next save, too.
+  Answer held = answer(200, "\"1\"", document);
+  held.held = true;
+  f.server.expect(request("GET", none), held);
+  const std::size_t before = f.server.requests().size();
+  f.calendar->fetchExternalChanges();
+  ASSERT_TRUE(runUntil([&] { return f.server.requests().size() > before; }));
+  f.calendar->cancel();
+  f.server.expect(request("HEAD"), answer(200, "\"1\""));
+  f.calendar->checkForExternalChanges();
+  EXPECT_TRUE(runUntil([&] { return f.host->log.size() == 2; }));
+  EXPECT_THAT(f.host->take(), ElementsAre("checked none", "checked none"));
+  f.server.release();
+  f.server.expect(request("PUT", match, testing::anyBody), answer(204, "\"1\""));
+  EXPECT_THAT(f.save(), ElementsAre("saved"));
+}
+
+// A tag that no request can carry would lock the calendar for good.
+TEST(KBTURLCalendar, ATagWithControlCharactersIsNone) {
+  RawServer server;
+  server.play({raw::readHead(),
+               raw::write("HTTP/1.1 200 OK\r\nETag: \"a\rb\"\r\nContent-Length: 0\r\n\r\n")});
+  const auto calendar = calendarAt(server.url("/a.ics"));
+  calendar->fetchExternalChanges();
+  EXPECT_TRUE(runUntil([&] { return !calendar->dataTask(); }));
+  EXPECT_EQ(calendar->cachingString(), std::nullopt);
+}
+
 TEST(KBTURLCalendar, PutsChallengesToItsDelegate) {
   Fixture f;
   for (const AuthScheme scheme : {AuthScheme::basic, AuthScheme::digest}) {

@@ -189,11 +189,14 @@ void DataTaskRun::askForCredential() {
   Asker& asker = isProxys ? proxy_ : server_;
   // A Digest nonce that has become stale says nothing about the credential (RFC 7616 section 3.3),
   // and neither does one that went out over another connection than it came over.
-  const bool isStale = asker.credential && asker.answered.scheme == "digest" &&
-                       offer.scheme == "digest" &&
-                       offer.parameter("realm") == asker.answered.parameter("realm") &&
-                       (equalIgnoringCase(offer.parameter("stale").value_or(""), "true") ||
-                        transfer_->connectionPort() != asker.connectionPort);
+  const bool isSameRealm = asker.credential && asker.answered.scheme == "digest" &&
+                           offer.scheme == "digest" &&
+                           offer.parameter("realm") == asker.answered.parameter("realm");
+  const bool isElsewhere =
+      asker.staleNonces == 0 && transfer_->connectionPort() != asker.connectionPort;
+  const bool isStale =
+      isSameRealm &&
+      (isElsewhere || equalIgnoringCase(offer.parameter("stale").value_or(""), "true"));
   if (isStale && asker.staleNonces < maximumStaleNonces) {
     ++asker.staleNonces;
     return answer(offer, asker);
