@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Shows the example hosts at work on copies of the demo calendars, and then with a CalDAV server that
-# it starts, and fails when what they print or save is not what it should be.
+# Shows the example hosts at work on copies of the demo calendars, and then with a web server and a
+# CalDAV server that it starts, and fails when what they print or save is not what it should be.
 #
 # Usage: demo.sh FOLDER_OF_EXAMPLE_PROGRAMS
 set -euo pipefail
@@ -34,7 +34,40 @@ expect() {
   exit 1
 }
 
-# The second part, which the first runs again with a server up: two folders mirror one account.
+# The second part, which the first runs again with a web server up: a calendar behind a URL.
+put() {
+  python3 -c 'import sys, urllib.request as web
+request = web.Request(sys.argv[2], open(sys.argv[1], "rb").read(), method="PUT")
+web.build_opener(web.ProxyHandler({})).open(request).close()' "$1" "$url"
+}
+
+subscription() {
+  url=${QUILLMERE_INTEROP_HOME}team.ics
+  subscribed=(--state state --from 2026-05-05 --days 1 "$url")
+  heading "The team's calendar lies on a web server: the second time there is nothing to fetch"
+  put team.ics
+  agenda "${subscribed[@]}"
+  expect "$url: 9 new"
+  agenda "${subscribed[@]}"
+  expect "$url: unchanged"
+
+  heading "The web server has another one"
+  sed -e 's/^DTSTAMP:20260429T134402Z/DTSTAMP:20260503T000000Z/' \
+    -e 's/Quarterly review/Half-yearly review/' team.ics >later.ics
+  put later.ics
+  agenda "${subscribed[@]}"
+  expect "updated: Half-yearly review with Boston"
+
+  heading "It answers with a page for people: that is told, and nothing is forgotten"
+  echo "<html>Please log in</html>" >page.html
+  put page.html
+  agenda "${subscribed[@]}" 2>told && exit 1
+  cat told
+  expect "no iCalendar document" told
+  expect "Half-yearly review with Boston"
+}
+
+# The third part, likewise with a CalDAV server: two folders mirror one account.
 mirror() { "$programs/caldavsync" "$@" | show caldavsync "$@"; }
 
 round_trip() {
@@ -77,10 +110,11 @@ round_trip() {
   expect "Team: received 1 new, 1 deleted"
   expect "SUMMARY:Book the ferry" there/Team/Ferry.ics
 }
-if [ -n "${QUILLMERE_INTEROP_BASE:-}" ]; then
-  round_trip
-  exit
-fi
+case ${QUILLMERE_INTEROP_SERVER:-} in
+  "") ;;
+  nginx) subscription; exit ;;
+  *) round_trip; exit ;;
+esac
 
 week=(--from 2026-05-01 --days 8)
 
@@ -143,6 +177,7 @@ if grep -qF "$uid" output team.ics; then
 fi
 expect "Dinner with the new colleagues"
 
+python3 -B "$servers" nginx "$script" "$programs"
 python3 -B "$servers" sabredav_digest "$script" "$programs"
 
 heading "All of this is what it should be"

@@ -1,10 +1,13 @@
-// agenda shows calendar files on a terminal and changes them: an example host of Quillmere.
+// agenda shows calendars in files and behind URLs on a terminal, and changes the files: an example
+// host of Quillmere.
 
 #include <quillmere/platform/dates/NSCalendar.h>
 #include <quillmere/platform/dates/NSTimeZone.h>
 #include <unistd.h>
 
+#include <deque>
 #include <filesystem>
+#include <functional>
 #include <iostream>
 #include <optional>
 #include <string>
@@ -15,6 +18,7 @@
 #include "Printing.h"
 #include "Problems.h"
 #include "StateFile.h"
+#include "Subscription.h"
 #include "common/Printable.h"
 #include "common/ProgressLine.h"
 
@@ -59,20 +63,70 @@ void checkReadable(const std::string& file, bool mayBeMissing) {
   if (::access(file.c_str(), R_OK) != 0) throw CalendarProblem("may not be read");
 }
 
-// One calendar file of the command line, with what an earlier run kept of it.
+bool isChange(Command command) {
+  return command == Command::add || command == Command::edit || command == Command::remove;
+}
+
+// One calendar of the command line, with what an earlier run kept of it. The user is told of what
+// fails.
 class Session {
  public:
-  Session(const std::string& file, const Options& options) : file_(file), options_(options) {
-    checkReadable(file, options.command == Command::add);
-    const std::string path = fs::absolute(file).lexically_normal();
-    host_ = CalendarHost::hostForFile(
-        path, [this, line = ProgressLine()](auto items) mutable { showProgress(line, items); });
-    if (options.stateFolder) restoreState(path);
+  Session(const Place& place, const Options& options, Passwords& passwords)
+      : place_(place), options_(options), passwords_(passwords) {}
+
+  // Begins to fetch a URL.
+  void open() {
+    attempt([this] {
+      makeHost();
+      if (place_.url) host_->beginFetch();
+      isOpen_ = true;
+    });
   }
 
-  std::shared_ptr<CalendarHost> host() const { return host_; }
+  // Does what the command line asks for.
+  void run() {
+    if (!isOpen_) return;
+    attempt([this] {
+      isChange(options_.command) ? change() : read();
+      if (options_.stateFolder) writeState(stateFile_, host_->kept());
+      isShown_ = true;
+    });
+  }
 
-  void read() { tell(host_->fetch()); }
+  bool hasFailed() const { return hasFailed_; }
+  // Null when nothing is known of the calendar.
+  std::shared_ptr<CalendarHost> shownHost() const { return isShown_ ? host_ : nullptr; }
+
+ private:
+  void attempt(const std::function<void()>& action) {
+    try {
+      action();
+    } catch (const CalendarProblem& problem) {
+      examples::printError(place_.name + ": " + problem.what() +
+                           (isShown_ ? "; what is known of it is shown" : ""));
+      hasFailed_ = true;
+    }
+  }
+
+  void makeHost() {
+    const auto progress = [this, line = ProgressLine()](auto items) mutable {
+      showProgress(line, items);
+    };
+    std::string path = place_.name;
+    if (place_.url) {
+      host_ = SubscriptionHost::hostForURL(*place_.url, passwords_, progress);
+    } else {
+      checkReadable(place_.name, options_.command == Command::add);
+      path = fs::absolute(place_.name).lexically_normal();
+      host_ = CalendarHost::hostForFile(path, progress);
+    }
+    if (options_.stateFolder) restoreState(path);
+  }
+
+  void read() {
+    if (!place_.url) host_->beginFetch();
+    tell(host_->endFetch());
+  }
 
   void change() {
     tell(host_->fetchForSaving());
@@ -88,17 +142,12 @@ class Session {
     }
   }
 
-  void keepState() const {
-    if (options_.stateFolder) writeState(stateFile_, host_->kept());
-  }
-
- private:
   void showProgress(ProgressLine& line, std::optional<std::size_t> items) const {
     constexpr std::size_t step = 1000;
     if (!items) {
       line.clear();
     } else if (*items % step == 0) {
-      line.show("reading " + file_ + ": " + std::to_string(*items) + " items");
+      line.show("reading " + place_.name + ": " + std::to_string(*items) + " items");
     }
   }
 
@@ -108,43 +157,29 @@ class Session {
     if (error) throw CalendarProblem("cannot keep its state: " + error.message());
     stateFile_ = stateFilePath(*options_.stateFolder, path);
     try {
-      if (const auto kept = readState(stateFile_, path)) host_->restore(*kept);
+      if (const auto kept = readState(stateFile_, path)) {
+        host_->restore(*kept);
+        isShown_ = place_.url.has_value();
+      }
     } catch (const CalendarProblem& problem) {
-      examples::printError(file_ + ": the state kept in " + stateFile_ +
+      examples::printError(place_.name + ": the state kept in " + stateFile_ +
                            " is not used: " + problem.what());
     }
   }
 
   void tell(const Changes& changes) const {
-    if (options_.stateFolder) printChanges(std::cout, file_, changes);
+    if (options_.stateFolder) printChanges(std::cout, place_.name, changes);
   }
 
-  std::string file_;
+  const Place& place_;
   const Options& options_;
+  Passwords& passwords_;
   std::string stateFile_;
   std::shared_ptr<CalendarHost> host_;
+  bool isOpen_ = false;
+  bool isShown_ = false;
+  bool hasFailed_ = false;
 };
-
-bool isChange(Command command) {
-  return command == Command::add || command == Command::edit || command == Command::remove;
-}
-
-// Does what the command line asks of one file; null when that failed, which the user was told.
-std::shared_ptr<CalendarHost> runFile(const std::string& file, const Options& options) {
-  try {
-    Session session(file, options);
-    if (isChange(options.command)) {
-      session.change();
-    } else {
-      session.read();
-    }
-    session.keepState();
-    return session.host();
-  } catch (const CalendarProblem& problem) {
-    examples::printError(file + ": " + problem.what());
-    return nullptr;
-  }
-}
 
 examples::ExitStatus run(const Options& options) {
   if (options.command == Command::help) {
@@ -154,16 +189,26 @@ examples::ExitStatus run(const Options& options) {
   if (options.zone) useZone(*options.zone);
   const DayRange range = rangeFor(options);
 
+  Passwords passwords;
+  std::deque<Session> sessions;
+  for (const Place& place : options.places) {
+    sessions.emplace_back(place, options, passwords);
+    if (place.url) sessions.back().open();  // so that they are all fetched side by side
+  }
   Hosts hosts;
-  for (const std::string& file : options.files) {
-    if (const auto host = runFile(file, options)) hosts.push_back(host);
+  bool hasFailed = false;
+  for (std::size_t i = 0; i < sessions.size(); ++i) {
+    if (!options.places[i].url) sessions[i].open();
+    sessions[i].run();
+    hasFailed = hasFailed || sessions[i].hasFailed();
+    if (const auto host = sessions[i].shownHost()) hosts.push_back(host);
   }
   if (options.command == Command::list) {
     for (const auto& host : hosts) printList(std::cout, *host);
   } else if (options.command == Command::showDays && !hosts.empty()) {
     printDays(std::cout, hosts, range);
   }
-  return hosts.size() == options.files.size() ? examples::allWell : examples::operationFailed;
+  return hasFailed ? examples::operationFailed : examples::allWell;
 }
 
 }  // namespace

@@ -1,8 +1,8 @@
 #include "CalendarHost.h"
 
 #include <quillmere/platform/base/CFUUID.h>
-#include <quillmere/platform/base/NSFileManager.h>
 #include <quillmere/platform/base/makeObject.h>
+#include <quillmere/platform/loop/NSRunLoop.h>
 
 #include <algorithm>
 #include <array>
@@ -20,7 +20,7 @@ using quillmere::KBTClientObject;
 using quillmere::NSData;
 using quillmere::NSDate;
 using quillmere::NSErrorPtr;
-using quillmere::NSFileManager;
+using quillmere::NSRunLoop;
 using std::string_view;
 
 // Where an object stands when the fetch gave no lines for it.
@@ -60,6 +60,12 @@ std::shared_ptr<AgendaCalendar> AgendaCalendar::initWithPath(std::string path) {
   return quillmere::makeObject<AgendaCalendar>(std::move(path));
 }
 
+void AgendaCalendar::setCachingString(const std::optional<std::string>& cachingString) {
+  const auto date = _checkDate();
+  const bool isSame = date && date->xmlDateString() == cachingString;
+  KBTFileCalendar::setCachingString(isSame ? cachingString : std::nullopt);
+}
+
 std::shared_ptr<KBTCalObject> AgendaCalendar::_getCalendarData() {
   auto reader = KBTFileCalendar::_getCalendarData();
   document_ = reader->icsData();
@@ -72,13 +78,11 @@ void AgendaCalendar::_writeCalendarData(const NSData& document) {
 }
 
 std::shared_ptr<CalendarHost> CalendarHost::hostForFile(std::string path, Progress progress) {
-  auto host = quillmere::makeObject<CalendarHost>(std::move(path), std::move(progress));
-  host->calendar_->setDelegate(host);
+  const auto calendar = AgendaCalendar::initWithPath(path);
+  auto host = quillmere::makeObject<CalendarHost>(std::move(path), calendar, std::move(progress));
+  calendar->setDelegate(host);
   return host;
 }
-
-CalendarHost::CalendarHost(std::string path, Progress progress)
-    : calendar_(AgendaCalendar::initWithPath(std::move(path))), progress_(std::move(progress)) {}
 
 void CalendarHost::restore(const KeptCalendar& kept) {
   std::vector<KBTClientObject> seeds;
@@ -89,29 +93,30 @@ void CalendarHost::restore(const KeptCalendar& kept) {
   splitEvents_ = kept.splitEvents;
   calendar_->setObjects(seeds);
   calendar_->setCalendarName(kept.calendarName);
-
-  // The calendar looks for a younger file only, but an older one that was put back is another, too.
-  const auto date = NSFileManager::modificationDateOfItemAtPath(calendar_->path());
-  const bool isSame = date && date->xmlDateString() == kept.cachingString;
-  calendar_->setCachingString(isSame ? kept.cachingString : std::nullopt);
+  calendar_->setCachingString(kept.cachingString);
+  cachingString_ = kept.cachingString;
 }
 
 KeptCalendar CalendarHost::kept() const {
-  KeptCalendar kept{
-      calendar_->path(), calendar_->cachingString(), calendar_->calendarName(), {}, splitEvents_};
+  KeptCalendar kept{place_, cachingString_, calendar_->calendarName(), {}, splitEvents_};
   for (const auto& [uid, object] : objects_) kept.objects.push_back(object);
   return kept;
 }
 
-std::string CalendarHost::name() const {
-  return calendar_->calendarName().value_or(
-      std::filesystem::path(calendar_->path()).stem().string());
+std::string CalendarHost::name() const { return calendar_->calendarName().value_or(nameOfPlace()); }
+
+std::string CalendarHost::nameOfPlace() const {
+  return std::filesystem::path(place_).stem().string();
 }
 
-Changes CalendarHost::fetch() {
+void CalendarHost::beginFetch() {
   changes_ = {};
-  readFile(Items::changed);
-  calendar_->forgetDocument();
+  beginReading(Items::changed);
+}
+
+Changes CalendarHost::endFetch() {
+  endReading();
+  keeper_.forgetDocument();
   return std::move(changes_);
 }
 
@@ -121,28 +126,38 @@ Changes CalendarHost::fetchForSaving() {
   int tries = 0;
   do {
     if (tries++ == maximumTries) throw CalendarProblem("another program keeps changing the file");
-    readFile(Items::every);
+    beginReading(Items::every);
+    endReading();
   } while (changedOutside());
   takeDocumentApart();
   return std::move(changes_);
 }
 
-void CalendarHost::readFile(Items items) {
+void CalendarHost::beginReading(Items items) {
   wanted_ = items;
   if (items == Items::every) calendar_->setCachingString(std::nullopt);
   items_ = 0;
   changes_.wasRead = false;
-  error_ = nullptr;
+  isReading_ = true;
+  problem_.reset();
   calendar_->fetchExternalChanges();
-  if (error_) throw CalendarProblem("cannot be read: " + error_->localizedDescription());
-  if (changes_.wasRead) readSplitEvents();
+}
+
+// After a failure, and where nothing has changed, a URL's calendar may have another caching string,
+// or none.
+void CalendarHost::endReading() {
+  while (isReading_) NSRunLoop::currentRunLoop().run();
+  if (problem_) throw CalendarProblem("cannot be read: " + *problem_);
+  if (!changes_.wasRead) return;
+  cachingString_ = calendar_->cachingString();
+  readSplitEvents();
 }
 
 // Of several components with one UID the calendar reports only the first, so the host looks for the
 // others itself. What cannot be taken apart is shown as it was reported.
 void CalendarHost::readSplitEvents() {
   splitEvents_.clear();
-  const string_view document = calendar_->document().view();
+  const string_view document = keeper_.document().view();
   if (document.find("RECURRENCE-ID") == string_view::npos) return;
   try {
     const auto components = splitDocument(document).components;
@@ -163,7 +178,7 @@ void CalendarHost::readSplitEvents() {
 
 // A large file takes a while to read, and others may write it meanwhile.
 bool CalendarHost::changedOutside() {
-  if (!std::filesystem::exists(calendar_->path())) return false;  // it is yet to be made
+  if (!std::filesystem::exists(place_)) return false;  // it is yet to be made
   calendar_->checkForExternalChanges();
   return changedOutside_;
 }
@@ -211,7 +226,7 @@ std::shared_ptr<AgendaObject> CalendarHost::objectNamed(const std::string& uid) 
 // Gives every component of the document to the object that will answer for it at the save. What
 // belongs to no object stays where it stands: behind the object before it, or in front of all.
 void CalendarHost::takeDocumentApart() {
-  source_ = calendar_->document();
+  source_ = keeper_.document();
   texts_.clear();
   const DocumentParts parts = splitForSaving(source_.view());
   const auto owners = ownersOf(parts.components);
@@ -279,22 +294,23 @@ void CalendarHost::putObjectsInOrder() {
 void CalendarHost::save() {
   const auto calendarName = calendar_->calendarName();
   calendar_->setCalendarName(std::nullopt);
-  error_ = nullptr;
+  problem_.reset();
   calendar_->saveChanges();
   calendar_->setCalendarName(calendarName);
-  if (error_) throw CalendarProblem("could not be saved: " + error_->localizedDescription());
-  checkFileHolds(calendar_->document());
+  if (problem_) throw CalendarProblem("could not be saved: " + *problem_);
+  checkFileHolds(keeper_.document());
 
   // The saved file tells the versions and entries from now on.
   texts_.clear();
   source_ = {};
-  readFile(Items::every);
-  calendar_->forgetDocument();
+  beginReading(Items::every);
+  endReading();
+  keeper_.forgetDocument();
 }
 
 // By contract a write that fails is reported as a completed save.
 void CalendarHost::checkFileHolds(const NSData& document) const {
-  if (fileHolds(calendar_->path(), document.view())) return;
+  if (fileHolds(place_, document.view())) return;
   throw CalendarProblem("could not be saved: the file does not hold what was written to it");
 }
 
@@ -303,7 +319,7 @@ void CalendarHost::readItem(AgendaObject& object, const std::string& version, KB
   object.place = nowhere;
   if (item.nextLine() && item.key()) {
     // Keys point into the document, and the first one is the item's "BEGIN".
-    object.place = static_cast<std::size_t>(item.key()->data() - calendar_->document().bytes());
+    object.place = static_cast<std::size_t>(item.key()->data() - keeper_.document().bytes());
   }
   item.reset();
   object.entry = readEntry(item);
@@ -367,7 +383,9 @@ void CalendarHost::synchingCalendar_deletionForObject(Calendar&, const Object& o
 void CalendarHost::synchingCalendarCompletedFetchExternalChanges_withError(
     Calendar&, const NSErrorPtr& error) {
   if (progress_) progress_(std::nullopt);
-  error_ = error;
+  if (error) problem_ = examples::textOf(*error);
+  isReading_ = false;
+  NSRunLoop::currentRunLoop().stop();
 }
 
 void CalendarHost::synchingCalendarCompletedCheckForExternalChanges_changes(Calendar&,
@@ -378,7 +396,7 @@ void CalendarHost::synchingCalendarCompletedCheckForExternalChanges_changes(Cale
 void CalendarHost::synchingCalendar_failedSavingObject_withError(Calendar&,
                                                                  const quillmere::KBTFailedObject&,
                                                                  const NSErrorPtr& error) {
-  error_ = error;
+  problem_ = examples::textOf(*error);
 }
 
 }  // namespace agenda

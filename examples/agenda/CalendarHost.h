@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "ComponentEditing.h"
@@ -20,36 +21,46 @@
 
 namespace agenda {
 
-/// A calendar file that keeps the document it read or wrote last, which the host needs to carry
-/// over what is none of its objects.
-class AgendaCalendar : public quillmere::KBTFileCalendar {
+/// Keeps the document that a calendar read or wrote last, where the host looks for what is none of
+/// its objects.
+class DocumentKeeper {
+ public:
+  /// The bytes that the store held at the last fetch, or should hold since the last save.
+  const quillmere::NSData& document() const { return document_; }
+  void forgetDocument() { document_ = {}; }
+
+ protected:
+  ~DocumentKeeper() = default;
+
+  quillmere::NSData document_;
+};
+
+/// A calendar file.
+class AgendaCalendar : public quillmere::KBTFileCalendar, public DocumentKeeper {
  public:
   static std::shared_ptr<AgendaCalendar> initWithPath(std::string path);
 
-  /// The bytes that the file held at the last fetch, or should hold since the last save.
-  const quillmere::NSData& document() const { return document_; }
-  void forgetDocument() { document_ = {}; }
+  /// Only the date that the file has now: the calendar looks for a younger file alone, but an older
+  /// one that was put back is another, too.
+  void setCachingString(const std::optional<std::string>& cachingString) override;
 
  protected:
   using KBTFileCalendar::KBTFileCalendar;
 
   std::shared_ptr<quillmere::KBTCalObject> _getCalendarData() override;
   void _writeCalendarData(const quillmere::NSData& document) override;
-
- private:
-  quillmere::NSData document_;
 };
 
 /// What a fetch found; the texts are titles.
 struct Changes {
-  bool wasRead = false;  ///< false: the file is as it was, and was not read
+  bool wasRead = false;  ///< false: the calendar is as it was, and was not read
   std::vector<std::string> added;
   std::vector<std::string> updated;
   std::vector<std::string> gone;
 };
 
-/// The delegate of one calendar file: it holds the file's objects and carries out the user's
-/// changes without losing what else the file holds.
+/// The delegate of one calendar: it holds the calendar's objects and, where that is a file, carries
+/// out the user's changes without losing what else the file holds.
 class CalendarHost : public quillmere::KBTSynchingCalendarDelegate {
  public:
   /// Called with the count so far for every item that a fetch meets, and with null at its end.
@@ -62,11 +73,13 @@ class CalendarHost : public quillmere::KBTSynchingCalendarDelegate {
   void restore(const KeptCalendar& kept);
   KeptCalendar kept() const;
 
-  /// Brings the objects in line with the file.
-  Changes fetch();
+  /// Brings the objects in line with the file, or with what a server has. The second half waits for
+  /// the first, and throws CalendarProblem when that has failed.
+  void beginFetch();
+  Changes endFetch();
 
-  /// The same, but always reads the file, so that a save can follow. Throws CalendarProblem when
-  /// the file cannot be saved without loss.
+  /// The same at once, but always reads, so that a save can follow. Throws CalendarProblem when the
+  /// file cannot be saved without loss.
   Changes fetchForSaving();
 
   /// These three need a `fetchForSaving()` just before. They save, look whether the file holds what
@@ -77,17 +90,31 @@ class CalendarHost : public quillmere::KBTSynchingCalendarDelegate {
   void edit(const std::string& uid, const Fields& fields);
   void remove(const std::string& uid);
 
-  /// The calendar's name; the file's name when it has none.
+  /// The calendar's name; that of its place when it has none.
   std::string name() const;
   /// By UID.
   const std::map<std::string, std::shared_ptr<AgendaObject>>& objects() const { return objects_; }
   const SplitEvents& splitEvents() const { return splitEvents_; }
 
  protected:
-  CalendarHost(std::string path, Progress progress);
+  /// The place is a path or a URL.
+  template <class KeepingCalendar>
+  CalendarHost(std::string place, const std::shared_ptr<KeepingCalendar>& calendar,
+               Progress progress)
+      : place_(std::move(place)),
+        calendar_(calendar),
+        keeper_(*calendar),
+        progress_(std::move(progress)) {}
+
+  virtual std::string nameOfPlace() const;
+
+  using Calendar = quillmere::KBTSynchingCalendar;
+  void synchingCalendarCompletedFetchExternalChanges_withError(
+      Calendar&, const quillmere::NSErrorPtr& error) override;
+
+  std::optional<std::string> problem_;  // of the operation under way, or the last one
 
  private:
-  using Calendar = quillmere::KBTSynchingCalendar;
   using Object = quillmere::KBTClientObject;
   using Reader = std::shared_ptr<quillmere::KBTCalObject>;
 
@@ -99,7 +126,8 @@ class CalendarHost : public quillmere::KBTSynchingCalendarDelegate {
   };
 
   enum class Items { changed, every };
-  void readFile(Items items);
+  void beginReading(Items items);
+  void endReading();
   bool changedOutside();
   void readItem(AgendaObject& object, const std::string& version, quillmere::KBTCalObject& item);
   void readSplitEvents();
@@ -129,13 +157,11 @@ class CalendarHost : public quillmere::KBTSynchingCalendarDelegate {
                                                            const std::string& version,
                                                            const Reader& item) override;
   void synchingCalendar_deletionForObject(Calendar&, const Object&) override;
-  void synchingCalendarCompletedFetchExternalChanges_withError(
-      Calendar&, const quillmere::NSErrorPtr& error) override;
   void synchingCalendarCompletedCheckForExternalChanges_changes(Calendar&, bool changes) override;
   void synchingCalendar_failedSavingObject_withError(Calendar&, const quillmere::KBTFailedObject&,
                                                      const quillmere::NSErrorPtr& error) override;
 
-  // What calendar files never ask or tell: ranges, and saves object by object.
+  // What documents never ask or tell: ranges, and saves object by object.
   std::optional<quillmere::NSDate> synchingCalendarEarliestDate(Calendar&) override { return {}; }
   std::optional<quillmere::NSDate> synchingCalendarLatestDate(Calendar&) override { return {}; }
   void synchingCalendar_setUniqueName_forObject(Calendar&, const std::string&,
@@ -147,8 +173,11 @@ class CalendarHost : public quillmere::KBTSynchingCalendarDelegate {
   void synchingCalendar_didDelete(Calendar&, const Object&) override {}
   void synchingCalendarCompletedSave(Calendar&) override {}
 
-  std::shared_ptr<AgendaCalendar> calendar_;
+  std::string place_;
+  std::shared_ptr<quillmere::KBTDataCalendar> calendar_;
+  DocumentKeeper& keeper_;
   Progress progress_;
+  std::optional<std::string> cachingString_;  // that belongs to the objects
   std::map<std::string, std::shared_ptr<AgendaObject>> objects_;
   SplitEvents splitEvents_;
 
@@ -156,8 +185,8 @@ class CalendarHost : public quillmere::KBTSynchingCalendarDelegate {
   Changes changes_;
   std::size_t items_ = 0;
   Items wanted_ = Items::changed;
+  bool isReading_ = false;
   bool changedOutside_ = false;
-  quillmere::NSErrorPtr error_;
 
   // The save that is being prepared.
   quillmere::NSData source_;  // what the texts point into

@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "Problems.h"
+#include "Subscription.h"
 
 namespace agenda {
 namespace {
@@ -88,11 +89,16 @@ std::int64_t parseDays(string_view text) {
 class Parser {
  public:
   Options parse(int argc, char** argv) {
-    parsed_.files =
+    const auto arguments =
         examples::parseOptions(argc, argv, options, [this](int found, const std::string& argument) {
           apply(static_cast<Option>(found), argument);
         });
-    if (parsed_.command != Command::help) check();
+    if (parsed_.command == Command::help) return parsed_;
+    for (const std::string& argument : arguments) {
+      const auto url = subscriptionURL(argument);
+      parsed_.places.push_back({url ? url->absoluteString() : argument, url});
+    }
+    check();
     return parsed_;
   }
 
@@ -166,7 +172,7 @@ class Parser {
   }
 
   void check() const {
-    if (parsed_.files.empty()) throw UsageProblem("no calendar file is given");
+    if (parsed_.places.empty()) throw UsageProblem("no calendar is given");
     if (parsed_.to && hasDays_) throw UsageProblem("--to and --days exclude each other");
     if (parsed_.from && parsed_.to && parsed_.to->date < parsed_.from->date) {
       throw UsageProblem("--to lies before --from");
@@ -180,8 +186,8 @@ class Parser {
                          parsed_.command == Command::remove;
     const bool hasFields =
         fields.summary || fields.location || fields.description || fields.start || fields.end;
-    if (changes && parsed_.files.size() != 1) {
-      throw UsageProblem("--add, --edit and --remove take exactly one calendar file");
+    if (changes && (parsed_.places.size() != 1 || parsed_.places.front().url)) {
+      throw UsageProblem("--add, --edit and --remove take exactly one calendar file, and no URL");
     }
     if (parsed_.command == Command::add && !fields.start) throw UsageProblem("--add needs --start");
     if (parsed_.command == Command::edit && !hasFields) {
@@ -206,8 +212,9 @@ class Parser {
 Options parseCommandLine(int argc, char** argv) { return Parser().parse(argc, argv); }
 
 const char* const helpText =
-    R"(Usage: agenda [OPTION]... FILE.ics...
-Shows what lies in calendar files, day by day, and the to-dos that are open.
+    R"(Usage: agenda [OPTION]... CALENDAR...
+Shows what lies in calendars, day by day, and the to-dos that are open. A calendar is a file, or
+the http, https or webcal URL of one, which is fetched (webcal stands for https) and not changed.
 
 What to show:
   --from DAY          the first day (today)
@@ -224,13 +231,18 @@ What to change, in one file:
                       the fields. Of whole days --end is the last one, of a to-do it is
                       when it is due. A start that is moved alone takes the end along
 
-  --state FOLDER      keeps what was read there: the next run reads only files that have
-                      changed, and tells what is new, updated and gone
+  --state FOLDER      keeps what was read there: the next run reads only calendars that have
+                      changed, and tells what is new, updated and gone. What is kept of a URL
+                      is shown when it cannot be fetched
   --help              this text
 
 DAY is like 2024-05-31; WHEN is a day, or a time like 2024-05-31T17:00.
 Repeating events are shown on each of their dates. Rules that cannot be followed are listed
 at the end; their events are on the first date only, marked "repeats".
+
+When a URL's server asks for a login, that is the environment's QUILLMERE_USER, and the password
+QUILLMERE_PASSWORD, or what is typed on the terminal; a server that the URL does not name, but
+leads to, gets neither.
 
 Exit status: 0 all went well; 1 a calendar could not be read or saved; 2 the command line
 is wrong.

@@ -1,6 +1,8 @@
 #ifndef AGENDA_COMMANDLINE_H
 #define AGENDA_COMMANDLINE_H
 
+#include <quillmere/platform/net/NSURL.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -13,9 +15,15 @@ namespace agenda {
 
 enum class Command { showDays, list, add, edit, remove, help };
 
+/// A calendar of the command line.
+struct Place {
+  std::string name;                     ///< what the user is told: the file, or the URL
+  std::optional<quillmere::NSURL> url;  ///< null: a file
+};
+
 struct Options {
   Command command = Command::showDays;
-  std::vector<std::string> files;
+  std::vector<Place> places;
   std::optional<std::string> stateFolder;
   std::optional<std::string> zone;
   std::optional<When> from;  ///< null: today

@@ -35,10 +35,19 @@ string_view componentName(string_view line) {
   return line.substr(0, line.find_last_not_of(blanks) + 1);
 }
 
+string_view withoutByteOrderMark(string_view document) {
+  if (document.starts_with(byteOrderMark)) document.remove_prefix(byteOrderMark.size());
+  return document;
+}
+
+bool isOfCalendar(string_view line, string_view property) {
+  return isProperty(line, property) && equalIgnoringCase(componentName(line), "VCALENDAR");
+}
+
 class Splitter {
  public:
   DocumentParts split(string_view document) {
-    if (document.starts_with(byteOrderMark)) document.remove_prefix(byteOrderMark.size());
+    document = withoutByteOrderMark(document);
     while (!document.empty()) addLine(takeLine(document));
     if (!open_.empty()) {
       throw CalendarProblem("BEGIN:" + std::string(open_.back()) + " has no END");
@@ -121,6 +130,14 @@ class Splitter {
 }  // namespace
 
 DocumentParts splitDocument(string_view document) { return Splitter().split(document); }
+
+bool isWholeCalendar(string_view document) {
+  document = withoutByteOrderMark(document);
+  document = document.substr(0, document.find_last_not_of(blanks) + 1);
+  document.remove_prefix(std::min(document.find_first_not_of(blanks), document.size()));
+  const string_view last = document.substr(document.find_last_of("\r\n") + 1);
+  return isOfCalendar(takeLine(document), "BEGIN") && isOfCalendar(last, "END");
+}
 
 string_view takeLine(string_view& text) {
   std::size_t length = 0;

@@ -29,6 +29,10 @@ struct DocumentParts {
 /// components do not nest, it holds several calendars, or it is in another format.
 DocumentParts splitDocument(std::string_view document);
 
+/// Whether a calendar's first line and last line are there, as in no web page and in nothing that
+/// was cut off.
+bool isWholeCalendar(std::string_view document);
+
 /// Takes the content line at the front of `text` off, with its continuation lines and line ending.
 std::string_view takeLine(std::string_view& text);
 

@@ -227,8 +227,8 @@ void printList(std::ostream& out, const CalendarHost& host) {
   }
 }
 
-void printChanges(std::ostream& out, const std::string& file, const Changes& changes) {
-  out << printable(file) << ": ";
+void printChanges(std::ostream& out, const std::string& place, const Changes& changes) {
+  out << printable(place) << ": ";
   if (!changes.wasRead) {
     out << "unchanged\n";
     return;

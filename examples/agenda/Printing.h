@@ -20,8 +20,8 @@ void printDays(std::ostream& out, const Hosts& hosts, const DayRange& range);
 /// UID and summary of every object, a tab between them.
 void printList(std::ostream& out, const CalendarHost& host);
 
-/// What a fetch found in the file.
-void printChanges(std::ostream& out, const std::string& file, const Changes& changes);
+/// What a fetch found there.
+void printChanges(std::ostream& out, const std::string& place, const Changes& changes);
 
 }  // namespace agenda
 

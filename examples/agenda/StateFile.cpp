@@ -1,7 +1,7 @@
 // The state file holds these fields without anything between them:
 //
 //   signature    the 16 bytes "agenda state 02\n"
-//   path         text
+//   path         text, or the URL
 //   caching      optional text
 //   name         optional text
 //   count        number, then so many objects:

@@ -25,18 +25,18 @@ using SplitEvents = std::map<std::string, std::vector<Entry>>;
 
 /// What one run leaves for the next.
 struct KeptCalendar {
-  std::string path;
+  std::string path;  ///< or URL
   std::optional<std::string> cachingString;
   std::optional<std::string> calendarName;
   std::vector<std::shared_ptr<AgendaObject>> objects;
   SplitEvents splitEvents;
 };
 
-/// Where the state of the calendar file at `calendarPath` is kept in `folder`.
+/// Where the state of the calendar at `calendarPath`, which may be a URL, is kept in `folder`.
 std::string stateFilePath(const std::string& folder, const std::string& calendarPath);
 
 /// Null when nothing was kept. Throws CalendarProblem when the file is damaged or belongs to
-/// another calendar file.
+/// another calendar.
 std::optional<KeptCalendar> readState(const std::string& path, const std::string& calendarPath);
 
 /// Throws CalendarProblem when the state cannot be written.
