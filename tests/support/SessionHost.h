@@ -11,9 +11,9 @@
 
 namespace quillmere::testing {
 
-/// Runs the loop until the condition holds; false when it does not within ten seconds.
-inline bool runUntil(const std::function<bool()>& condition) {
-  constexpr std::int64_t microsecondsToWait = 10'000'000;
+/// Runs the loop until the condition holds; false when it does not within so many seconds.
+inline bool runUntil(const std::function<bool()>& condition, int secondsToWait = 10) {
+  const std::int64_t microsecondsToWait = std::int64_t{secondsToWait} * 1'000'000;
   constexpr std::int64_t turn = 2'000;
   const auto now = [] { return NSDate::date().microsecondsSince1970(); };
   const std::int64_t deadline = now() + microsecondsToWait;
