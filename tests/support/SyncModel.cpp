@@ -419,7 +419,7 @@ class Walk {
   std::string run(unsigned steps) {
     std::string story;
     for (unsigned i = 0; i < steps; ++i) {
-      story += takeStep() + "; ";
+      story.append(takeStep()).append("; ");
       const std::string difference = compare();
       if (!difference.empty()) return story + "\n" + difference;
     }
