@@ -32,7 +32,7 @@ const char* const document =
     "BEGIN:VTODO\r\nUID:b\r\nDTSTAMP:20240101T000000Z\r\nEND:VTODO\r\nEND:VCALENDAR\r\n";
 
 ExpectedRequest request(const char* method, std::optional<HeaderField> condition = {},
-                        std::optional<std::string> body = "") {
+                        const std::optional<std::string>& body = "") {
   ExpectedRequest expected{.method = method, .path = "/a.ics", .fields = {type}, .body = body};
   if (condition) expected.fields.push_back(*condition);
   expected.noOtherFields = true;

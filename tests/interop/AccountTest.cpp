@@ -206,8 +206,8 @@ class Client {
 std::vector<std::string> fiftyNames() {
   const char* const kinds[] = {"plain", "alice@example.com", "two words ",
                                "h\xC3\xBCt \xE6\x97\xA5", "a+b&c;d=e"};
-  std::vector<std::string> names;
-  for (int i = 0; i < 50; ++i) names.push_back(kinds[i % 5] + std::to_string(i));
+  std::vector<std::string> names(50);
+  for (std::size_t i = 0; i < names.size(); ++i) names[i] = kinds[i % 5] + std::to_string(i);
   return names;
 }
 
@@ -274,9 +274,9 @@ TEST(Account, TwoClientsStayInStep) {
   EXPECT_EQ(second.host->objects.size(), names.size());
   EXPECT_EQ(second.objects(), first.objects());
 
-  for (int i = 0; i < 10; ++i) {
-    second.update(names[static_cast<std::size_t>(i)], "Coffee");
-    second.remove(names[static_cast<std::size_t>(i + 10)]);
+  for (std::size_t i = 0; i < 10; ++i) {
+    second.update(names[i], "Coffee");
+    second.remove(names[i + 10]);
     second.insert("new @" + std::to_string(i), "Cake");
   }
   second.save();

@@ -14,7 +14,6 @@
 namespace quillmere {
 namespace {
 
-using ::testing::Contains;
 using ::testing::ContainsRegex;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
