@@ -30,4 +30,3 @@ echo '| --- | --- | --- | --- | --- | --- |'
 "$programs/EngineBenchmark"
 "$programs/SyncBenchmark"
 "$programs/SubscriptionBenchmark" "$events"
-"$programs/EventStoreBenchmark"
