@@ -30,3 +30,4 @@ echo '| --- | --- | --- | --- | --- | --- |'
 "$programs/EngineBenchmark"
 "$programs/SyncBenchmark"
 "$programs/SubscriptionBenchmark" "$events"
+"$programs/EventStoreBenchmark"

@@ -177,6 +177,35 @@ if grep -qF "$uid" output team.ics; then
 fi
 expect "Dinner with the new colleagues"
 
+export XDG_DATA_HOME=$work/data # an event store of the demo's own
+localstore() { "$programs/localstore" --backend sqlite "$@" | show localstore "$@"; }
+
+heading "The event store, which all of a user's programs share: a calendar and an event in it"
+localstore create-calendar Team
+localstore add Team --title "Tea with Søren" --start 2026-05-07T15:00 --end 2026-05-07T15:45 \
+  --notes "Bring the charts"
+uid=$(sed -n 's/^added //p' output)
+localstore list Team --from 2026-05-07 --days 1
+expect "2026-05-07T15:00	2026-05-07T15:45	Tea with Søren	Bring the charts"
+
+heading "One program watches while another moves the event, then removes it"
+"$programs/localstore" --backend sqlite watch >watched &
+watcher=$!
+trap 'rm -rf "$work"; kill "$watcher"' EXIT
+saw() { timeout 30 sh -c 'until grep -qF "$1" watched; do sleep 0.1; done' sh "$1"; }
+saw "watching: Team"
+localstore change Team "$uid" --start 2026-05-08T16:00
+saw "the store has changed"
+cat watched
+localstore list Team --from 2026-05-07 --days 2
+expect "2026-05-08T16:00	2026-05-08T16:45	Tea with Søren	Bring the charts"
+localstore remove Team "$uid"
+localstore list Team --from 2026-05-07 --days 2
+if test -s output; then
+  echo "demo: the removed event is still there" >&2
+  exit 1
+fi
+
 python3 -B "$servers" nginx "$script" "$programs"
 python3 -B "$servers" sabredav_digest "$script" "$programs"
 

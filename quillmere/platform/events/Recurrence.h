@@ -1,0 +1,38 @@
+#ifndef QUILLMERE_PLATFORM_EVENTS_RECURRENCE_H
+#define QUILLMERE_PLATFORM_EVENTS_RECURRENCE_H
+
+#include <quillmere/platform/dates/NSDate.h>
+#include <quillmere/platform/events/EventRecord.h>
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+// Internal: the occurrences of a recurring event, which libical works out of its rule.
+namespace quillmere {
+
+/// What is called with the start of each occurrence, until it answers false.
+using OccurrenceVisitor = std::function<bool(NSDate start)>;
+
+/// Throws an `EventError` when the text is not a rule that can be expanded: one of RFC 5545 (RSCALE
+/// is another's). A rule by the hour or finer may have INTERVAL, COUNT and UNTIL only, since libical may
+/// search for minutes where one names days or hours that never come.
+void requireRecurrenceRule(const EventRecord& event);
+
+/// Visits the occurrences of a recurring event that start in the range `from` to before `to`, in
+/// order, exceptions included. The event's start is the first of them, whatever the rule says. No
+/// more than 100,000 are visited, and nothing after the year 2582, with which libical ends.
+void forEachOccurrence(const EventRecord& event, NSDate from, NSDate to,
+                       const OccurrenceVisitor& visit);
+
+/// When the last occurrence ends; `lastDate` when there is none or it is beyond reach.
+NSDate endOfRecurrence(const EventRecord& event);
+
+/// The rule, ending before the occurrence at `date`.
+std::string ruleEndingBefore(const EventRecord& event, NSDate date);
+/// The rule with so many occurrences fewer, if it counts them.
+std::string ruleWithoutFirst(const std::string& rule, std::int64_t count);
+
+}  // namespace quillmere
+
+#endif

@@ -1,0 +1,310 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <quillmere/calendars/KBTCalEventCalObject.h>
+#include <quillmere/calendars/KBTLocalCalendar.h>
+#include <quillmere/ical/KBTMutableCalObject.h>
+#include <quillmere/platform/base/HWPreference.h>
+#include <quillmere/platform/notifications/NSDistributedNotificationCenter.h>
+
+#include <cstdlib>
+
+#include "tests/platform/events/EventHost.h"
+#include "tests/support/RecordingDelegate.h"
+#include "tests/support/TemporaryFolder.h"
+
+// The store of the process lies in a folder of the test's; every test has a calendar of its own.
+
+namespace quillmere {
+namespace {
+
+using ::testing::ElementsAre;
+using testing::EventHost;
+using ::testing::IsEmpty;
+using testing::Item;
+using ::testing::MatchesRegex;
+using testing::runUntil;
+using ::testing::SizeIs;
+using testing::utc;
+
+class Host : public testing::RecordingDelegate {
+ public:
+  std::function<void(KBTMutableCalObject&)> fill = [](KBTMutableCalObject&) {};
+
+  std::shared_ptr<KBTICSDataSource> synchingCalendar_icsDataForObject(
+      KBTSynchingCalendar&, const KBTClientObject&) override {
+    auto writer =
+        KBTMutableCalObject::initWithObjectType_includeCalendarDeclaration("VEVENT", false);
+    fill(*writer);
+    return writer;
+  }
+  std::optional<NSDate> synchingCalendarEarliestDate(KBTSynchingCalendar&) override {
+    return utc("20240101T000000Z");
+  }
+  std::optional<NSDate> synchingCalendarLatestDate(KBTSynchingCalendar&) override {
+    return utc("20240201T000000Z");
+  }
+};
+
+class LocalCalendar : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    if (EventHost::usesEvolution()) {
+      HWPreference::preferenceForKey("EKEventStoreBackend")->setStringValue("evolution");
+    } else {
+      static const testing::TemporaryFolder folder;
+      ::setenv("XDG_DATA_HOME", (folder / "").c_str(), 1);
+    }
+  }
+
+  void SetUp() override {
+    store_ = KBTLocalCalendar::eventStore();
+    calendar_->setTitle("Work");
+    ASSERT_TRUE(store_->saveCalendar_commit_error(calendar_, true, nullptr));
+    local_ = open();
+  }
+
+  std::shared_ptr<KBTLocalCalendar> open() {
+    auto local = KBTLocalCalendar::initWithCalendarIdentifier(calendar_->calendarIdentifier());
+    local->setDelegate(host_);
+    return local;
+  }
+
+  std::shared_ptr<EKEvent> newEvent(const char* title, const char* rule = nullptr) {
+    auto event = EKEvent::eventWithEventStore(store_);
+    event->setCalendar(calendar_);
+    event->setTitle(title);
+    event->setStartDate(utc("20240105T090000Z"));
+    event->setEndDate(utc("20240105T100000Z"));
+    if (rule) event->setRecurrenceRule(rule);
+    EXPECT_TRUE(store_->saveEvent_span_commit_error(event, EKSpan::thisEvent, true, nullptr));
+    return event;
+  }
+  std::shared_ptr<EKEvent> only(const std::string& identifier) {
+    const auto items = store_->calendarItemsWithExternalIdentifier(identifier);
+    return items.size() == 1 ? items.front() : nullptr;
+  }
+  std::vector<std::string> fetch() {
+    local_->fetchExternalChanges();
+    return host_->take();
+  }
+  std::vector<std::string> save() {
+    local_->saveChanges();
+    return host_->take();
+  }
+  static std::string version(const EKEvent& event) {
+    return KBTCalObject::datetimeAsZuluString(event.lastModifiedDate().value());
+  }
+
+  std::shared_ptr<EKEventStore> store_;
+  std::shared_ptr<EKCalendar> calendar_ = EKCalendar::calendar();
+  std::shared_ptr<Host> host_ = std::make_shared<Host>();
+  std::shared_ptr<KBTLocalCalendar> local_;
+};
+
+TEST_F(LocalCalendar, StandsForACalendarOfTheStore) {
+  EXPECT_EQ(KBTLocalCalendar::initWithCalendarIdentifier("nobody"), nullptr);
+  EXPECT_EQ(local_->calendarName(), "Work");
+  EXPECT_EQ(local_->calendarIdentifier(), calendar_->calendarIdentifier());
+  EXPECT_TRUE(local_->isEqualToCalendar(*open()));
+  EXPECT_FALSE(local_->isEqualToCalendar(*KBTSynchingCalendar::init()));
+  local_->checkForExternalChanges();
+  EXPECT_THAT(host_->take(), ElementsAre("checked none"));
+}
+
+TEST_F(LocalCalendar, FetchesWhatTheStoreHas) {
+  const auto event = newEvent("Tea");
+  const std::string identifier = event->calendarItemExternalIdentifier();
+  const std::string known = identifier + " " + version(*only(identifier));
+  EXPECT_THAT(fetch(), ElementsAre("began", "new " + known, "fetched"));
+  EXPECT_THAT(fetch(), ElementsAre("began", "fetched"));
+  host_->objects[identifier]->version = "old";
+  EXPECT_THAT(fetch(), ElementsAre("began", "update " + known, "fetched"));
+  ASSERT_TRUE(
+      store_->removeEvent_span_commit_error(only(identifier), EKSpan::thisEvent, true, nullptr));
+  EXPECT_THAT(fetch(), ElementsAre("began", "gone " + identifier, "fetched"));
+  EXPECT_THAT(fetch(), ElementsAre("began", "fetched"));
+}
+
+// Each is known by a name that no event has.
+TEST_F(LocalCalendar, OccurrencesAreReportedAndDeletedInTheSameFetch) {
+  const auto series = newEvent("Daily", "FREQ=DAILY;COUNT=2");
+  const std::string identifier = series->calendarItemExternalIdentifier();
+  const std::string first = identifier + ":2024-01-05 09:00:00 +0000";
+  const std::string second = identifier + ":2024-01-06 09:00:00 +0000";
+  const std::string stamp = " " + version(*only(identifier));
+  std::vector<std::string> reported = {"began", "new " + first + stamp, "new " + second + stamp};
+  auto deleted = reported;
+  deleted.insert(deleted.end(), {"gone " + first, "gone " + second, "fetched"});
+  EXPECT_EQ(fetch(), deleted);
+  EXPECT_EQ(fetch(), deleted);
+  host_->declined = {first, second};
+  reported.emplace_back("fetched");
+  EXPECT_EQ(fetch(), reported);
+}
+
+TEST_F(LocalCalendar, SavesOnce) {
+  const auto changed = newEvent("Tea");
+  changed->setAlarms({{-600}});
+  ASSERT_TRUE(store_->saveEvent_span_commit_error(changed, EKSpan::thisEvent, true, nullptr));
+  const auto gone = newEvent("Gone");
+  host_->fill = [](KBTMutableCalObject& writer) {
+    writer.appendKey_stringValue("SUMMARY", "Coffee");
+    writer.appendKey_stringValue("DESCRIPTION", "Hot; black");
+    writer.appendKey_datetimeValue("DTSTART", utc("20240107T090000Z"));
+    writer.appendKey_datetimeValue("DTEND", utc("20240107T093000Z"));
+  };
+  const std::string known = changed->calendarItemExternalIdentifier();
+  local_->setObjects({Item::make(known)});
+  local_->updateObject(Item::make(known));
+  local_->insertObject(Item::make("new"));
+  local_->deleteObject(Item::make(gone->calendarItemExternalIdentifier()));
+  local_->deleteObject(Item::make("nobody"));
+  bool wasSaving = false;
+  host_->onCallback = [&](const std::string& line) {
+    if (line.starts_with("named")) wasSaving = KBTLocalCalendar::isSavingAnyCalendar();
+  };
+  const auto log = save();
+  ASSERT_THAT(log, ElementsAre(MatchesRegex("named new .+"), "saved"));
+  EXPECT_TRUE(wasSaving);
+  EXPECT_FALSE(KBTLocalCalendar::isSavingAnyCalendar());
+  EXPECT_FALSE(local_->hasPendingChanges());
+
+  const std::string added = log.front().substr(sizeof("named new ") - 1);
+  for (const std::string& identifier : {known, added}) {
+    const auto event = only(identifier);
+    ASSERT_NE(event, nullptr) << identifier;
+    EXPECT_EQ(event->title(), "Coffee");
+    EXPECT_EQ(event->notes(), "Hot; black");
+    EXPECT_EQ(event->startDate(), utc("20240107T090000Z"));
+    EXPECT_EQ(event->endDate(), utc("20240107T093000Z"));
+    EXPECT_FALSE(event->isAllDay());
+    EXPECT_THAT(event->alarms(), IsEmpty());
+    EXPECT_EQ(event->calendar()->calendarIdentifier(), calendar_->calendarIdentifier());
+  }
+  EXPECT_EQ(only(gone->calendarItemExternalIdentifier()), nullptr);
+
+  // From now on it drops every change.
+  EXPECT_TRUE(local_->isSaving());
+  local_->insertObject(Item::make("late"));
+  EXPECT_FALSE(local_->hasPendingChanges());
+}
+
+TEST_F(LocalCalendar, WritesAllDayEvents) {
+  host_->fill = [](KBTMutableCalObject& writer) {
+    writer.appendKey_dateValue("DTSTART", NSDate::initWithICSDateOnlyString("20240105").value());
+    writer.appendKey_dateValue("DTEND", NSDate::initWithICSDateOnlyString("20240106").value());
+  };
+  local_->insertObject(Item::make("holiday"));
+  const auto log = save();
+  const auto event = only(log.front().substr(sizeof("named holiday ") - 1));
+  ASSERT_NE(event, nullptr);
+  EXPECT_TRUE(event->isAllDay());
+  EXPECT_EQ(event->startDate(), NSDate::initWithICSDateOnlyString("20240105"));
+  EXPECT_EQ(event->title(), std::nullopt);
+}
+
+TEST_F(LocalCalendar, WhatCannotBeWrittenIsToldAndTheRestIsSaved) {
+  int asked = 0;
+  host_->fill = [&](KBTMutableCalObject& writer) {
+    if (++asked == 1) return;  // no start
+    writer.appendKey_datetimeValue("DTSTART", utc("20240107T090000Z"));
+    writer.appendKey_datetimeValue("DTEND", utc("20240107T093000Z"));
+  };
+  local_->insertObject(Item::make("a"));
+  local_->insertObject(Item::make("b"));
+  local_->updateObject(Item::make("stranger"));  // nothing is known to write
+  EXPECT_THAT(save(),
+              ElementsAre(MatchesRegex("named a .+"), "failed a EKErrorDomain 2",
+                          MatchesRegex("named b .+"), "failed document EKErrorDomain 2", "saved"));
+}
+
+// An occurrence has no item of its own: its update is a new event, its deletion nothing.
+TEST_F(LocalCalendar, OccurrencesCannotBeChangedByName) {
+  const auto series = newEvent("Daily", "FREQ=DAILY;COUNT=3");
+  const std::string name = series->calendarItemExternalIdentifier() + ":2024-01-06 09:00:00 +0000";
+  host_->fill = [](KBTMutableCalObject& writer) {
+    writer.appendKey_datetimeValue("DTSTART", utc("20240120T090000Z"));
+  };
+  local_->setObjects({Item::make(name)});
+  local_->updateObject(Item::make(name));
+  local_->deleteObject(Item::make(name));
+  EXPECT_THAT(save(), ElementsAre(MatchesRegex("named .+"), "saved"));
+  local_ = open();
+  host_->objects.clear();
+  fetch();
+  EXPECT_THAT(host_->objects, SizeIs(4));  // three occurrences and the new event
+}
+
+TEST_F(LocalCalendar, TheListOfCalendarsIsObserved) {
+  const std::size_t before = KBTLocalCalendar::localCalendars().size();
+  int announced = 0;
+  const auto observation =
+      KBTLocalCalendar::observeKey_changeHandler("localCalendars", [&] { ++announced; });
+  const auto another = EKCalendar::calendar();
+  another->setTitle("Another");
+  ASSERT_TRUE(store_->saveCalendar_commit_error(another, true, nullptr));
+  EXPECT_TRUE(runUntil([&] { return KBTLocalCalendar::localCalendars().size() == before + 1; }));
+  EXPECT_GT(announced, 0);
+}
+
+TEST_F(LocalCalendar, FoldersOfContainersAreAnnouncedOnceMore) {
+  const char* const name = "com.apple.CalendarStore.CalDistributedEventsChangedNotification";
+  auto& center = NSDistributedNotificationCenter::defaultCenter();
+  std::vector<std::string> folders;
+  const auto observation = center.addObserverForName_object_usingBlock(
+      name, std::nullopt, [&](const NSDistributedNotification& notification) {
+        const auto& value = notification.userInfo.at("CalCalendarsDirectoryKey");
+        folders.push_back(std::get<std::string>(value));
+      });
+  const auto post = [&](const char* folder) {
+    center.postNotificationName_object_userInfo(name, "sender",
+                                                {{"CalCalendarsDirectoryKey", folder}});
+  };
+  post("/Users/u/Library/Calendars");
+  post("/Users/u/Library/Containers/app/Data/Containers/Calendars");
+  EXPECT_TRUE(runUntil([&] { return folders.size() >= 3; }));
+  runUntil([turns = 0]() mutable { return ++turns > 20; });
+  EXPECT_THAT(folders, ElementsAre("/Users/u/Library/Calendars",
+                                   "/Users/u/Library/Containers/app/Data/Containers/Calendars",
+                                   "/Users/u/Library/Calendars"));
+}
+
+TEST_F(LocalCalendar, ReadersShowEightLines) {
+  const auto event = newEvent("Tea");
+  const auto reader = KBTCalEventCalObject::initWithEKEvent(event);
+  for (int round = 0; round < 2; ++round) {
+    EXPECT_TRUE(reader->isAtEnd());
+    std::vector<std::string> lines;
+    while (reader->nextLine()) {
+      EXPECT_FALSE(reader->isAtEnd());
+      bool isFullDay = true;
+      const auto date = reader->valueAsDateIsFullDay(isFullDay);
+      lines.push_back(std::string(*reader->key()) + ":" +
+                      std::string(reader->value().value_or("(null)")) +
+                      (date ? " " + date->icsDateString() : "") + (isFullDay ? " -" : ""));
+      EXPECT_EQ(reader->valueForModifier("VALUE"), std::nullopt);
+      EXPECT_THAT(reader->modifiers(), IsEmpty());
+    }
+    EXPECT_FALSE(reader->nextLine());
+    EXPECT_EQ(reader->key(), std::nullopt);
+    EXPECT_EQ(reader->value(), std::nullopt);
+    const std::string stamp = version(*event);
+    std::string dtstamp = "DTSTAMP:";
+    dtstamp.append(stamp).append(" ").append(stamp);
+    EXPECT_THAT(lines, ElementsAre("BEGIN:VEVENT -", "DTSTART:20240105T090000Z 20240105T090000Z",
+                                   "DTEND:20240105T100000Z 20240105T100000Z", dtstamp,
+                                   "UID:" + calendar_->calendarIdentifier() + " -", "SUMMARY:Tea -",
+                                   "DESCRIPTION: -", "END:VEVENT -"));
+    reader->reset();
+  }
+  EXPECT_EQ(reader->icsData().length(), 0U);
+  event->setAllDay(true);  // readers show the event as it is now
+  bool isFullDay = false;
+  reader->nextLine();
+  reader->nextLine();
+  EXPECT_TRUE(reader->valueAsDateIsFullDay(isFullDay).has_value());
+  EXPECT_TRUE(isFullDay);
+}
+
+}  // namespace
+}  // namespace quillmere

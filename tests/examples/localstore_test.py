@@ -1,0 +1,162 @@
+"""Runs the localstore example on databases of its own.
+
+Usage: localstore_test.py LOCALSTORE
+"""
+
+import os
+import sqlite3
+import subprocess
+import sys
+import tempfile
+import unittest
+from contextlib import closing
+from pathlib import Path
+
+LOCALSTORE = os.path.abspath(sys.argv[1])
+DAY = 24 * 60 * 60 * 10**6  # in microseconds
+
+
+class LocalStoreTest(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.database = Path(folder.name) / "quillmere" / "events.sqlite"
+        self.environment = {**os.environ, "XDG_DATA_HOME": folder.name, "TZ": "Europe/Berlin",
+                            "EKEventStoreBackend": "sqlite"}
+        self.work = self.run_it("create-calendar", "Work").split()[1]
+
+    def run_it(self, *arguments, status=0, says="", **environment):
+        result = subprocess.run([LOCALSTORE, *arguments], capture_output=True, text=True,
+                                timeout=60, env={**self.environment, **environment})
+        self.assertEqual(result.returncode, status, result)
+        self.assertIn(says, result.stderr)
+        return result.stdout
+
+    def add(self, *options, calendar="Work"):
+        return self.run_it("add", calendar, *options).split()[1]
+
+    def tea(self, calendar="Work"):
+        return self.add("--title", "Tea", "--start", "2026-05-07T15:00", "--end",
+                        "2026-05-07T15:45", "--notes", "Café; \\ 1,2\nupstairs", calendar=calendar)
+
+    def change(self, name, *options, **expected):
+        self.assertEqual(self.run_it("change", "Work", name, *options, **expected),
+                         "" if expected else f"changed {name}\n")
+
+    def list(self, start="2026-01-01", days="365", calendar="Work"):
+        """Name, start, end, title and notes of each event."""
+        lines = self.run_it("list", calendar, "--from", start, "--days", days).splitlines()
+        return [line.split("\t") for line in lines]
+
+    def execute(self, statement, *values):
+        """What another program may have stored."""
+        with closing(sqlite3.connect(self.database)) as database, database:
+            database.execute(statement, values)
+
+    def test_events_come_and_go(self):
+        name = self.tea()
+        notes = "Café; \\ 1,2 upstairs"
+        self.assertEqual(self.list(),
+                         [[name, "2026-05-07T15:00", "2026-05-07T15:45", "Tea", notes]])
+        self.change(name, "--title", "Coffee")
+        self.change(name, "--start", "2026-05-08T09:30")
+        self.assertEqual(self.list(calendar=self.work),
+                         [[name, "2026-05-08T09:30", "2026-05-08T10:15", "Coffee", notes]])
+        self.change(name, "--notes", "", "--end", "2026-05-08T11:00")
+        self.assertEqual(self.list("2026-05-08", "1"),
+                         [[name, "2026-05-08T09:30", "2026-05-08T11:00", "Coffee", ""]])
+        self.assertEqual(self.list("2026-05-07", "1"), [])
+        self.assertEqual(self.run_it("remove", "Work", name), f"removed {name}\n")
+        self.assertEqual(self.list(), [])
+
+    def test_whole_days(self):
+        name = self.add("--title", "Trip", "--start", "2026-03-27", "--end", "2026-03-29")
+        steps = [
+            ([], "2026-03-27", "2026-03-29"),
+            (["--title", "Walk"], "2026-03-27", "2026-03-29"),
+            (["--start", "2026-10-24"], "2026-10-24", "2026-10-26"),  # which last an hour longer
+            (["--end", "2026-10-24"], "2026-10-24", "2026-10-24"),
+            (["--start", "2026-10-24T10:00", "--end", "2026-10-24T11:00"],
+             "2026-10-24T10:00", "2026-10-24T11:00"),
+            (["--all-day"], "2026-10-24", "2026-10-24"),
+        ]
+        for options, start, end in steps:
+            with self.subTest(options):
+                if options:
+                    self.change(name, *options)
+                self.assertEqual([line[:3] for line in self.list()], [[name, start, end]])
+        self.change(name, "--end", "2026-10-23", status=1, says="end before it starts")
+
+    def test_repeating_events(self):
+        name = self.tea()
+        self.execute("UPDATE events SET rule = 'FREQ=DAILY;COUNT=3', last = last + ?, width = 38",
+                     2 * DAY)
+        occurrences = [f"{name}:2026-05-0{day} 13:00:00 +0000" for day in (7, 8, 9)]
+        self.assertEqual([line[0] for line in self.list()], occurrences)
+        self.run_it("remove", "Work", occurrences[1])
+        self.change(occurrences[2], "--title", "x", status=1, says="cannot be changed alone")
+        self.change(name, "--title", "Coffee")
+        self.assertEqual([(line[0], line[3]) for line in self.list()],
+                         [(occurrences[0], "Coffee"), (occurrences[2], "Coffee")])
+        self.run_it("remove", "Work", name)
+        self.assertEqual(self.list(), [])
+
+    def test_what_would_do_harm_is_refused(self):
+        name = self.tea()
+        self.run_it("create-calendar", "Home")
+        self.run_it("remove", "Home", name, status=1, says="no event")
+        self.run_it("change", "Home", name, "--title", "x", status=1, says="no event")
+        self.execute("UPDATE events SET alarms = '-600'")
+        self.change(name, "--title", "x", status=1, says="has alarms")
+        other = self.tea("Home")
+        self.execute("UPDATE events SET identifier = ? WHERE identifier = ?", name, other)
+        self.execute("UPDATE events SET alarms = ''")
+        self.change(name, "--title", "x", status=1, says="other calendars")
+        self.run_it("remove", "Home", name)
+        self.assertEqual([line[3] for line in self.list()], ["Tea"])
+
+    def test_failures(self):
+        self.run_it("list", "Nowhere", status=1, says='no calendar "Nowhere"')
+        self.run_it("calendars", status=1, says="refused", EKEventStoreAccess="denied")
+        self.run_it("create-calendar", "Work")
+        self.run_it("list", "Work", status=1, says="several")
+        self.database.write_text("this is no database" * 100)
+        self.run_it("calendars", "--backend", "sqlite", status=1, says="EKErrorDomain",
+                    EKEventStoreBackend="evolution")
+
+    def test_usage(self):
+        title, start = ["--title", "x"], ["--start", "2026-05-07"]
+        table = [
+            [], ["unknown"], ["list"], ["list", ""], ["remove", "Work"], ["calendars", "Work"],
+            ["calendars", *title], ["list", "Work", *title], ["add", "Work", *title],
+            ["add", "Work", *start], ["change", "Work", "x"], ["add", "Work", *title, "--start"],
+            ["add", "Work", *title, "--start", "2026-02-30"],
+            ["add", "Work", *title, "--start", "2026-05-07T25:00"],
+            ["add", "Work", *title, *start, "--end", "2026-05-07T15:00"],
+            ["list", "Work", "--from", "2026-05-07T15:00"], ["list", "Work", "--days", "0"],
+            ["watch", "--seconds", "soon"], ["calendars", "--backend", "paper"],
+        ]
+        for arguments in table:
+            with self.subTest(arguments):
+                self.run_it(*arguments, status=2, says="--help tells more")
+        self.assertIn("create-calendar", self.run_it("--help"))
+
+    def test_watch_sees_what_others_change(self):
+        changed = "the store has changed\n"
+        with subprocess.Popen([LOCALSTORE, "watch", "--seconds", "60"], stdout=subprocess.PIPE, text=True,
+                              env=self.environment) as watch:
+            try:
+                self.assertEqual(watch.stdout.readline(), "watching: Work\n")
+                self.tea()
+                self.assertEqual(watch.stdout.readline(), changed)
+                self.run_it("create-calendar", "Home")
+                while (line := watch.stdout.readline()) == changed:
+                    pass
+                self.assertEqual(line, "calendars: Home, Work\n")
+            finally:
+                watch.kill()
+        self.assertEqual(self.run_it("watch", "--seconds", "1"), "watching: Home, Work\n")
+
+
+if __name__ == "__main__":
+    unittest.main(argv=sys.argv[:1])

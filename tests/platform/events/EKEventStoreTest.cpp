@@ -1,0 +1,471 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <quillmere/platform/base/HWPreference.h>
+#include <quillmere/platform/events/EKEventStore.h>
+#include <quillmere/platform/notifications/NSNotificationCenter.h>
+
+#include <random>
+
+#include "tests/platform/events/EventHost.h"
+#include "tests/support/ScopedTimeZone.h"
+
+namespace quillmere {
+namespace {
+
+using ::testing::ElementsAre, ::testing::IsEmpty, ::testing::SizeIs;
+using testing::Event, testing::EventHost, testing::Events, testing::runUntil,
+    testing::ScopedTimeZone, testing::utc, testing::zone;
+
+const NSDate january = utc("20240101T000000Z");
+const NSDate february = utc("20240201T000000Z");
+
+// A daily series of an hour at 9 o'clock UTC, from 1 January 2024 on.
+Event dailySeries(const EventHost& host, const std::string& rule) {
+  Event event = host.newEvent("daily", utc("20240101T090000Z"), utc("20240101T100000Z"));
+  event->setRecurrenceRule(rule);
+  EXPECT_EQ(host.save(event), nullptr);
+  return event;
+}
+
+TEST(EventStore, KeepsEveryFieldOfAnEvent) {
+  const EventHost host;
+  constexpr std::size_t longLength = 10'000'000;
+  std::string longText;
+  longText.resize(longLength, 'x');
+  std::vector<std::optional<std::string>> texts = {std::nullopt, "a", "\xc3\xa9;,\\\n\"b",
+                                                   longText};
+  // What iCalendar, in which Evolution keeps events, cannot tell apart or say.
+  if (!EventHost::usesEvolution()) {
+    texts.insert(texts.end(), {"", std::string("a\0b", 3), "\r\n\t\xff"});
+  }
+  for (const auto& text : texts) {
+    const Event event = host.newEvent(text, utc("20240105T090000Z"), utc("20240105T100000Z"));
+    event->setNotes(text);
+    event->setAlarms({{-600}, {0}, {-86400}});
+    const std::string identifier = event->calendarItemExternalIdentifier();
+    const NSDate before = NSDate::date().dateByAddingSeconds(-1);  // Evolution counts whole seconds
+    ASSERT_EQ(host.save(event), nullptr);
+
+    const Events items = host.store->calendarItemsWithExternalIdentifier(identifier);
+    ASSERT_THAT(items, SizeIs(1));
+    const EKEvent& item = *items[0];
+    EXPECT_EQ(item.title(), text);
+    EXPECT_EQ(item.notes(), text);
+    EXPECT_EQ(item.calendarItemExternalIdentifier(), identifier);
+    EXPECT_EQ(item.calendar()->calendarIdentifier(), host.calendar->calendarIdentifier());
+    EXPECT_EQ(item.startDate(), utc("20240105T090000Z"));
+    EXPECT_EQ(item.endDate(), utc("20240105T100000Z"));
+    EXPECT_EQ(item.occurrenceDate(), item.startDate());
+    EXPECT_EQ(item.timeZone(), zone("UTC"));
+    EXPECT_FALSE(item.isAllDay() || item.hasRecurrenceRules() || item.isDetached());
+    EXPECT_THAT(item.alarms(), ElementsAre(EKAlarm{-600}, EKAlarm{0}, EKAlarm{-86400}));
+    EXPECT_GE(item.lastModifiedDate(), before);
+    EXPECT_EQ(item.lastModifiedDate(), event->lastModifiedDate());
+  }
+}
+
+TEST(EventStore, FindsWhatReachesIntoARange) {
+  struct Case {
+    const char* start;
+    const char* end;
+    bool isFound;
+  };
+  const Case cases[] = {
+      {"20231231T230000Z", "20240101T000000Z", false},  // ends as the range begins
+      {"20231231T230000Z", "20240101T000001Z", true},
+      {"20240101T000000Z", "20240101T000000Z", true},  // without length, at the beginning
+      {"20240131T235959Z", "20240301T000000Z", true},
+      {"20240201T000000Z", "20240201T010000Z", false},  // begins as the range ends
+      {"19000101T000000Z", "21000101T000000Z", true},   // reaches over it
+      {"00010102T000000Z", "99991231T000000Z", true},
+      {"00010102T000000Z", "00010103T000000Z", false},
+      {"20240110T000000Z", "20240111T000000Z", true},
+  };
+  for (const Case& c : cases) {
+    const EventHost host;
+    ASSERT_EQ(host.save(host.newEvent("a", utc(c.start), utc(c.end))), nullptr);
+    EXPECT_THAT(host.events(january, february), SizeIs(c.isFound ? 1 : 0)) << c.start;
+    EXPECT_THAT(host.events(february, january), IsEmpty());
+    EXPECT_THAT(host.events(january, january), IsEmpty());
+  }
+}
+
+// The index against a scan: every length, from none to centuries.
+TEST(EventStore, FindsTheSameAsALookAtEveryEvent) {
+  const EventHost host;
+  std::mt19937_64 random(7);
+  const auto seconds = [&](int bits) {
+    return static_cast<std::int64_t>(random() & ((std::uint64_t{1} << bits) - 1));
+  };
+  struct Span {
+    NSDate start, end;
+  };
+  std::vector<Span> spans;
+  for (int i = 0; i < 600; ++i) {
+    const NSDate start = january.dateByAddingSeconds(-seconds(26)).dateByAddingSeconds(seconds(26));
+    const NSDate end = start.dateByAddingSeconds(seconds(i % 33));
+    spans.push_back({start, end});
+    ASSERT_EQ(host.save(host.newEvent(std::nullopt, start, end)), nullptr);
+  }
+  for (int i = 0; i < 60; ++i) {
+    const NSDate from = spans[static_cast<std::size_t>(i)].end;
+    const NSDate to = from.dateByAddingSeconds(seconds(i % 27) + 1);
+    const auto expected = std::count_if(spans.begin(), spans.end(), [&](const Span& span) {
+      return span.start < to && (span.end > from || span.start == from);
+    });
+    EXPECT_EQ(host.events(from, to).size(), static_cast<std::size_t>(expected));
+  }
+}
+
+TEST(EventStore, RefusesWhatCannotBeStored) {
+  const EventHost host;
+  struct Case {
+    const char* what;
+    std::function<void(EKEvent&)> change;
+    EKErrorCode code;
+  };
+  const Case cases[] = {
+      {"no calendar", [](EKEvent& e) { e.setCalendar(nullptr); }, EKErrorNoCalendar},
+      {"an unknown one", [](EKEvent& e) { e.setCalendar(EKCalendar::calendar()); },
+       EKErrorNoCalendar},
+      {"no start", [](EKEvent& e) { e.setStartDate(std::nullopt); }, EKErrorNoStartDate},
+      {"end first", [](EKEvent& e) { e.setEndDate(january); }, EKErrorDatesInverted},
+      {"too late", [](EKEvent& e) { e.setEndDate(NSDate::dateWithTimeIntervalSince1970(1e300)); },
+       EKErrorStartDateTooFarInFuture},
+      {"too early",
+       [](EKEvent& e) { e.setStartDate(NSDate::dateWithTimeIntervalSince1970(-1e300)); },
+       EKErrorStartDateTooFarInFuture},
+      {"no rule", [](EKEvent& e) { e.setRecurrenceRule("FREQ=SOMETIMES"); },
+       EKErrorInternalFailure},
+      {"an endless search", [](EKEvent& e) { e.setRecurrenceRule("FREQ=SECONDLY;BYMONTHDAY=30"); },
+       EKErrorInternalFailure},
+  };
+  for (const Case& c : cases) {
+    const Event event = host.newEvent("a", utc("20240105T090000Z"), utc("20240105T100000Z"));
+    c.change(*event);
+    const NSErrorPtr error = host.save(event);
+    ASSERT_NE(error, nullptr) << c.what;
+    EXPECT_EQ(error->domain(), EKErrorDomain);
+    EXPECT_EQ(error->code(), c.code) << c.what;
+    EXPECT_EQ(event->lastModifiedDate(), std::nullopt) << c.what;
+    EXPECT_NE(host.remove(event), nullptr) << "it was never saved";
+  }
+  EXPECT_THAT(host.events(january, february), IsEmpty());
+
+  const EventHost other;
+  const Event event = host.newEvent("a", january, january);
+  EXPECT_EQ(other.save(event)->code(), EKErrorObjectBelongsToDifferentStore);
+}
+
+TEST(EventStore, GivesAnEventWithoutEndOne) {
+  const ScopedTimeZone here("Europe/Paris");
+  for (const bool isAllDay : {false, true}) {
+    const EventHost host;
+    const Event event = host.newEvent("a", utc("20240105T090000Z"), january);
+    event->setEndDate(std::nullopt);
+    event->setAllDay(isAllDay);
+    ASSERT_EQ(host.save(event), nullptr);
+    EXPECT_THAT(host.listing(january, february),
+                ElementsAre(isAllDay ? "20240104T230000Z-20240105T230000Z a"
+                                     : "20240105T090000Z-20240105T090000Z a"));
+    EXPECT_EQ(event->endDate(), host.events(january, february)[0]->endDate());
+  }
+}
+
+TEST(EventStore, KeepsWhatTimesMeanInOtherZones) {
+  struct Case {
+    const char* what;
+    bool isAllDay;
+    std::optional<const char*> zone;
+    const char* inParis;    // as it was saved
+    const char* inNewYork;  // as it is read
+  };
+  const Case cases[] = {
+      {"zoned", false, "Europe/Paris", "20240705T070000Z-20240705T080000Z a",
+       "20240705T070000Z-20240705T080000Z a"},
+      {"floating", false, std::nullopt, "20240705T070000Z-20240705T080000Z a",
+       "20240705T130000Z-20240705T140000Z a"},
+      {"all day", true, std::nullopt, "20240704T220000Z-20240705T220000Z a",
+       "20240705T040000Z-20240706T040000Z a"},
+  };
+  for (const Case& c : cases) {
+    const EventHost host;
+    {
+      const ScopedTimeZone here("Europe/Paris");
+      const Event event = host.newEvent("a", utc("20240705T070000Z"), utc("20240705T080000Z"));
+      event->setTimeZone(c.zone ? std::optional(zone(*c.zone)) : std::nullopt);
+      event->setAllDay(c.isAllDay);
+      ASSERT_EQ(host.save(event), nullptr);
+      EXPECT_THAT(host.listing(january, utc("20250101T000000Z")), ElementsAre(c.inParis));
+    }
+    const ScopedTimeZone there("America/New_York");
+    EXPECT_THAT(host.listing(january, utc("20250101T000000Z")), ElementsAre(c.inNewYork)) << c.what;
+    EXPECT_EQ(host.events(january, utc("20250101T000000Z"))[0]->isAllDay(), c.isAllDay);
+  }
+}
+
+TEST(EventStore, ExpandsARecurringEventInItsOwnZone) {
+  const ScopedTimeZone here("America/New_York");
+  const EventHost host;
+  const Event event = host.newEvent("a", utc("20240328T080000Z"), utc("20240328T083000Z"));
+  event->setTimeZone(zone("Europe/Paris"));
+  event->setRecurrenceRule("FREQ=DAILY;BYDAY=MO,TH,FR,SA,SU;UNTIL=20240401T070000Z");
+  event->setExceptionDates({utc("20240330T080000Z")});
+  ASSERT_EQ(host.save(event), nullptr);
+  // The clock in Paris goes forward on 31 March; the rule ends with the one at 7 o'clock UTC.
+  EXPECT_THAT(
+      host.listing(utc("20240101T000000Z"), utc("20250101T000000Z")),
+      ElementsAre("20240328T080000Z-20240328T083000Z a", "20240329T080000Z-20240329T083000Z a",
+                  "20240331T070000Z-20240331T073000Z a", "20240401T070000Z-20240401T073000Z a"));
+  // It reaches into a range that begins within an occurrence, and is not found before or after it.
+  EXPECT_THAT(host.listing(utc("20240331T072900Z"), utc("20240331T080000Z")), SizeIs(1));
+  EXPECT_THAT(host.listing(utc("20240401T073000Z"), utc("20250101T000000Z")), IsEmpty());
+  EXPECT_THAT(host.listing(utc("20230101T000000Z"), utc("20240328T080000Z")), IsEmpty());
+  for (const Event& occurrence : host.events(january, utc("20250101T000000Z"))) {
+    EXPECT_EQ(occurrence->calendarItemExternalIdentifier(),
+              event->calendarItemExternalIdentifier());
+    EXPECT_TRUE(occurrence->hasRecurrenceRules());
+    EXPECT_EQ(occurrence->occurrenceDate(), occurrence->startDate());
+  }
+  const Events items =
+      host.store->calendarItemsWithExternalIdentifier(event->calendarItemExternalIdentifier());
+  ASSERT_THAT(items, SizeIs(1));
+  EXPECT_EQ(items[0]->startDate(), utc("20240328T080000Z"));
+  EXPECT_THAT(items[0]->exceptionDates(), ElementsAre(utc("20240330T080000Z")));
+}
+
+// Whether a window is looked at alone or cut from the whole, the occurrences are the same.
+TEST(EventStore, ExpandsAnyWindowAlike) {
+  const char* rules[] = {"FREQ=DAILY;INTERVAL=3",
+                         "FREQ=WEEKLY;INTERVAL=2;BYDAY=TU,SA;WKST=SU",
+                         "FREQ=MONTHLY;BYMONTHDAY=-1",
+                         "FREQ=MONTHLY;INTERVAL=5;BYDAY=2MO",
+                         "FREQ=YEARLY;BYMONTH=3,11",
+                         "FREQ=DAILY;INTERVAL=17;COUNT=90",
+                         "FREQ=HOURLY;INTERVAL=50",
+                         "FREQ=YEARLY;BYDAY=20MO;UNTIL=20300101",
+                         "FREQ=MONTHLY;BYDAY=MO,TU,WE,TH,FR;BYSETPOS=-1",
+                         "FREQ=YEARLY;INTERVAL=2;BYWEEKNO=20"};
+  for (const char* rule : rules) {
+    const EventHost host;
+    dailySeries(host, rule);
+    std::vector<std::string> cut;
+    for (int year = 2023; year < 2034; ++year) {
+      const std::string from = std::to_string(year) + "0217T043000Z";
+      const std::string to = std::to_string(year + 1) + "0217T043000Z";
+      for (const auto& line : host.listing(utc(from), utc(to))) cut.push_back(line);
+    }
+    const auto whole = host.listing(utc("20230217T043000Z"), utc("20340217T043000Z"));
+    EXPECT_GE(whole.size(), 5U) << rule;
+    EXPECT_EQ(cut, whole) << rule;
+  }
+}
+
+TEST(EventStore, ChangesOneOccurrenceAlone) {
+  const EventHost host;
+  dailySeries(host, "FREQ=DAILY;COUNT=3");
+  const auto second = [&] { return host.events(january, february)[1]; };
+  Event event = second();
+  event->setTitle("moved");
+  event->setStartDate(utc("20240110T090000Z"));
+  event->setEndDate(utc("20240110T093000Z"));
+  ASSERT_EQ(host.save(event), nullptr);
+  const auto expected = ElementsAre(
+      "20240101T090000Z-20240101T100000Z daily", "20240103T090000Z-20240103T100000Z daily",
+      "20240110T090000Z-20240110T093000Z moved (was 20240102T090000Z)");
+  EXPECT_THAT(host.listing(january, february), expected);
+
+  // It stays where it is when it is saved again, and is still of the series.
+  event = host.events(january, february)[2];
+  EXPECT_TRUE(event->isDetached() && event->hasRecurrenceRules());
+  event->setNotes("notes");
+  ASSERT_EQ(host.save(event), nullptr);
+  EXPECT_THAT(host.listing(january, february), expected);
+  EXPECT_EQ(host.events(january, february)[2]->notes(), "notes");
+  EXPECT_THAT(
+      host.store->calendarItemsWithExternalIdentifier(event->calendarItemExternalIdentifier()),
+      SizeIs(1));
+
+  event->setRecurrenceRule("FREQ=YEARLY");
+  EXPECT_EQ(host.save(event)->code(), EKErrorInvalidSpan);
+
+  EXPECT_EQ(host.remove(host.events(january, february)[2]), nullptr);
+  EXPECT_THAT(host.listing(january, february),
+              ElementsAre("20240101T090000Z-20240101T100000Z daily",
+                          "20240103T090000Z-20240103T100000Z daily"));
+}
+
+TEST(EventStore, ChangesASeriesFromAnOccurrenceOn) {
+  struct Case {
+    std::size_t changed;  // which occurrence
+    std::vector<std::string> expected;
+    bool isNewSeries;
+  };
+  const std::string third = "20240103T090000Z-20240103T100000Z daily";
+  // The second occurrence is left out, the fourth was moved; both follow.
+  const Case cases[] = {
+      {0,
+       {"20240102T103000Z-20240102T123000Z new", "20240104T103000Z-20240104T123000Z new",
+        "20240120T090000Z-20240120T100000Z moved (was 20240105T103000Z)"},
+       false},
+      {1,
+       {"20240101T090000Z-20240101T100000Z daily", "20240104T103000Z-20240104T123000Z new",
+        "20240120T090000Z-20240120T100000Z moved (was 20240105T103000Z)"},
+       true},
+  };
+  for (const Case& c : cases) {
+    const EventHost host;
+    const std::string identifier =
+        dailySeries(host, "FREQ=DAILY;COUNT=4")->calendarItemExternalIdentifier();
+    Events events = host.events(january, february);
+    ASSERT_EQ(host.remove(events[1]), nullptr);
+    events[3]->setTitle("moved");
+    events[3]->setStartDate(utc("20240120T090000Z"));
+    events[3]->setEndDate(utc("20240120T100000Z"));
+    ASSERT_EQ(host.save(events[3]), nullptr);
+
+    events = host.events(january, february);
+    const Event event = events[c.changed];
+    event->setTitle("new");
+    const auto later = [](NSDate date, std::int64_t seconds) {
+      return date.dateByAddingSeconds(seconds);
+    };
+    event->setStartDate(later(*event->startDate(), 25 * 3600 + 1800));
+    event->setEndDate(later(*event->endDate(), 26 * 3600 + 1800));
+    ASSERT_EQ(host.save(event, EKSpan::futureEvents), nullptr);
+    EXPECT_EQ(host.listing(january, february), c.expected);
+    EXPECT_EQ(event->calendarItemExternalIdentifier() != identifier, c.isNewSeries);
+    EXPECT_EQ(event->startDate(), later(*event->occurrenceDate(), 0));
+  }
+}
+
+TEST(EventStore, RemovesOccurrencesAndTheSeriesWithTheLast) {
+  const EventHost host;
+  dailySeries(host, "FREQ=DAILY;COUNT=5");
+  Events events = host.events(january, february);
+  ASSERT_EQ(host.remove(events[3], EKSpan::futureEvents), nullptr);
+  ASSERT_EQ(host.remove(events[1]), nullptr);
+  EXPECT_THAT(host.listing(january, february),
+              ElementsAre("20240101T090000Z-20240101T100000Z daily",
+                          "20240103T090000Z-20240103T100000Z daily"));
+  // The item found by its identifier is the first that is left.
+  const auto item = [&] {
+    return host.store->calendarItemsWithExternalIdentifier(
+        events[0]->calendarItemExternalIdentifier());
+  };
+  ASSERT_EQ(host.remove(item()[0]), nullptr);
+  EXPECT_EQ(item()[0]->startDate(), utc("20240103T090000Z"));
+  ASSERT_EQ(host.remove(item()[0]), nullptr);
+  EXPECT_THAT(item(), IsEmpty());
+  EXPECT_NE(host.remove(events[0]), nullptr);
+  EXPECT_NE(host.save(events[0]), nullptr);
+}
+
+TEST(EventStore, MakesAnEventRecurringAndSingleAgain) {
+  const EventHost host;
+  const Event event = host.newEvent("a", utc("20240105T090000Z"), utc("20240105T100000Z"));
+  ASSERT_EQ(host.save(event), nullptr);
+  event->setRecurrenceRule("FREQ=WEEKLY");
+  ASSERT_EQ(host.save(event), nullptr);
+  EXPECT_THAT(host.events(january, february), SizeIs(4));
+  event->setRecurrenceRule(std::nullopt);
+  ASSERT_EQ(host.save(event, EKSpan::futureEvents), nullptr);
+  EXPECT_THAT(host.events(january, february), SizeIs(1));
+  EXPECT_THAT(host.events(february, utc("20300101T000000Z")), IsEmpty());
+}
+
+TEST(EventStore, KeepsWhatAnotherHasChangedMeanwhile) {
+  const EventHost host;
+  const Event mine = host.newEvent("old", utc("20240105T090000Z"), utc("20240105T100000Z"));
+  ASSERT_EQ(host.save(mine), nullptr);
+  const Event theirs = host.events(january, february)[0];
+  theirs->setNotes("theirs");
+  theirs->setStartDate(utc("20240105T080000Z"));
+  ASSERT_EQ(host.save(theirs), nullptr);
+  mine->setTitle("mine");
+  ASSERT_EQ(host.save(mine), nullptr);
+  EXPECT_THAT(host.listing(january, february),
+              ElementsAre("20240105T080000Z-20240105T100000Z mine"));
+  EXPECT_EQ(mine->notes(), "theirs");
+}
+
+TEST(EventStore, HasCalendarsWithTheirEvents) {
+  const EventHost host;
+  const std::size_t before = host.store->calendarsForEntityType(EKEntityType::event).size();
+  const auto other = EKCalendar::calendar();
+  other->setTitle("other");
+  ASSERT_TRUE(host.store->saveCalendar_commit_error(other, true, nullptr));
+  other->setTitle("another");
+  ASSERT_TRUE(host.store->saveCalendar_commit_error(other, true, nullptr));
+  EXPECT_EQ(host.store->calendarsForEntityType(EKEntityType::event).size(), before + 1);
+  EXPECT_THAT(host.store->calendarsForEntityType(EKEntityType::reminder), IsEmpty());
+  const std::string identifier = other->calendarIdentifier();
+  EXPECT_EQ(host.store->calendarWithIdentifier(identifier)->title(), "another");
+  EXPECT_EQ(host.store->calendarWithIdentifier("unknown"), nullptr);
+
+  const Event event = host.newEvent("a", january, january);
+  ASSERT_EQ(host.save(event), nullptr);
+  event->setCalendar(other);
+  ASSERT_EQ(host.save(event), nullptr);
+  EXPECT_THAT(host.events(january, february), IsEmpty());
+  const auto all = host.store->predicateForEventsWithStartDate_endDate_calendars(january, february,
+                                                                                 std::nullopt);
+  const Events found = host.store->eventsMatchingPredicate(all);
+  EXPECT_EQ(std::count_if(found.begin(), found.end(),
+                          [&](const Event& each) {
+                            return each->calendarItemExternalIdentifier() ==
+                                   event->calendarItemExternalIdentifier();
+                          }),
+            1);
+  ASSERT_TRUE(host.store->removeCalendar_commit_error(other, true, nullptr));
+  EXPECT_THAT(
+      host.store->calendarItemsWithExternalIdentifier(event->calendarItemExternalIdentifier()),
+      IsEmpty());
+  NSErrorPtr error;
+  EXPECT_FALSE(host.store->removeCalendar_commit_error(other, true, &error));
+  EXPECT_EQ(error->code(), EKErrorNoCalendar);
+}
+
+TEST(EventStore, AnswersAccessRequestsLater) {
+  for (const bool isDenied : {false, true}) {
+    const auto preference = HWPreference::preferenceForKey("EKEventStoreAccess");
+    if (isDenied) preference->setStringValue("denied");
+    const auto store = EKEventStore::initWithDatabasePath_error(":memory:", nullptr);
+    preference->setStringValue(std::nullopt);
+    std::vector<bool> answers;
+    for (const EKEntityType type : {EKEntityType::event, EKEntityType::reminder}) {
+      store->requestAccessToEntityType_completion(type, [&](bool granted, const NSErrorPtr& error) {
+        EXPECT_EQ(granted, error == nullptr);
+        answers.push_back(granted);
+      });
+    }
+    EXPECT_THAT(answers, IsEmpty());
+    EXPECT_TRUE(runUntil([&] { return answers.size() == 2; }));
+    EXPECT_THAT(answers, ElementsAre(!isDenied, !isDenied));
+    NSErrorPtr error;
+    EXPECT_EQ(store->saveCalendar_commit_error(EKCalendar::calendar(), true, &error), !isDenied);
+    if (!isDenied) continue;
+    EXPECT_EQ(error->code(), EKErrorEventStoreNotAuthorized);
+    EXPECT_THAT(store->calendarsForEntityType(EKEntityType::event), IsEmpty());
+  }
+}
+
+TEST(EventStore, PostsItsOwnChangesTogether) {
+  const EventHost host;
+  const EventHost other;
+  int posted = 0;
+  const auto observation =
+      NSNotificationCenter::defaultCenter().addObserverForName_object_usingBlock(
+          EKEventStoreChangedNotification, host.store, [&](const NSNotification& notification) {
+            EXPECT_EQ(notification.object, host.store);
+            ++posted;
+          });
+  for (int i = 0; i < 5; ++i) host.save(host.newEvent("a", january, january));
+  EXPECT_EQ(posted, 0);
+  EXPECT_TRUE(runUntil([&] { return posted != 0; }));
+  host.remove(host.events(january, february)[0]);
+  EXPECT_TRUE(runUntil([&] { return posted == 2; }));
+}
+
+}  // namespace
+}  // namespace quillmere

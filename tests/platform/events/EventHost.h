@@ -1,0 +1,131 @@
+#ifndef QUILLMERE_TESTS_PLATFORM_EVENTS_EVENTHOST_H
+#define QUILLMERE_TESTS_PLATFORM_EVENTS_EVENTHOST_H
+
+#include <gtest/gtest.h>
+#include <quillmere/platform/events/EKEventStore.h>
+#include <quillmere/platform/loop/NSRunLoop.h>
+
+#include <cstdlib>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace quillmere {
+
+/// Says more than a test's failure would of a pointer.
+inline void PrintTo(const NSErrorPtr& error, std::ostream* out) {
+  if (!error) {
+    *out << "no error";
+    return;
+  }
+  *out << error->localizedDescription();
+  PrintTo(error->underlyingError(), &(*out << " / "));
+}
+
+namespace testing {
+
+using Event = std::shared_ptr<EKEvent>;
+using Events = std::vector<Event>;
+
+/// Of a UTC text such as "20240105T093000Z".
+inline NSDate utc(std::string_view text) { return NSDate::initWithICSDateString(text).value(); }
+
+inline NSTimeZone zone(std::string_view name) { return NSTimeZone::timeZoneWithName(name).value(); }
+
+/// Runs the main run loop until that holds, for ten seconds at most. Whether it does.
+inline bool runUntil(const std::function<bool()>& holds) {
+  const NSDate end = NSDate::date().dateByAddingSeconds(10);
+  while (!holds() && NSDate::date() < end) {
+    NSRunLoop::mainRunLoop().runUntilDate(
+        NSDate::dateWithMicrosecondsSince1970(NSDate::date().microsecondsSince1970() + 2'000));
+  }
+  return holds();
+}
+
+/// A store and a calendar in it. The program's tests run twice: where QUILLMERE_TEST_EVOLUTION is
+/// set, a store without a path of its own is Evolution's, where every host has a new calendar.
+class EventHost {
+ public:
+  static bool usesEvolution() { return std::getenv("QUILLMERE_TEST_EVOLUTION") != nullptr; }
+
+  EventHost() : EventHost(usesEvolution() ? evolutionStore() : storeAt(":memory:")) {
+    calendar->setTitle("test");
+    EXPECT_TRUE(store->saveCalendar_commit_error(calendar, true, nullptr));
+  }
+  explicit EventHost(const std::string& path) : EventHost(storeAt(path)) {
+    const auto calendars = store->calendarsForEntityType(EKEntityType::event);
+    if (!calendars.empty()) calendar = calendars.front();
+    if (calendars.empty()) store->saveCalendar_commit_error(calendar, true, nullptr);
+  }
+
+  /// A new event in UTC, not yet saved.
+  Event newEvent(const std::optional<std::string>& title, NSDate start, NSDate end) const {
+    Event event = EKEvent::eventWithEventStore(store);
+    event->setCalendar(calendar);
+    event->setTitle(title);
+    event->setStartDate(start);
+    event->setEndDate(end);
+    event->setTimeZone(zone("UTC"));
+    return event;
+  }
+
+  /// Null, or the error.
+  NSErrorPtr save(const Event& event, EKSpan span = EKSpan::thisEvent) const {
+    NSErrorPtr error;
+    const bool isSaved = store->saveEvent_span_commit_error(event, span, true, &error);
+    EXPECT_EQ(isSaved, error == nullptr);
+    return error;
+  }
+  NSErrorPtr remove(const Event& event, EKSpan span = EKSpan::thisEvent) const {
+    NSErrorPtr error;
+    store->removeEvent_span_commit_error(event, span, true, &error);
+    return error;
+  }
+
+  Events events(NSDate from, NSDate to) const {
+    NSErrorPtr error;
+    Events found = store->eventsMatchingPredicate(
+        store->predicateForEventsWithStartDate_endDate_calendars(from, to, {{calendar}}), &error);
+    if (error) ADD_FAILURE() << error->localizedDescription();
+    return found;
+  }
+
+  /// "20240105T090000Z-20240105T100000Z title" for each event, and " (was ...)" where it was moved.
+  std::vector<std::string> listing(NSDate from, NSDate to) const {
+    std::vector<std::string> lines;
+    for (const Event& event : events(from, to)) {
+      std::string line = event->startDate()->icsDateString() + "-" +
+                         event->endDate()->icsDateString() + " " +
+                         event->title().value_or("(none)");
+      if (event->occurrenceDate() != event->startDate()) {
+        line += " (was " + event->occurrenceDate()->icsDateString() + ")";
+      }
+      lines.push_back(line);
+    }
+    return lines;
+  }
+
+  std::shared_ptr<EKEventStore> store;
+  std::shared_ptr<EKCalendar> calendar = EKCalendar::calendar();
+
+ private:
+  explicit EventHost(std::shared_ptr<EKEventStore> made) : store(std::move(made)) {}
+
+  static std::shared_ptr<EKEventStore> storeAt(const std::string& path) {
+    NSErrorPtr error;
+    auto store = EKEventStore::initWithDatabasePath_error(path, &error);
+    if (!store) ADD_FAILURE() << error->localizedDescription();
+    return store;
+  }
+  static std::shared_ptr<EKEventStore> evolutionStore() {
+    HWPreference::preferenceForKey("EKEventStoreBackend")->setStringValue("evolution");
+    return EKEventStore::init();
+  }
+};
+
+}  // namespace testing
+}  // namespace quillmere
+
+#endif
