@@ -89,7 +89,7 @@ def run(programs, session):
              if not name.lower().endswith("_proxy")}
     with tempfile.TemporaryDirectory() as folder, servers(expected) as variables:
         environment = plain | variables | {
-            "PATH": f"{programs}:{os.environ['PATH']}", "TZ": "UTC", "LC_ALL": "C.UTF-8",
+            "PATH": f"{os.path.abspath(programs)}:{os.environ['PATH']}", "TZ": "UTC", "LC_ALL": "C.UTF-8",
             "XDG_DATA_HOME": folder, "EKEventStoreBackend": "sqlite"}
         for calendar in CALENDARS.iterdir():
             shutil.copy(calendar, folder)
