@@ -18,43 +18,45 @@
 namespace quillmere {
 
 /// A calendar collection on a CalDAV server (RFC 4791 section 4.2). Every operation returns at once
-/// and has exactly one outcome, which the delegate hears later; operations run one after another in
-/// the order in which they were asked for.
+/// and has exactly one outcome, which the delegate hears later. Operations run one after another,
+/// in the order in which they were asked for.
 ///
-/// A resource's name becomes its address by appending ".ics" and resolving against the collection's
-/// URL, which should end with "/". Nothing in the name is escaped or checked before: blanks and
+/// The address of a resource is its name with ".ics" appended, resolved against the collection's
+/// URL, which should end with "/". Nothing in the name is escaped or checked before. Blanks and
 /// characters beyond ASCII are escaped on the wire, but "/", "?", "#", "%" and a scheme before ":"
-/// mean what they mean in any relative address, so a host that has such names escapes them itself.
+/// mean what they mean in any relative address (RFC 3986): a host escapes them itself.
 class KBTDavConnection : public KBTDavRequestor {
  public:
+  /// A collection at `URL`. `name` and `description` may be null; `principal` may not.
   /// `supportedComponents` is the collection's supported-calendar-component-set (RFC 4791 section
-  /// 5.2.3); with null both events and to-dos are supported. `description` may be null.
+  /// 5.2.3); with null both events and to-dos are supported.
   static std::shared_ptr<KBTDavConnection>
   initWithCalendarName_description_URL_forPrincipal_supportedComponents(
       std::optional<std::string> name, std::optional<std::string> description, const NSURL& URL,
       std::shared_ptr<KBTDavPrincipal> principal,
       const std::optional<HWXMLElement>& supportedComponents);
-  /// The same with null.
+  /// The same without `supportedComponents`.
   static std::shared_ptr<KBTDavConnection> initWithCalendarName_description_URL_forPrincipal(
       std::optional<std::string> name, std::optional<std::string> description, const NSURL& URL,
       std::shared_ptr<KBTDavPrincipal> principal);
-  /// Without a URL there is no collection.
+  /// There is no collection without a URL.
   static std::shared_ptr<KBTDavRequestor> init() = delete;
 
-  /// Keeps the delegate alive for good, also when another is set and when the collection is gone,
-  /// by contract; `KBTDavPrincipal::invalidate` is what lets go of it, and after that none is
-  /// taken.
+  /// Sets the delegate, or takes it away with null. By contract the collection keeps every delegate
+  /// alive for good, also when another one is set and when the collection is gone.
+  /// `KBTDavPrincipal::invalidate` lets go of them; after that none is taken.
   void setDelegate(std::shared_ptr<KBTDavConnectionDelegate> delegate);
 
   const std::optional<std::string>& name() const { return name_; }
-  /// The name when the collection has no description.
+  /// The description, or the name when there is none.
   const std::optional<std::string>& description() const {
     return description_ ? description_ : name_;
   }
   const NSURL& URL() const { return calendarURL_; }
   bool canContainEvents() const { return canContainEvents_; }
   bool canContainTodos() const { return canContainTodos_; }
-  /// As the principal found it; false at first.
+  /// Whether "write-content" is granted (RFC 3744 section 3.2), as the principal found it. False at
+  /// first.
   bool writable() const { return _writable; }
   void setWritable(bool writable) { _writable = writable; }
 
@@ -62,38 +64,40 @@ class KBTDavConnection : public KBTDavRequestor {
   void reportCTagWithContext(std::any context);
 
   /// Asks when the collection has busy time (RFC 4791 section 7.10): `didReceiveFreebusy`. An
-  /// answer with a malformed period is a failure.
+  /// answer with a malformed period is a failure, code 3.
   void reportFreebusyFromDate_toDate_context(NSDate from, NSDate to, std::any context);
 
-  /// Lists entity tags, and contents where asked for, of the events, or else to-dos, that overlap
-  /// the dates (RFC 4791 section 7.8); of all when either is null: `didReceiveEventsWithETags`.
+  /// Lists the entity tags, and with `includingContents` the texts, of the events (else of the
+  /// to-dos) that overlap the dates (RFC 4791 section 7.8), or of all when either date is null:
+  /// `didReceiveEventsWithETags`.
   void reportEvents_includingContents_fromDate_toDate_context(bool events, bool includingContents,
                                                               std::optional<NSDate> from,
                                                               std::optional<NSDate> to,
                                                               std::any context);
 
-  /// Fetches the resources at these addresses (RFC 4791 section 7.9), all in one request:
+  /// Fetches the resources at these addresses in one request (RFC 4791 section 7.9):
   /// `didReceiveEventsWithETags`.
   void multigetEventsForAddresses_context(const std::vector<std::string>& addresses,
                                           std::any context);
 
   /// Puts a new resource: `didCreateResource`. Without `allowOverwrite` the request has the field
-  /// "If-None-Match:"; because of its colon no server heeds it, by contract. When the server gives
-  /// no entity tag, it is asked for by GETs until there is one or one fails.
+  /// "If-None-Match:". By contract the name has a colon, so no server heeds it. When the server
+  /// tells no entity tag, GETs ask for it until one answer has it or fails.
   void createResource_withName_allowOverwrite_context(const NSData& resource,
                                                       const std::string& name, bool allowOverwrite,
                                                       std::any context);
-  /// The same without overwriting.
+  /// The same with false for `allowOverwrite`.
   void createResource_withName_context(const NSData& resource, const std::string& name,
                                        std::any context);
 
-  /// Puts a resource in another's place: `didUpdateResource`. With an entity tag the request has
-  /// the field "If-Match:", whose colon makes servers refuse it with 412, by contract.
+  /// Replaces a resource: `didUpdateResource`. With an entity tag the request has the field
+  /// "If-Match:". By contract the name has a colon, which makes servers refuse it with 412; pass
+  /// null.
   void updateResource_withName_andETag_context(const NSData& resource, const std::string& name,
                                                const std::optional<std::string>& etag,
                                                std::any context);
 
-  /// Deletes a resource: `calDavConnectionDidDeleteResource`. For the tag see above.
+  /// Deletes a resource: `calDavConnectionDidDeleteResource`. For `etag` see above.
   void deleteResourceWithName_andETag_context(const std::string& name,
                                               const std::optional<std::string>& etag,
                                               std::any context);
@@ -101,8 +105,9 @@ class KBTDavConnection : public KBTDavRequestor {
   /// Deletes the collection: `calDavConnectionDidRemoveCalendar`.
   void removeCalendar();
 
-  /// Cancels every operation, running or waiting; each fails with `NSURLErrorCancelled`, later, but
-  /// `removeCalendar`, which is over as always, and a deletion that was answered 404 already.
+  /// Cancels every operation, running or waiting. Each fails later with `NSURLErrorCancelled`,
+  /// except `removeCalendar`, which is over as always, and a deletion that has been answered with
+  /// 404.
   void cancel() { cancelRequests(); }
 
  protected:
@@ -115,8 +120,8 @@ class KBTDavConnection : public KBTDavRequestor {
   void letGo() override;
 
   /// A row of texts by path for each response of a multi-status (RFC 4918 section 13), in its
-  /// order: of its first propstat's prop, the text at each path that has one. Responses without are
-  /// left out.
+  /// order: the text at each of the paths that there is in the prop of its first propstat.
+  /// Responses without one are left out.
   static std::vector<KBTDavResourceTexts> _arrayForReportResponse_withKeys(
       const KBTDavRequest& request, const std::vector<std::string>& keys);
 

@@ -17,49 +17,49 @@ namespace quillmere {
 
 class KBTDavConnection;
 
-/// A text for each resource, by its address (the href as the server wrote it).
+/// A text for each resource, by its address: the href as the server wrote it.
 using KBTDavResourceTexts = std::map<std::string, std::string, std::less<>>;
-/// The same for whole resources, in UTF-8. Each keeps the answer alive in which all of them came.
+/// The same with whole resources, in UTF-8. Each keeps the whole answer alive in which it came.
 using KBTDavResourceContents = std::map<std::string, NSData, std::less<>>;
 
-/// Receives the outcome of every operation of a calendar collection, exactly once for each, on the
-/// loop on which the collection was made. `context` is what the operation was given; by it a host
-/// tells its operations apart. A delegate may start operations and cancel from any call.
+/// Hears the outcome of every operation of a calendar collection, exactly once for each, on the
+/// loop on which the collection was made. `context` is what the operation was given; a host tells
+/// its operations apart by it. A delegate may start operations and cancel in any call.
 class KBTDavConnectionDelegate {
  public:
   virtual ~KBTDavConnectionDelegate() = default;
 
   /// `reportCTagWithContext` has succeeded. `ctag` changes whenever anything in the collection
-  /// does; null when the answer holds none, or is no XML.
+  /// changes. Null when the answer has none or is no XML.
   virtual void calDavConnection_didReceiveCTag_context(KBTDavConnection& connection,
                                                        const std::optional<std::string>& ctag,
                                                        const std::any& context) = 0;
 
-  /// Any operation but `removeCalendar` has failed: with an error of `KBTDavConnectionErrorDomain`,
-  /// whose code is the HTTP status (or 3 for a malformed free/busy answer), or of
-  /// `NSURLErrorDomain`, `NSURLErrorCancelled` after `cancel`.
+  /// An operation has failed; `removeCalendar` never does. The error, never null, is of
+  /// `KBTDavConnectionErrorDomain` (its code is the HTTP status, or 3 for a malformed free/busy
+  /// answer) or of `NSURLErrorDomain` (`NSURLErrorCancelled` after `cancel`).
   virtual void calDavConnection_requestDidFail_context(KBTDavConnection& connection,
                                                        const NSErrorPtr& error,
                                                        const std::any& context) = 0;
 
-  /// `reportFreebusyFromDate_toDate_context` has succeeded.
+  /// `reportFreebusyFromDate_toDate_context` has succeeded. `periods` may be empty.
   virtual void calDavConnection_didReceiveFreebusy_context(
       KBTDavConnection& connection, const std::vector<std::shared_ptr<KBTFreeBusy>>& periods,
       const std::any& context) = 0;
 
-  /// A listing or a fetch by address has succeeded: the entity tag and the iCalendar text of each
-  /// resource whose first propstat has exactly the status "HTTP/1.1 200 OK". Both are empty for an
-  /// answer that is no XML.
+  /// A listing or a fetch by address has succeeded. The maps have entity tag and iCalendar text of
+  /// each resource whose first propstat (RFC 4918 section 14.22) has exactly the status "HTTP/1.1
+  /// 200 OK"; either may lack a resource. Both are empty when the answer is no XML.
   virtual void calDavConnection_didReceiveEventsWithETags_andContents_context(
       KBTDavConnection& connection, const KBTDavResourceTexts& etags,
       const KBTDavResourceContents& contents, const std::any& context) = 0;
 
-  /// A resource was created, and its entity tag is this.
+  /// A resource was created, and this is its entity tag.
   virtual void calDavConnection_didCreateResourceWithETag_context(KBTDavConnection& connection,
                                                                   const std::string& etag,
                                                                   const std::any& context) = 0;
 
-  /// A resource was replaced, and its entity tag is this.
+  /// A resource was replaced, and this is its entity tag.
   virtual void calDavConnection_didUpdateResourceWithETag_context(KBTDavConnection& connection,
                                                                   const std::string& etag,
                                                                   const std::any& context) = 0;

@@ -14,27 +14,28 @@ namespace quillmere {
 class KBTDavConnection;
 class KBTDavPrincipal;
 
-/// Receives what a principal finds out, on the loop on which the principal was made. `context` is
-/// what the operation was given. A delegate may call any operation of the principal from any call.
+/// Hears what an account finds out, on the loop on which the principal was made. `context` is what
+/// the operation was given. A delegate may call any operation of the principal in any call.
 class KBTDavPrincipalDelegate {
  public:
   virtual ~KBTDavPrincipalDelegate() = default;
 
-  /// A login is over: with null once `calendars` is filled, else with what ended it, an error of
-  /// `KBTDavConnectionErrorDomain`, whose code is the HTTP status, 1 (the server names no calendar
-  /// home or no scheduling outbox) or 3 (it names no principal), or of `NSURLErrorDomain`.
+  /// A login is over. Null means success, and `calendars` is filled. An error is of
+  /// `NSURLErrorDomain`, or of `KBTDavConnectionErrorDomain`: its code is the HTTP status, 1 (the
+  /// server names no calendar home or no scheduling outbox) or 3 (it names no principal).
   ///
-  /// Intended: failed searches, creations of a calendar and free/busy questions are reported here
-  /// too, with the request's error or with code 3; these come without their context.
+  /// Intended: failed searches, failed creations of a calendar and failed free/busy requests are
+  /// told here, too, with the request's error or with code 3, and without their context.
   virtual void calDavPrincipal_loggedInWithError(KBTDavPrincipal& principal,
                                                  const NSErrorPtr& error) = 0;
 
-  /// `requestFreebusyForPrincipalURN_fromDate_toDate_context` has succeeded.
+  /// `requestFreebusyForPrincipalURN_fromDate_toDate_context` has succeeded. `periods` may be
+  /// empty.
   virtual void calDavPrincipal_didReceiveFreebusy_withContext(
       KBTDavPrincipal& principal, const std::vector<std::shared_ptr<KBTFreeBusy>>& periods,
       const std::any& context) = 0;
 
-  /// `reportPrincipalInfoForUserAddress_context` has succeeded, perhaps without finding anybody.
+  /// `reportPrincipalInfoForUserAddress_context` has succeeded. `found` may be empty.
   virtual void calDavPrincipal_foundPrincipalInfo_withContext(
       KBTDavPrincipal& principal, const std::vector<std::shared_ptr<KBTPrincipalInfo>>& found,
       const std::any& context) = 0;

@@ -17,7 +17,7 @@ namespace quillmere {
 class KBTDavRequest;
 class KBTDavRequestor;
 
-/// The method of a requestor that a finished request is handed to. A derived class passes its own
+/// The method of a requestor to which a finished request is handed. A derived class passes its own
 /// by `static_cast<KBTDavCompletionSelector>(&Derived::_didGetSomething)`.
 using KBTDavCompletionSelector =
     void (KBTDavRequestor::*)(const std::shared_ptr<KBTDavRequest>& request);
@@ -29,32 +29,32 @@ class KBTDavRequest {
       const NSURLRequest& request, KBTDavCompletionSelector selector, std::any context,
       bool internal);
 
-  /// The request exactly as it was issued, whatever redirects made of it.
+  /// The request exactly as it was issued, whatever redirects have made of it.
   const NSURLRequest& originalRequest() const { return request_; }
   KBTDavCompletionSelector selector() const { return selector_; }
 
   /// The response's body so far.
   NSData data() const;
-  /// The same, which this then no longer has.
+  /// The same, taken out: afterwards the body is empty.
   std::string takeData();
   void appendData(const NSData& data);
-  /// Drops what came, and makes room for so many bytes.
+  /// Drops what has come, and makes room for `expectedLength` bytes.
   void beginData(std::uint64_t expectedLength);
 
-  /// The last response; null before any.
+  /// The last response. Null before the first.
   const std::shared_ptr<const NSHTTPURLResponse>& response() const { return response_; }
   void setResponse(std::shared_ptr<const NSHTTPURLResponse> response);
 
-  /// The issuer's own mark; collections issue false, principals true.
+  /// A mark of the issuer: collections issue false, principals true.
   bool internal() const { return internal_; }
 
-  /// Null for success; otherwise a transport error (`NSURLErrorDomain`), or an error of
-  /// `KBTDavConnectionErrorDomain`: its code is the HTTP status, with the body in its user info
+  /// Null for success. Otherwise an error of `NSURLErrorDomain`, or of
+  /// `KBTDavConnectionErrorDomain`: its code is the HTTP status, with the body in the user info
   /// under `KBTDavResponseDataKey`, or 3 for a malformed free/busy answer.
   const NSErrorPtr& error() const { return error_; }
   void setError(NSErrorPtr error);
 
-  /// The issuer's own value.
+  /// A value of the issuer.
   const std::any& context() const { return context_; }
 
  protected:
@@ -73,7 +73,7 @@ class KBTDavRequest {
   std::any context_;
 };
 
-/// User-info key of a response's body, data, in the error that its status became.
+/// User-info key of a response's body (an `NSData`), in the error that its status became.
 inline constexpr const char* KBTDavResponseDataKey = "ResponseData";
 
 }  // namespace quillmere

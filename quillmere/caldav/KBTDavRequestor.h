@@ -15,26 +15,27 @@
 
 namespace quillmere {
 
-/// What speaks HTTP to a server: the base of calendar collections and principals. It runs its
-/// requests strictly one after another, in the order in which they were issued, through one session
-/// of its own. Each ends in exactly one call of the completion method that it was issued with; a
-/// request that this method issues starts when it has returned, after those that were waiting.
+/// Speaks HTTP to a server: the base of calendar collections and principals. It runs its requests
+/// one after another, in the order in which they were issued, through a session of its own. Each
+/// request ends in exactly one call of its completion method. A request that this method issues
+/// starts after it has returned, and after those that were waiting.
 ///
-/// - Every status but 200 to 299 is an error (see `KBTDavRequest::error`). No request is repeated.
-/// - A challenge is answered once with the user name and password of `_getUsername` and
-///   `_getPassword`; a second one, NTLM and Negotiate with no credential, so that the 401 is the
-///   answer. A request that was issued with a field Authorization is never answered for.
-/// - A redirect is followed with the issued request's method and body and its Content-Type, Accept,
-///   Depth and If-Match, and no other field: not Authorization, and not the conditional fields of
-///   collections, whose names end in a colon.
+/// - Every status other than 200 to 299 is an error (see `KBTDavRequest::error`). No request is
+///   repeated.
+/// - A challenge is answered once, with the user name and password of `_getUsername` and
+///   `_getPassword`. A second one, NTLM and Negotiate get no credential, so the 401 is the answer.
+///   No challenge is answered for a request that was issued with a field Authorization.
+/// - A redirect is followed with the method and body of the issued request and with its fields
+///   Content-Type, Accept, Depth and If-Match. All other fields are dropped: Authorization, and
+///   also the conditional fields of collections, whose names end in a colon.
 /// - A minute without a byte is a time-out.
 ///
 /// While the preference "KBTDavRequestorLogLevel" is greater than 0, every final response and every
-/// redirected request is logged with its body (GLib's log, domain "Quillmere", level message). No
-/// password and no field is ever logged.
+/// redirected request is logged with its body (GLib's log, domain "Quillmere", level message).
+/// Passwords and fields are never logged.
 ///
-/// Everything happens on the loop of the queue that was current when the requestor was made, and is
-/// to be asked for from there.
+/// Everything happens on the loop of the queue that was current when the requestor was made, and
+/// must be asked for there.
 class KBTDavRequestor : public NSURLSessionDelegate,
                         public std::enable_shared_from_this<KBTDavRequestor> {
  public:
@@ -43,7 +44,7 @@ class KBTDavRequestor : public NSURLSessionDelegate,
   const std::shared_ptr<NSURLSession>& urlSession() const { return _urlSession; }
   void setUrlSession(std::shared_ptr<NSURLSession> session) { _urlSession = std::move(session); }
 
-  // What the session tells.
+  // What the session tells. Not for hosts.
 
   void URLSession_task_willPerformHTTPRedirection_newRequest_completionHandler(
       NSURLSession& session, NSURLSessionDataTask& task, const NSHTTPURLResponse& response,
@@ -68,28 +69,28 @@ class KBTDavRequestor : public NSURLSessionDelegate,
  protected:
   KBTDavRequestor() = default;
 
-  /// Makes the session; the last step of every `init...`.
+  /// Makes the session. It is the last step of every `init...`.
   void openSession();
 
-  /// For challenges; null in this class, which answers them with empty texts.
+  /// For challenges. This class answers null, which counts as empty.
   virtual std::optional<std::string> _getUsername() const { return std::nullopt; }
   virtual std::optional<std::string> _getPassword() const { return std::nullopt; }
 
-  /// Issues a request that has its method, URL, fields and body: it starts at once when no other
-  /// runs or waits. The cache policy and the time-out of 60 seconds are set here. `context` comes
-  /// back with the outcome.
+  /// Issues a request that has its method, URL, fields and body. It starts at once when no other
+  /// runs or waits. This sets the cache policy and the time-out of 60 seconds. `context` comes back
+  /// with the outcome.
   void _createConnectionWithRequest_context_completionSelector_internal(
       NSMutableURLRequest request, std::any context, KBTDavCompletionSelector selector,
       bool internal);
 
-  /// Cancels all requests, running or waiting; each ends with `NSURLErrorCancelled`, later.
+  /// Cancels all requests, running or waiting. Each ends later, with `NSURLErrorCancelled`.
   void cancelRequests();
 
-  /// Ends the requestor for good: what it has and what it is still asked for is cancelled, and once
-  /// nothing is left `letGo` is called.
+  /// Ends the requestor for good: cancels all requests, also those issued later, and calls `letGo`
+  /// once none is left.
   void endRequests();
   virtual void letGo() {}
-  /// Whether nothing more will be heard of any request, now or later.
+  /// Whether nothing more will ever be heard of any request.
   bool isOver() const { return hasEnded_ && requestQueue_.empty(); }
 
  private:

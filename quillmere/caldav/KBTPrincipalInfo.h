@@ -12,15 +12,16 @@
 
 namespace quillmere {
 
-/// A principal that a search has found. Everything is null until set, and any thread may set it.
+/// A principal that a search has found. Every value is null until it is set, and any thread may set
+/// it.
 class KBTPrincipalInfo {
  public:
   static std::shared_ptr<KBTPrincipalInfo> init() { return makeObject<KBTPrincipalInfo>(); }
 
-  /// Where the principal is; for `KBTDavPrincipal::principalFromInfo`.
+  /// The principal's URL, for `KBTDavPrincipal::principalFromInfo`.
   std::optional<NSURL> principalURL() const { return principalURL_.get(); }
   void setPrincipalURL(std::optional<NSURL> URL) { principalURL_.set(std::move(URL)); }
-  /// For people.
+  /// The name for people.
   std::optional<std::string> name() const { return name_.get(); }
   void setName(std::optional<std::string> name) { name_.set(std::move(name)); }
   /// A calendar user address (RFC 4791 section 6.2.3) with its "mailto:".

@@ -7,22 +7,19 @@
 
 namespace quillmere {
 
-/// A calendar whose store is one iCalendar document, read and written in one piece.
+/// A calendar whose store is one iCalendar document (RFC 5545), read and written in one piece.
 ///
-/// A fetch reports every VEVENT and VTODO under its UID, with its DTSTAMP text as version. Of
-/// several items with one UID (the instances of a recurring event that differ, for example) only
-/// the first is reported. An X-WR-CALNAME names the calendar. An object that was inserted and not
-/// yet saved is not in the document, so a fetch reports it as deleted.
+/// A fetch reports every VEVENT and VTODO under its UID, with the text of its DTSTAMP as version.
+/// Of several items with one UID, such as the changed instances of a recurring event, it reports
+/// only the first. An X-WR-CALNAME names the calendar. Nesting does not count: what an item lacks
+/// it takes over from the items before it, and an alarm's UID or DTSTAMP counts as the item's.
 ///
-/// Lines are taken as they come: what an item lacks it takes over from the items before it, and an
-/// alarm's UID or DTSTAMP counts as the item's. `docs/file-calendars.md` has all rules.
+/// A save writes every known object, also one whose deletion is pending: the delegate answers no
+/// data for what it wants gone. Only what the delegate answers is written; zones, journals and
+/// other properties of the old document are not.
 ///
-/// A save writes every known object, also one whose deletion is pending: a delegate that wants it
-/// gone answers no data for it. Only what the delegate answers is written; anything else that stood
-/// in the document (zones, journals, other properties of the calendar) is not.
-///
-/// The document comes from and goes to two hooks, which subclasses fill. By itself this class reads
-/// nothing and writes nowhere.
+/// The document comes from one hook and goes to another; subclasses fill them. This class itself
+/// reads nothing and writes nowhere. docs/behaviours.md lists what may surprise you.
 class KBTDataCalendar : public KBTSynchingCalendar {
  public:
   static std::shared_ptr<KBTDataCalendar> init();
@@ -33,13 +30,15 @@ class KBTDataCalendar : public KBTSynchingCalendar {
  protected:
   KBTDataCalendar() = default;
 
-  /// A reader before the document's first line, or null: then every known object counts as gone.
+  /// A reader before the document's first line. Null: there is no document, and every known object
+  /// counts as gone.
   virtual std::shared_ptr<KBTCalObject> _getCalendarData();
 
-  /// Writes the document, and calls `_wroteCalendarData` when that has ended, now or later.
+  /// Writes the document, and calls `_wroteCalendarData` when that is done, now or later.
   virtual void _writeCalendarData(const NSData& document);
 
-  /// Ends a save. Null: it succeeded. An error: the delegate is told, and the changes stay pending.
+  /// Ends a save. Null means success. An error is told to the delegate, and the changes stay
+  /// pending.
   void _wroteCalendarData(const NSErrorPtr& error);
 
  private:

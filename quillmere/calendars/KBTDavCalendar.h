@@ -15,78 +15,75 @@
 
 namespace quillmere {
 
-/// A calendar in a CalDAV collection (RFC 4791), of which it holds the events or the to-dos. The
-/// unique name of an object is its resource's name without ".ics", the version string the
-/// resource's entity tag, the caching string the collection's tag.
+/// A calendar over a CalDAV collection (RFC 4791), of which it holds the events or the to-dos. An
+/// object's unique name is its resource's name without ".ics", its version string the resource's
+/// entity tag; the caching string is the collection's tag.
 ///
-/// Every operation returns at once. It makes itself the delegate of the collection, so one
-/// collection serves one calendar; and since collections keep their delegates alive, a calendar
-/// lives until `KBTDavPrincipal::invalidate`, after which it does nothing more and hears nothing.
+/// Every operation returns at once; its result comes on the collection's loop. The calendar makes
+/// itself the delegate of the collection, so one collection serves one calendar. Collections keep
+/// their delegates alive, so a calendar lives until `KBTDavPrincipal::invalidate`; after that it
+/// does nothing more and hears nothing.
 ///
-/// What a host should know (all intended):
-///
-/// - A failed check stops the process. Hosts that cannot have that use `fetchExternalChanges`,
-///   which asks for the tag first as well and is done when that has not changed.
-/// - A fetch takes the new tag before it lists. When the listing fails, the next fetch sees no
-///   change; to try again, put the caching string back (`setCachingString`) before.
-/// - A listing that is no XML, such as a page with status 200, is one of an empty collection: all
-///   objects are reported as deleted. A host that cannot have that makes sure before it gives up its
-///   own copies.
-/// - Objects outside the delegate's dates are not listed, so known ones there are reported as
-///   deleted.
-/// - A save overwrites and deletes whatever the server has by then.
+/// Intended: a failed check stops the process; a fetch takes the new tag before it lists; a listing
+/// that is no XML is one of an empty collection; a save has no conditions. docs/behaviours.md tells
+/// what this means for a host, and lists the rest.
 class KBTDavCalendar : public KBTSynchingCalendar, public KBTDavConnectionDelegate {
  public:
-  /// Null without a connection.
+  /// A calendar over the connection. Null for null.
   static std::shared_ptr<KBTDavCalendar> initWithDavConnection(
       std::shared_ptr<KBTDavConnection> connection);
-  /// Without a collection there is no calendar.
+  /// There is no calendar without a collection.
   static std::shared_ptr<KBTSynchingCalendar> init() = delete;
   ~KBTDavCalendar() override;
 
   const std::shared_ptr<KBTDavConnection>& connection() const { return connection_; }
 
-  /// Whether it holds the to-dos; false at first: it holds the events.
+  /// Whether the calendar holds the to-dos of its collection. False at first: it holds the events.
+  /// Set it before the first fetch.
   bool getToDos() const { return getToDos_; }
   void setGetToDos(bool getToDos) { getToDos_ = getToDos; }
 
-  /// The collection's tag at the last fetch or save, null before; any thread may read and set it.
+  /// The collection's tag at the last fetch or save. Null before. Any thread may read and set it.
   std::optional<std::string> cTag() const { return cTag_.get(); }
   void setCTag(std::optional<std::string> cTag) { cTag_.set(std::move(cTag)); }
 
   /// The name of the collection.
   std::optional<std::string> calendarName() const override;
-  /// `cTag`.
+  /// The same as `cTag`.
   std::optional<std::string> cachingString() const override;
   void setCachingString(const std::optional<std::string>& cachingString) override;
-  /// Whether the other is the calendar of a collection with the same URL.
+  /// Whether the other is a calendar over a collection with the same URL.
   bool isEqualToCalendar(const KBTSynchingCalendar& other) const override;
 
-  /// Compares the collection's tag; without a caching string there are no changes. Nothing happens
-  /// while a check or a fetch is in flight. A failure stops the process.
+  /// Asks for the collection's tag and compares it. Without a caching string it reports no changes.
+  /// Does nothing, without a callback, while a check or a fetch is in flight. Stops the process
+  /// when the request fails or is cancelled; `fetchExternalChanges` does not.
   void checkForExternalChanges() override;
 
-  /// Compares the collection's tag, lists the entity tags if it has changed, and fetches what is
-  /// new or has another version, all in one request. Nothing happens while a check or a fetch is in
-  /// flight.
+  /// Asks for the collection's tag. If it has changed, lists the entity tags between the delegate's
+  /// dates (RFC 4791 section 7.8), reports known objects that are not listed as deleted, and
+  /// fetches what is new or has another version in one request (section 7.9). Does nothing, without
+  /// a callback, while a check or a fetch is in flight.
+  ///
+  /// Completes with an error of `KBTDavConnectionErrorDomain` (the HTTP status) or
+  /// `NSURLErrorDomain`. Put the caching string back then: the new tag is already taken.
   void fetchExternalChanges() override;
 
   /// Puts or deletes a resource for each pending change, whatever the server has there: insertions
-  /// first, then updates, then deletions. In the end it asks for the collection's tag, so that its
-  /// own changes are none at the next fetch.
+  /// first, then updates, then deletions. At the end it asks for the collection's tag, so that the
+  /// next fetch does not see its own changes.
   ///
-  /// Failures are reported with the unique name, or, when it is the tag that cannot be had, with
-  /// the text "KBTDavCalendar_FinishedSaving"; the save is completed all the same, and what failed
-  /// stays pending for the next. An object that was deleted stays known until a fetch reports its
-  /// deletion. `didInsert`, `didUpdate` and `didDelete` tell a null object for a name that the
-  /// calendar does not know, as when an object was deleted that it never held.
+  /// A failure is reported with the unique name, or, when the tag cannot be had, with the text
+  /// "KBTDavCalendar_FinishedSaving". The save is completed all the same, and what failed stays
+  /// pending. A deleted object stays known until a fetch reports its deletion. `didInsert`,
+  /// `didUpdate` and `didDelete` have a null object for a name that the calendar does not know.
   void saveChanges() override;
 
-  /// Cancels every request; each fails with `NSURLErrorCancelled`, so what is in flight completes,
-  /// later. Not to be called during a check.
+  /// Cancels every request. Each fails with `NSURLErrorCancelled`, so what is in flight completes,
+  /// later. Not to be called during a check, whose failure stops the process.
   void cancel() override;
 
-  // What the collection tells.
+  // What the collection tells. Not for hosts.
 
   void calDavConnection_didReceiveCTag_context(KBTDavConnection& connection,
                                                const std::optional<std::string>& ctag,

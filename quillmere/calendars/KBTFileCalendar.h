@@ -14,19 +14,19 @@ namespace quillmere {
 /// operation returns.
 ///
 /// The caching string is the file's modification date as ISO 8601 text in UTC with six fraction
-/// digits ("2024-01-05T09:30:00.250000Z"). As long as the file is not younger, a fetch does not
-/// read it and sends the completed callback alone; nor is a file younger that is missing. The
-/// calendar's own save does not count as a change.
+/// digits ("2024-01-05T09:30:00.250000Z"). A fetch reads only a file that is younger; otherwise,
+/// also when the file is missing, it sends the completed callback alone. The calendar's own save
+/// does not count as a change.
 ///
-/// When a missing or unreadable file is read, it reads as empty: every known object is reported as
-/// deleted. The file is replaced atomically (`NSFileManager::writeData_toFileAtomically`), but a
-/// write that fails is reported as a completed save, by contract: a host that must know reads the
-/// file again.
+/// When a fetch reads a file that is missing or unreadable, that is an empty document: every known
+/// object is reported as deleted. A save replaces the file atomically
+/// (`NSFileManager::writeData_toFileAtomically`). By contract a write that fails is reported as a
+/// completed save; a host that must know reads the file again.
 class KBTFileCalendar : public KBTDataCalendar {
  public:
-  /// `path` need not exist yet.
+  /// The file at `path` need not exist yet.
   static std::shared_ptr<KBTFileCalendar> initWithPath(std::string path);
-  /// Without a path there is no file.
+  /// There is no calendar without a path.
   static std::shared_ptr<KBTDataCalendar> init() = delete;
 
   const std::string& path() const { return path_; }
@@ -36,11 +36,11 @@ class KBTFileCalendar : public KBTDataCalendar {
 
   /// The file's modification date when it was last read or written; null before that.
   std::optional<std::string> cachingString() const override;
-  /// Null or text of another form: as if the file had never been read.
+  /// Null, or text of another form, counts as never read.
   void setCachingString(const std::optional<std::string>& cachingString) override;
 
-  /// Answers true when there is no caching string; otherwise whether the file is younger than it
-  /// says, which a missing file is not.
+  /// Reports true when there is no caching string. Otherwise reports whether the file is younger
+  /// than it; a missing file is not.
   void checkForExternalChanges() override;
   void fetchExternalChanges() override;
 
@@ -50,7 +50,7 @@ class KBTFileCalendar : public KBTDataCalendar {
   std::shared_ptr<KBTCalObject> _getCalendarData() override;
   void _writeCalendarData(const NSData& document) override;
 
-  /// The file's modification date now; null when it cannot be told.
+  /// The file's modification date now. Null when the file has none that can be read.
   std::optional<NSDate> _checkDate() const;
 
  private:

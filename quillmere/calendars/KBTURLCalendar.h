@@ -13,41 +13,36 @@
 
 namespace quillmere {
 
-/// User-facing domain of the errors of subscriptions; the code is the HTTP status.
+/// Domain of the errors of subscriptions. The code is the HTTP status.
 inline constexpr const char* KBTURLCalendarErrorDomain = "URLCalendar";
 
-/// A calendar whose document lies at an HTTP address: a subscription, or, where the server takes
-/// PUT, a shared file. The caching string is the document's entity tag (RFC 9110 section 8.8.3),
-/// without the "W/" of a weak one. Redirects are followed.
+/// A calendar whose document lies at an http or https address: a subscription, or, where the server
+/// takes PUT, a shared file. The caching string is the document's entity tag (RFC 9110 section
+/// 8.8.3), without the "W/" of a weak one. Redirects are followed.
 ///
-/// Every operation returns at once; its outcome comes on the loop on which the calendar was made.
-/// One is in flight at a time: a further one takes its place without cancelling it, and then what
-/// the first comes to is taken for an outcome of the second. So a host waits, or cancels and waits.
+/// Every operation returns at once; its result comes on the loop on which the calendar was made.
+/// One operation is in flight at a time. A further one takes its place without cancelling it, and
+/// the result of the first is then taken for that of the second: so wait, or cancel and wait.
 ///
-/// What a host should know (all intended):
-///
-/// - Every request says that its content is "text/xml".
-/// - A document that is none, such as a page with status 200, is one without objects: all known
-///   ones are reported as deleted.
-/// - A save never forgets the pending changes, whatever became of it; `resetChanges` does.
-/// - A save that fails is reported as failed and then as completed as well. One whose answer has no
-///   entity tag is never reported as completed.
-/// - The entity tag is the last answer's, also of one that failed or told none.
+/// Intended: every request says that its content is "text/xml"; a save never forgets the pending
+/// changes; the entity tag is that of the last answer to a fetch or a save, whatever its status.
+/// docs/behaviours.md lists all that may surprise you, docs/subscriptions.md what each operation
+/// comes to.
 class KBTURLCalendar : public KBTDataCalendar, public NSURLSessionDelegate {
  public:
   static std::shared_ptr<KBTURLCalendar> initWithURL(NSURL url);
-  /// Without an address there is no calendar.
+  /// There is no calendar without an address.
   static std::shared_ptr<KBTDataCalendar> init() = delete;
 
   const NSURL& url() const { return url_; }
 
   const std::shared_ptr<NSURLSession>& urlSession() const { return _urlSession; }
   void setUrlSession(std::shared_ptr<NSURLSession> session) { _urlSession = std::move(session); }
-  /// What is in flight; null when nothing is.
+  /// The task in flight. Null when there is none.
   const std::shared_ptr<NSURLSessionDataTask>& dataTask() const { return _dataTask; }
   void setDataTask(std::shared_ptr<NSURLSessionDataTask> task) { _dataTask = std::move(task); }
 
-  /// The entity tag.
+  /// The entity tag. Null before the first answer, and after an answer that had none.
   std::optional<std::string> cachingString() const override { return eTag_; }
   void setCachingString(const std::optional<std::string>& cachingString) override {
     eTag_ = cachingString;
@@ -55,19 +50,20 @@ class KBTURLCalendar : public KBTDataCalendar, public NSURLSessionDelegate {
   /// Whether the other has the same address.
   bool isEqualToCalendar(const KBTSynchingCalendar& other) const override;
 
-  /// Asks for the document's head and compares the entity tag, whatever the status. A transport
-  /// error counts as no change.
+  /// Asks for the document's head (HEAD) and compares the entity tag, whatever the status is. A
+  /// transport error counts as no change.
   void checkForExternalChanges() override;
 
-  /// Fetches the document unless it has the known entity tag (RFC 9110 section 13.1.2). A status
-  /// other than 304 and 200 to 299 is an error of `KBTURLCalendarErrorDomain`; then nothing is
-  /// reported but that.
+  /// Fetches the document unless it still has the known entity tag (If-None-Match, RFC 9110 section
+  /// 13.1.2). Completes with an error of `KBTURLCalendarErrorDomain` for a status other than 304
+  /// and 200 to 299, or of `NSURLErrorDomain` when no whole answer came; then nothing else is
+  /// reported.
   void fetchExternalChanges() override;
 
-  /// Cancels what is in flight, which completes, later, with `NSURLErrorCancelled`.
+  /// Cancels what is in flight. It completes later, with `NSURLErrorCancelled`.
   void cancel() override;
 
-  // What the session tells.
+  // What the session tells. Not for hosts.
 
   void URLSession_didReceiveChallenge_completionHandler(
       NSURLSession& session, const NSURLAuthenticationChallenge& challenge,
@@ -88,9 +84,10 @@ class KBTURLCalendar : public KBTDataCalendar, public NSURLSessionDelegate {
  protected:
   explicit KBTURLCalendar(NSURL url);
 
-  /// The downloaded document, which is then let go of.
+  /// The downloaded document, which the calendar then lets go of.
   std::shared_ptr<KBTCalObject> _getCalendarData() override;
-  /// Puts the document, where the entity tag is known on the condition that it is still that.
+  /// Puts the document. When an entity tag is known, the request has the condition If-Match (RFC
+  /// 9110 section 13.1.1).
   void _writeCalendarData(const NSData& document) override;
 
  private:

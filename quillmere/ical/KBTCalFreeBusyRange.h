@@ -11,18 +11,17 @@
 
 namespace quillmere {
 
-/// A time range read from a FREEBUSY value (RFC 5545 section 3.8.2.6) that a host already has.
+/// A time range out of a FREEBUSY value (RFC 5545 section 3.8.2.6) that a host already has.
 /// Immutable.
 ///
-/// Unlike `KBTFreeBusy`, it skips a piece that does not have exactly one "/". A date that does not
-/// parse is null in its range, and so is an end that a duration puts outside the calendar's years.
+/// Unlike `KBTFreeBusy`, this skips a piece that does not have exactly one "/".
 class KBTCalFreeBusyRange {
  public:
-  /// The ranges of one value, the text after the colon; possibly none.
+  /// The ranges of one value, which is the text after the colon. The result may be empty.
   static std::vector<std::shared_ptr<KBTCalFreeBusyRange>> freeBusyRangesFromValueString(
       std::string_view value);
 
-  /// The ranges of every FREEBUSY line from the reader's position on, in order. The reader is left
+  /// The ranges of every FREEBUSY line from the reader's position on, in order. Leaves the reader
   /// at its end.
   static std::vector<std::shared_ptr<KBTCalFreeBusyRange>> freeBusyRangesFromCalObject(
       KBTCalObject& reader);

@@ -16,7 +16,7 @@ namespace quillmere {
 
 class KBTCalObjectEntry;
 
-/// Parameters of a content line: raw value by name.
+/// The parameters of a content line: raw value by name.
 using KBTCalModifiers = std::map<std::string_view, std::string_view>;
 
 /// Reads an iCalendar document (RFC 5545) one content line at a time, straight from its bytes.
@@ -27,23 +27,24 @@ using KBTCalModifiers = std::map<std::string_view, std::string_view>;
 ///     }
 ///
 /// It is deliberately simple: no tree, no checking, no errors. Malformed text gives odd keys and
-/// values, and these rules are fixed, since hosts keep what they read from run to run:
+/// values. How odd text reads is fixed, because hosts keep what they have read from run to run;
+/// docs/icalendar.md has all rules. The main ones:
 ///
-///   - A line without ":" and ";" has no end: it is part of the next line's key. The last one is a
-///     key with an empty value.
-///   - CR, LF and CR LF end lines. A space after that continues the value, but only CR LF SPACE is
-///     removed from it; a tab continues nothing, and keys and parameters have no continuation.
-///   - Quotation marks mean nothing: ":" ends the parameters and ";" divides them inside quotes as
-///     well. A backslash hides the ":" after it from ending them. A name runs to its "=", even
-///     across ";".
-///   - A backslash at the very end of a value stays.
+/// - A line without ":" and ";" has no end: it is part of the key of the next line. If it is the
+///   last one, it is a key with an empty value.
+/// - CR, LF and CR LF end lines. A space after that continues the value, but only CR LF SPACE is
+///   removed from it. A tab continues nothing, and neither do keys and parameters.
+/// - Quotation marks mean nothing: ":" ends the parameters and ";" divides them inside quotes, too.
+///   A backslash keeps the ":" after it from ending them. A parameter's name runs to its "=", even
+///   across ";".
+/// - A backslash at the very end of a value stays.
 ///
-/// Lifetime: keys, values and parameters are views. Keys and parameters point into the document, a
-/// value into the document or into the reader; all are good until the next `nextLine()` and no
-/// longer than the reader. Copy what is to be kept.
+/// Keys, values and parameters are views. Keys and parameters point into the document, a value into
+/// the document or into the reader. They are good until the next `nextLine()`, and no longer than
+/// the reader. Copy what you keep.
 ///
-/// Text is UTF-8; a key or value that is not well-formed UTF-8 is null, a parameter that is not is
-/// left out.
+/// Text is UTF-8. A key or value that is not well-formed UTF-8 is null; such a parameter is left
+/// out.
 class KBTCalObject : public KBTICSDataSource {
  public:
   KBTCalObject(const KBTCalObject&) = delete;
@@ -53,70 +54,74 @@ class KBTCalObject : public KBTICSDataSource {
   /// lines.
   static std::shared_ptr<KBTCalObject> initWithData(std::optional<NSData> data);
 
-  /// Goes back before the first line. What `key()`, `value()` and `modifiers()` answer stays until
-  /// the next `nextLine()`.
+  /// Goes back before the first line. The answers of `key()`, `value()` and `modifiers()` stay
+  /// until the next `nextLine()`.
   virtual void reset();
 
-  /// True when no line follows.
+  /// Whether no line follows.
   virtual bool isAtEnd() const;
 
-  /// Moves to the next content line (RFC 5545 section 3.1, but for the rules above). False when
-  /// there is none; then nothing changes.
+  /// Moves to the next content line (RFC 5545 section 3.1, with the rules above). False when there
+  /// is none; then nothing changes.
   virtual bool nextLine();
 
-  /// Requires: a successful `nextLine()`. This and all up to `subparserForCurrentEntry` answer for
-  /// the current line.
+  /// Requires: a successful `nextLine()`. This function and all up to `subparserForCurrentEntry`
+  /// answer for the current line.
   ///
-  /// The line's name exactly as written, e.g. "DTSTART". Call it first on every line: once the
-  /// parameters were asked for, by `valueForModifier` or `valueAsDateIsFullDay` too, the key of a
-  /// line that has any runs up to the ":" and includes their text.
+  /// The line's name exactly as it is written, such as "DTSTART". Null when it is not UTF-8. Call
+  /// this first on every line: after `modifiers`, `valueForModifier` or `valueAsDateIsFullDay` the
+  /// key of a line with parameters runs up to the ":" and includes their text.
   virtual std::optional<std::string_view> key();
 
   /// The line's value, unfolded and unescaped: `\n` is a newline, `\t` a tab, `\r` a carriage
-  /// return, and a backslash before any other character is left out (`\N` is "N").
+  /// return, and a backslash before any other character is left out (`\N` is "N"). Null when it is
+  /// not UTF-8.
   virtual std::optional<std::string_view> value();
 
-  /// The parameters by name. Nothing in them is unquoted, unescaped or case-folded; a name without
-  /// "=" has an empty value; of a repeated name the last one counts.
+  /// The parameters by name (RFC 5545 section 3.2). Nothing in them is unquoted, unescaped or
+  /// case-folded. A name without "=" has an empty value; of a repeated name the last one counts.
   virtual const KBTCalModifiers& modifiers();
 
-  /// One parameter; null when the line does not have it.
+  /// The value of one parameter. Null when the line does not have it.
   virtual std::optional<std::string_view> valueForModifier(std::string_view name);
 
-  /// The value as a date (RFC 5545 sections 3.3.4 and 3.3.5), null when it is none.
+  /// The value as a date (RFC 5545 sections 3.3.4 and 3.3.5). Null when it is none.
   ///
-  /// With the parameter VALUE=DATE, written exactly so, `isFullDay` is set and the result is the
-  /// start of the day in the default zone. Otherwise it is cleared and the digits are read as UTC,
-  /// whether "Z" follows them or not; a TZID then moves the result by that zone's offset. The zone
-  /// is found by name, else by abbreviation, else it is the default zone. Its offset is taken at
-  /// the digits read as UTC, not at the true instant, so close to a change to or from daylight
-  /// saving the result is off by the change: TZID=America/New_York:20240310T063000 is taken with
-  /// the offset at 06:30 UTC, still winter time's five hours, and gives 11:30 UTC, although New
-  /// York had gone to summer time and it was 10:30 UTC.
+  /// With the parameter VALUE=DATE, written exactly so, `isFullDay` becomes true and the result is
+  /// the start of the day in the default zone. Otherwise `isFullDay` becomes false and the digits
+  /// are read as UTC, with or without "Z" after them; a TZID then moves the result by the offset of
+  /// that zone. The zone is found by name, else by abbreviation, else it is the default zone.
+  ///
+  /// Intended: the offset is the one at the digits read as UTC, not at the true instant. So close
+  /// to a change to or from daylight saving the result is off by the change.
+  /// TZID=America/New_York:20240310T063000 is read with the offset at 06:30 UTC, five hours, and
+  /// gives 11:30 UTC. But New York had already gone to summer time, and it was 10:30 UTC.
   virtual std::optional<NSDate> valueAsDateIsFullDay(bool& isFullDay);
 
-  /// A reader of the component whose "BEGIN" line is the current line. It shares the bytes and may
-  /// outlive this reader.
+  /// A reader of the component whose "BEGIN" line is the current line; never null. It shares the
+  /// bytes and may outlive this reader.
   std::shared_ptr<KBTCalObjectEntry> subparserForCurrentEntry() const;
 
-  /// The whole document, as it was given; no bytes when that was null.
+  /// The whole document as it was given. No bytes when that was null.
   NSData icsData() override;
 
-  /// The bytes that this reader reads and that its keys point into; also of an entry the whole
-  /// document.
+  /// The bytes that this reader reads, and that its keys point into. For an entry, too, they are
+  /// the whole document.
   const NSData& data() const { return data_; }
 
-  /// `NSDate::initWithICSDateString`: "20240105T093000Z", null for null and for other text.
+  /// `NSDate::initWithICSDateString`: a date-time such as "20240105T093000Z", read as UTC. Null for
+  /// null and for other text.
   static std::optional<NSDate> zuluStringAsDate(std::optional<std::string_view> text);
-  /// `NSDate::initWithICSDateOnlyString`: "20240105" in the default zone, null for null and for
-  /// other text.
+  /// `NSDate::initWithICSDateOnlyString`: a date such as "20240105", the start of that day in the
+  /// default zone. Null for null and for other text.
   static std::optional<NSDate> dateOnlyStringAsDate(std::optional<std::string_view> text);
-  /// "20240105T093000Z", in UTC.
+  /// The date as "20240105T093000Z", in UTC.
   static std::string datetimeAsZuluString(NSDate date);
-  /// "20240105", the day in the default zone.
+  /// The date's day in the default zone, as "20240105".
   static std::string dateAsZuluString(NSDate date);
   /// A duration (RFC 5545 section 3.3.6) as components: "PT1H30M" is hour 1 and minute 30. Weeks
-  /// set nothing. Null for null and for text that does not begin with "P" or "p", so for any sign.
+  /// set nothing. Null for null, and for text that does not begin with "P" or "p", so also for a
+  /// sign.
   static std::optional<NSDateComponents> icalDurationAsDateComponents(
       std::optional<std::string_view> text);
 

@@ -13,28 +13,28 @@
 
 namespace quillmere {
 
-/// Domain of the CalDAV client's errors, to which a malformed free/busy answer belongs.
+/// Domain of the errors of the CalDAV client, also of a malformed free/busy answer.
 inline constexpr const char* KBTDavConnectionErrorDomain = "KBTDavConnection";
-/// User-info key of the period's text in the error of a malformed free/busy answer.
+/// User-info key of the text of the malformed period, in the error of a free/busy answer.
 inline constexpr const char* KBTFreeBusyMalformedPeriodKey = "MalformedPeriod";
 
 /// One period of a free/busy answer. Immutable.
 class KBTFreeBusy {
  public:
-  /// Reads every FREEBUSY line (RFC 5545 section 3.8.2.6) of a document, whichever component it
-  /// stands in: its periods in document order, possibly none. FREE and BUSY-UNAVAILABLE periods are
-  /// periods like the others; a line whose value is not UTF-8 has none. A date that does not parse
-  /// is null in its period, and so is an end that a duration puts outside the calendar's years.
+  /// Reads every FREEBUSY line (RFC 5545 section 3.8.2.6) of a document, whichever component it is
+  /// in. The result has the periods in document order and may be empty. FREE and BUSY-UNAVAILABLE
+  /// periods are periods like the others. A line whose value is not UTF-8 has none. A date that
+  /// does not parse is null in its period, and so is an end that a duration puts outside of the
+  /// calendar's years.
   ///
-  /// A period without "/" makes the answer malformed: the result is null, and `*error`, unless
+  /// A period without "/" makes the answer malformed. Then the result is null, and `*error`, unless
   /// `error` is null, is set to an error of `KBTDavConnectionErrorDomain`, code 3, with the
-  /// period's text in its user info under `KBTFreeBusyMalformedPeriodKey`. Otherwise `*error` is
-  /// left as it is.
+  /// period's text in its user info under `KBTFreeBusyMalformedPeriodKey`. Otherwise `*error` stays
+  /// as it is.
   ///
-  /// `Period` is the class of the objects made: this one, or one derived from it that can be
-  /// constructed from the same three values. It must be named
-  /// (`freeBusyInfoFromICSData<Shift>(data)`), also when the function is called through the derived
-  /// class.
+  /// `Period` is the class of the objects made: this class, or one derived from it that can be
+  /// constructed from the same three values. Name it (`freeBusyInfoFromICSData<Shift>(data)`), also
+  /// when you call the function through the derived class.
   template <class Period = KBTFreeBusy>
   static std::optional<std::vector<std::shared_ptr<Period>>> freeBusyInfoFromICSData(
       const NSData& data, NSErrorPtr* error = nullptr) {
@@ -57,8 +57,8 @@ class KBTFreeBusy {
   /// Whether the line's FBTYPE is exactly "BUSY-TENTATIVE".
   bool tentative() const { return tentative_; }
 
-  /// "2024-01-05 09:00:00 +0000 to 2024-01-05 10:00:00 +0000", with "Tentative:" directly before it
-  /// for a tentative period; a null date is "(null)".
+  /// The period as text: "2024-01-05 09:00:00 +0000 to 2024-01-05 10:00:00 +0000". A tentative
+  /// period begins with "Tentative:"; a null date is "(null)".
   std::string description() const;
 
  protected:

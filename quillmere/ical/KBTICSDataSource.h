@@ -5,14 +5,14 @@
 
 namespace quillmere {
 
-/// Anything that answers the text of one iCalendar component. Calendars ask their delegate for one
-/// per object when they save; readers and writers are such sources, and a host may have its own.
+/// Anything that has the text of one iCalendar component. A calendar that saves asks its delegate
+/// for one such source per object. Readers and writers are sources, and a host may have its own.
 class KBTICSDataSource {
  public:
   virtual ~KBTICSDataSource() = default;
 
-  /// The text in UTF-8, from "BEGIN" through the line ending of "END", which is written as it is: a
-  /// component, or a whole document where each object has one of its own (CalDAV).
+  /// The text in UTF-8, which is written as it is: a component, from "BEGIN" through the line
+  /// ending of "END", or a whole document where each object has one of its own (CalDAV).
   virtual NSData icsData() = 0;
 };
 

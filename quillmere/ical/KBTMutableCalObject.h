@@ -25,50 +25,50 @@ namespace quillmere {
 ///     event->appendKey_stringValue("SUMMARY", "Lunch; or dinner");
 ///     NSData document = event->icsData();
 ///
-/// As the answer to a calendar that saves (`synchingCalendar_icsDataForObject`) a writer is made
-/// with `false` for a calendar in a file or behind a URL, which puts the component into its own
-/// document, and with `true` for a CalDAV calendar, whose resources are documents.
+/// As the answer to a calendar that saves (`synchingCalendar_icsDataForObject`), make a writer with
+/// `false` for a file or URL calendar, which puts the component into its own document, and with
+/// `true` for a CalDAV calendar, whose resources are documents.
 ///
-/// Every value is escaped, whatever its type, so a rule or a list is written as text (see
-/// `docs/icalendar.md`): a backslash goes before backslash, comma and semicolon, and `\n`, `\r` and
-/// `\t` stand for LF, CR and TAB. And every value is folded: the first physical line holds 60
-/// characters of the escaped value, every further one 70. Characters are UTF-16 units, and neither
-/// the key nor octets are counted, so a physical line may exceed RFC 5545's 75 octets. A fold may
-/// stand inside an escape or a character; `KBTCalObject`, which unfolds bytes, gives every UTF-8
-/// value back exactly. Bytes that are not UTF-8 are written as they are, each counting as one
-/// character (and read back as null).
+/// Every value is escaped, whatever its type: a backslash goes before backslash, comma and
+/// semicolon, and `\n`, `\r` and `\t` stand for LF, CR and TAB. So a rule or a list is written as
+/// text (see docs/icalendar.md).
+///
+/// Every value is folded (RFC 5545 section 3.1): the first physical line holds 60 characters of the
+/// escaped value, every further one 70. Characters are UTF-16 units, and neither the key nor octets
+/// count, so a physical line may exceed the RFC's 75 octets. A fold may be inside an escape or a
+/// character. `KBTCalObject`, which unfolds bytes, gives every UTF-8 value back exactly. Bytes that
+/// are not UTF-8 are written as they are, each counting as one character, and read back as null.
 ///
 /// Keys are trusted and written as they are, so a key may carry parameters
-/// ("DTSTART;TZID=Asia/Tokyo"). A nested component is written by lines whose keys are "BEGIN" and
+/// ("DTSTART;TZID=Asia/Tokyo"). For a nested component append lines whose keys are "BEGIN" and
 /// "END". Lines are never changed or removed.
 class KBTMutableCalObject : public KBTICSDataSource {
  public:
-  /// `objectType` is the component's name, such as "VEVENT"; null writes the lines without "BEGIN"
-  /// and "END". With `includeCalendar`, `icsData()` is a whole document.
+  /// A writer without lines. `objectType` is the component's name, such as "VEVENT"; null writes
+  /// the lines without "BEGIN" and "END". With `includeCalendar`, `icsData()` is a whole document.
   static std::shared_ptr<KBTMutableCalObject> initWithObjectType_includeCalendarDeclaration(
       std::optional<std::string> objectType, bool includeCalendar);
 
   void appendKey_stringValue(std::string key, std::string value);
-  /// A DATE: ";VALUE=DATE" follows the key; the value is the date's day in the default zone at the
-  /// time of writing.
+  /// A DATE (RFC 5545 section 3.3.4): ";VALUE=DATE" follows the key, and the value is the date's
+  /// day in the default zone at the time of writing.
   void appendKey_dateValue(std::string key, NSDate value);
-  /// A DATE-TIME in UTC.
+  /// A DATE-TIME in UTC (RFC 5545 section 3.3.5).
   void appendKey_datetimeValue(std::string key, NSDate value);
   void appendKey_integerValue(std::string key, std::int64_t value);
-  /// The shortest decimal form that reads back as the same number: 2.0 is "2"; "inf", "-inf",
-  /// "nan".
+  /// A number in the shortest decimal form that reads back as the same number: 2.0 is "2". Others
+  /// are "inf", "-inf" and "nan".
   void appendKey_doubleValue(std::string key, double value);
 
-  /// The component; in a whole document when `includeCalendar` was set.
+  /// The component, or a whole document if `includeCalendar` was set.
   NSData icsData() override;
 
-  /// The value of the first line with exactly this key, or null.
+  /// The value of the first line with exactly this key. Null when there is none.
   std::optional<KBTMutableCalObjectValue> valueForKey(std::string_view key) const;
-  /// Whether the first line with exactly this key is a date; false when there is none.
+  /// Whether the first line with exactly this key is a DATE. False when there is none.
   bool valueForKeyIsAllDay(std::string_view key) const;
 
-  /// A whole document of these components in their order, with one prologue. Null writers are
-  /// skipped.
+  /// A whole document of these components in their order. Null writers are skipped.
   static NSData icsCalendarDataForObjects(
       const std::vector<std::shared_ptr<KBTMutableCalObject>>& objects);
 

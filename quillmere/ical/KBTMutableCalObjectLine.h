@@ -13,10 +13,10 @@ namespace quillmere {
 /// A value before it is written.
 using KBTMutableCalObjectValue = std::variant<std::string, NSDate, std::int64_t, double>;
 
-/// One line that waits to be written.
+/// One line that waits to be written. Immutable.
 class KBTMutableCalObjectLine {
  public:
-  /// How the value is written. A number that is none of these is written like a string.
+  /// How the value is written. A line of any other type is written like one of `stringType`.
   static constexpr std::int32_t stringType = 0;
   static constexpr std::int32_t dateType = 1;
   static constexpr std::int32_t datetimeType = 2;

@@ -36,8 +36,8 @@ enum KBTCalRepetitionErrorCode : std::int64_t {
   KBTSetPositionError = 10,             ///< BYSETPOS out of range, or without MONTHLY and BYDAY
 };
 
-/// A recurrence rule (RFC 5545 section 3.3.10) of the subset that calendar programs have in common,
-/// and the occurrences it gives:
+/// A recurrence rule (RFC 5545 section 3.3.10), of the subset that calendar programs have in
+/// common, and its occurrences:
 ///
 ///     auto rule = KBTCalRepetition::initWithRRule_error("FREQ=MONTHLY;BYDAY=-1FR", &error);
 ///     rule->setStartDate(start);
@@ -46,14 +46,14 @@ enum KBTCalRepetitionErrorCode : std::int64_t {
 ///       use(KBTCalRepetition::dateForInstance(at));
 ///     }
 ///
-/// It has the frequencies MINUTELY to YEARLY, INTERVAL, UNTIL (a day), COUNT, BYMONTH, BYMONTHDAY,
-/// BYDAY (one weekday with a number in MONTHLY and YEARLY rules), WKST, and BYSETPOS in MONTHLY
-/// rules with BYDAY. Anything else is refused. Within the subset some rules mean less than the RFC
-/// gives them; docs/recurrence.md lists which.
+/// The subset has the frequencies MINUTELY to YEARLY, INTERVAL, UNTIL (a day), COUNT, BYMONTH,
+/// BYMONTHDAY, BYDAY (one weekday with a number in MONTHLY and YEARLY rules), WKST, and BYSETPOS in
+/// MONTHLY rules with BYDAY. Anything else is refused. Some rules of the subset mean less than in
+/// the RFC; docs/behaviours.md lists them.
 ///
 /// All calendar fields are those of the default zone (`NSTimeZone::defaultTimeZone`), which must
-/// not change between instances of a series. A rule is not changed by asking for instances, so
-/// threads may share one that nobody sets anything on.
+/// not change between the instances of a series. Asking for instances does not change a rule, so
+/// threads may share a rule on which nobody sets anything.
 class KBTCalRepetition : public HWObject {
  public:
   /// The FREQ keywords in the RFC's order. No initializer makes a SECONDLY rule.
@@ -63,21 +63,22 @@ class KBTCalRepetition : public HWObject {
   using Numbers = std::vector<std::int64_t>;
 
   /// The rule of an RRULE value, with or without "RRULE:" before it. Keys and keywords are
-  /// case-sensitive and white space is not trimmed; an empty part, as after a trailing ";", is an
+  /// case-sensitive and white space is not trimmed. An empty part, as after a trailing ";", is an
   /// error. Of UNTIL only the date counts: the series ends with that day in the default zone. With
   /// both UNTIL and COUNT, whichever comes first ends it. An unknown WKST counts as none.
   ///
-  /// Null on failure, with an error of `KBTErrorDomain` in `error` unless that is null; an error
-  /// that it held before becomes the underlying one. SECONDLY gives null and no error.
+  /// Null on failure. Then `*error`, unless `error` is null, is an error of `KBTErrorDomain`; an
+  /// error that it held before becomes the underlying one. SECONDLY gives null without an error.
   static std::shared_ptr<KBTCalRepetition> initWithRRule_error(
       std::optional<std::string_view> rrule, NSErrorPtr* error);
 
-  /// A rule of its parts, of which the lists and `end` may be null; without an end (see
-  /// `setEndDate` and `setRecurrenceCount`). `firstWeekday` is a weekday number, or -1 for none.
+  /// A rule of its parts. The lists and `end` may be null. The rule has no end (see `setEndDate`
+  /// and `setRecurrenceCount`). `frequency` is a `Frequency`, `firstWeekday` a weekday number or -1
+  /// for none.
   ///
-  /// Null on failure, with the error in `error` unless that is null; a frequency that is not
+  /// Null on failure, with the error in `*error` unless `error` is null. A frequency that is not
   /// MINUTELY to YEARLY gives no error. A list of several weekdays with a number among them is an
-  /// error, but with a null `error` it counts without numbers, up to the first one that has one.
+  /// error; with a null `error` it counts without numbers, up to the first weekday that has one.
   /// Stops the process when `weeksOfTheYear`, `daysOfTheYear` or `end` is given, and for a single
   /// weekday with a number in a rule that is neither MONTHLY nor YEARLY.
   static std::shared_ptr<KBTCalRepetition>
@@ -95,125 +96,129 @@ class KBTCalRepetition : public HWObject {
 
   // The rule.
 
-  /// The rule as RRULE value, without "RRULE:". `initWithRRule_error` reads back what it has made
-  /// itself, and what setters make of it as long as the subset has it (several weekdays with a week
-  /// number, or a negative count, it has not). UNTIL is written as a UTC date-time of the end date,
-  /// but of that only the date is read back, as a day of the default zone: east of UTC, where the
-  /// parser's end dates are midnights, the series then ends a day earlier.
+  /// The rule as the value of an RRULE, without "RRULE:". `initWithRRule_error` can read it back as
+  /// long as setters have kept the rule in the subset: it has no negative counts, and not several
+  /// weekdays with a week number. UNTIL is written as a UTC date-time of the end date, but only its
+  /// date is read back, as a day of the default zone. The parser's end dates are midnights, so east
+  /// of UTC the series then ends a day earlier.
   std::string rrule() const;
 
   /// One of `Frequency`.
   std::uint64_t frequency() const { return frequency_; }
 
-  /// 1 or more.
+  /// The interval, 1 or more.
   std::int64_t intervalCount() const { return intervalCount_; }
-  /// A number below 1 changes nothing.
+  /// A number below 1 is ignored.
   void setIntervalCount(std::int64_t intervalCount);
 
-  /// How many occurrences the series has; 0 when no count ends it.
+  /// How many occurrences the series has. 0 when no count ends it.
   std::int64_t recurrenceCount() const { return endCount_; }
-  /// Drops the end date. The number is stored as given; a negative one leaves the first occurrence.
+  /// Sets the count and drops the end date. The number is stored as it is; a negative one leaves
+  /// only the first occurrence.
   void setRecurrenceCount(std::int64_t recurrenceCount);
 
-  /// The end date as it was set; for a series that a count ends, the date of its last occurrence.
-  /// Null without either, and with a count alone when there is no start date or the series ends
-  /// before its count. Walks the whole series where a count ends it.
+  /// The end date as it was set, or, when a count ends the series, the date of the last occurrence,
+  /// for which this walks the whole series. Null when there is neither an end date nor a count,
+  /// and, with a count alone, when there is no start date or the series ends before its count.
   std::optional<NSDate> endDate() const;
-  /// The series ends with that day in the default zone: an occurrence at midnight after it is the
+  /// The series ends with that day in the default zone; an occurrence at midnight after it is the
   /// last that may come. Drops the count. Null takes away count and end date.
   void setEndDate(std::optional<NSDate> endDate);
-  /// The end date as it was set; null also when a count ends the series.
+  /// The end date as it was set. Null also when a count ends the series.
   std::optional<NSDate> repetitionEndDate() const { return endDate_; }
-  /// The start of the end date's day and one day more, in wall time. `setRecurrenceCount` leaves it
-  /// as it was.
+  /// The start of the end date's day plus one day in wall time. `setRecurrenceCount` leaves it as
+  /// it was.
   std::optional<NSDate> beginningOfDayAfterEndDate() const { return beginningOfDayAfterEndDate_; }
 
-  /// The first occurrence, which belongs to the series whether or not it fits the rule. The parser
-  /// never sets it; a rule without has no occurrences.
+  /// The first occurrence, usually the DTSTART. It belongs to the series whether or not it fits the
+  /// rule. The parser never sets it. Without it a rule has no occurrences.
   std::optional<NSDate> startDate() const { return startDate_; }
   void setStartDate(std::optional<NSDate> startDate) { startDate_ = startDate; }
 
-  /// The weekdays from Sunday on, each with the rule's week number.
+  /// The weekdays from Sunday on, each with the week number of the rule.
   Weekdays daysOfTheWeek() const;
-  /// Replaces the weekdays; null or an empty list takes them away. One weekday with a number sets
-  /// the week number (and stops the process in rules neither MONTHLY nor YEARLY); a list without
-  /// numbers leaves it as it was. Several weekdays count without numbers, up to the first one that
-  /// has one.
+  /// Replaces the weekdays. Null or an empty list takes them away. One weekday with a number sets
+  /// the week number, and stops the process in rules that are neither MONTHLY nor YEARLY. A list
+  /// without numbers leaves the week number as it was. Several weekdays count without numbers, up
+  /// to the first one that has one.
   void setDaysOfTheWeek(const std::optional<Weekdays>& daysOfTheWeek);
 
-  /// 1 to 31 in ascending order, then -1 (the last day of the month) to -31.
+  /// The month days: 1 to 31 in ascending order, then -1 (the last day of the month) to -31.
   Numbers daysOfTheMonth() const;
-  /// 1 to 12 in ascending order.
+  /// The months: 1 to 12 in ascending order.
   Numbers monthsOfTheYear() const;
-  /// 1 to 5 in ascending order, then -1 to -5.
+  /// The set positions: 1 to 5 in ascending order, then -1 to -5.
   Numbers setPositions() const;
 
-  /// The weekday on which weeks begin, -1 when the rule names none.
+  /// The weekday on which weeks begin. -1 when the rule names none.
   std::int64_t assignedFirstWeekday() const { return _firstWeekday; }
-  /// The same with Monday in place of none, whatever the user's own calendar has.
+  /// The same, with Monday in place of none (RFC 5545's default), whatever the user's own calendar
+  /// has.
   std::int64_t effectiveFirstWeekday() const {
     return _firstWeekday < 0 ? std::int64_t{KBTCalRepetitionDayOfWeek::MONDAY} : _firstWeekday;
   }
 
   // Its occurrences, in ascending order. An instance whose `day` is 0 is the end marker: the series
-  // has no further occurrence. A series also ends where the calendar does (`NSCalendar`), so that
-  // every walk ends.
+  // has no further occurrence. A series also ends where the calendar does (`NSCalendar`), so every
+  // walk ends.
 
-  /// The start date; the end marker when there is none.
+  /// The start date as an instance. The end marker when there is none.
   KBTRepetitionInstance firstRepetitionInstance() const;
 
-  /// The occurrence after `instance`, which must be one of this rule; of an end marker an end
-  /// marker. Time grows with the months between the two; a rule that cannot match is searched to
-  /// the end of the calendar, once.
+  /// The occurrence after `instance`, which must be one of this rule. After an end marker comes an
+  /// end marker. The time this takes grows with the months between the two; a rule that cannot
+  /// match is searched to the end of the calendar, once.
   KBTRepetitionInstance nextRepetitionInstance(const KBTRepetitionInstance& instance) const;
 
-  /// The first occurrence whose calendar day is that of `date` or later (at which time, does not
-  /// count); the end marker when there is none. Stops the process for rules below DAILY.
+  /// The first occurrence whose calendar day is that of `date` or later; the time of day does not
+  /// count. The end marker when there is none. Stops the process for MINUTELY and HOURLY rules.
   KBTRepetitionInstance repetitionInstanceAtOrAfterDate(NSDate date) const;
 
   /// The instant of an occurrence, to the minute: seconds of the start date are left out. A wall
-  /// time that a change to daylight saving skips is later by the gap, of a repeated one it is the
-  /// first: daily at 02:30 in New York is at 03:30 on 10 March 2024. Null for the end marker.
+  /// time that a change to daylight saving skips is later by the gap; of a repeated wall time it is
+  /// the first. So daily at 02:30 in New York is at 03:30 on 10 March 2024. Null for the end
+  /// marker.
   static std::optional<NSDate> dateForInstance(const KBTRepetitionInstance& instance);
 
-  /// Moves `instance` forward by whole days, 0 or more; an end marker, and any instance by fewer
-  /// than 0 days, stays as it is. Past the end of the calendar it becomes an end marker.
+  /// Moves `instance` forward by `days`, 0 or more. A negative number changes nothing, and neither
+  /// does an end marker. Past the end of the calendar it becomes an end marker.
   static void addDays_repetitionInstance(std::int64_t days, KBTRepetitionInstance& instance);
 
   // For debugging.
 
   std::string className() const override { return "KBTCalRepetition"; }
-  /// The base's, "RRULE", and where there is such a date "startDate" and "endDate".
+  /// The entries of the base, "RRULE", and where there are such dates "startDate" and "endDate".
   HWDebugDictionary debugDictionary() const override;
   /// Month, day and year of up to ten occurrences after the first, each "2/29/2024 ".
   std::string testString() const;
 
  protected:
-  /// An empty SECONDLY rule, which has no occurrences to walk: asking for the second stops the
+  /// An empty SECONDLY rule. It has no occurrences to walk: asking for the second one stops the
   /// process.
   KBTCalRepetition() = default;
 
   /// The parts of an RRULE value by key, in the order of their first mention; of a key given twice
-  /// the last value. They are views of `rrule`. Null when a part has no "=".
+  /// the last value counts. They are views of `rrule`. Null when a part has no "=".
   static std::optional<OrderedMap<std::string_view, std::string_view>> _parseRRule(
       std::string_view rrule);
   /// "SU" to "SA"; the index is the weekday number.
   static const std::array<std::string_view, 7>& _dayAbbreviations();
-  /// The weekday number of a WKST value; -1 for null, for an empty text, and, after a backtrace was
-  /// recorded, for any other.
+  /// The weekday number of a WKST value. -1 for null, for empty text, and, after a backtrace was
+  /// printed, for any other text.
   static std::int64_t _indexForWKST(std::optional<std::string_view> value);
-  /// The numbers with commas between.
+  /// The numbers with commas between them.
   static std::string _joinedNumberString(const Numbers& numbers);
 
-  /// The instance of a date, with the number given; the end marker outside the calendar.
+  /// The instance of a date, with the number `occurrence`. The end marker outside of the calendar.
   static KBTRepetitionInstance _instanceForDate_occurence(NSDate date, std::int64_t occurrence);
-  /// Moves `instance` to the first day from `day` on that has its bit in `mask`, past the month's
-  /// end when none has. Without `overwrite` it stays where that would not be earlier.
+  /// Moves `instance` to the first day from `day` on that has its bit in `mask`, or past the
+  /// month's end when no day has. Without `overwrite` it only moves to an earlier day.
   static void _nextRepetition_fromDay_forMask_overwrite(KBTRepetitionInstance& instance,
                                                         unsigned day, std::uint64_t mask,
                                                         bool overwrite);
   /// Moves `instance` to the next matching day of its month after `day`; 0 is before the first.
-  /// Whether there is one; also true, with the end marker, for a rule that no month can match.
+  /// Answers whether there is one, and also true, with the end marker, for a rule that no month can
+  /// match.
   bool _findMonthMatchAfterDay_instance(unsigned day, KBTRepetitionInstance& instance) const;
 
  private:
@@ -229,7 +234,7 @@ class KBTCalRepetition : public HWObject {
     std::uint64_t offsetBySetPosMask = 0;
   };
 
-  // Each tells whether it took the value, and else fills the error.
+  // Each answers whether it took the value, and otherwise fills the error.
   bool takeInterval(std::int64_t interval, NSErrorPtr* error);
   bool takeMonth(std::int64_t month, NSErrorPtr* error);
   bool takeMonthDay(std::int64_t day, NSErrorPtr* error);

@@ -11,7 +11,7 @@ namespace quillmere {
 /// One element of a BYDAY list (RFC 5545 section 3.3.10): a weekday, and perhaps which one of them
 /// in the month or year. "-1FR", the last Friday, is
 /// `KBTCalRepetitionDayOfWeek::dayOfWeek_weekNumber(KBTCalRepetitionDayOfWeek::FRIDAY, -1)`. A
-/// value, and a key for hashed containers.
+/// value, also for use as a key of hashed containers.
 class KBTCalRepetitionDayOfWeek {
  public:
   /// Weekday numbers, wherever a recurrence rule has one.
@@ -25,7 +25,7 @@ class KBTCalRepetitionDayOfWeek {
     SATURDAY
   };
 
-  /// Every such weekday.
+  /// Every such weekday: the week number is 0.
   static KBTCalRepetitionDayOfWeek dayOfWeek(std::int64_t dayOfTheWeek) {
     return initWithDayOfTheWeek_weekNumber(dayOfTheWeek, 0);
   }
@@ -33,7 +33,7 @@ class KBTCalRepetitionDayOfWeek {
                                                         std::int64_t weekNumber) {
     return initWithDayOfTheWeek_weekNumber(dayOfTheWeek, weekNumber);
   }
-  /// Stores both as they are; a rule ignores a weekday that does not exist.
+  /// Stores both as they are. A rule ignores a weekday that does not exist.
   static KBTCalRepetitionDayOfWeek initWithDayOfTheWeek_weekNumber(std::int64_t dayOfTheWeek,
                                                                    std::int64_t weekNumber) {
     return {dayOfTheWeek, weekNumber};

@@ -5,8 +5,8 @@
 
 namespace quillmere {
 
-/// An end of a series, for initializers that do not support one: it is the type of an argument that
-/// must be null, and none can be made. A rule gets its end by `KBTCalRepetition::setEndDate` or
+/// The type of an initializer's argument that must be null: no rule supports an end of this kind,
+/// and none can be made. A rule gets its end by `KBTCalRepetition::setEndDate` or
 /// `setRecurrenceCount`.
 class KBTCalRepetitionEnd {
  public:

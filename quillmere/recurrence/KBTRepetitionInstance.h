@@ -5,8 +5,8 @@
 
 namespace quillmere {
 
-/// One occurrence of a recurrence rule, as calendar fields in the default zone of the moment it was
-/// made. A plain record, passed by value; it means something only to the rule that made it.
+/// One occurrence of a recurrence rule, as calendar fields in the zone that was the default when it
+/// was made. A plain record, passed by value. It means something only to the rule that made it.
 /// Requires: whoever fills one in by hand names a day, a weekday and a month that exist, and the
 /// month's length.
 struct KBTRepetitionInstance {
@@ -20,8 +20,8 @@ struct KBTRepetitionInstance {
   std::uint8_t daysInMonth = 0;  ///< the length of `month` in `year`
   std::int64_t year = 0;
 
-  // The instances that follow the first in MINUTELY and HOURLY rules carry 1 Sunday to 7 Saturday
-  // in `weekday`. That is intended: it has always been so, and those rules never read it.
+  // After the first one, the instances of MINUTELY and HOURLY rules carry 1 Sunday to 7 Saturday in
+  // `weekday`. That is intended: it has always been so, and those rules never read it.
 
   friend bool operator==(const KBTRepetitionInstance&, const KBTRepetitionInstance&) = default;
 };
