@@ -71,7 +71,8 @@ class KBTDavCalendar : public KBTSynchingCalendar, public KBTDavConnectionDelega
 
   /// Puts or deletes a resource for each pending change, whatever the server has there: insertions
   /// first, then updates, then deletions. At the end it asks for the collection's tag, so that the
-  /// next fetch does not see its own changes.
+  /// next fetch does not list its own changes. That tag also covers what others have written since
+  /// the last fetch; a host that wants to see it puts the caching string from before back.
   ///
   /// A failure is reported with the unique name, or, when the tag cannot be had, with the text
   /// "KBTDavCalendar_FinishedSaving". The save is completed all the same, and what failed stays
