@@ -4,13 +4,14 @@ JOBS ?= $(shell nproc)
 SUDO := $(if $(filter 0,$(shell id -u)),,sudo)
 PACKAGES = $(shell sed 's/\#.*//' packages.txt)
 PEERS = libkf5dav-dev libkf5coreaddons-dev python3-caldav
+TOOLKITS = libgtk-4-dev qtbase5-dev xvfb xauth
 FUZZ_SECONDS ?= 60
 PREFIX ?= /usr/local
 POLICY = /usr/sbin/policy-rc.d
 APT_GET = $(SUDO) env DEBIAN_FRONTEND=noninteractive apt-get -q -o DPkg::Lock::Timeout=300
 SOURCES = $(shell git ls-files -co --exclude-standard '*.h' '*.cpp')
 
-.PHONY: deps peers build demo test bench fuzz lint format format-check docs install clean
+.PHONY: deps peers build demo test test-hosts coverage bench fuzz lint format format-check docs install clean
 
 # Installs those of the packages $(1) that are missing.
 define install
@@ -42,6 +43,22 @@ demo: build ## read, change, save and re-synchronise real calendar files
 
 test: build ## run every test
 	ctest --test-dir build/release --output-on-failure -j $(JOBS)
+
+test-hosts: deps ## run the library in GTK's and Qt's loops, without a screen
+	$(call install,$(TOOLKITS))
+	cmake --preset release -DQUILLMERE_TEST_HOSTS=ON
+	cmake --build build/release -j $(JOBS) --target glib_host gtk_host qt_host
+	ctest --test-dir build/release --output-on-failure -R '^hosts\.'
+
+coverage: deps ## which lines of the library the tests run, in build/coverage/report; fails below 95 %
+	$(call install,gcovr)
+	cmake --preset coverage
+	cmake --build build/coverage -j $(JOBS)
+	find build/coverage -name '*.gcda' -delete
+	ctest --test-dir build/coverage --output-on-failure -j $(JOBS) -LE packaging
+	mkdir -p build/coverage/report
+	gcovr --root . --filter quillmere/ --exclude-throw-branches --sort-uncovered \
+	  --html-details build/coverage/report/index.html --txt --fail-under-line 95 build/coverage
 
 bench: peers ## measure beside the peers; prints ratios
 	cmake --preset release -DQUILLMERE_BUILD_BENCHMARKS=ON

@@ -421,7 +421,7 @@ class Walk {
     for (unsigned i = 0; i < steps; ++i) {
       story.append(takeStep()).append("; ");
       const std::string difference = compare();
-      if (!difference.empty()) return story + "\n" + difference;
+      if (!difference.empty()) return story.append("\n").append(difference);
     }
     // A host that looks again at everything recovers from whatever went wrong.
     model_.isCalm = true;
