@@ -4,6 +4,7 @@
 #include <quillmere/caldav/KBTDavConnectionDelegate.h>
 #include <quillmere/caldav/KBTDavPrincipal.h>
 #include <quillmere/caldav/KBTDavRequestor.h>
+#include <quillmere/platform/base/Export.h>
 #include <quillmere/platform/base/NSData.h>
 #include <quillmere/platform/dates/NSDate.h>
 #include <quillmere/platform/net/NSURL.h>
@@ -25,7 +26,7 @@ namespace quillmere {
 /// URL, which should end with "/". Nothing in the name is escaped or checked before. Blanks and
 /// characters beyond ASCII are escaped on the wire, but "/", "?", "#", "%" and a scheme before ":"
 /// mean what they mean in any relative address (RFC 3986): a host escapes them itself.
-class KBTDavConnection : public KBTDavRequestor {
+class QUILLMERE_EXPORT KBTDavConnection : public KBTDavRequestor {
  public:
   /// A collection at `URL`. `name` and `description` may be null; `principal` may not.
   /// `supportedComponents` is the collection's supported-calendar-component-set (RFC 4791 section

@@ -2,6 +2,7 @@
 #define QUILLMERE_CALDAV_KBTDAVCONNECTIONDELEGATE_H
 
 #include <quillmere/ical/KBTFreeBusy.h>
+#include <quillmere/platform/base/Export.h>
 #include <quillmere/platform/base/NSData.h>
 #include <quillmere/platform/base/NSError.h>
 
@@ -25,7 +26,7 @@ using KBTDavResourceContents = std::map<std::string, NSData, std::less<>>;
 /// Hears the outcome of every operation of a calendar collection, exactly once for each, on the
 /// loop on which the collection was made. `context` is what the operation was given; a host tells
 /// its operations apart by it. A delegate may start operations and cancel in any call.
-class KBTDavConnectionDelegate {
+class QUILLMERE_EXPORT KBTDavConnectionDelegate {
  public:
   virtual ~KBTDavConnectionDelegate() = default;
 

@@ -5,6 +5,7 @@
 #include <quillmere/caldav/KBTDavRequestor.h>
 #include <quillmere/caldav/KBTPrincipalInfo.h>
 #include <quillmere/platform/base/AtomicOptional.h>
+#include <quillmere/platform/base/Export.h>
 #include <quillmere/platform/base/NSError.h>
 #include <quillmere/platform/base/NSKeyValueObserving.h>
 #include <quillmere/platform/dates/NSDate.h>
@@ -34,7 +35,7 @@ class KBTDavConnection;
 ///
 /// Changes of "calendars" and "principalLookupFailure" are announced to observers
 /// (`observeKey_changeHandler`).
-class KBTDavPrincipal : public KBTDavRequestor, public NSKeyValueObserving {
+class QUILLMERE_EXPORT KBTDavPrincipal : public KBTDavRequestor, public NSKeyValueObserving {
  public:
   /// An account of `username` at `server`, an http or https URL. `delegate` may be null. Challenges
   /// are answered with the user and the password; null counts as empty. `isCurrent` is stored for

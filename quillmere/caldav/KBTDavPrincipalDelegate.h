@@ -3,6 +3,7 @@
 
 #include <quillmere/caldav/KBTPrincipalInfo.h>
 #include <quillmere/ical/KBTFreeBusy.h>
+#include <quillmere/platform/base/Export.h>
 #include <quillmere/platform/base/NSError.h>
 
 #include <any>
@@ -16,7 +17,7 @@ class KBTDavPrincipal;
 
 /// Hears what an account finds out, on the loop on which the principal was made. `context` is what
 /// the operation was given. A delegate may call any operation of the principal in any call.
-class KBTDavPrincipalDelegate {
+class QUILLMERE_EXPORT KBTDavPrincipalDelegate {
  public:
   virtual ~KBTDavPrincipalDelegate() = default;
 

@@ -1,6 +1,7 @@
 #ifndef QUILLMERE_CALDAV_KBTDAVREQUEST_H
 #define QUILLMERE_CALDAV_KBTDAVREQUEST_H
 
+#include <quillmere/platform/base/Export.h>
 #include <quillmere/platform/base/NSData.h>
 #include <quillmere/platform/base/NSError.h>
 #include <quillmere/platform/net/NSHTTPURLResponse.h>
@@ -23,7 +24,7 @@ using KBTDavCompletionSelector =
     void (KBTDavRequestor::*)(const std::shared_ptr<KBTDavRequest>& request);
 
 /// One request of a requestor: what was asked, and how it went.
-class KBTDavRequest {
+class QUILLMERE_EXPORT KBTDavRequest {
  public:
   static std::shared_ptr<KBTDavRequest> initWithRequest_withCompletionSelector_context_internal(
       const NSURLRequest& request, KBTDavCompletionSelector selector, std::any context,

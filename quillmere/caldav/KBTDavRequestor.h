@@ -2,6 +2,7 @@
 #define QUILLMERE_CALDAV_KBTDAVREQUESTOR_H
 
 #include <quillmere/caldav/KBTDavRequest.h>
+#include <quillmere/platform/base/Export.h>
 #include <quillmere/platform/net/NSURLSession.h>
 
 #include <any>
@@ -36,8 +37,8 @@ namespace quillmere {
 ///
 /// Everything happens on the loop of the queue that was current when the requestor was made, and
 /// must be asked for there.
-class KBTDavRequestor : public NSURLSessionDelegate,
-                        public std::enable_shared_from_this<KBTDavRequestor> {
+class QUILLMERE_EXPORT KBTDavRequestor : public NSURLSessionDelegate,
+                                         public std::enable_shared_from_this<KBTDavRequestor> {
  public:
   static std::shared_ptr<KBTDavRequestor> init();
 

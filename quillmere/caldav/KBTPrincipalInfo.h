@@ -2,6 +2,7 @@
 #define QUILLMERE_CALDAV_KBTPRINCIPALINFO_H
 
 #include <quillmere/platform/base/AtomicOptional.h>
+#include <quillmere/platform/base/Export.h>
 #include <quillmere/platform/base/makeObject.h>
 #include <quillmere/platform/net/NSURL.h>
 
@@ -14,7 +15,7 @@ namespace quillmere {
 
 /// A principal that a search has found. Every value is null until it is set, and any thread may set
 /// it.
-class KBTPrincipalInfo {
+class QUILLMERE_EXPORT KBTPrincipalInfo {
  public:
   static std::shared_ptr<KBTPrincipalInfo> init() { return makeObject<KBTPrincipalInfo>(); }
 

@@ -2,6 +2,7 @@
 #define QUILLMERE_CALENDARS_KBTCALEVENTCALOBJECT_H
 
 #include <quillmere/ical/KBTCalObject.h>
+#include <quillmere/platform/base/Export.h>
 #include <quillmere/platform/events/EKEvent.h>
 
 #include <cstddef>
@@ -20,7 +21,7 @@ namespace quillmere {
 /// Intended: UID is the identifier of the event's calendar, the same for all of its events; the
 /// event's own identity is the unique name that the calendar tells with the reader. And `isAtEnd()`
 /// is true before the first line, too: go by what `nextLine()` returns.
-class KBTCalEventCalObject : public KBTCalObject {
+class QUILLMERE_EXPORT KBTCalEventCalObject : public KBTCalObject {
  public:
   /// A reader over the event. A null event has the same lines; the values are null, except for
   /// those of BEGIN and END, and DESCRIPTION is empty.

@@ -2,6 +2,7 @@
 #define QUILLMERE_CALENDARS_KBTDATACALENDAR_H
 
 #include <quillmere/calendars/KBTSynchingCalendar.h>
+#include <quillmere/platform/base/Export.h>
 
 #include <memory>
 
@@ -20,7 +21,7 @@ namespace quillmere {
 ///
 /// The document comes from one hook and goes to another; subclasses fill them. This class itself
 /// reads nothing and writes nowhere. docs/behaviours.md lists what may surprise you.
-class KBTDataCalendar : public KBTSynchingCalendar {
+class QUILLMERE_EXPORT KBTDataCalendar : public KBTSynchingCalendar {
  public:
   static std::shared_ptr<KBTDataCalendar> init();
 

@@ -5,6 +5,7 @@
 #include <quillmere/caldav/KBTDavConnectionDelegate.h>
 #include <quillmere/calendars/KBTSynchingCalendar.h>
 #include <quillmere/platform/base/AtomicOptional.h>
+#include <quillmere/platform/base/Export.h>
 
 #include <any>
 #include <cstddef>
@@ -27,7 +28,8 @@ namespace quillmere {
 /// Intended: a failed check stops the process; a fetch takes the new tag before it lists; a listing
 /// that is no XML is one of an empty collection; a save has no conditions. docs/behaviours.md tells
 /// what this means for a host, and lists the rest.
-class KBTDavCalendar : public KBTSynchingCalendar, public KBTDavConnectionDelegate {
+class QUILLMERE_EXPORT KBTDavCalendar : public KBTSynchingCalendar,
+                                        public KBTDavConnectionDelegate {
  public:
   /// A calendar over the connection. Null for null.
   static std::shared_ptr<KBTDavCalendar> initWithDavConnection(

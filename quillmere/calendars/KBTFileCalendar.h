@@ -2,6 +2,7 @@
 #define QUILLMERE_CALENDARS_KBTFILECALENDAR_H
 
 #include <quillmere/calendars/KBTDataCalendar.h>
+#include <quillmere/platform/base/Export.h>
 #include <quillmere/platform/dates/NSDate.h>
 
 #include <memory>
@@ -22,7 +23,7 @@ namespace quillmere {
 /// object is reported as deleted. A save replaces the file atomically
 /// (`NSFileManager::writeData_toFileAtomically`). By contract a write that fails is reported as a
 /// completed save; a host that must know reads the file again.
-class KBTFileCalendar : public KBTDataCalendar {
+class QUILLMERE_EXPORT KBTFileCalendar : public KBTDataCalendar {
  public:
   /// The file at `path` need not exist yet.
   static std::shared_ptr<KBTFileCalendar> initWithPath(std::string path);

@@ -2,6 +2,7 @@
 #define QUILLMERE_CALENDARS_KBTLOCALCALENDAR_H
 
 #include <quillmere/calendars/KBTSynchingCalendar.h>
+#include <quillmere/platform/base/Export.h>
 #include <quillmere/platform/base/NSKeyValueObserving.h>
 #include <quillmere/platform/events/EKEventStore.h>
 
@@ -35,7 +36,7 @@ struct NSDistributedNotification;
 ///   identifier of its own (`setUniqueName_forObject`); its deletion is passed over in silence.
 /// - A save is completed also when some events could not be written.
 /// - A check finds no changes. Fetch when "localCalendars" or the store changes.
-class KBTLocalCalendar : public KBTSynchingCalendar {
+class QUILLMERE_EXPORT KBTLocalCalendar : public KBTSynchingCalendar {
  public:
   /// Null when the store has no calendar of that identifier.
   static std::shared_ptr<KBTLocalCalendar> initWithCalendarIdentifier(std::string identifier);

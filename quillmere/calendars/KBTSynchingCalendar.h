@@ -2,6 +2,7 @@
 #define QUILLMERE_CALENDARS_KBTSYNCHINGCALENDAR_H
 
 #include <quillmere/calendars/KBTSynchingCalendarDelegate.h>
+#include <quillmere/platform/base/Export.h>
 #include <quillmere/platform/base/OrderedMap.h>
 
 #include <memory>
@@ -35,7 +36,8 @@ namespace quillmere {
 ///
 /// docs/guide.md has a host for each kind of calendar; docs/behaviours.md tells what may surprise
 /// you.
-class KBTSynchingCalendar : public std::enable_shared_from_this<KBTSynchingCalendar> {
+class QUILLMERE_EXPORT KBTSynchingCalendar
+    : public std::enable_shared_from_this<KBTSynchingCalendar> {
  public:
   static std::shared_ptr<KBTSynchingCalendar> init();
 

@@ -3,6 +3,7 @@
 
 #include <quillmere/ical/KBTCalObject.h>
 #include <quillmere/ical/KBTICSDataSource.h>
+#include <quillmere/platform/base/Export.h>
 #include <quillmere/platform/base/NSError.h>
 #include <quillmere/platform/dates/NSDate.h>
 #include <quillmere/platform/net/NSURLAuthenticationChallenge.h>
@@ -30,7 +31,7 @@ using KBTFailedObject = std::variant<KBTClientObject, std::string>;
 /// Every callback names its calendar first. A host may call any operation of the calendar from any
 /// callback, and may let go of the calendar there. References to texts, readers and errors are good
 /// during the call; keep readers and errors by copying the pointer.
-class KBTSynchingCalendarDelegate {
+class QUILLMERE_EXPORT KBTSynchingCalendarDelegate {
  public:
   virtual ~KBTSynchingCalendarDelegate() = default;
 

@@ -2,6 +2,7 @@
 #define QUILLMERE_CALENDARS_KBTURLCALENDAR_H
 
 #include <quillmere/calendars/KBTDataCalendar.h>
+#include <quillmere/platform/base/Export.h>
 #include <quillmere/platform/net/NSURL.h>
 #include <quillmere/platform/net/NSURLSession.h>
 
@@ -28,7 +29,7 @@ inline constexpr const char* KBTURLCalendarErrorDomain = "URLCalendar";
 /// changes; the entity tag is that of the last answer to a fetch or a save, whatever its status.
 /// docs/behaviours.md lists all that may surprise you, docs/subscriptions.md what each operation
 /// comes to.
-class KBTURLCalendar : public KBTDataCalendar, public NSURLSessionDelegate {
+class QUILLMERE_EXPORT KBTURLCalendar : public KBTDataCalendar, public NSURLSessionDelegate {
  public:
   static std::shared_ptr<KBTURLCalendar> initWithURL(NSURL url);
   /// There is no calendar without an address.

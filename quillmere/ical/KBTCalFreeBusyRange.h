@@ -2,6 +2,7 @@
 #define QUILLMERE_ICAL_KBTCALFREEBUSYRANGE_H
 
 #include <quillmere/ical/KBTCalObject.h>
+#include <quillmere/platform/base/Export.h>
 #include <quillmere/platform/dates/NSDate.h>
 
 #include <memory>
@@ -15,7 +16,7 @@ namespace quillmere {
 /// Immutable.
 ///
 /// Unlike `KBTFreeBusy`, this skips a piece that does not have exactly one "/".
-class KBTCalFreeBusyRange {
+class QUILLMERE_EXPORT KBTCalFreeBusyRange {
  public:
   /// The ranges of one value, which is the text after the colon. The result may be empty.
   static std::vector<std::shared_ptr<KBTCalFreeBusyRange>> freeBusyRangesFromValueString(

@@ -2,6 +2,7 @@
 #define QUILLMERE_ICAL_KBTCALOBJECT_H
 
 #include <quillmere/ical/KBTICSDataSource.h>
+#include <quillmere/platform/base/Export.h>
 #include <quillmere/platform/base/NSData.h>
 #include <quillmere/platform/dates/NSDate.h>
 #include <quillmere/platform/dates/NSDateComponents.h>
@@ -45,7 +46,7 @@ using KBTCalModifiers = std::map<std::string_view, std::string_view>;
 ///
 /// Text is UTF-8. A key or value that is not well-formed UTF-8 is null; such a parameter is left
 /// out.
-class KBTCalObject : public KBTICSDataSource {
+class QUILLMERE_EXPORT KBTCalObject : public KBTICSDataSource {
  public:
   KBTCalObject(const KBTCalObject&) = delete;
   KBTCalObject& operator=(const KBTCalObject&) = delete;

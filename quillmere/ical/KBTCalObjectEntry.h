@@ -2,13 +2,14 @@
 #define QUILLMERE_ICAL_KBTCALOBJECTENTRY_H
 
 #include <quillmere/ical/KBTCalObject.h>
+#include <quillmere/platform/base/Export.h>
 
 namespace quillmere {
 
 /// A reader of one component: from its "BEGIN" line, which is the first line it returns, to the
 /// first "END" line after that. It does not track nested components: an event with an alarm ends at
 /// the alarm's "END" line, and the lines after that are not part of the entry.
-class KBTCalObjectEntry : public KBTCalObject {
+class QUILLMERE_EXPORT KBTCalObjectEntry : public KBTCalObject {
  public:
   /// A reader over `data`, before the line at `startPtr`. Requires: `startPtr` points at the first
   /// byte of a line in `data`, or at its end.

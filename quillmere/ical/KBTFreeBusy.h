@@ -1,6 +1,7 @@
 #ifndef QUILLMERE_ICAL_KBTFREEBUSY_H
 #define QUILLMERE_ICAL_KBTFREEBUSY_H
 
+#include <quillmere/platform/base/Export.h>
 #include <quillmere/platform/base/NSData.h>
 #include <quillmere/platform/base/NSError.h>
 #include <quillmere/platform/base/makeObject.h>
@@ -19,7 +20,7 @@ inline constexpr const char* KBTDavConnectionErrorDomain = "KBTDavConnection";
 inline constexpr const char* KBTFreeBusyMalformedPeriodKey = "MalformedPeriod";
 
 /// One period of a free/busy answer. Immutable.
-class KBTFreeBusy {
+class QUILLMERE_EXPORT KBTFreeBusy {
  public:
   /// Reads every FREEBUSY line (RFC 5545 section 3.8.2.6) of a document, whichever component it is
   /// in. The result has the periods in document order and may be empty. FREE and BUSY-UNAVAILABLE

@@ -1,13 +1,14 @@
 #ifndef QUILLMERE_ICAL_KBTICSDATASOURCE_H
 #define QUILLMERE_ICAL_KBTICSDATASOURCE_H
 
+#include <quillmere/platform/base/Export.h>
 #include <quillmere/platform/base/NSData.h>
 
 namespace quillmere {
 
 /// Anything that has the text of one iCalendar component. A calendar that saves asks its delegate
 /// for one such source per object. Readers and writers are sources, and a host may have its own.
-class KBTICSDataSource {
+class QUILLMERE_EXPORT KBTICSDataSource {
  public:
   virtual ~KBTICSDataSource() = default;
 

@@ -3,6 +3,7 @@
 
 #include <quillmere/ical/KBTICSDataSource.h>
 #include <quillmere/ical/KBTMutableCalObjectLine.h>
+#include <quillmere/platform/base/Export.h>
 #include <quillmere/platform/base/NSData.h>
 #include <quillmere/platform/dates/NSDate.h>
 
@@ -42,7 +43,7 @@ namespace quillmere {
 /// Keys are trusted and written as they are, so a key may carry parameters
 /// ("DTSTART;TZID=Asia/Tokyo"). For a nested component append lines whose keys are "BEGIN" and
 /// "END". Lines are never changed or removed.
-class KBTMutableCalObject : public KBTICSDataSource {
+class QUILLMERE_EXPORT KBTMutableCalObject : public KBTICSDataSource {
  public:
   /// A writer without lines. `objectType` is the component's name, such as "VEVENT"; null writes
   /// the lines without "BEGIN" and "END". With `includeCalendar`, `icsData()` is a whole document.

@@ -1,6 +1,7 @@
 #ifndef QUILLMERE_ICAL_KBTMUTABLECALOBJECTLINE_H
 #define QUILLMERE_ICAL_KBTMUTABLECALOBJECTLINE_H
 
+#include <quillmere/platform/base/Export.h>
 #include <quillmere/platform/dates/NSDate.h>
 
 #include <cstdint>
@@ -14,7 +15,7 @@ namespace quillmere {
 using KBTMutableCalObjectValue = std::variant<std::string, NSDate, std::int64_t, double>;
 
 /// One line that waits to be written. Immutable.
-class KBTMutableCalObjectLine {
+class QUILLMERE_EXPORT KBTMutableCalObjectLine {
  public:
   /// How the value is written. A line of any other type is written like one of `stringType`.
   static constexpr std::int32_t stringType = 0;

@@ -1,6 +1,7 @@
 #ifndef QUILLMERE_RECURRENCE_KBTCALREPETITION_H
 #define QUILLMERE_RECURRENCE_KBTCALREPETITION_H
 
+#include <quillmere/platform/base/Export.h>
 #include <quillmere/platform/base/HWObject.h>
 #include <quillmere/platform/base/NSError.h>
 #include <quillmere/platform/base/OrderedMap.h>
@@ -54,7 +55,7 @@ enum KBTCalRepetitionErrorCode : std::int64_t {
 /// All calendar fields are those of the default zone (`NSTimeZone::defaultTimeZone`), which must
 /// not change between the instances of a series. Asking for instances does not change a rule, so
 /// threads may share a rule on which nobody sets anything.
-class KBTCalRepetition : public HWObject {
+class QUILLMERE_EXPORT KBTCalRepetition : public HWObject {
  public:
   /// The FREQ keywords in the RFC's order. No initializer makes a SECONDLY rule.
   enum Frequency : std::uint64_t { SECONDLY = 0, MINUTELY, HOURLY, DAILY, WEEKLY, MONTHLY, YEARLY };

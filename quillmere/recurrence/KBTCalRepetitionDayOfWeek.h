@@ -1,6 +1,8 @@
 #ifndef QUILLMERE_RECURRENCE_KBTCALREPETITIONDAYOFWEEK_H
 #define QUILLMERE_RECURRENCE_KBTCALREPETITIONDAYOFWEEK_H
 
+#include <quillmere/platform/base/Export.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -12,7 +14,7 @@ namespace quillmere {
 /// in the month or year. "-1FR", the last Friday, is
 /// `KBTCalRepetitionDayOfWeek::dayOfWeek_weekNumber(KBTCalRepetitionDayOfWeek::FRIDAY, -1)`. A
 /// value, also for use as a key of hashed containers.
-class KBTCalRepetitionDayOfWeek {
+class QUILLMERE_EXPORT KBTCalRepetitionDayOfWeek {
  public:
   /// Weekday numbers, wherever a recurrence rule has one.
   enum Weekday : std::int64_t {

@@ -1,6 +1,8 @@
 #ifndef QUILLMERE_RECURRENCE_KBTREPETITIONINSTANCE_H
 #define QUILLMERE_RECURRENCE_KBTREPETITIONINSTANCE_H
 
+#include <quillmere/platform/base/Export.h>
+
 #include <cstdint>
 
 namespace quillmere {
@@ -9,7 +11,7 @@ namespace quillmere {
 /// was made. A plain record, passed by value. It means something only to the rule that made it.
 /// Requires: whoever fills one in by hand names a day, a weekday and a month that exist, and the
 /// month's length.
-struct KBTRepetitionInstance {
+struct QUILLMERE_EXPORT KBTRepetitionInstance {
   std::int64_t occurrence = 0;  ///< its number in the series, 0 for the first
   std::uint8_t second = 0;
   std::uint8_t minute = 0;

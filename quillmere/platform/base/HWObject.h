@@ -1,6 +1,7 @@
 #ifndef QUILLMERE_PLATFORM_BASE_HWOBJECT_H
 #define QUILLMERE_PLATFORM_BASE_HWOBJECT_H
 
+#include <quillmere/platform/base/Export.h>
 #include <quillmere/platform/dates/NSDate.h>
 
 #include <map>
@@ -13,7 +14,7 @@ namespace quillmere {
 using HWDebugDictionary = std::map<std::string, std::variant<std::string, NSDate>>;
 
 /// A base of objects that can describe themselves for debugging.
-class HWObject {
+class QUILLMERE_EXPORT HWObject {
  public:
   virtual ~HWObject() = default;
   HWObject(const HWObject&) = delete;

@@ -1,6 +1,8 @@
 #ifndef QUILLMERE_PLATFORM_BASE_HWPREFERENCE_H
 #define QUILLMERE_PLATFORM_BASE_HWPREFERENCE_H
 
+#include <quillmere/platform/base/Export.h>
+
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -12,7 +14,7 @@ namespace quillmere {
 /// One setting of the process: what the host has set, else the environment variable of the same
 /// name. A host sets one before it uses the library on a second thread. The library reads
 /// "KBTDavRequestorLogLevel" (see `KBTDavRequestor`).
-class HWPreference {
+class QUILLMERE_EXPORT HWPreference {
  public:
   /// The preference of a key; the same object every time.
   static std::shared_ptr<HWPreference> preferenceForKey(std::string_view key);

@@ -1,6 +1,8 @@
 #ifndef QUILLMERE_PLATFORM_BASE_NSBUNDLE_H
 #define QUILLMERE_PLATFORM_BASE_NSBUNDLE_H
 
+#include <quillmere/platform/base/Export.h>
+
 #include <functional>
 #include <map>
 #include <optional>
@@ -14,7 +16,7 @@ namespace quillmere {
 /// One entry is read by the library: "CFBundleShortVersionString", the host's version, which saved
 /// documents name in their PRODID. A host that wants its own version there sets it once at start,
 /// before it uses the library on a second thread.
-class NSBundle {
+class QUILLMERE_EXPORT NSBundle {
  public:
   /// The host application's bundle.
   static NSBundle& mainBundle();

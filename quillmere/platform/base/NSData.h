@@ -1,6 +1,8 @@
 #ifndef QUILLMERE_PLATFORM_BASE_NSDATA_H
 #define QUILLMERE_PLATFORM_BASE_NSDATA_H
 
+#include <quillmere/platform/base/Export.h>
+
 #include <cstddef>
 #include <memory>
 #include <optional>
@@ -12,7 +14,7 @@ namespace quillmere {
 
 /// Immutable bytes. Copying shares the buffer, which lives as long as any copy; so a pointer into
 /// `bytes()` is good as long as one `NSData` over the buffer is kept.
-class NSData {
+class QUILLMERE_EXPORT NSData {
  public:
   /// No bytes.
   NSData() = default;

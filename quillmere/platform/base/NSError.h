@@ -1,6 +1,7 @@
 #ifndef QUILLMERE_PLATFORM_BASE_NSERROR_H
 #define QUILLMERE_PLATFORM_BASE_NSERROR_H
 
+#include <quillmere/platform/base/Export.h>
 #include <quillmere/platform/base/KSDiagnostics.h>
 #include <quillmere/platform/base/NSData.h>
 
@@ -36,7 +37,7 @@ inline constexpr const char* KSErrorLineKey = "KSErrorLine";
 inline constexpr const char* NSPOSIXErrorDomain = "NSPOSIXErrorDomain";
 
 /// One failure: a domain, a code in it, and what else is known. Immutable and shared.
-class NSError {
+class QUILLMERE_EXPORT NSError {
  public:
   static NSErrorPtr errorWithDomain_code_userInfo(std::string domain, std::int64_t code,
                                                   NSErrorUserInfo userInfo);
@@ -63,9 +64,9 @@ class NSError {
 /// Stores a new error in the caller's out-argument; does nothing when `error` is null. The error
 /// that the out-argument held, if any, becomes the underlying one. The caller's place in the source
 /// goes into the user info.
-void KSWrapUnderlyingError(NSErrorPtr* error, std::string domain, std::int64_t code,
-                           NSErrorUserInfo userInfo,
-                           KSSourceLocation location = KSSourceLocation::current());
+QUILLMERE_EXPORT void KSWrapUnderlyingError(
+    NSErrorPtr* error, std::string domain, std::int64_t code, NSErrorUserInfo userInfo,
+    KSSourceLocation location = KSSourceLocation::current());
 
 }  // namespace quillmere
 

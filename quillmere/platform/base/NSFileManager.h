@@ -1,6 +1,7 @@
 #ifndef QUILLMERE_PLATFORM_BASE_NSFILEMANAGER_H
 #define QUILLMERE_PLATFORM_BASE_NSFILEMANAGER_H
 
+#include <quillmere/platform/base/Export.h>
 #include <quillmere/platform/base/NSData.h>
 #include <quillmere/platform/base/NSError.h>
 #include <quillmere/platform/dates/NSDate.h>
@@ -12,7 +13,7 @@
 namespace quillmere {
 
 /// What the library asks of the file system.
-class NSFileManager {
+class QUILLMERE_EXPORT NSFileManager {
  public:
   /// The modification date (`NSFileModificationDate`) of the item at `path`, symbolic links
   /// followed, cut to the microseconds that `NSDate` holds, and to the years 1 to 9999. Null when

@@ -1,6 +1,8 @@
 #ifndef QUILLMERE_PLATFORM_BASE_NSKEYVALUEOBSERVING_H
 #define QUILLMERE_PLATFORM_BASE_NSKEYVALUEOBSERVING_H
 
+#include <quillmere/platform/base/Export.h>
+
 #include <functional>
 #include <memory>
 #include <string>
@@ -11,7 +13,7 @@
 namespace quillmere {
 
 /// A handler that hears of changes as long as this object lives.
-class NSKeyValueObservation {
+class QUILLMERE_EXPORT NSKeyValueObservation {
  public:
   NSKeyValueObservation(std::string key, std::function<void()> handler)
       : key_(std::move(key)), handler_(std::move(handler)) {}
@@ -24,7 +26,7 @@ class NSKeyValueObservation {
 
 /// What tells observers that a value of it has changed. Each class says of which of its values it
 /// does so; the key is the name of the accessor.
-class NSKeyValueObserving {
+class QUILLMERE_EXPORT NSKeyValueObserving {
  public:
   /// Calls `handler` right after each change of the value named `key`, from where it is changed,
   /// until the result is destroyed.

@@ -1,6 +1,8 @@
 #ifndef QUILLMERE_PLATFORM_BASE_ORDEREDMAP_H
 #define QUILLMERE_PLATFORM_BASE_ORDEREDMAP_H
 
+#include <quillmere/platform/base/Export.h>
+
 #include <algorithm>
 #include <bit>
 #include <cstddef>
@@ -16,7 +18,7 @@ namespace quillmere {
 
 /// A hash with a secret seed of the process. Keys come from documents that strangers write, who
 /// could choose them to collide under a known hash.
-std::size_t seededHash(std::string_view text);
+QUILLMERE_EXPORT std::size_t seededHash(std::string_view text);
 
 /// A dictionary with text keys that remembers the order in which keys were first inserted; insert,
 /// look-up and erase take amortised constant time. With `std::string_view` as `Key` the texts must

@@ -1,6 +1,7 @@
 #ifndef QUILLMERE_PLATFORM_DATES_NSCALENDAR_H
 #define QUILLMERE_PLATFORM_DATES_NSCALENDAR_H
 
+#include <quillmere/platform/base/Export.h>
 #include <quillmere/platform/dates/NSDate.h>
 #include <quillmere/platform/dates/NSDateComponents.h>
 #include <quillmere/platform/dates/NSTimeZone.h>
@@ -17,7 +18,7 @@ namespace quillmere {
 /// A wall time that a change to daylight saving skips moves forward by the gap, of a repeated one
 /// the first is meant. In America/New_York, 10 March 2024, 02:30 is 03:30 (07:30 UTC), and 3
 /// November 2024, 01:30 is the one at 05:30 UTC.
-class NSCalendar {
+class QUILLMERE_EXPORT NSCalendar {
  public:
   static constexpr std::int64_t minimumYear = 1;
   static constexpr std::int64_t maximumYear = 144683;

@@ -1,6 +1,8 @@
 #ifndef QUILLMERE_PLATFORM_DATES_NSDATE_H
 #define QUILLMERE_PLATFORM_DATES_NSDATE_H
 
+#include <quillmere/platform/base/Export.h>
+
 #include <compare>
 #include <cstdint>
 #include <optional>
@@ -11,7 +13,7 @@ namespace quillmere {
 
 /// An instant: microseconds since 1 January 1970, 00:00 UTC, without leap seconds. It has no zone;
 /// what day it is, `NSCalendar` tells.
-class NSDate {
+class QUILLMERE_EXPORT NSDate {
  public:
   static constexpr std::int64_t microsecondsPerSecond = 1'000'000;
 

@@ -1,6 +1,8 @@
 #ifndef QUILLMERE_PLATFORM_DATES_NSDATECOMPONENTS_H
 #define QUILLMERE_PLATFORM_DATES_NSDATECOMPONENTS_H
 
+#include <quillmere/platform/base/Export.h>
+
 #include <cstdint>
 #include <optional>
 
@@ -8,7 +10,7 @@ namespace quillmere {
 
 /// Calendar fields: of a date, or an amount of time to add to one. A component that was never set
 /// is undefined, which is not zero.
-struct NSDateComponents {
+struct QUILLMERE_EXPORT NSDateComponents {
   std::optional<std::int64_t> year;
   std::optional<std::int64_t> month;
   std::optional<std::int64_t> day;

@@ -1,6 +1,7 @@
 #ifndef QUILLMERE_PLATFORM_DATES_NSTIMEZONE_H
 #define QUILLMERE_PLATFORM_DATES_NSTIMEZONE_H
 
+#include <quillmere/platform/base/Export.h>
 #include <quillmere/platform/dates/NSDate.h>
 
 #include <memory>
@@ -12,7 +13,7 @@
 namespace quillmere {
 
 /// A time zone: the rule that gives every instant its offset from UTC. A value; copying is cheap.
-class NSTimeZone {
+class QUILLMERE_EXPORT NSTimeZone {
  public:
   /// The zone of that name: of a file in the system's zone database, so an IANA name such as
   /// "Europe/Paris", or else a Windows name ("W. Europe Standard Time"), which Outlook and Exchange

@@ -1,6 +1,8 @@
 #ifndef QUILLMERE_PLATFORM_EVENTS_EKCALENDAR_H
 #define QUILLMERE_PLATFORM_EVENTS_EKCALENDAR_H
 
+#include <quillmere/platform/base/Export.h>
+
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -13,7 +15,7 @@ namespace quillmere {
 enum class EKEntityType : std::uint8_t { event = 0, reminder = 1 };
 
 /// A calendar of an event store, as it was when the store was asked for it.
-class EKCalendar {
+class QUILLMERE_EXPORT EKCalendar {
  public:
   /// A new calendar of events, without title, which the store does not know yet:
   /// `EKEventStore::saveCalendar_commit_error` adds it.

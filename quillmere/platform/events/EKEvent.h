@@ -1,6 +1,7 @@
 #ifndef QUILLMERE_PLATFORM_EVENTS_EKEVENT_H
 #define QUILLMERE_PLATFORM_EVENTS_EKEVENT_H
 
+#include <quillmere/platform/base/Export.h>
 #include <quillmere/platform/dates/NSDate.h>
 #include <quillmere/platform/dates/NSTimeZone.h>
 #include <quillmere/platform/events/EKCalendar.h>
@@ -17,7 +18,7 @@ class EKEventStore;
 struct EventRecord;
 
 /// A reminder that goes with an event.
-struct EKAlarm {
+struct QUILLMERE_EXPORT EKAlarm {
   std::int64_t relativeOffset = 0;  ///< seconds after the event's start; negative before it
 
   friend bool operator==(const EKAlarm&, const EKAlarm&) = default;
@@ -35,7 +36,7 @@ struct EKAlarm {
 ///     and `endDate()` that of the day after its last, both in the default zone; an event on 5
 ///     January ends with 6 January, 0 o'clock. Other times of day are rounded outwards when it is
 ///     saved.
-class EKEvent {
+class QUILLMERE_EXPORT EKEvent {
  public:
   /// A new event, without calendar, times and texts, in the default time zone. It has its external
   /// identifier already.

@@ -1,6 +1,7 @@
 #ifndef QUILLMERE_PLATFORM_EVENTS_EKEVENTSTORE_H
 #define QUILLMERE_PLATFORM_EVENTS_EKEVENTSTORE_H
 
+#include <quillmere/platform/base/Export.h>
 #include <quillmere/platform/base/HWPreference.h>
 #include <quillmere/platform/base/NSError.h>
 #include <quillmere/platform/dates/NSDate.h>
@@ -43,7 +44,7 @@ enum EKErrorCode : std::int64_t {
 enum class EKSpan : std::uint8_t { thisEvent = 0, futureEvents = 1 };
 
 /// What events to fetch; made by `EKEventStore::predicateForEventsWithStartDate_endDate_calendars`.
-struct EKEventPredicate {
+struct QUILLMERE_EXPORT EKEventPredicate {
   NSDate startDate;
   NSDate endDate;
   std::optional<std::vector<std::string>> calendarIdentifiers;  ///< null: of all calendars
@@ -71,7 +72,7 @@ struct EKEventPredicate {
 /// Its connection to the session bus no longer ends the process when the bus goes away.
 ///
 /// Any thread may use a store. Operations run on the caller's thread and block it.
-class EKEventStore : public std::enable_shared_from_this<EKEventStore> {
+class QUILLMERE_EXPORT EKEventStore : public std::enable_shared_from_this<EKEventStore> {
  public:
   /// The user's store. Never null: when it cannot be opened, access requests and saves tell the
   /// reason and there are no calendars. The database is the file "quillmere/events.sqlite" in

@@ -1,6 +1,8 @@
 #ifndef QUILLMERE_PLATFORM_LOOP_NSOPERATIONQUEUE_H
 #define QUILLMERE_PLATFORM_LOOP_NSOPERATIONQUEUE_H
 
+#include <quillmere/platform/base/Export.h>
+
 #include <functional>
 #include <memory>
 #include <utility>
@@ -11,7 +13,7 @@ namespace quillmere {
 /// context (`GMainContext`), to be copied freely. Queues are equal when their contexts are.
 ///
 /// Any thread may add operations; they run on the thread that runs the context's loop.
-class NSOperationQueue {
+class QUILLMERE_EXPORT NSOperationQueue {
  public:
   /// The queue of the default main context, which a GTK host and, on Linux, a Qt host run anyway.
   /// Other hosts run it with `NSRunLoop::mainRunLoop()`.

@@ -1,6 +1,7 @@
 #ifndef QUILLMERE_PLATFORM_LOOP_NSRUNLOOP_H
 #define QUILLMERE_PLATFORM_LOOP_NSRUNLOOP_H
 
+#include <quillmere/platform/base/Export.h>
 #include <quillmere/platform/dates/NSDate.h>
 #include <quillmere/platform/loop/NSOperationQueue.h>
 
@@ -12,7 +13,7 @@ namespace quillmere {
 /// The loop that carries out a queue's operations and everything that waits for network or time,
 /// for hosts that have no loop of their own: a thin handle on a GLib main context. It sleeps while
 /// nothing happens.
-class NSRunLoop {
+class QUILLMERE_EXPORT NSRunLoop {
  public:
   /// The loop of the main queue.
   static NSRunLoop mainRunLoop() { return NSRunLoop(NSOperationQueue::mainQueue()); }

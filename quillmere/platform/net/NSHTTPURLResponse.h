@@ -1,6 +1,7 @@
 #ifndef QUILLMERE_PLATFORM_NET_NSHTTPURLRESPONSE_H
 #define QUILLMERE_PLATFORM_NET_NSHTTPURLRESPONSE_H
 
+#include <quillmere/platform/base/Export.h>
 #include <quillmere/platform/net/NSURL.h>
 
 #include <cstdint>
@@ -14,7 +15,7 @@
 namespace quillmere {
 
 /// The head of a server's answer. Immutable and shared.
-class NSHTTPURLResponse {
+class QUILLMERE_EXPORT NSHTTPURLResponse {
  public:
   static std::shared_ptr<const NSHTTPURLResponse> initWithURL_statusCode_HTTPVersion_headerFields(
       NSURL URL, std::int64_t statusCode, std::string HTTPVersion,

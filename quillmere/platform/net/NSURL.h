@@ -1,6 +1,8 @@
 #ifndef QUILLMERE_PLATFORM_NET_NSURL_H
 #define QUILLMERE_PLATFORM_NET_NSURL_H
 
+#include <quillmere/platform/base/Export.h>
+
 #include <compare>
 #include <cstdint>
 #include <optional>
@@ -14,7 +16,7 @@ namespace quillmere {
 /// characters were percent-encoded ("http://h/two words.ics"). It keeps its text as it was given;
 /// what may not travel is encoded only on the wire. Whether a host can be asked for it, `isHTTP`
 /// tells. A value, ordered and equal by its text.
-class NSURL {
+class QUILLMERE_EXPORT NSURL {
  public:
   /// Null for empty text, for text with control characters (C0 and DEL), and for bytes that are not
   /// UTF-8.

@@ -1,6 +1,7 @@
 #ifndef QUILLMERE_PLATFORM_NET_NSURLAUTHENTICATIONCHALLENGE_H
 #define QUILLMERE_PLATFORM_NET_NSURLAUTHENTICATIONCHALLENGE_H
 
+#include <quillmere/platform/base/Export.h>
 #include <quillmere/platform/net/NSHTTPURLResponse.h>
 #include <quillmere/platform/net/NSURLCredential.h>
 #include <quillmere/platform/net/NSURLProtectionSpace.h>
@@ -28,7 +29,7 @@ using NSURLSessionChallengeCompletionHandler = std::function<void(
     NSURLSessionAuthChallengeDisposition, std::shared_ptr<NSURLCredential> credential)>;
 
 /// A server or a proxy asks who is there (RFC 9110 section 11). Immutable and shared.
-class NSURLAuthenticationChallenge {
+class QUILLMERE_EXPORT NSURLAuthenticationChallenge {
  public:
   static std::shared_ptr<NSURLAuthenticationChallenge>
   initWithProtectionSpace_proposedCredential_previousFailureCount_failureResponse(

@@ -1,6 +1,8 @@
 #ifndef QUILLMERE_PLATFORM_NET_NSURLCREDENTIAL_H
 #define QUILLMERE_PLATFORM_NET_NSURLCREDENTIAL_H
 
+#include <quillmere/platform/base/Export.h>
+
 #include <memory>
 #include <string>
 
@@ -15,7 +17,7 @@ enum NSURLCredentialPersistence {
 };
 
 /// A user's name and password. Immutable and shared.
-class NSURLCredential {
+class QUILLMERE_EXPORT NSURLCredential {
  public:
   static std::shared_ptr<NSURLCredential> credentialWithUser_password_persistence(
       std::string user, std::string password, NSURLCredentialPersistence persistence);

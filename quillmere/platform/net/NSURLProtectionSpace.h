@@ -1,6 +1,8 @@
 #ifndef QUILLMERE_PLATFORM_NET_NSURLPROTECTIONSPACE_H
 #define QUILLMERE_PLATFORM_NET_NSURLPROTECTIONSPACE_H
 
+#include <quillmere/platform/base/Export.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -24,7 +26,7 @@ inline constexpr const char* NSURLAuthenticationMethodServerTrust =
     "NSURLAuthenticationMethodServerTrust";
 
 /// What asks for a credential: a server's realm (RFC 9110 section 11.5), or a proxy. A value.
-class NSURLProtectionSpace {
+class QUILLMERE_EXPORT NSURLProtectionSpace {
  public:
   /// `protocol` is "http" or "https"; a realm that is not UTF-8 is none.
   static NSURLProtectionSpace initWithHost_port_protocol_realm_authenticationMethod(

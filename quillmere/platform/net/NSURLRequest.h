@@ -1,6 +1,7 @@
 #ifndef QUILLMERE_PLATFORM_NET_NSURLREQUEST_H
 #define QUILLMERE_PLATFORM_NET_NSURLREQUEST_H
 
+#include <quillmere/platform/base/Export.h>
 #include <quillmere/platform/base/NSData.h>
 #include <quillmere/platform/net/NSURL.h>
 
@@ -20,7 +21,7 @@ enum NSURLRequestCachePolicy {
 };
 
 /// What to ask of a server. A value; `NSMutableURLRequest` is the one to fill in.
-class NSURLRequest {
+class QUILLMERE_EXPORT NSURLRequest {
  public:
   /// A GET without URL.
   NSURLRequest() = default;
@@ -59,7 +60,7 @@ class NSURLRequest {
 };
 
 /// A request that can be changed. Copied to an `NSURLRequest` it gives the request as it is then.
-class NSMutableURLRequest : public NSURLRequest {
+class QUILLMERE_EXPORT NSMutableURLRequest : public NSURLRequest {
  public:
   NSMutableURLRequest() = default;
   static NSMutableURLRequest requestWithURL(const NSURL& URL);

@@ -1,6 +1,7 @@
 #ifndef QUILLMERE_PLATFORM_NET_NSURLSESSION_H
 #define QUILLMERE_PLATFORM_NET_NSURLSESSION_H
 
+#include <quillmere/platform/base/Export.h>
 #include <quillmere/platform/base/NSError.h>
 #include <quillmere/platform/loop/NSOperationQueue.h>
 #include <quillmere/platform/net/NSURLAuthenticationChallenge.h>
@@ -48,7 +49,7 @@ enum NSURLErrorCode : std::int64_t {
 inline constexpr const char* NSURLErrorFailingURLStringErrorKey = "NSErrorFailingURLStringKey";
 
 /// What a session does with every request.
-struct NSURLSessionConfiguration {
+struct QUILLMERE_EXPORT NSURLSessionConfiguration {
   /// Cookies in memory, for the session's life; no cache, no stored credentials.
   static NSURLSessionConfiguration ephemeralSessionConfiguration() { return {}; }
 
@@ -74,7 +75,7 @@ inline constexpr auto NSURLSessionResponseAllow = NSURLSessionResponseDispositio
 /// environment variable SSL_CERT_FILE names. The only fields added to a request are Host,
 /// Content-Length, User-Agent and the session's cookies; a body is decompressed (gzip, deflate)
 /// only where the request has the field Accept-Encoding.
-class NSURLSession : public std::enable_shared_from_this<NSURLSession> {
+class QUILLMERE_EXPORT NSURLSession : public std::enable_shared_from_this<NSURLSession> {
  public:
   /// The session holds its delegate strongly while one of its tasks exists that is not completed,
   /// weakly otherwise. Null `queue`: that of the calling thread.
@@ -105,7 +106,8 @@ class NSURLSession : public std::enable_shared_from_this<NSURLSession> {
 };
 
 /// One request, from its first sending to its completion, redirects and challenges included.
-class NSURLSessionDataTask : public std::enable_shared_from_this<NSURLSessionDataTask> {
+class QUILLMERE_EXPORT NSURLSessionDataTask
+    : public std::enable_shared_from_this<NSURLSessionDataTask> {
  public:
   /// Starts a suspended task; nothing for any other. Nothing is sent before this returns.
   void resume();
@@ -140,7 +142,7 @@ class NSURLSessionDataTask : public std::enable_shared_from_this<NSURLSessionDat
 /// What a session tells, and asks. Every call comes from the delegate queue's loop. A completion
 /// handler may be called at once or later, once; the task waits for it. In any call the delegate
 /// may make, resume and cancel tasks, and let go of the session.
-class NSURLSessionDelegate {
+class QUILLMERE_EXPORT NSURLSessionDelegate {
  public:
   virtual ~NSURLSessionDelegate() = default;
 

@@ -1,6 +1,7 @@
 #ifndef QUILLMERE_PLATFORM_NOTIFICATIONS_NSDISTRIBUTEDNOTIFICATIONCENTER_H
 #define QUILLMERE_PLATFORM_NOTIFICATIONS_NSDISTRIBUTEDNOTIFICATIONCENTER_H
 
+#include <quillmere/platform/base/Export.h>
 #include <quillmere/platform/notifications/NSNotificationCenter.h>
 
 #include <functional>
@@ -11,7 +12,7 @@
 namespace quillmere {
 
 /// One message between processes. Its sender is a text.
-struct NSDistributedNotification {
+struct QUILLMERE_EXPORT NSDistributedNotification {
   std::string name;
   std::optional<std::string> object;
   NSNotificationUserInfo userInfo;
@@ -23,7 +24,7 @@ struct NSDistributedNotification {
 /// notification asks again for a bus that was lost. Any thread may use the center.
 ///
 /// Name, object and user info arrive as they were sent, byte for byte.
-class NSDistributedNotificationCenter {
+class QUILLMERE_EXPORT NSDistributedNotificationCenter {
  public:
   /// The same center every time.
   static NSDistributedNotificationCenter& defaultCenter();

@@ -1,6 +1,7 @@
 #ifndef QUILLMERE_PLATFORM_NOTIFICATIONS_NSNOTIFICATIONCENTER_H
 #define QUILLMERE_PLATFORM_NOTIFICATIONS_NSNOTIFICATIONCENTER_H
 
+#include <quillmere/platform/base/Export.h>
 #include <quillmere/platform/base/NSData.h>
 
 #include <cstdint>
@@ -18,7 +19,7 @@ using NSNotificationUserInfo =
     std::map<std::string, std::variant<std::string, NSData, std::int64_t, double, bool>>;
 
 /// One message of a notification center.
-struct NSNotification {
+struct QUILLMERE_EXPORT NSNotification {
   std::string name;
   std::shared_ptr<void> object;  ///< the sender, null when there is none
   NSNotificationUserInfo userInfo;
@@ -28,14 +29,14 @@ template <class Notification>
 class ObserverList;
 
 /// An observer that hears of notifications as long as this object lives.
-class NSNotificationObservation {
+class QUILLMERE_EXPORT NSNotificationObservation {
  public:
   virtual ~NSNotificationObservation() = default;
 };
 
 /// Brings notifications from senders to observers that need not know each other, within the
 /// process. Any thread may use it.
-class NSNotificationCenter {
+class QUILLMERE_EXPORT NSNotificationCenter {
  public:
   /// The same center every time.
   static NSNotificationCenter& defaultCenter();

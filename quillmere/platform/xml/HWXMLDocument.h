@@ -1,6 +1,7 @@
 #ifndef QUILLMERE_PLATFORM_XML_HWXMLDOCUMENT_H
 #define QUILLMERE_PLATFORM_XML_HWXMLDOCUMENT_H
 
+#include <quillmere/platform/base/Export.h>
 #include <quillmere/platform/base/NSData.h>
 #include <quillmere/platform/xml/HWXMLElement.h>
 
@@ -24,7 +25,7 @@ namespace quillmere {
 ///
 /// Namespaces are attributes like any other when a document is written, and are not resolved when
 /// one is read: elements are told by the part of their name after the prefix.
-class HWXMLDocument {
+class QUILLMERE_EXPORT HWXMLDocument {
  public:
   /// A document of one empty element, which is the one that is written first. Names, of elements
   /// and attributes, have to be names in the sense of XML; they are written as they are given.

@@ -1,6 +1,7 @@
 #ifndef QUILLMERE_PLATFORM_XML_HWXMLELEMENT_H
 #define QUILLMERE_PLATFORM_XML_HWXMLELEMENT_H
 
+#include <quillmere/platform/base/Export.h>
 #include <quillmere/platform/base/NSData.h>
 
 #include <cstddef>
@@ -30,7 +31,7 @@ using HWXMLNode = std::variant<HWXMLElement, std::string_view>;
 /// where CDATA sections, comments or processing instructions divide it; these are no children of
 /// their own. Text of white space alone, as between the tags of an indented document, is none
 /// either. The text of an element that holds nothing else is thus its last child.
-class HWXMLElement {
+class QUILLMERE_EXPORT HWXMLElement {
  public:
   /// The name without namespace prefix.
   std::string_view name() const;
