@@ -63,6 +63,18 @@ struct KBTLocalCalendar::Process : NSKeyValueObserving {
   std::vector<std::shared_ptr<NSNotificationObservation>> observations;
 };
 
+// A save as long as it lasts. A delegate may begin another one in it, or throw.
+class KBTLocalCalendar::Saving {
+ public:
+  Saving() : wasSaving_(std::exchange(process().isSaving, true)) {}
+  Saving(const Saving&) = delete;
+  Saving& operator=(const Saving&) = delete;
+  ~Saving() { process().isSaving = wasSaving_; }
+
+ private:
+  const bool wasSaving_;
+};
+
 KBTLocalCalendar::Process& KBTLocalCalendar::process() {
   static Process& process = []() -> Process& {
     auto& made = *new Process;
@@ -221,12 +233,11 @@ void KBTLocalCalendar::_checkEKEvent(const std::shared_ptr<EKEvent>& event) {
 void KBTLocalCalendar::saveChanges() {
   const auto self = keptAlive();
   setIsSaving(true);  // Intended: for good.
-  process().isSaving = true;
+  const Saving saving;
   for (const std::string& name : insertSet().names()) _writeEventForEventIdentifier(name);
   for (const std::string& name : updateSet().names()) _writeEventForEventIdentifier(name);
   for (const std::string& name : deleteSet().names()) removeEventNamed(name);
   KBTSynchingCalendar::saveChanges();
-  process().isSaving = false;
 }
 
 // Intended: nothing happens when the name is not that of exactly one event.

@@ -87,6 +87,7 @@ class KBTLocalCalendar : public KBTSynchingCalendar {
 
  private:
   struct Process;
+  class Saving;
   static Process& process();
   void removeEventNamed(const std::string& name);
   KBTClientObject objectNamed(const std::string& name);

@@ -22,6 +22,10 @@ struct NSDistributedNotification {
 /// answers; without one, and once it has gone away, the center serves this process alone. Every
 /// notification asks again for a bus that was lost. Any thread may use the center.
 ///
+/// The center sends and receives while the main loop runs, and never waits for the bus. While a bus
+/// has not answered yet, the first 1,000 notifications wait for it; the process's own observers hear
+/// at once. They are dropped when the bus does not take the connection.
+///
 /// Name, object and user info arrive as they were sent, byte for byte.
 class NSDistributedNotificationCenter {
  public:
@@ -50,7 +54,7 @@ class NSDistributedNotificationCenter {
   class Bus;
 
   std::shared_ptr<ObserverList<NSDistributedNotification>> observers_;
-  std::unique_ptr<Bus> bus_;
+  std::shared_ptr<Bus> bus_;
 };
 
 }  // namespace quillmere
