@@ -6,21 +6,21 @@
 #include <cstdint>
 #include <string_view>
 
-// What people write behind an option. All of it throws UsageProblem when the text is something else.
+// Reads what people write behind an option. Each function throws UsageProblem if the text is wrong.
 namespace examples {
 
 /// A day ("2024-05-31") or a time ("2024-05-31T17:00").
 struct TypedTime {
-  quillmere::NSDate date;  ///< at which clocks in UTC show it
+  quillmere::NSDate date;  ///< when clocks in UTC show it
   bool isDay;
 };
 
 TypedTime parseTime(std::string_view text);
 
-/// A day only.
+/// Takes only a day.
 TypedTime parseDay(std::string_view text);
 
-/// From 1 to `maximum`.
+/// Takes a number from 1 to `maximum`.
 std::int64_t parseNumber(std::string_view text, std::int64_t maximum);
 
 }  // namespace examples

@@ -56,7 +56,7 @@ constexpr Command commands[] = {
     {"change", 2, "tsean"}, {"remove", 2, ""},          {"watch", 0, "w"},
 };
 
-// At which clocks in the default zone show it.
+// Takes the time as that of the default zone.
 When whenOf(const examples::TypedTime& time) {
   const NSCalendar utc(NSTimeZone::timeZoneWithName("UTC").value());
   const auto fields = utc.componentsFromDate(time.date);

@@ -12,18 +12,18 @@
 
 namespace quillmere {
 
-/// A reader over an event of the desktop's store, as if it were an iCalendar component. It has
-/// always the same eight lines: BEGIN, DTSTART, DTEND, DTSTAMP, UID, SUMMARY, DESCRIPTION, END.
-/// There is no text behind it, so `icsData()` and `data()` are empty, and no line has parameters.
-/// Values are the event's at the time of the call.
+/// Reads an event of the desktop's store as if it were an iCalendar component. It always has the
+/// same eight lines: BEGIN, DTSTART, DTEND, DTSTAMP, UID, SUMMARY, DESCRIPTION, END. There is no
+/// text behind them, so `icsData()` and `data()` are empty and no line has parameters. Values are
+/// the event's at the time of the call.
 ///
-/// Intended: UID is the identifier of the event's calendar, the same for all of its events; the
-/// event's own identity is the unique name that the calendar tells with the reader. `isAtEnd()` is
-/// true before the first line too, so walk it by what `nextLine()` returns.
+/// Two things are intended. UID is the identifier of the event's calendar, so all events of a
+/// calendar share it; the event's own identity is the unique name that comes with the reader. And
+/// `isAtEnd()` is true before the first line too, so go by what `nextLine()` returns.
 class KBTCalEventCalObject : public KBTCalObject {
  public:
-  /// A null event has the lines all the same, with null values but for BEGIN and END, and an empty
-  /// DESCRIPTION.
+  /// A reader of a null event has the same lines. BEGIN and END have their values, DESCRIPTION is
+  /// empty, and all other values are null.
   static std::shared_ptr<KBTCalEventCalObject> initWithEKEvent(std::shared_ptr<EKEvent> event);
 
   void reset() override;
@@ -31,10 +31,11 @@ class KBTCalEventCalObject : public KBTCalObject {
   bool nextLine() override;
   /// Null outside the lines, as is the value.
   std::optional<std::string_view> key() override;
-  /// Dates in UTC, "20240105T093000Z", also of all-day events. Good until the next call.
+  /// Dates are in UTC, like "20240105T093000Z", also those of all-day events. The view is good
+  /// until the next call.
   std::optional<std::string_view> value() override;
-  /// Of DTSTART and DTEND, with the event's all-day flag, and of DTSTAMP, with false; null of any
-  /// other line, which leaves the flag as it is.
+  /// The date of DTSTART, DTEND or DTSTAMP. The flag becomes the event's all-day flag, or false for
+  /// DTSTAMP. On any other line the result is null and the flag stays as it is.
   std::optional<NSDate> valueAsDateIsFullDay(bool& isFullDay) override;
   std::optional<std::string_view> valueForModifier(std::string_view name) override;
   const KBTCalModifiers& modifiers() override;

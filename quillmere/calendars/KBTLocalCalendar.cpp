@@ -39,7 +39,7 @@ std::optional<Value> valueOf(const KBTMutableCalObject* writer, const char* key)
   return known ? std::optional(*known) : std::nullopt;
 }
 
-// Without a writer everything is null, so that the store refuses the event.
+// Everything is null without a writer, so the store refuses the event.
 void fill(EKEvent& event, const KBTMutableCalObject* writer) {
   event.setTitle(valueOf<std::string>(writer, "SUMMARY"));
   event.setNotes(valueOf<std::string>(writer, "DESCRIPTION"));
@@ -127,7 +127,7 @@ void KBTLocalCalendar::_refetchLocalCalendars() {
   process().didChangeValueForKey(calendarsKey);
 }
 
-// Intended: what changes during a save is not looked at later either.
+// Intended: a change that is noticed during a save is not looked at later either.
 void KBTLocalCalendar::_eventStoreChanged() {
   NSOperationQueue::mainQueue().addOperationWithBlock([] {
     if (!isSavingAnyCalendar()) _refetchLocalCalendars();
@@ -196,19 +196,19 @@ void KBTLocalCalendar::_fullExternalChanges() {
       store->predicateForEventsWithStartDate_endDate_calendars(
           earliest, latest, std::vector<std::shared_ptr<EKCalendar>>{_externalCalendar()}),
       &error);
-  if (error) return;  // what cannot be read is not gone
+  if (error) return;  // what could not be read is not gone
   OrderedSet remaining;
   for (std::string& name : objectsByUniqueName().keys()) remaining.insert(std::move(name));
   for (const auto& event : events) {
     _checkEKEvent(event);
-    // Intended: the bare identifier is not the name of an occurrence, so that every occurrence is
-    // reported and then deleted, and so again by the next fetch.
+    // Intended: the bare identifier is not the name of an occurrence. So every fetch reports every
+    // occurrence and then deletes it.
     remaining.insert(uniqueNameOf(*event));
     remaining.erase(event->calendarItemExternalIdentifier());
   }
   for (const std::string& name : remaining.names()) {
     const auto object = objectNamed(name);
-    if (!object) continue;  // declined, or the host itself took it away during the fetch
+    if (!object) continue;  // the host declined it, or took it away during the fetch
     delegate()->synchingCalendar_deletionForObject(*this, object);
     objectsByUniqueName().erase(name);
   }
@@ -240,7 +240,7 @@ void KBTLocalCalendar::saveChanges() {
   KBTSynchingCalendar::saveChanges();
 }
 
-// Intended: nothing happens when the name is not that of exactly one event.
+// Intended: does nothing unless exactly one event has the name.
 void KBTLocalCalendar::removeEventNamed(const std::string& name) {
   const auto store = eventStore();
   NSErrorPtr error;

@@ -114,9 +114,9 @@ void callOnMainQueue(const std::weak_ptr<Observers>& observers,
 
 }  // namespace
 
-// The way to the session's other processes. A connection of its own: the process's shared one ends
-// the process when the bus goes away. All but what hears runs on the main queue, so that nobody waits
-// for a bus that takes long to answer, and notifications keep their order.
+// The way to the session's other processes. It has a connection of its own, since the process's
+// shared one ends the process when the bus goes away. All but `hear` runs on the main queue: so
+// nobody waits for a bus that takes long to answer, and notifications keep their order.
 class NSDistributedNotificationCenter::Bus : public std::enable_shared_from_this<Bus> {
  public:
   explicit Bus(std::weak_ptr<Observers> observers) : observers_(std::move(observers)) {}
@@ -169,7 +169,7 @@ class NSDistributedNotificationCenter::Bus : public std::enable_shared_from_this
     if (const auto bus = weak->lock()) bus->use(std::move(connection));
   }
 
-  // Null when there is no such bus: then nobody else hears what has waited for it.
+  // Null means that there is no such bus: then what has waited for it is dropped.
   void use(Owned<GDBusConnection> connection) {
     attempt_.reset();
     if (connection_) g_dbus_connection_remove_filter(connection_.get(), filter_);
@@ -207,8 +207,8 @@ class NSDistributedNotificationCenter::Bus : public std::enable_shared_from_this
   }
 
   std::weak_ptr<Observers> observers_;
-  Owned<GCancellable> attempt_{nullptr, &g_object_unref};  // to connect; null when none is made
-  std::vector<OwnedVariant> waiting_;                      // for its end
+  Owned<GCancellable> attempt_{nullptr, &g_object_unref};  // null unless it is connecting
+  std::vector<OwnedVariant> waiting_;                      // for the end of the attempt
   Owned<GDBusConnection> connection_{nullptr, &g_object_unref};
   guint filter_ = 0;
 };
