@@ -75,7 +75,7 @@ struct Store {
     if (calendars.empty()) store->saveCalendar_commit_error(calendar, true, nullptr);
   }
 
-  // Every tenth is an hour in the week that is repeated four times, the others happen once.
+  // Every fortieth is repeated weekly, four times. The others happen once.
   void save(std::size_t number) const {
     const auto event = EKEvent::eventWithEventStore(store);
     event->setCalendar(calendar);
