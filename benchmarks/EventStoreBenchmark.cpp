@@ -1,6 +1,8 @@
 // Fetches a month of events from SQLite event stores of different sizes, and saves events beside
-// bare SQLite.
+// bare SQLite: by the store, and by a local calendar.
 
+#include <quillmere/calendars/KBTLocalCalendar.h>
+#include <quillmere/ical/KBTMutableCalObject.h>
 #include <quillmere/platform/events/EKEventStore.h>
 #include <sqlite3.h>
 
@@ -15,11 +17,13 @@
 
 #include "Process.h"
 #include "Race.h"
+#include "RecordingHost.h"
 
 namespace {
 
 using namespace benchmarks;
 using quillmere::EKCalendar, quillmere::EKEvent, quillmere::EKEventStore, quillmere::NSDate;
+using quillmere::KBTLocalCalendar, quillmere::KBTMutableCalObject;
 
 namespace fs = std::filesystem;
 
@@ -27,13 +31,22 @@ constexpr std::size_t manyEvents = 100'000;
 constexpr std::size_t fewEvents = 10'000;
 constexpr std::size_t eventsOfAMonth = 300;
 constexpr std::size_t saves = 1'000;
-constexpr std::int64_t secondsOfAMonth = 30 * 86'400;
+constexpr std::size_t turn = 20;  // saves by one, before the other comes
+constexpr std::int64_t secondsOfAMonth = std::int64_t{30} * 86'400;
 constexpr std::int64_t eventInterval = secondsOfAMonth / std::int64_t(eventsOfAMonth);
 constexpr std::int64_t firstSecond = 1'704'067'200;  // 2024
+constexpr const char* notes =
+    "What there is to say about it, in a sentence or two of usual length.";
 
 NSDate dateAt(std::int64_t seconds) {
   return NSDate::dateWithMicrosecondsSince1970(seconds * NSDate::microsecondsPerSecond);
 }
+
+std::int64_t startOf(std::size_t number) {
+  return firstSecond + std::int64_t(number) * eventInterval;
+}
+
+std::string titleOf(std::size_t number) { return "Event " + std::to_string(number); }
 
 // A folder in memory where there is one: making a store waits for the disk with every event.
 class Folder {
@@ -62,15 +75,14 @@ struct Store {
     if (calendars.empty()) store->saveCalendar_commit_error(calendar, true, nullptr);
   }
 
-  // Every tenth is an hour in the week that is repeated four times, the others happen once.
+  // Every fortieth is repeated weekly, four times. The others happen once.
   void save(std::size_t number) const {
     const auto event = EKEvent::eventWithEventStore(store);
-    const std::int64_t start = firstSecond + std::int64_t(number) * eventInterval;
     event->setCalendar(calendar);
-    event->setTitle("Event " + std::to_string(number));
-    event->setNotes("What there is to say about it, in a sentence or two of usual length.");
-    event->setStartDate(dateAt(start));
-    event->setEndDate(dateAt(start + 3'600));
+    event->setTitle(titleOf(number));
+    event->setNotes(notes);
+    event->setStartDate(dateAt(startOf(number)));
+    event->setEndDate(dateAt(startOf(number) + 3'600));
     if (number % 40 == 0) event->setRecurrenceRule("FREQ=WEEKLY;COUNT=4");
     require(store->saveEvent_span_commit_error(event, quillmere::EKSpan::thisEvent, true, nullptr),
             "an event was not saved");
@@ -141,17 +153,15 @@ class BareSQLite {
   }
 
   void save(std::size_t number) {
-    const std::int64_t start = firstSecond + std::int64_t(number) * eventInterval;
-    const std::string title = "Event " + std::to_string(number);
+    const std::int64_t start = startOf(number);
+    const std::string title = titleOf(number);
     const std::string identifier = title + " of 36 characters, like a UUID";
     run("BEGIN IMMEDIATE");
     sqlite3_bind_text(insert_, 1, identifier.c_str(), -1, SQLITE_STATIC);
     sqlite3_bind_int64(insert_, 2, start);
     sqlite3_bind_int64(insert_, 3, start + 3'600);
     sqlite3_bind_text(insert_, 4, title.c_str(), -1, SQLITE_STATIC);
-    sqlite3_bind_text(insert_, 5,
-                      "What there is to say about it, in a sentence or two of usual length.", -1,
-                      SQLITE_STATIC);
+    sqlite3_bind_text(insert_, 5, notes, -1, SQLITE_STATIC);
     require(sqlite3_step(insert_) == SQLITE_DONE, "SQLite did not insert a row");
     sqlite3_reset(insert_);
     run("COMMIT");
@@ -167,28 +177,117 @@ class BareSQLite {
   sqlite3_stmt* insert_ = nullptr;
 };
 
-// In turns, since how long the disk takes changes from second to second.
-void measureSaves(const Folder& folder, const char* where) {
+// Where saves go, and how they are timed there: without a disk to wait for, the processor's time is
+// what counts, and a single round takes too little of it.
+struct Place {
+  const char* name;
+  fs::path path;
+  double Times::*clock;
+  int rounds;
+};
+
+void printRates(const char* measure, const Place& place, const Times& ours, const Times& theirs) {
+  const auto rate = [&](const Times& times) {
+    return formatted(place.rounds * static_cast<double>(saves) / times.*place.clock, "%.0f/s");
+  };
+  const double ratio = theirs.*place.clock / ours.*place.clock;
+  print({std::string(measure) + " " + place.name + ", each committed; bare SQLite", rate(ours),
+         rate(theirs), percent(ratio), "at least 50 %", yesNo(ratio >= 0.5)});
+}
+
+// In turns: how long the disk takes changes from second to second.
+void measureSaves(const Place& place) {
+  const Folder folder(place.path);
   const Store store(folder / "ours");
   BareSQLite bare(folder / "bare");
   Times ours{0, 0};
   Times theirs{0, 0};
-  constexpr std::size_t turn = 20;
-  for (std::size_t i = 0; i != saves; i += turn) {
+  for (std::size_t i = 0; i != std::size_t(place.rounds) * saves; i += turn) {
     const Times start = Times::now();
     for (std::size_t j = i; j != i + turn; ++j) store.save(j);
     const Times between = Times::now();
     for (std::size_t j = i; j != i + turn; ++j) bare.save(j);
     const Times end = Times::now();
-    ours.wall += (between - start).wall;
-    theirs.wall += (end - between).wall;
+    ours += between - start;
+    theirs += end - between;
   }
-  const auto rate = [](double seconds) {
-    return formatted(static_cast<double>(saves) / seconds, "%.0f/s");
+  printRates("EKEventStore: 1,000 saves", place, ours, theirs);
+}
+
+// A host whose objects are new events. Whenever some of them were saved, as many rows are saved by
+// bare SQLite: in turns, since how long the disk takes changes from second to second.
+class SavingHost : public RecordingHost {
+ public:
+  explicit SavingHost(BareSQLite& bare) : bare_(bare) {}
+
+  Times bareTimes{0, 0};
+  std::size_t failures = 0;
+
+ private:
+  std::shared_ptr<quillmere::KBTICSDataSource> synchingCalendar_icsDataForObject(
+      quillmere::KBTSynchingCalendar&, const quillmere::KBTClientObject& object) override {
+    const std::size_t number = std::stoul(static_cast<const Object*>(object.get())->uniqueName);
+    if (number % turn == 0) saveBare(number);
+    auto writer =
+        KBTMutableCalObject::initWithObjectType_includeCalendarDeclaration("VEVENT", false);
+    writer->appendKey_stringValue("SUMMARY", titleOf(number));
+    writer->appendKey_stringValue("DESCRIPTION", notes);
+    writer->appendKey_datetimeValue("DTSTART", dateAt(startOf(number)));
+    writer->appendKey_datetimeValue("DTEND", dateAt(startOf(number) + 3'600));
+    return writer;
+  }
+  void synchingCalendar_failedSavingObject_withError(quillmere::KBTSynchingCalendar&,
+                                                     const quillmere::KBTFailedObject&,
+                                                     const quillmere::NSErrorPtr&) override {
+    ++failures;
+  }
+
+  void saveBare(std::size_t first) {
+    const Times start = Times::now();
+    for (std::size_t i = first; i != first + turn; ++i) bare_.save(i);
+    bareTimes += Times::now() - start;
+  }
+
+  BareSQLite& bare_;
+};
+
+// The times of one save with all the events in it, and of bare SQLite.
+std::pair<Times, Times> timesOfLocalSave(const std::string& identifier, BareSQLite& bare) {
+  const auto host = std::make_shared<SavingHost>(bare);
+  const auto calendar = KBTLocalCalendar::initWithCalendarIdentifier(identifier);
+  calendar->setDelegate(host);
+  for (std::size_t i = 0; i != saves; ++i) {
+    calendar->insertObject(
+        std::make_shared<RecordingHost::Object>(RecordingHost::Object{std::to_string(i), ""}));
+  }
+  const Times start = Times::now();
+  calendar->saveChanges();
+  const Times all = Times::now() - start;
+  require(host->failures == 0, "a local calendar did not save its events");
+  return {all - host->bareTimes, host->bareTimes};
+}
+
+// In a process of its own, since a process has one user's store.
+void measureLocalSaves(const Place& place) {
+  struct Result {
+    Times ours{0, 0}, theirs{0, 0};
   };
-  const double ratio = theirs.wall / ours.wall;
-  print({std::string("EKEventStore: 1,000 saves ") + where + ", each committed; bare SQLite",
-         rate(ours.wall), rate(theirs.wall), percent(ratio), "at least 50 %", yesNo(ratio >= 0.5)});
+  const auto [ours, theirs] = resultOfChild([&] {
+    const Folder folder(place.path);
+    ::setenv("XDG_DATA_HOME", (folder / "").c_str(), 1);
+    const auto stored = EKCalendar::calendar();
+    require(KBTLocalCalendar::eventStore()->saveCalendar_commit_error(stored, true, nullptr),
+            "a calendar was not saved");
+    BareSQLite bare(folder / "bare");
+    Result sum;
+    for (int round = 0; round != place.rounds; ++round) {
+      const auto [ourTimes, theirTimes] = timesOfLocalSave(stored->calendarIdentifier(), bare);
+      sum.ours += ourTimes;
+      sum.theirs += theirTimes;
+    }
+    return sum;
+  });
+  printRates("KBTLocalCalendar: 1,000 events in one save", place, ours, theirs);
 }
 
 // Bytes by which a fetch raises the memory of a process that has only opened the store.
@@ -216,8 +315,11 @@ void measureMemory(const std::string& manyPath, const std::string& fewPath) {
 }  // namespace
 
 int main() {
-  const fs::path memory = "/dev/shm";
-  const Folder folder(fs::is_directory(memory) ? memory : fs::temp_directory_path());
+  const fs::path temporary = fs::temp_directory_path();
+  const Place disk{"on disk", temporary, &Times::wall, 1};
+  const Place memory{"in memory", fs::is_directory("/dev/shm") ? "/dev/shm" : temporary,
+                     &Times::processor, 10};
+  const Folder folder(memory.path);
   // In processes of their own, so that no memory lies ready for the fetches.
   waitForChild(startChild([&] {
     fill(folder / "many", manyEvents);
@@ -225,6 +327,8 @@ int main() {
   }));
   measureMemory(folder / "many", folder / "few");
   measureQueries(folder / "many", folder / "few");
-  measureSaves(Folder(fs::temp_directory_path()), "on disk");
-  measureSaves(folder, "in memory");
+  for (const Place& place : {disk, memory}) {
+    measureSaves(place);
+    measureLocalSaves(place);
+  }
 }

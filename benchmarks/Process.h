@@ -23,6 +23,11 @@ struct Times {
 
   /// Takes over what a pass did better.
   void take(const Times& pass);
+  Times& operator+=(const Times& other) {
+    wall += other.wall;
+    processor += other.processor;
+    return *this;
+  }
   friend Times operator-(const Times& a, const Times& b) {
     return {a.wall - b.wall, a.processor - b.processor};
   }

@@ -1,17 +1,11 @@
 #include "CommandLine.h"
 
-#include <algorithm>
-#include <charconv>
-#include <string_view>
-
 #include "Problems.h"
 #include "Subscription.h"
+#include "common/Arguments.h"
 
 namespace agenda {
 namespace {
-
-using quillmere::NSDate;
-using std::string_view;
 
 constexpr std::int64_t maximumDays = 36600;
 
@@ -52,38 +46,8 @@ constexpr option options[] = {
     {nullptr, 0, nullptr, 0},
 };
 
-// Whether `text` is laid out as `pattern`, in which every "0" stands for a digit.
-bool hasForm(string_view text, string_view pattern) {
-  return std::equal(text.begin(), text.end(), pattern.begin(), pattern.end(),
-                    [](char c, char p) { return p == '0' ? c >= '0' && c <= '9' : c == p; });
-}
-
-When parseWhen(string_view text) {
-  const bool isDay = hasForm(text, "0000-00-00");
-  if (isDay || hasForm(text, "0000-00-00T00:00")) {
-    std::string digits(text);
-    std::erase_if(digits, [](char c) { return c == '-' || c == ':'; });
-    const auto date = NSDate::initWithICSDateString(digits + (isDay ? "T000000" : "00"));
-    if (date) return {isDay ? When::Kind::day : When::Kind::wallTime, *date};
-  }
-  throw UsageProblem("\"" + std::string(text) +
-                     "\" is neither a day (2024-05-31) nor a time (2024-05-31T17:00)");
-}
-
-When parseDay(string_view text) {
-  const When when = parseWhen(text);
-  if (!when.isDay()) throw UsageProblem("\"" + std::string(text) + "\" is not a day (2024-05-31)");
-  return when;
-}
-
-std::int64_t parseDays(string_view text) {
-  std::int64_t days = 0;
-  const auto result = std::from_chars(text.data(), text.data() + text.size(), days);
-  const bool isNumber = result.ec == std::errc() && result.ptr == text.data() + text.size();
-  if (!isNumber || days < 1 || days > maximumDays) {
-    throw UsageProblem("--days takes a number from 1 to " + std::to_string(maximumDays));
-  }
-  return days;
+When whenOf(const examples::TypedTime& time) {
+  return {time.isDay ? When::Kind::day : When::Kind::wallTime, time.date};
 }
 
 class Parser {
@@ -107,13 +71,13 @@ class Parser {
     Fields& fields = parsed_.fields;
     switch (option) {
       case fromOption:
-        parsed_.from = parseDay(argument);
+        parsed_.from = whenOf(examples::parseDay(argument));
         break;
       case toOption:
-        parsed_.to = parseDay(argument);
+        parsed_.to = whenOf(examples::parseDay(argument));
         break;
       case daysOption:
-        parsed_.days = parseDays(argument);
+        parsed_.days = examples::parseNumber(argument, maximumDays);
         hasDays_ = true;
         break;
       case zoneOption:
@@ -141,10 +105,10 @@ class Parser {
         setSummary(argument);
         break;
       case startOption:
-        fields.start = parseWhen(argument);
+        fields.start = whenOf(examples::parseTime(argument));
         break;
       case endOption:
-        fields.end = parseWhen(argument);
+        fields.end = whenOf(examples::parseTime(argument));
         break;
       case locationOption:
         fields.location = argument;

@@ -14,23 +14,24 @@ namespace localstore {
 /// The user's store. Throws examples::Failure when it may not or cannot be used.
 std::shared_ptr<quillmere::EKEventStore> usersStore();
 
-/// The identifier of a new calendar. Throws examples::Failure.
+/// Makes a calendar and returns its identifier. Throws examples::Failure.
 std::string createCalendar(const std::string& title);
 
-/// A calendar of the user's store. What fails throws examples::Failure.
+/// A calendar of the user's store. Operations that fail throw examples::Failure.
 class Calendar {
  public:
-  /// By the store's identifier, or else by a title that only one has.
+  /// Takes the store's identifier, or a title that only one calendar has.
   explicit Calendar(const std::string& titleOrIdentifier);
 
-  /// Those that lie at least partly in that time, in the order of their starts, with every
-  /// occurrence of a repeating event for itself.
+  /// The events that lie at least partly in that time, in the order of their starts. Each
+  /// occurrence of a repeating event is an event of its own.
   std::vector<Event> eventsBetween(quillmere::NSDate from, quillmere::NSDate to) const;
-  /// Returns its name.
+  /// Returns the event's name.
   std::string add(Event event) const;
-  /// The whole event, with all occurrences. One that has alarms would lose them and is refused.
+  /// Changes the whole event, with all occurrences. Refuses an event that has alarms, since it
+  /// would lose them.
   void change(const std::string& name, const Fields& fields) const;
-  /// The whole event, or one occurrence of it.
+  /// Removes the whole event, or one occurrence of it.
   void remove(const std::string& name) const;
 
  private:
@@ -38,9 +39,9 @@ class Calendar {
   using EventItems = std::vector<std::shared_ptr<quillmere::EKEvent>>;
 
   void save(const std::shared_ptr<Event>& event, bool isNew) const;
-  /// Of all calendars, which may share names.
+  /// The events of that name in all calendars, which may share names.
   EventItems itemsNamed(const std::string& name) const;
-  /// Null when none is this calendar's.
+  /// The one that is this calendar's, or null.
   std::shared_ptr<quillmere::EKEvent> ownOf(const EventItems& items) const;
   std::shared_ptr<quillmere::EKEvent> occurrenceNamed(const std::string& name) const;
 

@@ -3,9 +3,9 @@
 #include <quillmere/platform/dates/NSCalendar.h>
 
 #include <algorithm>
-#include <charconv>
 #include <string_view>
 
+#include "common/Arguments.h"
 #include "common/Program.h"
 
 namespace localstore {
@@ -13,7 +13,6 @@ namespace {
 
 using examples::UsageProblem;
 using quillmere::NSCalendar;
-using quillmere::NSDate;
 using quillmere::NSTimeZone;
 using std::string_view;
 
@@ -57,46 +56,11 @@ constexpr Command commands[] = {
     {"change", 2, "tsean"}, {"remove", 2, ""},          {"watch", 0, "w"},
 };
 
-// Whether `text` is laid out as `pattern`, in which every "0" stands for a digit.
-bool hasForm(string_view text, string_view pattern) {
-  return std::equal(text.begin(), text.end(), pattern.begin(), pattern.end(),
-                    [](char c, char p) { return p == '0' ? c >= '0' && c <= '9' : c == p; });
-}
-
-// The instant at which clocks in the default zone show what clocks in UTC show at `date`.
-std::optional<NSDate> sameTimeHere(NSDate date) {
+// Takes the time as that of the default zone.
+When whenOf(const examples::TypedTime& time) {
   const NSCalendar utc(NSTimeZone::timeZoneWithName("UTC").value());
-  return NSCalendar::currentCalendar().dateFromComponents(utc.componentsFromDate(date));
-}
-
-When parseWhen(string_view text) {
-  const bool isDay = hasForm(text, "0000-00-00");
-  if (isDay || hasForm(text, "0000-00-00T00:00")) {
-    std::string digits(text);
-    std::erase_if(digits, [](char c) { return c == '-' || c == ':'; });
-    const auto utc = NSDate::initWithICSDateString(digits + (isDay ? "T000000" : "00"));
-    const auto date = utc ? sameTimeHere(*utc) : std::nullopt;
-    if (date) return {*date, isDay};
-  }
-  throw UsageProblem("\"" + std::string(text) +
-                     "\" is neither a day (2024-05-31) nor a time (2024-05-31T17:00)");
-}
-
-When parseDay(string_view text) {
-  const When when = parseWhen(text);
-  if (!when.isDay) throw UsageProblem("\"" + std::string(text) + "\" is not a day (2024-05-31)");
-  return when;
-}
-
-std::int64_t parseNumber(string_view text) {
-  std::int64_t number = 0;
-  const auto result = std::from_chars(text.data(), text.data() + text.size(), number);
-  const bool isNumber = result.ec == std::errc() && result.ptr == text.data() + text.size();
-  if (!isNumber || number < 1 || number > maximumNumber) {
-    throw UsageProblem("\"" + std::string(text) + "\" is not a number from 1 to " +
-                       std::to_string(maximumNumber));
-  }
-  return number;
+  const auto fields = utc.componentsFromDate(time.date);
+  return {NSCalendar::currentCalendar().dateFromComponents(fields).value(), time.isDay};
 }
 
 std::string parseBackend(const std::string& text) {
@@ -110,19 +74,19 @@ void apply(Option option, const std::string& argument, Options& parsed) {
       parsed.backend = parseBackend(argument);
       break;
     case fromOption:
-      parsed.from = parseDay(argument);
+      parsed.from = whenOf(examples::parseDay(argument));
       break;
     case daysOption:
-      parsed.days = parseNumber(argument);
+      parsed.days = examples::parseNumber(argument, maximumNumber);
       break;
     case titleOption:
       parsed.fields.title = argument;
       break;
     case startOption:
-      parsed.fields.start = parseWhen(argument);
+      parsed.fields.start = whenOf(examples::parseTime(argument));
       break;
     case endOption:
-      parsed.fields.end = parseWhen(argument);
+      parsed.fields.end = whenOf(examples::parseTime(argument));
       break;
     case allDayOption:
       parsed.fields.isAllDay = true;
@@ -131,7 +95,7 @@ void apply(Option option, const std::string& argument, Options& parsed) {
       parsed.fields.notes = argument;
       break;
     case secondsOption:
-      parsed.seconds = parseNumber(argument);
+      parsed.seconds = examples::parseNumber(argument, maximumNumber);
       break;
     case helpOption:
       parsed.needsHelp = true;

@@ -12,7 +12,7 @@
 
 namespace localstore {
 
-/// What a synching calendar reads and writes of an event, or of an occurrence of one.
+/// What a synching calendar reads and writes of an event or an occurrence.
 struct Event {
   std::string name;
   std::string version;
@@ -34,21 +34,21 @@ struct Fields {
   std::optional<std::string> title;
   std::optional<std::string> notes;
   std::optional<When> start;
-  std::optional<When> end;  ///< of days the last one
+  std::optional<When> end;  ///< if it is a day, the last one
   bool isAllDay = false;
 };
 
 /// The date so many days later on the clock; null beyond the calendar's years.
 std::optional<quillmere::NSDate> afterDays(std::int64_t days, quillmere::NSDate date);
 
-/// `event` with these fields, the others as they are. A start that is moved alone takes the end
-/// along. Throws examples::Failure when it would end before it starts.
+/// `event` with these fields; the others stay. A start that is moved alone takes the end along.
+/// Throws examples::Failure if the event would end before it starts.
 Event edited(Event event, const Fields& fields);
 
-/// Reads to the end.
+/// Reads the reader to its end.
 Event readEvent(std::string name, std::string version, quillmere::KBTCalObject& reader);
 
-/// Of everything that an event store takes: what is left out is erased there.
+/// A writer with everything that an event store takes. The store erases what it lacks.
 std::shared_ptr<quillmere::KBTICSDataSource> writerOf(const Event& event);
 
 }  // namespace localstore

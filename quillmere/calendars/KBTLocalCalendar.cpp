@@ -39,7 +39,7 @@ std::optional<Value> valueOf(const KBTMutableCalObject* writer, const char* key)
   return known ? std::optional(*known) : std::nullopt;
 }
 
-// Without a writer everything is null, so that the store refuses the event.
+// Everything is null without a writer, so the store refuses the event.
 void fill(EKEvent& event, const KBTMutableCalObject* writer) {
   event.setTitle(valueOf<std::string>(writer, "SUMMARY"));
   event.setNotes(valueOf<std::string>(writer, "DESCRIPTION"));
@@ -61,6 +61,18 @@ struct KBTLocalCalendar::Process : NSKeyValueObserving {
   std::optional<std::vector<std::shared_ptr<EKCalendar>>> calendars;
   bool isSaving = false;
   std::vector<std::shared_ptr<NSNotificationObservation>> observations;
+};
+
+// A save as long as it lasts. A delegate may begin another one in it, or throw.
+class KBTLocalCalendar::Saving {
+ public:
+  Saving() : wasSaving_(std::exchange(process().isSaving, true)) {}
+  Saving(const Saving&) = delete;
+  Saving& operator=(const Saving&) = delete;
+  ~Saving() { process().isSaving = wasSaving_; }
+
+ private:
+  const bool wasSaving_;
 };
 
 KBTLocalCalendar::Process& KBTLocalCalendar::process() {
@@ -115,7 +127,7 @@ void KBTLocalCalendar::_refetchLocalCalendars() {
   process().didChangeValueForKey(calendarsKey);
 }
 
-// Intended: what changes during a save is not looked at later either.
+// Intended: a change that is noticed during a save is not looked at later either.
 void KBTLocalCalendar::_eventStoreChanged() {
   NSOperationQueue::mainQueue().addOperationWithBlock([] {
     if (!isSavingAnyCalendar()) _refetchLocalCalendars();
@@ -184,19 +196,19 @@ void KBTLocalCalendar::_fullExternalChanges() {
       store->predicateForEventsWithStartDate_endDate_calendars(
           earliest, latest, std::vector<std::shared_ptr<EKCalendar>>{_externalCalendar()}),
       &error);
-  if (error) return;  // what cannot be read is not gone
+  if (error) return;  // what could not be read is not gone
   OrderedSet remaining;
   for (std::string& name : objectsByUniqueName().keys()) remaining.insert(std::move(name));
   for (const auto& event : events) {
     _checkEKEvent(event);
-    // Intended: the bare identifier is not the name of an occurrence, so that every occurrence is
-    // reported and then deleted, and so again by the next fetch.
+    // Intended: the bare identifier is not the name of an occurrence. So every fetch reports every
+    // occurrence and then deletes it.
     remaining.insert(uniqueNameOf(*event));
     remaining.erase(event->calendarItemExternalIdentifier());
   }
   for (const std::string& name : remaining.names()) {
     const auto object = objectNamed(name);
-    if (!object) continue;  // declined, or the host itself took it away during the fetch
+    if (!object) continue;  // the host declined it, or took it away during the fetch
     delegate()->synchingCalendar_deletionForObject(*this, object);
     objectsByUniqueName().erase(name);
   }
@@ -221,15 +233,14 @@ void KBTLocalCalendar::_checkEKEvent(const std::shared_ptr<EKEvent>& event) {
 void KBTLocalCalendar::saveChanges() {
   const auto self = keptAlive();
   setIsSaving(true);  // Intended: for good.
-  process().isSaving = true;
+  const Saving saving;
   for (const std::string& name : insertSet().names()) _writeEventForEventIdentifier(name);
   for (const std::string& name : updateSet().names()) _writeEventForEventIdentifier(name);
   for (const std::string& name : deleteSet().names()) removeEventNamed(name);
   KBTSynchingCalendar::saveChanges();
-  process().isSaving = false;
 }
 
-// Intended: nothing happens when the name is not that of exactly one event.
+// Intended: does nothing unless exactly one event has the name.
 void KBTLocalCalendar::removeEventNamed(const std::string& name) {
   const auto store = eventStore();
   NSErrorPtr error;

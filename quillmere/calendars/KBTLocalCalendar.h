@@ -16,25 +16,26 @@ namespace quillmere {
 
 struct NSDistributedNotification;
 
-/// One calendar of the user's event store (`EKEventStore`): what the desktop's own calendar program
-/// shows. The unique name of an object is its event's external identifier, and for an occurrence of
-/// a recurring event that identifier, a colon and the date of the occurrence; the version string is
-/// the date of the event's last change. Operations are done when they return.
+/// One calendar of the user's event store (`EKEventStore`). The unique name of an object is its
+/// event's external identifier. The name of an occurrence of a recurring event is that identifier,
+/// a colon and the date of the occurrence. The version string is the date of the event's last
+/// change. Operations are done when they return.
 ///
-/// The process has one store, made on first use, which waits for the answers to two access requests
-/// while it runs the main loop: so that first use belongs to the main thread. Where access is
-/// refused there are no calendars and no events.
+/// A process has one store, which is made on first use. That first use runs the main loop until two
+/// access requests are answered, so it belongs on the main thread. If access is refused, there are
+/// no calendars and no events.
 ///
 /// What a host should know (all intended):
 ///
-/// - Every occurrence of a recurring event is reported as new, and as deleted at the end of the
-///   same fetch; and so again by the next one.
-/// - A calendar saves once: after that it drops every further change. Make another one.
-/// - Saving an event takes its alarms away. Only title, notes, start, end and the all-day flag are
-///   written.
-/// - An object of a name that no event or several have is written as a new event, which gets an
-///   identifier of its own (`setUniqueName_forObject`); its deletion is passed over in silence.
-/// - A save is completed also when some events could not be written.
+/// - A fetch reports every occurrence of a recurring event as new, and at the end of the same
+///   fetch as deleted. The next fetch does the same.
+/// - A calendar that has saved once drops every further change. Make another one.
+/// - Saving an event removes its alarms. It writes only title, notes, start, end and the all-day
+///   flag.
+/// - A save writes a new event for an object whose name no event has, or more than one. The new
+///   event has an identifier of its own (`setUniqueName_forObject`). The deletion of such an object
+///   is skipped silently.
+/// - A save completes even if some events could not be written.
 /// - A check finds no changes. Fetch when "localCalendars" or the store changes.
 class QUILLMERE_EXPORT KBTLocalCalendar : public KBTSynchingCalendar {
  public:
@@ -49,25 +50,25 @@ class QUILLMERE_EXPORT KBTLocalCalendar : public KBTSynchingCalendar {
   /// Whether the other has the same identifier.
   bool isEqualToCalendar(const KBTSynchingCalendar& other) const override;
 
-  /// Reads the events between the delegate's dates; from the beginning, or to the end, of time
-  /// where one is null. Nothing is reported when the store cannot be read. Never has an error.
+  /// Reads the events between the delegate's dates. A null date means 1 January 1, or
+  /// 31 December 9999. Reports nothing if the store cannot be read. Never has an error.
   void fetchExternalChanges() override;
 
-  /// Writes the insertions and updates, then removes the deletions, each at once. Removing takes a
-  /// single occurrence, writing this and those to come.
+  /// Writes the insertions and updates, then removes the deletions. Each is committed by itself. Of
+  /// a recurring event it writes this and all later occurrences, but removes only this one.
   void saveChanges() override;
 
   // Of the process.
 
-  /// The store, which is ready when this returns.
+  /// The process's store. It is ready when this returns.
   static std::shared_ptr<EKEventStore> eventStore();
-  /// The store's calendars, read on first use and whenever the store has changed while no calendar
-  /// was being saved.
+  /// The store's calendars. They are read on first use, and again after each
+  /// `EKEventStoreChangedNotification` that is handled while no local calendar is saving.
   static std::vector<std::shared_ptr<EKCalendar>> localCalendars();
-  /// Observes "localCalendars".
+  /// Calls the handler after each change of "localCalendars", as long as the result lives.
   [[nodiscard]] static std::shared_ptr<NSKeyValueObservation> observeKey_changeHandler(
       std::string key, std::function<void()> handler);
-  /// Whether any local calendar is being saved. (`isSaving` is the one calendar's.)
+  /// Whether any local calendar is in `saveChanges()` now. (`isSaving()` speaks of one calendar.)
   static bool isSavingAnyCalendar();
 
  protected:
@@ -75,19 +76,20 @@ class QUILLMERE_EXPORT KBTLocalCalendar : public KBTSynchingCalendar {
 
   std::shared_ptr<EKCalendar> _externalCalendar() const;
   void _fullExternalChanges();
-  /// Does nothing, intended: every fetch is a full one.
+  /// Does nothing (intended): every fetch is a full one.
   void _notifiedExternalChanges() {}
   void _checkEKEvent(const std::shared_ptr<EKEvent>& event);
   void _writeEventForEventIdentifier(const std::string& name);
 
   static void _refetchLocalCalendars();
   static void _eventStoreChanged();
-  /// Announces the calendars' true folder once more where a sandboxed process has announced the one
-  /// in its container.
+  /// A sandboxed process announces the folder inside its container. This announces the calendars'
+  /// true folder after it.
   static void _calStoreDidChange(const NSDistributedNotification& notification);
 
  private:
   struct Process;
+  class Saving;
   static Process& process();
   void removeEventNamed(const std::string& name);
   KBTClientObject objectNamed(const std::string& name);

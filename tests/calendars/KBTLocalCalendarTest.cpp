@@ -1,12 +1,19 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <quillmere/calendars/KBTCalEventCalObject.h>
+#include <quillmere/calendars/KBTDataCalendar.h>
 #include <quillmere/calendars/KBTLocalCalendar.h>
 #include <quillmere/ical/KBTMutableCalObject.h>
 #include <quillmere/platform/base/HWPreference.h>
+#include <quillmere/platform/loop/NSOperationQueue.h>
 #include <quillmere/platform/notifications/NSDistributedNotificationCenter.h>
+#include <quillmere/platform/notifications/NSNotificationCenter.h>
+#include <sqlite3.h>
+#include <unistd.h>
 
 #include <cstdlib>
+#include <stdexcept>
+#include <utility>
 
 #include "tests/platform/events/EventHost.h"
 #include "tests/support/RecordingDelegate.h"
@@ -22,9 +29,20 @@ using testing::EventHost;
 using ::testing::IsEmpty;
 using testing::Item;
 using ::testing::MatchesRegex;
+using ::testing::Not;
 using testing::runUntil;
 using ::testing::SizeIs;
 using testing::utc;
+
+// Until all that is in it now, and what that adds, is done.
+void runTheMainQueue() {
+  constexpr int turns = 10;
+  for (int turn = 0; turn != turns; ++turn) {
+    bool isDone = false;
+    NSOperationQueue::mainQueue().addOperationWithBlock([&] { isDone = true; });
+    EXPECT_TRUE(runUntil([&] { return isDone; }));
+  }
+}
 
 class Host : public testing::RecordingDelegate {
  public:
@@ -51,9 +69,13 @@ class LocalCalendar : public ::testing::Test {
     if (EventHost::usesEvolution()) {
       HWPreference::preferenceForKey("EKEventStoreBackend")->setStringValue("evolution");
     } else {
-      static const testing::TemporaryFolder folder;
-      ::setenv("XDG_DATA_HOME", (folder / "").c_str(), 1);
+      ::setenv("XDG_DATA_HOME", (dataFolder() / "").c_str(), 1);
     }
+  }
+
+  static const testing::TemporaryFolder& dataFolder() {
+    static const testing::TemporaryFolder folder;
+    return folder;
   }
 
   void SetUp() override {
@@ -83,6 +105,16 @@ class LocalCalendar : public ::testing::Test {
     const auto items = store_->calendarItemsWithExternalIdentifier(identifier);
     return items.size() == 1 ? items.front() : nullptr;
   }
+  // "20240105T090000Z title" for each event of the calendar.
+  std::vector<std::string> stored() {
+    std::vector<std::string> lines;
+    for (const auto& event :
+         store_->eventsMatchingPredicate(store_->predicateForEventsWithStartDate_endDate_calendars(
+             utc("20240101T000000Z"), utc("20240201T000000Z"), {{calendar_}}))) {
+      lines.push_back(event->startDate()->icsDateString() + " " + event->title().value_or(""));
+    }
+    return lines;
+  }
   std::vector<std::string> fetch() {
     local_->fetchExternalChanges();
     return host_->take();
@@ -106,7 +138,17 @@ TEST_F(LocalCalendar, StandsForACalendarOfTheStore) {
   EXPECT_EQ(local_->calendarName(), "Work");
   EXPECT_EQ(local_->calendarIdentifier(), calendar_->calendarIdentifier());
   EXPECT_TRUE(local_->isEqualToCalendar(*open()));
-  EXPECT_FALSE(local_->isEqualToCalendar(*KBTSynchingCalendar::init()));
+  const auto other = EKCalendar::calendar();
+  other->setTitle("Work");
+  ASSERT_TRUE(store_->saveCalendar_commit_error(other, true, nullptr));
+  EXPECT_FALSE(local_->isEqualToCalendar(
+      *KBTLocalCalendar::initWithCalendarIdentifier(other->calendarIdentifier())));
+  for (const std::shared_ptr<KBTSynchingCalendar>& another :
+       {KBTSynchingCalendar::init(),
+        std::static_pointer_cast<KBTSynchingCalendar>(KBTDataCalendar::init())}) {
+    EXPECT_FALSE(local_->isEqualToCalendar(*another));
+    EXPECT_FALSE(another->isEqualToCalendar(*local_));
+  }
   local_->checkForExternalChanges();
   EXPECT_THAT(host_->take(), ElementsAre("checked none"));
 }
@@ -235,38 +277,120 @@ TEST_F(LocalCalendar, OccurrencesCannotBeChangedByName) {
   EXPECT_THAT(host_->objects, SizeIs(4));  // three occurrences and the new event
 }
 
+TEST_F(LocalCalendar, WritesAWholeSeriesButRemovesOneOccurrence) {
+  const std::string name =
+      newEvent("Daily", "FREQ=DAILY;COUNT=3")->calendarItemExternalIdentifier();
+  host_->fill = [](KBTMutableCalObject& writer) {
+    writer.appendKey_stringValue("SUMMARY", "Changed");
+    writer.appendKey_datetimeValue("DTSTART", utc("20240105T090000Z"));
+    writer.appendKey_datetimeValue("DTEND", utc("20240105T100000Z"));
+  };
+  local_->setObjects({Item::make(name)});
+  local_->updateObject(Item::make(name));
+  EXPECT_THAT(save(), ElementsAre("saved"));
+  EXPECT_THAT(stored(), ElementsAre("20240105T090000Z Changed", "20240106T090000Z Changed",
+                                    "20240107T090000Z Changed"));
+  local_ = open();
+  local_->deleteObject(Item::make(name));
+  EXPECT_THAT(save(), ElementsAre("saved"));
+  EXPECT_THAT(stored(), ElementsAre("20240106T090000Z Changed", "20240107T090000Z Changed"));
+}
+
+TEST_F(LocalCalendar, CallbacksMayChangeTheObjectsAndFetchAgain) {
+  const auto event = newEvent("Tea");
+  const std::string name = event->calendarItemExternalIdentifier();
+  const std::string reported = "new " + name + " " + version(*only(name));
+  local_->setObjects({Item::make("a"), Item::make("b")});
+  host_->onCallback = [&](const std::string& line) {
+    if (line != reported) return;
+    local_->setObjects({});
+    local_->insertObject(Item::make("mine"));
+  };
+  EXPECT_THAT(fetch(), ElementsAre("began", reported, "fetched"));
+  EXPECT_THAT(fetch(), ElementsAre("began", "gone mine", "fetched"));
+
+  local_ = open();
+  bool isInner = false;
+  host_->onCallback = [&](const std::string& line) {
+    if (line == reported && !std::exchange(isInner, true)) local_->fetchExternalChanges();
+  };
+  // The object is known once its callback has returned.
+  EXPECT_THAT(fetch(), ElementsAre("began", reported, "began", reported, "fetched", "fetched"));
+  EXPECT_THAT(fetch(), ElementsAre("began", "fetched"));
+}
+
+TEST_F(LocalCalendar, CallbacksMayLetGoOfTheCalendar) {
+  const std::string name = newEvent("Tea")->calendarItemExternalIdentifier();
+  std::weak_ptr<KBTLocalCalendar> weak = local_;
+  host_->onCallback = [&](const std::string&) { local_.reset(); };
+  EXPECT_THAT(fetch(), ElementsAre("began", "new " + name + " " + version(*only(name)), "fetched"));
+  EXPECT_TRUE(weak.expired());
+
+  host_->onCallback = [](const std::string&) {};
+  local_ = open();
+  local_->setObjects({Item::make(name), Item::make("a")});
+  local_->updateObject(Item::make("a"));  // has no event
+  local_->deleteObject(Item::make(name));
+  weak = local_;
+  host_->onCallback = [&](const std::string&) { local_.reset(); };
+  EXPECT_THAT(save(), ElementsAre(MatchesRegex("named a .+"), "failed a EKErrorDomain 2", "saved"));
+  EXPECT_TRUE(weak.expired());
+  EXPECT_EQ(only(name), nullptr);
+}
+
+TEST_F(LocalCalendar, ADelegateThatThrowsEndsTheSaveOfTheProcess) {
+  host_->fill = [](KBTMutableCalObject&) { throw std::runtime_error("no data"); };
+  local_->insertObject(Item::make("a"));
+  EXPECT_THROW(local_->saveChanges(), std::runtime_error);
+  EXPECT_FALSE(KBTLocalCalendar::isSavingAnyCalendar());
+  EXPECT_TRUE(local_->isSaving());
+}
+
 TEST_F(LocalCalendar, TheListOfCalendarsIsObserved) {
-  const std::size_t before = KBTLocalCalendar::localCalendars().size();
-  int announced = 0;
-  const auto observation =
-      KBTLocalCalendar::observeKey_changeHandler("localCalendars", [&] { ++announced; });
+  EXPECT_THAT(KBTLocalCalendar::localCalendars(), Not(IsEmpty()));
   const auto another = EKCalendar::calendar();
-  another->setTitle("Another");
+  bool isListed = false;
+  const auto observation = KBTLocalCalendar::observeKey_changeHandler("localCalendars", [&] {
+    for (const auto& known : KBTLocalCalendar::localCalendars()) {
+      isListed = isListed || known->calendarIdentifier() == another->calendarIdentifier();
+    }
+  });
   ASSERT_TRUE(store_->saveCalendar_commit_error(another, true, nullptr));
-  EXPECT_TRUE(runUntil([&] { return KBTLocalCalendar::localCalendars().size() == before + 1; }));
-  EXPECT_GT(announced, 0);
+  EXPECT_FALSE(isListed);
+  EXPECT_TRUE(runUntil([&] { return isListed; }));
 }
 
 TEST_F(LocalCalendar, FoldersOfContainersAreAnnouncedOnceMore) {
-  const char* const name = "com.apple.CalendarStore.CalDistributedEventsChangedNotification";
+  const char* const container = "/Users/u/Library/Containers/app/Data/Containers/Calendars";
+  const NSNotificationUserInfo contained = {{"CalCalendarsDirectoryKey", container}, {"more", 5}};
+  const NSNotificationUserInfo repaired = {
+      {"CalCalendarsDirectoryKey", "/Users/u/Library/Calendars"}, {"more", 5}};
+  const std::vector<NSNotificationUserInfo> left = {
+      repaired,
+      {{"CalCalendarsDirectoryKey", "/Users/u/Containers"}},
+      {{"CalCalendarsDirectoryKey", 5}},
+      {{"directory", container}},
+      {}};
   auto& center = NSDistributedNotificationCenter::defaultCenter();
-  std::vector<std::string> folders;
-  const auto observation = center.addObserverForName_object_usingBlock(
-      name, std::nullopt, [&](const NSDistributedNotification& notification) {
-        const auto& value = notification.userInfo.at("CalCalendarsDirectoryKey");
-        folders.push_back(std::get<std::string>(value));
-      });
-  const auto post = [&](const char* folder) {
-    center.postNotificationName_object_userInfo(name, "sender",
-                                                {{"CalCalendarsDirectoryKey", folder}});
-  };
-  post("/Users/u/Library/Calendars");
-  post("/Users/u/Library/Containers/app/Data/Containers/Calendars");
-  EXPECT_TRUE(runUntil([&] { return folders.size() >= 3; }));
-  runUntil([turns = 0]() mutable { return ++turns > 20; });
-  EXPECT_THAT(folders, ElementsAre("/Users/u/Library/Calendars",
-                                   "/Users/u/Library/Containers/app/Data/Containers/Calendars",
-                                   "/Users/u/Library/Calendars"));
+  for (const char* const name :
+       {"com.apple.CalendarStore.CalDistributedEventsChangedNotification",
+        "com.apple.CalendarStore.CalDistributedTasksChangedNotification",
+        "com.apple.CalendarStore.CalDistributedCalendarStoreChangedNotification", "another"}) {
+    std::vector<NSNotificationUserInfo> heard;
+    const auto observation = center.addObserverForName_object_usingBlock(
+        name, "sender", [&](const NSDistributedNotification& notification) {
+          heard.push_back(notification.userInfo);
+        });
+    auto expected = left;
+    expected.push_back(contained);
+    for (const auto& userInfo : expected) {
+      center.postNotificationName_object_userInfo(name, "sender", userInfo);
+    }
+    if (name != std::string("another")) expected.push_back(repaired);
+    EXPECT_TRUE(runUntil([&] { return heard.size() >= expected.size(); }));
+    runTheMainQueue();
+    EXPECT_EQ(heard, expected) << name;
+  }
 }
 
 TEST_F(LocalCalendar, ReadersShowEightLines) {
@@ -304,6 +428,118 @@ TEST_F(LocalCalendar, ReadersShowEightLines) {
   reader->nextLine();
   EXPECT_TRUE(reader->valueAsDateIsFullDay(isFullDay).has_value());
   EXPECT_TRUE(isFullDay);
+}
+
+// What only the database can be made to do.
+class LocalCalendarInDatabase : public LocalCalendar {
+ protected:
+  static void run(const std::string& sql) {
+    sqlite3* database = nullptr;
+    ASSERT_EQ(sqlite3_open((dataFolder() / "quillmere/events.sqlite").c_str(), &database),
+              SQLITE_OK);
+    EXPECT_EQ(sqlite3_exec(database, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK)
+        << sqlite3_errmsg(database);
+    sqlite3_close(database);
+  }
+};
+
+TEST_F(LocalCalendarInDatabase, ChangesNoticedInASaveAreNotLookedAtLater) {
+  runTheMainQueue();  // the notice of this test's calendar
+  const std::size_t before = KBTLocalCalendar::localCalendars().size();
+  int notices = 0;
+  int announced = 0;
+  const auto notice = NSNotificationCenter::defaultCenter().addObserverForName_object_usingBlock(
+      EKEventStoreChangedNotification, store_, [&](const NSNotification&) { ++notices; });
+  const auto observation =
+      KBTLocalCalendar::observeKey_changeHandler("localCalendars", [&] { ++announced; });
+  host_->onCallback = [&](const std::string& line) {
+    if (line != "saved") return;
+    const auto another = EKCalendar::calendar();
+    EXPECT_TRUE(store_->saveCalendar_commit_error(another, true, nullptr));
+    EXPECT_TRUE(runUntil([&] { return notices == 1; }));
+    runTheMainQueue();
+  };
+  EXPECT_THAT(save(), ElementsAre("saved"));
+  runTheMainQueue();
+  EXPECT_EQ(announced, 0);
+  EXPECT_EQ(KBTLocalCalendar::localCalendars().size(), before);
+  // The next change brings both.
+  newEvent("Tea");
+  EXPECT_TRUE(runUntil([&] { return announced == 1; }));
+  EXPECT_EQ(KBTLocalCalendar::localCalendars().size(), before + 1);
+}
+
+TEST_F(LocalCalendarInDatabase, ANameOfSeveralEventsIsNone) {
+  const std::string name = newEvent("Tea")->calendarItemExternalIdentifier();
+  const auto another = EKCalendar::calendar();
+  ASSERT_TRUE(store_->saveCalendar_commit_error(another, true, nullptr));
+  run("INSERT INTO events(calendar, identifier, form, start, end, last, width, modified, alarms)"
+      " SELECT (SELECT id FROM calendars WHERE identifier = '" +
+      another->calendarIdentifier() +
+      "'), identifier, form, start, end, last, width, modified, alarms FROM events"
+      " WHERE identifier = '" +
+      name + "'");
+  ASSERT_THAT(store_->calendarItemsWithExternalIdentifier(name), SizeIs(2));
+  host_->fill = [](KBTMutableCalObject& writer) {
+    writer.appendKey_stringValue("SUMMARY", "Written");
+    writer.appendKey_datetimeValue("DTSTART", utc("20240107T090000Z"));
+  };
+  local_->setObjects({Item::make(name)});
+  local_->updateObject(Item::make(name));
+  local_->deleteObject(Item::make(name));
+  EXPECT_THAT(save(), ElementsAre(MatchesRegex("named " + name + " .+"), "saved"));
+  EXPECT_THAT(store_->calendarItemsWithExternalIdentifier(name), SizeIs(2));
+  EXPECT_THAT(stored(), ElementsAre("20240105T090000Z Tea", "20240107T090000Z Written"));
+}
+
+TEST_F(LocalCalendarInDatabase, FailuresOfTheStoreAreToldOfTheObject) {
+  const std::string name = newEvent("Tea")->calendarItemExternalIdentifier();
+  const std::string failed = "failed " + name + " EKErrorDomain 5";
+  fetch();
+  const auto known = host_->objects[name];
+  const auto pending = [&](bool isDeletion) {
+    local_ = open();
+    local_->setObjects({known});
+    isDeletion ? local_->deleteObject(known) : local_->updateObject(known);
+  };
+  host_->fill = [](KBTMutableCalObject& writer) {
+    writer.appendKey_datetimeValue("DTSTART", utc("20240107T090000Z"));
+  };
+
+  for (const char* operation : {"UPDATE", "DELETE"}) {
+    run(std::string("CREATE TRIGGER refusal BEFORE ") + operation +
+        " ON events BEGIN SELECT RAISE(ABORT, 'refused'); END");
+    pending(operation == std::string("DELETE"));
+    EXPECT_THAT(save(), ElementsAre(failed, "saved")) << operation;
+    run("DROP TRIGGER refusal");
+  }
+
+  run("ALTER TABLE events RENAME TO hidden");
+  for (const bool isDeletion : {false, true}) {
+    pending(isDeletion);
+    EXPECT_THAT(save(), ElementsAre(failed, "saved")) << isDeletion;
+  }
+  local_ = open();
+  local_->setObjects({known});
+  EXPECT_THAT(fetch(), ElementsAre("began", "fetched"));
+  run("ALTER TABLE hidden RENAME TO events");
+  EXPECT_THAT(fetch(), ElementsAre("began", "fetched"));  // what was not read is not gone
+  EXPECT_THAT(stored(), ElementsAre("20240105T090000Z Tea"));
+}
+
+// In a process of its own, since a process asks for access once.
+TEST(LocalCalendarWithoutAccess, HasNoCalendars) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const auto isRefused = [] {
+    const testing::TemporaryFolder folder;
+    ::setenv("XDG_DATA_HOME", (folder / "").c_str(), 1);
+    const auto calendar = EKCalendar::calendar();
+    EKEventStore::init()->saveCalendar_commit_error(calendar, true, nullptr);
+    HWPreference::preferenceForKey("EKEventStoreAccess")->setStringValue("denied");
+    return KBTLocalCalendar::localCalendars().empty() &&
+           !KBTLocalCalendar::initWithCalendarIdentifier(calendar->calendarIdentifier());
+  };
+  EXPECT_EXIT(::_exit(isRefused() ? 0 : 1), ::testing::ExitedWithCode(0), "");
 }
 
 }  // namespace

@@ -4,10 +4,11 @@
 #include <quillmere/platform/notifications/ObserverList.h>
 
 #include <cstdlib>
-#include <mutex>
+#include <memory>
 #include <string_view>
 #include <type_traits>
 #include <utility>
+#include <vector>
 
 namespace quillmere {
 namespace {
@@ -113,32 +114,73 @@ void callOnMainQueue(const std::weak_ptr<Observers>& observers,
 
 }  // namespace
 
-// The way to the session's other processes. A connection of its own: the process's shared one ends
-// the process when the bus goes away.
-class NSDistributedNotificationCenter::Bus {
+// The way to the session's other processes. It has a connection of its own, since the process's
+// shared one ends the process when the bus goes away. All but `hear` runs on the main queue: so
+// nobody waits for a bus that takes long to answer, and notifications keep their order.
+class NSDistributedNotificationCenter::Bus : public std::enable_shared_from_this<Bus> {
  public:
   explicit Bus(std::weak_ptr<Observers> observers) : observers_(std::move(observers)) {}
   Bus(const Bus&) = delete;
   Bus& operator=(const Bus&) = delete;
   ~Bus() {
+    if (attempt_) g_cancellable_cancel(attempt_.get());
     if (connection_) g_dbus_connection_remove_filter(connection_.get(), filter_);
   }
 
   // Listens to the session's bus, if there is one and it is not listened to already.
   void connect() {
-    const std::lock_guard lock(mutex_);
-    if (connection_ && !g_dbus_connection_is_closed(connection_.get())) return;
+    if (attempt_ || (connection_ && !g_dbus_connection_is_closed(connection_.get()))) return;
     const char* const address = std::getenv("DBUS_SESSION_BUS_ADDRESS");
     if (!address || !*address) return;
-    if (connection_) g_dbus_connection_remove_filter(connection_.get(), filter_);
-    connection_.reset(g_dbus_connection_new_for_address_sync(
+    attempt_.reset(g_cancellable_new());
+    g_main_context_push_thread_default(nullptr);  // its end is told on the main queue too
+    g_dbus_connection_new_for_address(
         address,
         static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
                                           G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-        nullptr, nullptr, nullptr));
+        nullptr, attempt_.get(), &Bus::endAttempt,
+        std::make_unique<std::weak_ptr<Bus>>(weak_from_this()).release());
+    g_main_context_pop_thread_default(nullptr);
+  }
+
+  void post(const NSDistributedNotification& notification) {
+    connect();
+    OwnedVariant body(g_variant_ref_sink(encoded(notification)), &g_variant_unref);
+    if (!attempt_) {
+      emit(body.get());
+    } else if (waiting_.size() < mostWaiting) {
+      waiting_.push_back(std::move(body));
+    }
+  }
+
+ private:
+  static constexpr std::size_t mostWaiting = 1'000;
+
+  void emit(GVariant* body) const {
     if (!connection_) return;
-    // A filter hears on the connection's own thread, whichever thread is here and whatever loop it
-    // runs; a subscription would hear where this thread's default context is run.
+    g_dbus_connection_emit_signal(connection_.get(), nullptr, busPath, busInterface, busSignal,
+                                  body, nullptr);
+  }
+
+  static void endAttempt(GObject*, GAsyncResult* result, void* data) {
+    const std::unique_ptr<std::weak_ptr<Bus>> weak(static_cast<std::weak_ptr<Bus>*>(data));
+    Owned<GDBusConnection> connection(g_dbus_connection_new_for_address_finish(result, nullptr),
+                                      &g_object_unref);
+    if (const auto bus = weak->lock()) bus->use(std::move(connection));
+  }
+
+  // Null means that there is no such bus: then what has waited for it is dropped.
+  void use(Owned<GDBusConnection> connection) {
+    attempt_.reset();
+    if (connection_) g_dbus_connection_remove_filter(connection_.get(), filter_);
+    connection_ = std::move(connection);
+    if (connection_) listen();
+    for (const OwnedVariant& body : std::exchange(waiting_, {})) emit(body.get());
+  }
+
+  void listen() {
+    // A filter hears on the connection's own thread, whichever loop this one runs; a subscription
+    // would hear where this thread's default context is run.
     const auto drop = [](void* data) { delete static_cast<std::weak_ptr<Observers>*>(data); };
     auto observers = std::make_unique<std::weak_ptr<Observers>>(observers_);
     filter_ =
@@ -148,15 +190,6 @@ class NSDistributedNotificationCenter::Bus {
                            nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr, nullptr);
   }
 
-  void post(const NSDistributedNotification& notification) {
-    connect();
-    const std::lock_guard lock(mutex_);
-    if (!connection_) return;
-    g_dbus_connection_emit_signal(connection_.get(), nullptr, busPath, busInterface, busSignal,
-                                  encoded(notification), nullptr);
-  }
-
- private:
   static GDBusMessage* hear(GDBusConnection* connection, GDBusMessage* message, gboolean isIncoming,
                             void* data) {
     // The process's own observers have been told without the bus.
@@ -174,7 +207,8 @@ class NSDistributedNotificationCenter::Bus {
   }
 
   std::weak_ptr<Observers> observers_;
-  std::mutex mutex_;
+  Owned<GCancellable> attempt_{nullptr, &g_object_unref};  // null unless it is connecting
+  std::vector<OwnedVariant> waiting_;                      // for the end of the attempt
   Owned<GDBusConnection> connection_{nullptr, &g_object_unref};
   guint filter_ = 0;
 };
@@ -185,7 +219,7 @@ NSDistributedNotificationCenter& NSDistributedNotificationCenter::defaultCenter(
 }
 
 NSDistributedNotificationCenter::NSDistributedNotificationCenter()
-    : observers_(std::make_shared<Observers>()), bus_(std::make_unique<Bus>(observers_)) {}
+    : observers_(std::make_shared<Observers>()), bus_(std::make_shared<Bus>(observers_)) {}
 
 NSDistributedNotificationCenter::~NSDistributedNotificationCenter() = default;
 
@@ -193,7 +227,9 @@ std::shared_ptr<NSNotificationObservation>
 NSDistributedNotificationCenter::addObserverForName_object_usingBlock(
     std::optional<std::string> name, std::optional<std::string> object,
     std::function<void(const NSDistributedNotification&)> block) {
-  bus_->connect();
+  NSOperationQueue::mainQueue().addOperationWithBlock([bus = std::weak_ptr<Bus>(bus_)] {
+    if (const auto known = bus.lock()) known->connect();
+  });
   auto filter = [name = std::move(name),
                  object = std::move(object)](const NSDistributedNotification& notification) {
     return (!name || notification.name == *name) && (!object || notification.object == object);
@@ -208,9 +244,13 @@ void NSDistributedNotificationCenter::removeObserver(
 
 void NSDistributedNotificationCenter::postNotificationName_object_userInfo(
     std::string name, std::optional<std::string> object, NSNotificationUserInfo userInfo) {
-  NSDistributedNotification notification{std::move(name), std::move(object), std::move(userInfo)};
-  bus_->post(notification);
-  callOnMainQueue(observers_, std::move(notification));
+  NSOperationQueue::mainQueue().addOperationWithBlock(
+      [bus = std::weak_ptr<Bus>(bus_), observers = std::weak_ptr<Observers>(observers_),
+       notification =
+           NSDistributedNotification{std::move(name), std::move(object), std::move(userInfo)}] {
+        if (const auto known = bus.lock()) known->post(notification);
+        if (const auto known = observers.lock()) known->call(notification);
+      });
 }
 
 }  // namespace quillmere

@@ -14,7 +14,7 @@
 
 namespace quillmere {
 
-/// What a notification says beyond its name: text, bytes, a number or a truth value by key.
+/// What a notification says beyond its name. Each key has text, bytes, a number or a truth value.
 using NSNotificationUserInfo =
     std::map<std::string, std::variant<std::string, NSData, std::int64_t, double, bool>>;
 
@@ -28,14 +28,14 @@ struct QUILLMERE_EXPORT NSNotification {
 template <class Notification>
 class ObserverList;
 
-/// An observer that hears of notifications as long as this object lives.
+/// Keeps an observer registered as long as this object lives.
 class QUILLMERE_EXPORT NSNotificationObservation {
  public:
   virtual ~NSNotificationObservation() = default;
 };
 
-/// Brings notifications from senders to observers that need not know each other, within the
-/// process. Any thread may use it.
+/// Brings notifications from senders to observers of the same process, which need not know each
+/// other. Any thread may use it.
 class QUILLMERE_EXPORT NSNotificationCenter {
  public:
   /// The same center every time.
@@ -46,18 +46,19 @@ class QUILLMERE_EXPORT NSNotificationCenter {
   NSNotificationCenter& operator=(const NSNotificationCenter&) = delete;
   ~NSNotificationCenter();
 
-  /// Calls `block` for every notification of that name and that sender; null is any. The center
-  /// does not keep the sender alive: once it is gone, so is the reason to call. The block is called
-  /// until the result is destroyed or handed to `removeObserver`, and may post, observe and remove.
+  /// Calls `block` for every notification of that name and that sender. Null stands for any. The
+  /// center does not keep the sender alive, and nothing is heard of it once it is gone. The calls
+  /// end when the result is destroyed or handed to `removeObserver`. The block may post, observe
+  /// and remove.
   [[nodiscard]] std::shared_ptr<NSNotificationObservation> addObserverForName_object_usingBlock(
       std::optional<std::string> name, const std::shared_ptr<void>& object,
       std::function<void(const NSNotification&)> block);
 
-  /// No call begins any more. Null does nothing.
+  /// No call of the block begins after this. Null does nothing.
   void removeObserver(const std::shared_ptr<NSNotificationObservation>& observation);
 
-  /// Calls the observers on this thread, in the order in which they were added, and returns after
-  /// the last.
+  /// Calls the observers on this thread, in the order in which they were added. Returns after the
+  /// last call.
   void postNotificationName_object_userInfo(std::string name, std::shared_ptr<void> object,
                                             NSNotificationUserInfo userInfo);
 

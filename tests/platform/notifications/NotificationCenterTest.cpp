@@ -1,22 +1,29 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <quillmere/platform/base/FileDescriptor.h>
 #include <quillmere/platform/notifications/NSDistributedNotificationCenter.h>
 #include <quillmere/platform/notifications/NSNotificationCenter.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "tests/platform/events/EventHost.h"
+#include "tests/support/TemporaryFolder.h"
 
 namespace quillmere {
 namespace {
 
 using ::testing::ElementsAre;
+using ::testing::IsEmpty;
 using testing::runUntil;
 
 TEST(NotificationCenter, CallsWhoAskedForNameAndObject) {
@@ -117,16 +124,29 @@ class SessionBus {
   pid_t process_ = 0;
 };
 
+// Whether the other hears what one posts, once the bus has taken both in.
+bool reaches(NSDistributedNotificationCenter& from, NSDistributedNotificationCenter& to) {
+  bool isHeard = false;
+  const auto observation = to.addObserverForName_object_usingBlock(
+      "ping", std::nullopt, [&](const NSDistributedNotification&) { isHeard = true; });
+  return runUntil([&] {
+    post(from, {"ping", std::nullopt, {}});
+    return isHeard;
+  });
+}
+
 // Two centers stand for two processes: each has a connection of its own.
 TEST(DistributedNotificationCenter, BringsOthersExactlyWhatWasSent) {
   const SessionBus bus;
   NSDistributedNotificationCenter here;
   NSDistributedNotificationCenter there;
+  ASSERT_TRUE(reaches(here, there));
   std::vector<NSDistributedNotification> heard;
   int others = 0;
   const auto observation = there.addObserverForName_object_usingBlock(
-      std::nullopt, std::nullopt,
-      [&](const NSDistributedNotification& notification) { heard.push_back(notification); });
+      std::nullopt, std::nullopt, [&](const NSDistributedNotification& notification) {
+        if (notification.name != "ping") heard.push_back(notification);
+      });
   const auto ofOther = there.addObserverForName_object_usingBlock(
       sent.name, "another", [&](const NSDistributedNotification&) { ++others; });
   post(here, sent);
@@ -166,28 +186,96 @@ TEST(DistributedNotificationCenter, ServesItsProcessWithoutABus) {
 TEST(DistributedNotificationCenter, OutlivesItsBusAndFindsTheNext) {
   NSDistributedNotificationCenter here;
   NSDistributedNotificationCenter there;
-  int heard = 0;
+  std::set<std::string> heard;
   const auto observation = there.addObserverForName_object_usingBlock(
-      "a", std::nullopt, [&](const NSDistributedNotification&) { ++heard; });
-  for (int buses = 0; buses < 2; ++buses) {
+      std::nullopt, std::nullopt,
+      [&](const NSDistributedNotification& notification) { heard.insert(notification.name); });
+  for (const std::string round : {"first", "second"}) {
     SessionBus bus;
-    post(there, {"a", std::nullopt, {}});  // asks for the bus again
-    EXPECT_TRUE(runUntil([&] { return heard == 1; }));
-    // The match may take effect later than the first of the other's notifications.
+    // Both ask for the bus again.
     EXPECT_TRUE(runUntil([&] {
-      post(here, {"a", std::nullopt, {}});
-      return heard > 1;
+      post(there, {"own", std::nullopt, {}});
+      post(here, {round, std::nullopt, {}});
+      return heard.contains(round);
     }));
     bus.stop();
-    runUntil([&] {
-      post(here, {"b", std::nullopt, {}});
-      heard = 0;
-      post(there, {"a", std::nullopt, {}});
-      return runUntil([&] { return heard == 1; });
-    });
-    EXPECT_EQ(heard, 1);
-    heard = 0;
+    post(there, {round + " without a bus", std::nullopt, {}});
+    EXPECT_TRUE(runUntil([&] { return heard.contains(round + " without a bus"); }));
   }
+}
+
+// A bus that takes connections and says nothing.
+class SilentBus {
+ public:
+  SilentBus() {
+    const std::string path = folder_ / "bus";
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    EXPECT_EQ(::bind(listener_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address),
+              0);
+    EXPECT_EQ(::listen(listener_.get(), 1), 0);
+    ::setenv("DBUS_SESSION_BUS_ADDRESS", ("unix:path=" + path).c_str(), 1);
+  }
+
+  FileDescriptor accept() const {
+    return FileDescriptor(::accept(listener_.get(), nullptr, nullptr));
+  }
+
+ private:
+  testing::TemporaryFolder folder_;
+  FileDescriptor listener_{::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+};
+
+TEST(DistributedNotificationCenter, WaitsForNoBus) {
+  NSDistributedNotificationCenter here;
+  NSDistributedNotificationCenter there;
+  {
+    const SilentBus bus;
+    std::vector<std::string> own;
+    const auto observation = here.addObserverForName_object_usingBlock(
+        std::nullopt, std::nullopt,
+        [&](const NSDistributedNotification& notification) { own.push_back(notification.name); });
+    post(here, {"lost", std::nullopt, {}});
+    post(here, {"lost too", std::nullopt, {}});
+    EXPECT_TRUE(runUntil([&] { return own.size() == 2; }));
+    EXPECT_THAT(own, ElementsAre("lost", "lost too"));
+    bus.accept();  // and hang up
+  }
+
+  const SessionBus bus;
+  std::vector<std::string> heard;
+  const auto observation = there.addObserverForName_object_usingBlock(
+      std::nullopt, std::nullopt, [&](const NSDistributedNotification& notification) {
+        if (notification.name != "ping") heard.push_back(notification.name);
+      });
+  EXPECT_TRUE(reaches(here, there));
+  EXPECT_THAT(heard, IsEmpty());
+
+  // What is posted before the connection stands comes after it, in order.
+  NSDistributedNotificationCenter late;
+  std::vector<std::string> expected;
+  for (int i = 0; i != 100; ++i) expected.push_back(std::to_string(i));
+  for (const std::string& name : expected) post(late, {name, std::nullopt, {}});
+  EXPECT_TRUE(runUntil([&] { return heard.size() == expected.size(); }));
+  EXPECT_EQ(heard, expected);
+}
+
+TEST(DistributedNotificationCenter, GivesUpConnectingWhenItEnds) {
+  const SilentBus bus;
+  auto center = std::make_unique<NSDistributedNotificationCenter>();
+  int heard = 0;
+  const auto observation = center->addObserverForName_object_usingBlock(
+      "a", std::nullopt, [&](const NSDistributedNotification&) { ++heard; });
+  post(*center, {"a", std::nullopt, {}});
+  EXPECT_TRUE(runUntil([&] { return heard == 1; }));
+  const FileDescriptor connection = bus.accept();
+  center.reset();
+  EXPECT_TRUE(runUntil([&] {
+    char received = 0;
+    return ::recv(connection.get(), &received, 1, MSG_DONTWAIT) == 0;
+  }));
+  ::unsetenv("DBUS_SESSION_BUS_ADDRESS");
 }
 
 }  // namespace
