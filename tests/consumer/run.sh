@@ -4,7 +4,8 @@
 # Builds the host of the README against Quillmere as another project would, and runs it. MODE is
 #   find_package   against an install of BUILD_TREE, through CMake
 #   pkg_config     against an install of BUILD_TREE, through pkg-config
-#   subdirectory   with the source tree as part of the project, as a shared library
+#   subdirectory   with the source tree as part of the project, as a shared library, which must offer what
+#                  symbols.txt lists and nothing else
 set -euo pipefail
 mode=$1 build_tree=$2 scratch=$3
 here=$(cd "$(dirname "$0")" && pwd)
@@ -39,6 +40,11 @@ case $mode in
   subdirectory)
     configure -DQUILLMERE_SOURCE="$source_tree" -DBUILD_SHARED_LIBS=ON \
       -DCMAKE_CXX_COMPILER_LAUNCHER="$(command -v ccache || true)"
+    if ! "$here/symbols.sh" "$scratch/build/quillmere/quillmere/libquillmere.so" |
+      diff -u "$here/symbols.txt" -; then
+      echo "The library's symbols have changed. Where that is meant, write symbols.txt anew by symbols.sh."
+      exit 1
+    fi
     ;;
 esac
 
