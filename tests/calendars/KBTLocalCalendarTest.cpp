@@ -47,7 +47,22 @@ void runTheMainQueue() {
 class Host : public testing::RecordingDelegate {
  public:
   std::function<void(KBTMutableCalObject&)> fill = [](KBTMutableCalObject&) {};
+  std::vector<std::string> titles;  // that the readers of new and changed events had
 
+  KBTClientObject synchingCalendar_newObjectNamed_versionString_data(
+      KBTSynchingCalendar& calendar, const std::string& name, const std::string& version,
+      const std::shared_ptr<KBTCalObject>& data) override {
+    readTitle(*data);
+    return RecordingDelegate::synchingCalendar_newObjectNamed_versionString_data(calendar, name,
+                                                                                 version, data);
+  }
+  void synchingCalendar_updateForObject_versionString_data(
+      KBTSynchingCalendar& calendar, const KBTClientObject& object, const std::string& version,
+      const std::shared_ptr<KBTCalObject>& data) override {
+    readTitle(*data);
+    RecordingDelegate::synchingCalendar_updateForObject_versionString_data(calendar, object,
+                                                                           version, data);
+  }
   std::shared_ptr<KBTICSDataSource> synchingCalendar_icsDataForObject(
       KBTSynchingCalendar&, const KBTClientObject&) override {
     auto writer =
@@ -60,6 +75,13 @@ class Host : public testing::RecordingDelegate {
   }
   std::optional<NSDate> synchingCalendarLatestDate(KBTSynchingCalendar&) override {
     return utc("20240201T000000Z");
+  }
+
+ private:
+  void readTitle(KBTCalObject& reader) {
+    while (reader.nextLine()) {
+      if (reader.key() == "SUMMARY") titles.emplace_back(reader.value().value_or("(null)"));
+    }
   }
 };
 
@@ -154,6 +176,10 @@ TEST_F(LocalCalendar, StandsForACalendarOfTheStore) {
 }
 
 TEST_F(LocalCalendar, FetchesWhatTheStoreHas) {
+  const auto outside = newEvent("Outside the delegate's dates");
+  outside->setStartDate(utc("20240301T000000Z"));
+  outside->setEndDate(utc("20240301T000000Z"));
+  ASSERT_TRUE(store_->saveEvent_span_commit_error(outside, EKSpan::thisEvent, true, nullptr));
   const auto event = newEvent("Tea");
   const std::string identifier = event->calendarItemExternalIdentifier();
   const std::string known = identifier + " " + version(*only(identifier));
@@ -161,6 +187,7 @@ TEST_F(LocalCalendar, FetchesWhatTheStoreHas) {
   EXPECT_THAT(fetch(), ElementsAre("began", "fetched"));
   host_->objects[identifier]->version = "old";
   EXPECT_THAT(fetch(), ElementsAre("began", "update " + known, "fetched"));
+  EXPECT_THAT(host_->titles, ElementsAre("Tea", "Tea"));
   ASSERT_TRUE(
       store_->removeEvent_span_commit_error(only(identifier), EKSpan::thisEvent, true, nullptr));
   EXPECT_THAT(fetch(), ElementsAre("began", "gone " + identifier, "fetched"));
@@ -189,6 +216,12 @@ TEST_F(LocalCalendar, SavesOnce) {
   changed->setAlarms({{-600}});
   ASSERT_TRUE(store_->saveEvent_span_commit_error(changed, EKSpan::thisEvent, true, nullptr));
   const auto gone = newEvent("Gone");
+  const auto elsewhere = EKCalendar::calendar();
+  ASSERT_TRUE(store_->saveCalendar_commit_error(elsewhere, true, nullptr));
+  const auto another = newEvent("Elsewhere");
+  another->setCalendar(elsewhere);
+  ASSERT_TRUE(store_->saveEvent_span_commit_error(another, EKSpan::thisEvent, true, nullptr));
+  const std::string stranger = another->calendarItemExternalIdentifier();
   host_->fill = [](KBTMutableCalObject& writer) {
     writer.appendKey_stringValue("SUMMARY", "Coffee");
     writer.appendKey_stringValue("DESCRIPTION", "Hot; black");
@@ -196,10 +229,11 @@ TEST_F(LocalCalendar, SavesOnce) {
     writer.appendKey_datetimeValue("DTEND", utc("20240107T093000Z"));
   };
   const std::string known = changed->calendarItemExternalIdentifier();
-  local_->setObjects({Item::make(known)});
-  local_->updateObject(Item::make(known));
+  const std::string both = gone->calendarItemExternalIdentifier();
+  local_->setObjects({Item::make(known), Item::make(stranger), Item::make(both)});
+  for (const std::string& name : {known, stranger, both}) local_->updateObject(Item::make(name));
   local_->insertObject(Item::make("new"));
-  local_->deleteObject(Item::make(gone->calendarItemExternalIdentifier()));
+  local_->deleteObject(Item::make(both));  // after it has been written
   local_->deleteObject(Item::make("nobody"));
   bool wasSaving = false;
   host_->onCallback = [&](const std::string& line) {
@@ -223,12 +257,19 @@ TEST_F(LocalCalendar, SavesOnce) {
     EXPECT_THAT(event->alarms(), IsEmpty());
     EXPECT_EQ(event->calendar()->calendarIdentifier(), calendar_->calendarIdentifier());
   }
-  EXPECT_EQ(only(gone->calendarItemExternalIdentifier()), nullptr);
+  EXPECT_EQ(only(both), nullptr);
+  const auto written = only(stranger);
+  ASSERT_NE(written, nullptr);
+  EXPECT_EQ(written->title(), "Coffee");
+  EXPECT_EQ(written->calendar()->calendarIdentifier(), elsewhere->calendarIdentifier());
 
-  // From now on it drops every change.
+  // From now on it drops every change. It still fetches, and knows the new object by its old name.
   EXPECT_TRUE(local_->isSaving());
   local_->insertObject(Item::make("late"));
   EXPECT_FALSE(local_->hasPendingChanges());
+  const auto fetched = fetch();
+  EXPECT_THAT(fetched, ::testing::Contains("new " + added + " " + version(*only(added))));
+  EXPECT_THAT(fetched, ::testing::Contains("gone new"));
 }
 
 TEST_F(LocalCalendar, WritesAllDayEvents) {
