@@ -37,12 +37,14 @@ bool KBTFileCalendar::isYoungerThanLastSeen() const {
 }
 
 void KBTFileCalendar::checkForExternalChanges() {
+  const auto self = keptAlive();
   const bool changes = !lastModified_ || isYoungerThanLastSeen();
   delegate()->synchingCalendarCompletedCheckForExternalChanges_changes(*this, changes);
 }
 
 void KBTFileCalendar::fetchExternalChanges() {
   if (lastModified_ && !isYoungerThanLastSeen()) {
+    const auto self = keptAlive();
     delegate()->synchingCalendarCompletedFetchExternalChanges_withError(*this, nullptr);
     return;
   }

@@ -87,10 +87,12 @@ void KBTSynchingCalendar::setCachingString(const std::optional<std::string>&) {}
 bool KBTSynchingCalendar::isEqualToCalendar(const KBTSynchingCalendar&) const { return false; }
 
 void KBTSynchingCalendar::checkForExternalChanges() {
+  const auto self = keptAlive();
   delegate()->synchingCalendarCompletedCheckForExternalChanges_changes(*this, false);
 }
 
 void KBTSynchingCalendar::fetchExternalChanges() {
+  const auto self = keptAlive();
   delegate()->synchingCalendarCompletedFetchExternalChanges_withError(*this, nullptr);
 }
 

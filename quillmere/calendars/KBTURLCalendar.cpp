@@ -10,13 +10,11 @@ namespace {
 
 bool isSuccess(std::int64_t status) { return status >= 200 && status <= 299; }
 
-// One with control characters is none: no request could be sent with it again.
+// One with an end of line in it is none: no request could be sent with it again.
 std::optional<std::string> entityTagOf(const NSHTTPURLResponse& response) {
   auto tag = response.valueForHTTPHeaderField("Etag");
   if (!tag) return std::nullopt;
-  if (std::any_of(tag->begin(), tag->end(), [](unsigned char c) { return c < ' '; })) {
-    return std::nullopt;
-  }
+  if (tag->find_first_of("\r\n") != std::string::npos) return std::nullopt;
   if (tag->starts_with("W/")) tag->erase(0, 2);
   return tag;
 }

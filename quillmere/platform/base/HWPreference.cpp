@@ -5,11 +5,14 @@
 #include <cstdlib>
 #include <functional>
 #include <map>
+#include <mutex>
 
 namespace quillmere {
 
 std::shared_ptr<HWPreference> HWPreference::preferenceForKey(std::string_view key) {
   static std::map<std::string, std::shared_ptr<HWPreference>, std::less<>> preferences;
+  static std::mutex mutex;  // the library asks from every thread that it is used on
+  const std::lock_guard lock(mutex);
   const auto known = preferences.find(key);
   if (known != preferences.end()) return known->second;
   return preferences.emplace(key, makeObject<HWPreference>(key)).first->second;

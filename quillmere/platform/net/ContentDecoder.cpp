@@ -37,7 +37,7 @@ bool ContentDecoder::decode(std::string_view bytes, std::uint64_t maximum, std::
   std::array<char, 16384> piece;
   zlib.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(bytes.data()));
   zlib.avail_in = static_cast<uInt>(bytes.size());
-  do {
+  do {  // once more after a full piece, since more may come without further input
     if (stream_->hasEnded) {  // another gzip member follows
       if (inflateReset(&zlib) != Z_OK) return false;
       stream_->hasEnded = false;
@@ -58,7 +58,8 @@ bool ContentDecoder::decode(std::string_view bytes, std::uint64_t maximum, std::
     if (result != Z_OK && result != Z_STREAM_END && result != Z_BUF_ERROR) return false;
     text.append(piece.data(), piece.size() - zlib.avail_out);
     stream_->hasEnded = result == Z_STREAM_END;
-  } while ((zlib.avail_in > 0 || zlib.avail_out == 0) && text.size() <= maximum);
+  } while ((zlib.avail_in > 0 || (zlib.avail_out == 0 && !stream_->hasEnded)) &&
+           text.size() <= maximum);
   return true;
 }
 
