@@ -97,6 +97,7 @@ void KBTDavPrincipal::reportPrincipalInfoForUserAddress_context(const std::strin
     return issue(_principalInfoRequest(address),
                  &KBTDavPrincipal::_didGetPrincipalInfoForUserAddress, std::move(context));
   }
+  const auto kept = shared_from_this();
   const auto own = KBTPrincipalInfo::init();
   own->setName(displayName_);
   own->setEmail(address);

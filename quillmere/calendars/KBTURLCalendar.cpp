@@ -2,7 +2,6 @@
 #include <quillmere/platform/base/LargePages.h>
 #include <quillmere/platform/base/makeObject.h>
 
-#include <algorithm>
 #include <utility>
 
 namespace quillmere {
@@ -23,13 +22,17 @@ std::optional<std::string> entityTagOf(const NSHTTPURLResponse& response) {
 
 std::shared_ptr<KBTURLCalendar> KBTURLCalendar::initWithURL(NSURL url) {
   auto calendar = makeObject<KBTURLCalendar>(std::move(url));
-  calendar->setUrlSession(NSURLSession::sessionWithConfiguration_delegate_delegateQueue(
-      NSURLSessionConfiguration::ephemeralSessionConfiguration(), calendar,
-      NSOperationQueue::currentQueue()));
+  calendar->openSession();
   return calendar;
 }
 
 KBTURLCalendar::KBTURLCalendar(NSURL url) : url_(std::move(url)) {}
+
+void KBTURLCalendar::openSession() {
+  setUrlSession(NSURLSession::sessionWithConfiguration_delegate_delegateQueue(
+      NSURLSessionConfiguration::ephemeralSessionConfiguration(),
+      std::static_pointer_cast<KBTURLCalendar>(keptAlive()), NSOperationQueue::currentQueue()));
+}
 
 bool KBTURLCalendar::isEqualToCalendar(const KBTSynchingCalendar& other) const {
   const auto* calendar = dynamic_cast<const KBTURLCalendar*>(&other);
@@ -45,6 +48,7 @@ NSMutableURLRequest KBTURLCalendar::requestWithMethod(const char* method) const 
 }
 
 std::shared_ptr<NSURLSessionDataTask> KBTURLCalendar::makeTask(const NSURLRequest& request) {
+  if (!_urlSession) openSession();  // that of a subclass which has set none
   setDataTask(_urlSession->dataTaskWithRequest(request));
   return dataTask();
 }

@@ -92,6 +92,7 @@ class QUILLMERE_EXPORT KBTURLCalendar : public KBTDataCalendar, public NSURLSess
   void _writeCalendarData(const NSData& document) override;
 
  private:
+  void openSession();
   NSMutableURLRequest requestWithMethod(const char* method) const;
   std::shared_ptr<NSURLSessionDataTask> makeTask(const NSURLRequest& request);
   NSErrorPtr errorOfStatus() const;

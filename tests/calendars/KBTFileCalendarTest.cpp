@@ -86,6 +86,23 @@ TEST_F(FileCalendar, ChecksForAYoungerFile) {
   EXPECT_EQ(check(), Log{"checked none"}) << "missing";
 }
 
+TEST_F(FileCalendar, TheLastReferenceMayGoInACallback) {
+  for (const auto operation :
+       {&KBTFileCalendar::checkForExternalChanges, &KBTFileCalendar::fetchExternalChanges}) {
+    std::shared_ptr<KBTFileCalendar> last = KBTFileCalendar::initWithPath(path);
+    last->setCachingString(someDateAsText);  // the file is missing: nothing is read
+    const std::weak_ptr<KBTFileCalendar> weak = last;
+    last->setDelegate(host);
+    bool wasAlive = false;
+    host->onCallback = [&](const std::string&) {
+      last.reset();
+      wasAlive = !weak.expired();
+    };
+    ((*last).*operation)();
+    EXPECT_TRUE(wasAlive);
+  }
+}
+
 TEST_F(FileCalendar, TheCachingStringCarriesOverToTheNextRun) {
   writeFile(path, eventDocument("1"));
   touch(path, someDate);

@@ -267,7 +267,7 @@ TEST(KBTURLCalendar, FetchesChecksAndSavesInTurn) {
 }
 
 // A tag that no request can carry would lock the calendar for good.
-TEST(KBTURLCalendar, ATagWithControlCharactersIsNone) {
+TEST(KBTURLCalendar, ATagWithAnEndOfLineIsNone) {
   RawServer server;
   server.play({raw::readHead(),
                raw::write("HTTP/1.1 200 OK\r\nETag: \"a\rb\"\r\nContent-Length: 0\r\n\r\n")});
@@ -275,6 +275,19 @@ TEST(KBTURLCalendar, ATagWithControlCharactersIsNone) {
   calendar->fetchExternalChanges();
   EXPECT_TRUE(runUntil([&] { return !calendar->dataTask(); }));
   EXPECT_EQ(calendar->cachingString(), std::nullopt);
+}
+
+TEST(KBTURLCalendar, ASubclassHasASessionToo) {
+  struct Subclass : KBTURLCalendar {
+    explicit Subclass(NSURL url) : KBTURLCalendar(std::move(url)) {}
+  };
+  ScriptedServer server;
+  server.expect(request("GET"), answer(200, "\"1\"", document));
+  const auto calendar =
+      std::make_shared<Subclass>(NSURL::URLWithString(server.url("/a.ics")).value());
+  calendar->fetchExternalChanges();
+  EXPECT_TRUE(runUntil([&] { return !calendar->dataTask(); }));
+  EXPECT_EQ(calendar->cachingString(), "\"1\"");
 }
 
 TEST(KBTURLCalendar, PutsChallengesToItsDelegate) {
