@@ -70,7 +70,8 @@ struct EKEventPredicate {
 /// are dropped where a new series begins, whose identifier is not told; fetch such an event again.
 /// Its connection to the session bus no longer ends the process when the bus goes away.
 ///
-/// Any thread may use a store. Operations run on the caller's thread and block it.
+/// Any thread may use a store, and let go of it last. Operations run on the caller's thread and
+/// block it.
 class EKEventStore : public std::enable_shared_from_this<EKEventStore> {
  public:
   /// The user's store. Never null: when it cannot be opened, access requests and saves tell the
@@ -134,17 +135,17 @@ class EKEventStore : public std::enable_shared_from_this<EKEventStore> {
                                      bool commit, NSErrorPtr* error);
 
  protected:
-  explicit EKEventStore(std::unique_ptr<EventBackend> backend, NSErrorPtr openingError);
+  explicit EKEventStore(std::shared_ptr<EventBackend> backend, NSErrorPtr openingError);
 
  private:
-  static std::shared_ptr<EKEventStore> storeOver(std::unique_ptr<EventBackend> backend,
+  static std::shared_ptr<EKEventStore> storeOver(std::shared_ptr<EventBackend> backend,
                                                  NSErrorPtr openingError);
   template <class Operation>
   bool attempt(NSErrorPtr* error, const Operation& operation);
   std::vector<std::shared_ptr<EKCalendar>> readCalendars();
   void noteChange();
 
-  std::unique_ptr<EventBackend> backend_;  // null when it could not be opened
+  std::shared_ptr<EventBackend> backend_;  // null when it could not be opened
   NSErrorPtr openingError_;
   bool isDenied_;
   std::atomic<bool> isChangeNoted_ = false;

@@ -61,7 +61,8 @@ class EventBackend {
   virtual void removeEvent(const EventRecord& stored, EKSpan span) = 0;
 
   /// What is called, on any thread, after something else has changed the calendars or events. Set
-  /// once, before anything else is called.
+  /// once, before anything else is called. A call that runs when the last owner lets go of the
+  /// backend keeps it alive until it is over.
   virtual void setChangeHandler(std::function<void()> handler) = 0;
 };
 

@@ -5,7 +5,9 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <list>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <utility>
@@ -54,7 +56,36 @@ struct ComponentListFree {
   void operator()(GSList* components) const { g_slist_free_full(components, g_object_unref); }
 };
 
-class EvolutionEventBackend : public EventBackend {
+class EvolutionEventBackend;
+
+// A signal that the backend hears of, as long as this exists. Signals come on the main loop's thread,
+// while the backend may be let go of on another one: the one that comes keeps it alive.
+class Connection {
+ public:
+  Connection(gpointer sender, const char* signal, std::weak_ptr<EvolutionEventBackend> receiver)
+      : sender_(G_OBJECT(g_object_ref(sender))) {
+    auto handle = std::make_unique<Receiver>(std::move(receiver));
+    identifier_ = g_signal_connect_data(sender, signal, G_CALLBACK(&Connection::changed),
+                                        handle.release(), &Connection::drop, G_CONNECT_SWAPPED);
+  }
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
+  ~Connection() { g_signal_handler_disconnect(sender_.get(), identifier_); }
+
+ private:
+  using Receiver = std::weak_ptr<EvolutionEventBackend>;
+
+  static void changed(Receiver* receiver);
+  static void drop(gpointer data, GClosure*) {
+    const std::unique_ptr<Receiver> dropped(static_cast<Receiver*>(data));
+  }
+
+  GObjectPtr<GObject> sender_;
+  gulong identifier_ = 0;
+};
+
+class EvolutionEventBackend : public EventBackend,
+                              public std::enable_shared_from_this<EvolutionEventBackend> {
  public:
   EvolutionEventBackend() {
     Outcome outcome;
@@ -64,13 +95,6 @@ class EvolutionEventBackend : public EventBackend {
     g_dbus_connection_set_exit_on_close(bus.get(), FALSE);
     registry_.reset(e_source_registry_new_sync(nullptr, &outcome));
     outcome.require(registry_ != nullptr);
-  }
-
-  ~EvolutionEventBackend() override {
-    for (const auto& [identifier, calendar] : calendars_) {
-      g_signal_handlers_disconnect_by_data(calendar.view.get(), this);
-    }
-    g_signal_handlers_disconnect_by_data(registry_.get(), this);
   }
 
   std::vector<CalendarRecord> calendars() override {
@@ -217,8 +241,7 @@ class EvolutionEventBackend : public EventBackend {
   void setChangeHandler(std::function<void()> handler) override {
     handler_ = std::move(handler);
     for (const char* signal : {"source-added", "source-removed", "source-changed"}) {
-      g_signal_connect_swapped(registry_.get(), signal, G_CALLBACK(&EvolutionEventBackend::changed),
-                               this);
+      connections_.emplace_back(registry_.get(), signal, weak_from_this());
     }
     for (const CalendarRecord& calendar : calendars()) {
       const std::lock_guard lock(mutex_);
@@ -230,10 +253,13 @@ class EvolutionEventBackend : public EventBackend {
     }
   }
 
+  void noteChange() const { handler_(); }
+
  private:
   struct Calendar {
     GObjectPtr<ECalClient> client;
     GObjectPtr<ECalClientView> view;  // which tells of changes
+    std::list<Connection> connections;
   };
   // What is kept of an identifier: an event, or a recurring one with its changed occurrences.
   struct Item {
@@ -241,10 +267,6 @@ class EvolutionEventBackend : public EventBackend {
     EventRecord event;
     std::vector<EventRecord> detached;
   };
-
-  static void changed(EvolutionEventBackend* self) {
-    if (self->handler_) self->handler_();
-  }
 
   GObjectPtr<ESource> requireSource(const std::string& identifier) {
     GObjectPtr<ESource> source(e_source_registry_ref_source(registry_.get(), identifier.c_str()));
@@ -266,7 +288,7 @@ class EvolutionEventBackend : public EventBackend {
         e_cal_client_get_view_sync(calendar.client.get(), "#t", &view, nullptr, &outcome));
     calendar.view.reset(view);
     for (const char* signal : {"objects-added", "objects-modified", "objects-removed"}) {
-      g_signal_connect_swapped(view, signal, G_CALLBACK(&EvolutionEventBackend::changed), this);
+      calendar.connections.emplace_back(view, signal, weak_from_this());
     }
     e_cal_client_view_set_flags(view, E_CAL_CLIENT_VIEW_FLAGS_NONE, nullptr);
     e_cal_client_view_start(view, nullptr);
@@ -520,16 +542,21 @@ class EvolutionEventBackend : public EventBackend {
   GObjectPtr<ESourceRegistry> registry_;
   std::map<std::string, Calendar> calendars_;
   std::function<void()> handler_;
+  std::list<Connection> connections_;
 };
+
+void Connection::changed(Receiver* receiver) {
+  if (const auto backend = receiver->lock()) backend->noteChange();
+}
 
 }  // namespace
 
-std::unique_ptr<EventBackend> openEvolutionEventBackend() {
+std::shared_ptr<EventBackend> openEvolutionEventBackend() {
   const char* const bus = std::getenv("DBUS_SESSION_BUS_ADDRESS");
   if (!bus || !*bus) {
     throw EventError(EKErrorInternalFailure, "Evolution's event store needs a session bus.");
   }
-  return std::make_unique<EvolutionEventBackend>();
+  return std::make_shared<EvolutionEventBackend>();
 }
 
 }  // namespace quillmere

@@ -216,7 +216,8 @@ std::string frozenURI(const std::string& path) {
   return std::string("file:") + escaped.get() + "?immutable=1";
 }
 
-class SQLiteEventBackend : public EventBackend {
+class SQLiteEventBackend : public EventBackend,
+                           public std::enable_shared_from_this<SQLiteEventBackend> {
  public:
   explicit SQLiteEventBackend(const std::string& path)
       : path_(path), file_(path), database_(open(path)), dataVersion_(readDataVersion()) {}
@@ -340,8 +341,9 @@ class SQLiteEventBackend : public EventBackend {
 
   void setChangeHandler(std::function<void()> handler) override {
     if (path_ == inMemory) return;
-    watch_.emplace(path_ + "-wal", [this, handler = std::move(handler)] {
-      if (!hasChanged()) return false;
+    watch_.emplace(path_ + "-wal", [weak = weak_from_this(), handler = std::move(handler)] {
+      const auto self = weak.lock();
+      if (!self || !self->hasChanged()) return false;
       handler();
       return true;
     });
@@ -765,8 +767,8 @@ std::unique_ptr<SQLiteDatabase> SQLiteEventBackend::open(const std::string& path
 
 }  // namespace
 
-std::unique_ptr<EventBackend> openSQLiteEventBackend(const std::string& path) {
-  return std::make_unique<SQLiteEventBackend>(path);
+std::shared_ptr<EventBackend> openSQLiteEventBackend(const std::string& path) {
+  return std::make_shared<SQLiteEventBackend>(path);
 }
 
 std::string defaultEventDatabasePath() {

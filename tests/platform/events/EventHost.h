@@ -50,11 +50,13 @@ class EventHost {
  public:
   static bool usesEvolution() { return std::getenv("QUILLMERE_TEST_EVOLUTION") != nullptr; }
 
-  EventHost() : EventHost(usesEvolution() ? evolutionStore() : storeAt(":memory:")) {
+  EventHost() : EventHost(usesEvolution() ? evolutionStore() : storeAt(":memory:")) {}
+  /// A new calendar in that store.
+  explicit EventHost(std::shared_ptr<EKEventStore> given) : store(std::move(given)) {
     calendar->setTitle("test");
     EXPECT_TRUE(store->saveCalendar_commit_error(calendar, true, nullptr));
   }
-  explicit EventHost(const std::string& path) : EventHost(storeAt(path)) {
+  explicit EventHost(const std::string& path) : store(storeAt(path)) {
     const auto calendars = store->calendarsForEntityType(EKEntityType::event);
     if (!calendars.empty()) calendar = calendars.front();
     if (calendars.empty()) store->saveCalendar_commit_error(calendar, true, nullptr);
@@ -111,8 +113,6 @@ class EventHost {
   std::shared_ptr<EKCalendar> calendar = EKCalendar::calendar();
 
  private:
-  explicit EventHost(std::shared_ptr<EKEventStore> made) : store(std::move(made)) {}
-
   static std::shared_ptr<EKEventStore> storeAt(const std::string& path) {
     NSErrorPtr error;
     auto store = EKEventStore::initWithDatabasePath_error(path, &error);
