@@ -66,9 +66,9 @@ struct EKEventPredicate {
 ///     and saves nothing. A host that asks its user sets it according to the answer.
 ///
 /// Evolution keeps events as iCalendar data: times to the second, and no difference between an empty
-/// text and none. It changes a series in its own way: changed occurrences do not move with it, and
-/// are dropped where a new series begins, whose identifier is not told; fetch such an event again.
-/// Its connection to the session bus no longer ends the process when the bus goes away.
+/// text and none. It may give a new event another identifier, which the event has once it is saved. A
+/// change from an occurrence on is several requests to it: one that fails in between leaves the
+/// changed occurrences out, or both the old series and the new one. Its connection to the session bus no longer ends the process when the bus goes away.
 ///
 /// Any thread may use a store, and let go of it last. Operations run on the caller's thread and
 /// block it.
@@ -118,7 +118,9 @@ class EKEventStore : public std::enable_shared_from_this<EKEventStore> {
   std::vector<std::shared_ptr<EKEvent>> eventsMatchingPredicate(const EKEventPredicate& predicate,
                                                                 NSErrorPtr* error = nullptr);
   /// The stored events of that identifier: usually one or none, several when calendars share it. A
-  /// recurring event is one, the first of its occurrences that is left.
+  /// recurring event is one, the first of its occurrences that is left; first by `occurrenceDate()`,
+  /// wherever it was moved. Calendars of Evolution's that cannot be opened, such as a server's that
+  /// cannot be reached, are passed over as long as others can be.
   std::vector<std::shared_ptr<EKEvent>> calendarItemsWithExternalIdentifier(
       const std::string& identifier, NSErrorPtr* error = nullptr);
 
@@ -126,11 +128,12 @@ class EKEventStore : public std::enable_shared_from_this<EKEventStore> {
   /// changed of it meanwhile stays. A changed occurrence is stored as an exception of its series
   /// with `thisEvent`; with `futureEvents` the series changes from there on, which for all but the
   /// first occurrence makes a new series of the rest, with an identifier of its own. Exceptions move
-  /// with their series.
+  /// with their series. An occurrence that is no longer there, since it was removed or its series
+  /// moved away from it, cannot be saved.
   bool saveEvent_span_commit_error(const std::shared_ptr<EKEvent>& event, EKSpan span, bool commit,
                                    NSErrorPtr* error);
   /// Removes an event. Of a recurring one it removes the occurrence, or this and the later ones; the
-  /// series goes with its last occurrence.
+  /// series goes with its last occurrence. Fails when the occurrence is no longer there.
   bool removeEvent_span_commit_error(const std::shared_ptr<EKEvent>& event, EKSpan span,
                                      bool commit, NSErrorPtr* error);
 

@@ -2,6 +2,7 @@
 #define QUILLMERE_PLATFORM_EVENTS_RECURRENCE_H
 
 #include <quillmere/platform/dates/NSDate.h>
+#include <quillmere/platform/dates/NSTimeZone.h>
 #include <quillmere/platform/events/EventRecord.h>
 
 #include <cstdint>
@@ -30,8 +31,28 @@ NSDate endOfRecurrence(const EventRecord& event);
 
 /// The rule, ending before the occurrence at `date`.
 std::string ruleEndingBefore(const EventRecord& event, NSDate date);
-/// The rule with so many occurrences fewer, if it counts them.
-std::string ruleWithoutFirst(const std::string& rule, std::int64_t count);
+
+/// What becomes of a series when an occurrence of it, `stored` as it was fetched, is saved as `event`
+/// for the later ones too. All times of the series move as far as this occurrence has been moved, by
+/// the wall clock.
+class SeriesChange {
+ public:
+  /// `isWhole`: nothing is left of the series before the occurrence. Else the rest of it becomes a
+  /// new one.
+  SeriesChange(const EventRecord& old, const EventRecord& stored, const EventRecord& event,
+               bool isWhole);
+
+  /// The whole series, changed, or the new one.
+  const EventRecord& series() const { return series_; }
+  /// Where a date of the old series lies in it.
+  NSDate moved(NSDate date) const;
+
+ private:
+  NSTimeZone oldZone_;
+  std::int64_t shift_ = 0;
+  bool hasNewTimes_;
+  EventRecord series_;
+};
 
 }  // namespace quillmere
 
