@@ -68,7 +68,9 @@ struct EKEventPredicate {
 /// Evolution keeps events as iCalendar data: times to the second, and no difference between an empty
 /// text and none. It may give a new event another identifier, which the event has once it is saved. A
 /// change from an occurrence on is several requests to it: one that fails in between leaves the
-/// changed occurrences out, or both the old series and the new one. Its connection to the session bus no longer ends the process when the bus goes away.
+/// changed occurrences out, or both the old series and the new one. Its server works out every
+/// occurrence of a rule itself, however long that takes. Its connection to the session bus no longer
+/// ends the process when the bus goes away.
 ///
 /// Any thread may use a store, and let go of it last. Operations run on the caller's thread and
 /// block it.

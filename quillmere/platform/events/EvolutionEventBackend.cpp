@@ -355,20 +355,22 @@ class EvolutionEventBackend : public EventBackend,
     struct Walk {
       const Item& item;
       const InstanceVisitor& visit;
+      int count = 0;
     } walk{item, visit};
     const auto next = [](ICalComponent*, ICalTime* start, ICalTime* end, gpointer data,
                          GCancellable*, GError**) -> gboolean {
-      const auto& given = *static_cast<Walk*>(data);
+      auto& given = *static_cast<Walk*>(data);
       const bool isAllDay = given.item.event.isAllDay;
       given.visit(dateOfTime(start, isAllDay), dateOfTime(end, isAllDay));
-      return TRUE;
+      return ++given.count < mostOccurrences ? TRUE : FALSE;
     };
     const GObjectPtr<ICalTime> begin(timeOf(from));
     const GObjectPtr<ICalTime> end(timeOf(to));
     Outcome outcome;
-    outcome.require(e_cal_recur_generate_instances_sync(item.component.get(), begin.get(),
-                                                        end.get(), next, &walk, &e_cal_client_tzlookup_cb, client,
-                                                        defaultZone(), nullptr, &outcome));
+    const bool isAll = e_cal_recur_generate_instances_sync(
+        item.component.get(), begin.get(), end.get(), next, &walk, &e_cal_client_tzlookup_cb,
+        client, defaultZone(), nullptr, &outcome);
+    outcome.require(isAll || walk.count == mostOccurrences);
   }
 
   static ICalTime* timeOf(NSDate date) {

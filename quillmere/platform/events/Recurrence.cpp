@@ -14,8 +14,6 @@
 namespace quillmere {
 namespace {
 
-// Of one event in one walk.
-constexpr int mostOccurrences = 100'000;
 // A rule with COUNT is walked from its start; one that counts further than this ends there.
 constexpr int mostSteps = 200'000;
 

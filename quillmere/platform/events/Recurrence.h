@@ -12,6 +12,9 @@
 // Internal: the occurrences of a recurring event, which libical works out of its rule.
 namespace quillmere {
 
+/// Of one event in one walk.
+inline constexpr int mostOccurrences = 100'000;
+
 /// What is called with the start of each occurrence, until it answers false.
 using OccurrenceVisitor = std::function<bool(NSDate start)>;
 
@@ -22,7 +25,7 @@ void requireRecurrenceRule(const EventRecord& event);
 
 /// Visits the occurrences of a recurring event that start in the range `from` to before `to`, in
 /// order, exceptions included. The event's start is the first of them, whatever the rule says. No
-/// more than 100,000 are visited, and nothing after the year 2582, with which libical ends.
+/// more than `mostOccurrences` are visited, and nothing after the year 2582, with which libical ends.
 void forEachOccurrence(const EventRecord& event, NSDate from, NSDate to,
                        const OccurrenceVisitor& visit);
 

@@ -264,6 +264,13 @@ TEST(EventStore, ExpandsAnyWindowAlike) {
   }
 }
 
+// A rule for every second would give more than fit into memory.
+TEST(EventStore, EndsWithSoManyOccurrencesOfAnEvent) {
+  const EventHost host;
+  dailySeries(host, "FREQ=HOURLY");
+  EXPECT_EQ(host.events(january, utc("20360101T000000Z")).size(), 100'000U);
+}
+
 TEST(EventStore, ChangesOneOccurrenceAlone) {
   const EventHost host;
   dailySeries(host, "FREQ=DAILY;COUNT=3");
