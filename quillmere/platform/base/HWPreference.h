@@ -11,7 +11,7 @@ namespace quillmere {
 
 /// One setting of the process: what the host has set, else the environment variable of the same
 /// name. A host sets one before it uses the library on a second thread. The library reads
-/// "KBTDavRequestorLogLevel" (see `KBTDavRequestor`).
+/// "KBTDavRequestorLogLevel" (see `KBTDavRequestor`) and those that `EKEventStore` names.
 class HWPreference {
  public:
   /// The preference of a key; the same object every time.

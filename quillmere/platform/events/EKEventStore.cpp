@@ -41,7 +41,8 @@ std::shared_ptr<EventBackend> openUsersBackend() {
       // Where the desktop has no store, ours serves.
     }
   }
-  return openSQLiteEventBackend(defaultEventDatabasePath());
+  const std::string path = preference("EKEventStoreDatabasePath");
+  return openSQLiteEventBackend(path.empty() ? defaultEventDatabasePath() : path);
 }
 
 }  // namespace

@@ -58,10 +58,12 @@ struct EKEventPredicate {
 /// waits for ten seconds before it reports an error. A file that is not such a database, is damaged
 /// or was written by a later version is refused and left as it is.
 ///
-/// Two preferences (`HWPreference`) are read when a store is made:
+/// Three preferences (`HWPreference`) are read when a store is made:
 ///   - "EKEventStoreBackend": "sqlite", "evolution", or "auto", which is Evolution where the library
 ///     has it and `DBUS_SESSION_BUS_ADDRESS` offers a bus on which it answers, and SQLite otherwise.
 ///     Unset means sqlite.
+///   - "EKEventStoreDatabasePath": the database file that `init` opens, or ":memory:", as with
+///     `initWithDatabasePath_error`.
 ///   - "EKEventStoreAccess": "denied" refuses access: the store has no calendars and no events then,
 ///     and saves nothing. A host that asks its user sets it according to the answer.
 ///
@@ -77,8 +79,8 @@ struct EKEventPredicate {
 class EKEventStore : public std::enable_shared_from_this<EKEventStore> {
  public:
   /// The user's store. Never null: when it cannot be opened, access requests and saves tell the
-  /// reason and there are no calendars. The database is the file "quillmere/events.sqlite" in
-  /// `$XDG_DATA_HOME` (`~/.local/share`), made when it is missing.
+  /// reason and there are no calendars. Unless the preference says otherwise the database is the file
+  /// "quillmere/events.sqlite" in `$XDG_DATA_HOME` (`~/.local/share`), made when it is missing.
   static std::shared_ptr<EKEventStore> init();
 
   /// A store in the SQLite database at `path`, which is made when it is missing; its folder must

@@ -83,11 +83,13 @@ TEST(EvolutionEventStore, PassesOverEventsThatAreNone) {
   }
 }
 
-TEST(EvolutionEventStore, FindsItemsThoughACalendarCannotBeOpened) {
+TEST(EvolutionEventStore, FindsItemsInEveryCalendarThatCanBeOpened) {
   const EventHost host;
   const auto event = host.newEvent("a", january, january);
   ASSERT_EQ(host.save(event), nullptr);
   const GObjectPtr<ESourceRegistry> registry(e_source_registry_new_sync(nullptr, nullptr));
+  const EventHost other;
+  add(other, "UID:" + event->calendarItemExternalIdentifier() + "\r\nDTSTART:20240105T090000Z\r\n");
   const GObjectPtr<ESource> closed(e_source_new(nullptr, nullptr, nullptr));
   e_source_set_parent(closed.get(), "local-stub");
   e_source_backend_set_backend_name(static_cast<ESourceBackend*>(e_source_get_extension(
@@ -100,7 +102,7 @@ TEST(EvolutionEventStore, FindsItemsThoughACalendarCannotBeOpened) {
   NSErrorPtr error;
   EXPECT_THAT(host.store->calendarItemsWithExternalIdentifier(
                   event->calendarItemExternalIdentifier(), &error),
-              SizeIs(1));
+              SizeIs(2));
   EXPECT_EQ(error, nullptr);
   const GObjectPtr<ESource> added(
       e_source_registry_ref_source(registry.get(), e_source_get_uid(closed.get())));
