@@ -718,8 +718,12 @@ std::unique_ptr<SQLiteDatabase> SQLiteEventBackend::open(const std::string& path
                                  : std::make_unique<SQLiteDatabase>(path, flags);
   configure(*database);
   bringUpToDate(*database, path);
+  // What is damaged is found before the mode is changed, which writes to the file.
+  for (const char* sql : {"SELECT id FROM calendars LIMIT 1", "SELECT id FROM events LIMIT 1",
+                          "SELECT series FROM exceptions LIMIT 1"}) {
+    database->statement(sql).run();
+  }
   if (sqlite3_db_readonly(database->handle(), "main") == 0) switchToLog(*database, path);
-  database->statement("SELECT count(*) FROM calendars").run();
   return database;
 }
 

@@ -624,7 +624,7 @@ TEST(EventStore, MayEndOnAnyThread) {
   const EventHost writer(open());
   std::atomic<bool> isOver = false;
   std::thread ending([&] {
-    for (int i = EventHost::usesEvolution() ? 10 : 600; i != 0; --i) open();
+    for (int i = EventHost::usesEvolution() ? 50 : 600; i != 0; --i) open();
     isOver = true;
   });
   std::thread writing([&] {

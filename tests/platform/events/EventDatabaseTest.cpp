@@ -242,6 +242,8 @@ TEST(EventDatabase, LeavesForeignFilesAsTheyAre) {
   query(folder / "other's",
         "PRAGMA journal_mode = WAL; CREATE TABLE t(a); INSERT INTO t VALUES(1)");
   query(folder / "other id", "PRAGMA application_id = 7; CREATE TABLE t(a)");
+  query(folder / "hollow",
+        "PRAGMA application_id = 1366115702; PRAGMA user_version = 1; CREATE TABLE t(a)");
   { const EventHost host(folder / "later version"); }
   query(folder / "later version", "PRAGMA user_version = 99");
   // With a log that would be written back as soon as somebody read and closed the database.
@@ -255,7 +257,7 @@ TEST(EventDatabase, LeavesForeignFilesAsTheyAre) {
   ASSERT_EQ(::mkfifo((folder / "pipe").c_str(), 0600), 0);
   fs::create_directory(folder / "directory");
 
-  for (const char* name : {"text", "long text", "magic only", "other's", "other id",
+  for (const char* name : {"text", "long text", "magic only", "other's", "other id", "hollow",
                            "later version", "crashed", "pipe", "directory", "no/such/folder"}) {
     const bool isFile = fs::is_regular_file(folder / name);
     const std::string before = isFile ? readFile(folder / name) : "";

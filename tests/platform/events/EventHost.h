@@ -56,6 +56,12 @@ class EventHost {
     calendar->setTitle("test");
     EXPECT_TRUE(store->saveCalendar_commit_error(calendar, true, nullptr));
   }
+  // Evolution's calendars would become more and more.
+  ~EventHost() {
+    if (usesEvolution()) store->removeCalendar_commit_error(calendar, true, nullptr);
+  }
+  EventHost(const EventHost&) = delete;
+  EventHost& operator=(const EventHost&) = delete;
   explicit EventHost(const std::string& path) : store(storeAt(path)) {
     const auto calendars = store->calendarsForEntityType(EKEntityType::event);
     if (!calendars.empty()) calendar = calendars.front();
