@@ -95,6 +95,9 @@ class EvolutionEventBackend : public EventBackend,
     g_dbus_connection_set_exit_on_close(bus.get(), FALSE);
     registry_.reset(e_source_registry_new_sync(nullptr, &outcome));
     outcome.require(registry_ != nullptr);
+    // All stores share the registry, and it is kept for good: its thread would end before GLib has
+    // freed there what the registry's proxies need for their signals, and so leak it with every store.
+    [[maybe_unused]] static gpointer const kept = g_object_ref(registry_.get());
   }
 
   std::vector<CalendarRecord> calendars() override {
