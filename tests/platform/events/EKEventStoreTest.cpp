@@ -4,13 +4,10 @@
 #include <quillmere/platform/events/EKEventStore.h>
 #include <quillmere/platform/notifications/NSNotificationCenter.h>
 
-#include <atomic>
 #include <random>
-#include <thread>
 
 #include "tests/platform/events/EventHost.h"
 #include "tests/support/ScopedTimeZone.h"
-#include "tests/support/TemporaryFolder.h"
 
 namespace quillmere {
 namespace {
@@ -611,37 +608,6 @@ TEST(EventStore, PostsItsOwnChangesTogether) {
   EXPECT_TRUE(runUntil([&] { return posted != 0; }));
   host.remove(host.events(january, february)[0]);
   EXPECT_TRUE(runUntil([&] { return posted == 2; }));
-}
-
-// While the main queue is told of what others write, which needs the store.
-TEST(EventStore, MayEndOnAnyThread) {
-  const testing::TemporaryFolder folder;
-  const auto open = [&] {
-    return EventHost::usesEvolution()
-               ? EKEventStore::init()
-               : EKEventStore::initWithDatabasePath_error(folder / "events", nullptr);
-  };
-  const EventHost writer(open());
-  std::atomic<bool> isOver = false;
-  std::thread ending([&] {
-    for (int i = EventHost::usesEvolution() ? 50 : 600; i != 0; --i) open();
-    isOver = true;
-  });
-  std::thread writing([&] {
-    const Event event = writer.newEvent("a", january, january);
-    for (int i = 0; !isOver; ++i) {
-      event->setTitle(std::to_string(i));
-      EXPECT_EQ(writer.save(event), nullptr);
-    }
-  });
-  int posted = 0;
-  const auto observation =
-      NSNotificationCenter::defaultCenter().addObserverForName_object_usingBlock(
-          EKEventStoreChangedNotification, writer.store, [&](const NSNotification&) { ++posted; });
-  EXPECT_TRUE(runUntil([&] { return isOver.load(); }));
-  ending.join();
-  writing.join();
-  EXPECT_GT(posted, 0);
 }
 
 }  // namespace

@@ -234,6 +234,25 @@ TEST(EventDatabase, TellsOfChangesByOtherProcesses) {
   EXPECT_EQ(status, 0);
 }
 
+TEST(EventDatabase, MayEndOnAnyThread) {
+  const TemporaryFolder folder;
+  const std::string path = folder / "events";
+  const EventHost host(path);
+  sqlite3* other = nullptr;
+  ASSERT_EQ(sqlite3_open(path.c_str(), &other), SQLITE_OK);
+  // So often that most stores end while they are told of it.
+  sqlite3_busy_timeout(other, 10'000);
+  sqlite3_exec(other, "PRAGMA synchronous = OFF", nullptr, nullptr, nullptr);
+  testing::endStores(
+      1000, [&] { return EKEventStore::initWithDatabasePath_error(path, nullptr); },
+      [&] {
+        EXPECT_EQ(
+            sqlite3_exec(other, "UPDATE calendars SET title = random()", nullptr, nullptr, nullptr),
+            SQLITE_OK);
+      });
+  sqlite3_close(other);
+}
+
 TEST(EventDatabase, LeavesForeignFilesAsTheyAre) {
   const TemporaryFolder folder;
   writeFile(folder / "text", "BEGIN:VCALENDAR\r\n");

@@ -5,11 +5,13 @@
 #include <quillmere/platform/events/EKEventStore.h>
 #include <quillmere/platform/loop/NSRunLoop.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 namespace quillmere {
@@ -42,6 +44,22 @@ inline bool runUntil(const std::function<bool()>& holds) {
         NSDate::dateWithMicrosecondsSince1970(NSDate::date().microsecondsSince1970() + 2'000));
   }
   return holds();
+}
+
+/// Runs the main run loop while stores end on another thread, and a third one writes without pause.
+inline void endStores(int count, const std::function<std::shared_ptr<EKEventStore>()>& open,
+                      const std::function<void()>& write) {
+  std::atomic<bool> isOver = false;
+  std::thread ending([&] {
+    for (int i = 0; i != count; ++i) EXPECT_NE(open(), nullptr);
+    isOver = true;
+  });
+  std::thread writing([&] {
+    while (!isOver) write();
+  });
+  EXPECT_TRUE(runUntil([&] { return isOver.load(); }));
+  ending.join();
+  writing.join();
 }
 
 /// A store and a calendar in it. The program's tests run twice: where QUILLMERE_TEST_EVOLUTION is

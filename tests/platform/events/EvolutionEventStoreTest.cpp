@@ -38,6 +38,16 @@ TEST(EvolutionEventStore, TellsOtherStoresOfChanges) {
   EXPECT_TRUE(runUntil([&] { return posted >= 2; }));
 }
 
+TEST(EvolutionEventStore, MayEndOnAnyThread) {
+  const EventHost host;
+  const auto event = host.newEvent("a", january, january);
+  int count = 0;
+  testing::endStores(50, &EKEventStore::init, [&] {
+    event->setTitle(std::to_string(++count));
+    EXPECT_EQ(host.save(event), nullptr);
+  });
+}
+
 // What another program puts into a host's calendar.
 void add(const EventHost& host, const std::string& lines) {
   const GObjectPtr<ESourceRegistry> registry(e_source_registry_new_sync(nullptr, nullptr));
