@@ -97,7 +97,8 @@ class EvolutionEventBackend : public EventBackend,
     outcome.require(registry_ != nullptr);
     // All stores share the registry, and it is kept for good: its thread would end before GLib has
     // freed there what the registry's proxies need for their signals, and so leak it with every store.
-    [[maybe_unused]] static gpointer const kept = g_object_ref(registry_.get());
+    [[maybe_unused]] static auto* const kept =
+        static_cast<ESourceRegistry*>(g_object_ref(registry_.get()));
   }
 
   std::vector<CalendarRecord> calendars() override {
