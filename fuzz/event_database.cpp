@@ -78,12 +78,12 @@ void check(std::string_view bytes) {
     read(*store);
     write(*store, bytes.size());
     read(*store);
+    NSRunLoop::mainRunLoop().runUntilDate(NSDate::date());  // what was put off is done
   } else {
     require(error != nullptr, "a refusal has a reason");
     require(testing::readFile(path) == bytes, "a refused file stays as it is");
     require(folder().entryCount() == 1, "and nothing lies beside it");
   }
-  NSRunLoop::mainRunLoop().runUntilDate(NSDate::date());  // what was put off is done
   for (const char* suffix : {"", "-wal", "-shm", "-journal"}) fs::remove(path + suffix);
 }
 
