@@ -13,8 +13,7 @@ namespace quillmere {
 
 /// One setting of the process: what the host has set, else the environment variable of the same
 /// name. A host sets one before it uses the library on a second thread. The library reads
-/// "KBTDavRequestorLogLevel" (see `KBTDavRequestor`) and those of the event store (see
-/// `EKEventStore`).
+/// "KBTDavRequestorLogLevel" (see `KBTDavRequestor`) and those that `EKEventStore` names.
 class QUILLMERE_EXPORT HWPreference {
  public:
   /// The preference of a key; the same object every time.

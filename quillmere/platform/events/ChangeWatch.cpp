@@ -42,10 +42,10 @@ struct ChangeWatch::State : std::enable_shared_from_this<State> {
   }
 
   static gboolean wrote(gint descriptor, GIOCondition, void* data) {
+    const auto state = static_cast<std::weak_ptr<State>*>(data)->lock();
+    if (!state) return G_SOURCE_REMOVE;  // and its descriptor may be another file's by now
     char events[4096];
     while (::read(descriptor, events, sizeof events) > 0) continue;
-    const auto state = static_cast<std::weak_ptr<State>*>(data)->lock();
-    if (!state) return G_SOURCE_REMOVE;
     state->nextWait = firstWait;
     if (!state->isWaiting) state->ask();
     return G_SOURCE_CONTINUE;

@@ -14,8 +14,8 @@ namespace quillmere {
 /// with yes or some time has passed: a writer's bytes are there before what it wrote can be seen.
 class ChangeWatch {
  public:
-  /// Does nothing when the file is not there. `question` may be asked once more while this is
-  /// destroyed on another thread.
+  /// Does nothing when the file is not there. `question` may still be being asked on the main queue
+  /// after this was destroyed on another thread, so it has to keep alive what it uses.
   ChangeWatch(const std::string& path, std::function<bool()> question);
   ChangeWatch(const ChangeWatch&) = delete;
   ChangeWatch& operator=(const ChangeWatch&) = delete;

@@ -26,12 +26,12 @@ std::string preference(const char* key) {
 }
 
 #ifndef QUILLMERE_HAS_EVOLUTION
-std::unique_ptr<EventBackend> openEvolutionEventBackend() {
+std::shared_ptr<EventBackend> openEvolutionEventBackend() {
   throw EventError(EKErrorInternalFailure, "This library was built without Evolution.");
 }
 #endif
 
-std::unique_ptr<EventBackend> openUsersBackend() {
+std::shared_ptr<EventBackend> openUsersBackend() {
   const std::string wanted = preference("EKEventStoreBackend");
   if (wanted == "evolution") return openEvolutionEventBackend();
   if (wanted == "auto") {
@@ -41,7 +41,8 @@ std::unique_ptr<EventBackend> openUsersBackend() {
       // Where the desktop has no store, ours serves.
     }
   }
-  return openSQLiteEventBackend(defaultEventDatabasePath());
+  const std::string path = preference("EKEventStoreDatabasePath");
+  return openSQLiteEventBackend(path.empty() ? defaultEventDatabasePath() : path);
 }
 
 }  // namespace
@@ -49,14 +50,14 @@ std::unique_ptr<EventBackend> openUsersBackend() {
 EventError::EventError(EKErrorCode code, std::string description, NSErrorPtr underlying)
     : error_(errorOf(code, std::move(description), std::move(underlying))) {}
 
-EKEventStore::EKEventStore(std::unique_ptr<EventBackend> backend, NSErrorPtr openingError)
+EKEventStore::EKEventStore(std::shared_ptr<EventBackend> backend, NSErrorPtr openingError)
     : backend_(std::move(backend)),
       openingError_(std::move(openingError)),
       isDenied_(preference("EKEventStoreAccess") == "denied") {}
 
 EKEventStore::~EKEventStore() = default;
 
-std::shared_ptr<EKEventStore> EKEventStore::storeOver(std::unique_ptr<EventBackend> backend,
+std::shared_ptr<EKEventStore> EKEventStore::storeOver(std::shared_ptr<EventBackend> backend,
                                                       NSErrorPtr openingError) {
   auto store = makeObject<EKEventStore>(std::move(backend), std::move(openingError));
   if (!store->backend_) return store;

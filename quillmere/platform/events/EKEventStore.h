@@ -59,24 +59,29 @@ struct QUILLMERE_EXPORT EKEventPredicate {
 /// waits for ten seconds before it reports an error. A file that is not such a database, is damaged
 /// or was written by a later version is refused and left as it is.
 ///
-/// Two preferences (`HWPreference`) are read when a store is made:
+/// Three preferences (`HWPreference`) are read when a store is made:
 ///   - "EKEventStoreBackend": "sqlite", "evolution", or "auto", which is Evolution where the library
 ///     has it and `DBUS_SESSION_BUS_ADDRESS` offers a bus on which it answers, and SQLite otherwise.
 ///     Unset means sqlite.
+///   - "EKEventStoreDatabasePath": the database file that `init` opens, or ":memory:", as with
+///     `initWithDatabasePath_error`.
 ///   - "EKEventStoreAccess": "denied" refuses access: the store has no calendars and no events then,
 ///     and saves nothing. A host that asks its user sets it according to the answer.
 ///
 /// Evolution keeps events as iCalendar data: times to the second, and no difference between an empty
-/// text and none. It changes a series in its own way: changed occurrences do not move with it, and
-/// are dropped where a new series begins, whose identifier is not told; fetch such an event again.
-/// Its connection to the session bus no longer ends the process when the bus goes away.
+/// text and none. It may give a new event another identifier, which the event has once it is saved. A
+/// change from an occurrence on is several requests to it: one that fails in between leaves the
+/// changed occurrences out, or both the old series and the new one. Its server works out every
+/// occurrence of a rule itself, however long that takes. Its connection to the session bus no longer
+/// ends the process when the bus goes away.
 ///
-/// Any thread may use a store. Operations run on the caller's thread and block it.
+/// Any thread may use a store, and let go of it last. Operations run on the caller's thread and
+/// block it.
 class QUILLMERE_EXPORT EKEventStore : public std::enable_shared_from_this<EKEventStore> {
  public:
   /// The user's store. Never null: when it cannot be opened, access requests and saves tell the
-  /// reason and there are no calendars. The database is the file "quillmere/events.sqlite" in
-  /// `$XDG_DATA_HOME` (`~/.local/share`), made when it is missing.
+  /// reason and there are no calendars. Unless the preference says otherwise the database is the file
+  /// "quillmere/events.sqlite" in `$XDG_DATA_HOME` (`~/.local/share`), made when it is missing.
   static std::shared_ptr<EKEventStore> init();
 
   /// A store in the SQLite database at `path`, which is made when it is missing; its folder must
@@ -118,7 +123,9 @@ class QUILLMERE_EXPORT EKEventStore : public std::enable_shared_from_this<EKEven
   std::vector<std::shared_ptr<EKEvent>> eventsMatchingPredicate(const EKEventPredicate& predicate,
                                                                 NSErrorPtr* error = nullptr);
   /// The stored events of that identifier: usually one or none, several when calendars share it. A
-  /// recurring event is one, the first of its occurrences that is left.
+  /// recurring event is one, the first of its occurrences that is left; first by `occurrenceDate()`,
+  /// wherever it was moved. Calendars of Evolution's that cannot be opened, such as a server's that
+  /// cannot be reached, are passed over as long as others can be.
   std::vector<std::shared_ptr<EKEvent>> calendarItemsWithExternalIdentifier(
       const std::string& identifier, NSErrorPtr* error = nullptr);
 
@@ -126,26 +133,27 @@ class QUILLMERE_EXPORT EKEventStore : public std::enable_shared_from_this<EKEven
   /// changed of it meanwhile stays. A changed occurrence is stored as an exception of its series
   /// with `thisEvent`; with `futureEvents` the series changes from there on, which for all but the
   /// first occurrence makes a new series of the rest, with an identifier of its own. Exceptions move
-  /// with their series.
+  /// with their series. An occurrence that is no longer there, since it was removed or its series
+  /// moved away from it, cannot be saved.
   bool saveEvent_span_commit_error(const std::shared_ptr<EKEvent>& event, EKSpan span, bool commit,
                                    NSErrorPtr* error);
   /// Removes an event. Of a recurring one it removes the occurrence, or this and the later ones; the
-  /// series goes with its last occurrence.
+  /// series goes with its last occurrence. Fails when the occurrence is no longer there.
   bool removeEvent_span_commit_error(const std::shared_ptr<EKEvent>& event, EKSpan span,
                                      bool commit, NSErrorPtr* error);
 
  protected:
-  explicit EKEventStore(std::unique_ptr<EventBackend> backend, NSErrorPtr openingError);
+  explicit EKEventStore(std::shared_ptr<EventBackend> backend, NSErrorPtr openingError);
 
  private:
-  static std::shared_ptr<EKEventStore> storeOver(std::unique_ptr<EventBackend> backend,
+  static std::shared_ptr<EKEventStore> storeOver(std::shared_ptr<EventBackend> backend,
                                                  NSErrorPtr openingError);
   template <class Operation>
   bool attempt(NSErrorPtr* error, const Operation& operation);
   std::vector<std::shared_ptr<EKCalendar>> readCalendars();
   void noteChange();
 
-  std::unique_ptr<EventBackend> backend_;  // null when it could not be opened
+  std::shared_ptr<EventBackend> backend_;  // null when it could not be opened
   NSErrorPtr openingError_;
   bool isDenied_;
   std::atomic<bool> isChangeNoted_ = false;

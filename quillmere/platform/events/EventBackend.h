@@ -52,7 +52,7 @@ class EventBackend {
   virtual void readEvents(const std::string& calendar, NSDate from, NSDate to,
                           const Sink& sink) = 0;
   /// Hands over the events of that identifier, one for each calendar that has it; a recurring one
-  /// by the first occurrence that it still has.
+  /// by the first occurrence that it still has, changed or not, in the order of the rule.
   virtual void readItems(const std::string& identifier, const Sink& sink) = 0;
 
   /// Stores `event`: a new one when `stored` is null, else what differs from `stored`, as it was
@@ -61,7 +61,8 @@ class EventBackend {
   virtual void removeEvent(const EventRecord& stored, EKSpan span) = 0;
 
   /// What is called, on any thread, after something else has changed the calendars or events. Set
-  /// once, before anything else is called.
+  /// once, before anything else is called. A call that runs when the last owner lets go of the
+  /// backend keeps it alive until it is over.
   virtual void setChangeHandler(std::function<void()> handler) = 0;
 };
 

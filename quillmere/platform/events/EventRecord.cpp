@@ -50,12 +50,26 @@ NSDate dateOfWallTime(NSDate wall, const NSTimeZone& zone) {
   return dateAfter(dateOfCivil(civilUTC(wall), cctzZone(zone)), wall.microsecondsOfSecond());
 }
 
-NSDate endOfOccurrence(const EventRecord& event, NSDate start) {
-  if (!event.isAllDay) return dateAfter(start, microsecondsBetween(*event.start, *event.end));
+std::int64_t lengthOf(const EventRecord& event) {
+  if (!event.isAllDay) return microsecondsBetween(*event.start, *event.end);
   const NSTimeZone zone = event.wallZone();
-  const std::int64_t length =
-      microsecondsBetween(wallTime(*event.start, zone), wallTime(*event.end, zone));
-  return dateOfWallTime(dateAfter(wallTime(start, zone), length), zone);
+  return microsecondsBetween(wallTime(*event.start, zone), wallTime(*event.end, zone));
+}
+
+NSDate endOfOccurrence(const EventRecord& event, NSDate start) {
+  if (!event.isAllDay) return dateAfter(start, lengthOf(event));
+  const NSTimeZone zone = event.wallZone();
+  return dateOfWallTime(dateAfter(wallTime(start, zone), lengthOf(event)), zone);
+}
+
+EventRecord occurrenceOf(EventRecord series, NSDate start) {
+  series.end = endOfOccurrence(series, start);
+  series.start = series.occurrenceDate = start;
+  return series;
+}
+
+bool isInRange(const EventRecord& event, NSDate from, NSDate to) {
+  return *event.start < to && (*event.end > from || *event.start >= from);
 }
 
 void normalizeTimes(EventRecord& event) {

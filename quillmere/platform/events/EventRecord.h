@@ -65,9 +65,16 @@ NSDate dateOfWallTime(NSDate wall, const NSTimeZone& zone);
 NSDate dateAfter(NSDate date, std::int64_t microseconds);
 std::int64_t microsecondsBetween(NSDate from, NSDate to);
 
+/// How long an event lasts: by the clock, an all-day event by its wall time.
+std::int64_t lengthOf(const EventRecord& event);
 /// The end of an occurrence of `event` that starts at `start`: all-day events last so many days,
 /// others so much time.
 NSDate endOfOccurrence(const EventRecord& event, NSDate start);
+/// The occurrence of a series that starts at `start`.
+EventRecord occurrenceOf(EventRecord series, NSDate start);
+
+/// Whether an event lies in the range `from` to before `to`: it ends after `from`, or begins at it.
+bool isInRange(const EventRecord& event, NSDate from, NSDate to);
 
 }  // namespace quillmere
 

@@ -1,4 +1,5 @@
 #include <quillmere/platform/dates/CivilTime.h>
+#include <quillmere/platform/events/EventBackend.h>
 #include <quillmere/platform/events/EvolutionComponent.h>
 
 #include <algorithm>
@@ -158,7 +159,7 @@ NSDate dateOfTime(ICalTime* time, bool isAllDay) {
   return dateOfWallTime(wall, NSTimeZone::defaultTimeZone());
 }
 
-EventRecord recordOfComponent(ICalComponent* component, ECalClient* client) {
+std::optional<EventRecord> recordOfComponent(ICalComponent* component, ECalClient* client) {
   EventRecord event;
   event.identifier = i_cal_component_get_uid(component) ? i_cal_component_get_uid(component) : "";
   if (const char* title = i_cal_component_get_summary(component)) event.title = title;
@@ -176,7 +177,7 @@ EventRecord recordOfComponent(ICalComponent* component, ECalClient* client) {
     }
     event.start = dateOfProperty(property, client, event.isAllDay);
   });
-  if (!event.start) event.start = firstDate;
+  if (!event.start) return std::nullopt;
   forEachProperty(component, I_CAL_DTEND_PROPERTY, [&](ICalProperty* property) {
     event.end = dateOfProperty(property, client, event.isAllDay);
   });
@@ -185,7 +186,11 @@ EventRecord recordOfComponent(ICalComponent* component, ECalClient* client) {
     event.end = event.start->dateByAddingSeconds(i_cal_duration_as_int(length.get()));
   });
   if (!event.end || *event.end < *event.start) event.end = event.start;
-  normalizeTimes(event);
+  try {
+    normalizeTimes(event);
+  } catch (const EventError&) {
+    return std::nullopt;
+  }
   forEachProperty(component, I_CAL_RRULE_PROPERTY,
                   [&](ICalProperty* property) { event.recurrenceRule = valueOf(property); });
   forEachProperty(component, I_CAL_EXDATE_PROPERTY, [&](ICalProperty* property) {
@@ -235,8 +240,17 @@ void writeDifferences(ICalComponent* component, const EventRecord& original,
 }
 
 void writeOccurrence(ICalComponent* component, const EventRecord& series, NSDate occurrence) {
-  removeProperties(component, I_CAL_RECURRENCEID_PROPERTY);
+  for (const auto kind :
+       {I_CAL_RECURRENCEID_PROPERTY, I_CAL_RDATE_PROPERTY, I_CAL_EXRULE_PROPERTY}) {
+    removeProperties(component, kind);
+  }
   writeTime(component, "RECURRENCE-ID", series, occurrence);
+}
+
+std::string occurrenceName(ICalComponent* component) {
+  const PropertyPtr property(
+      i_cal_component_get_first_property(component, I_CAL_RECURRENCEID_PROPERTY));
+  return property ? valueOf(property.get()) : "";
 }
 
 std::string occurrenceName(const EventRecord& series, NSDate occurrence) {

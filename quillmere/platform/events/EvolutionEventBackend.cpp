@@ -5,7 +5,9 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <list>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <utility>
@@ -54,7 +56,36 @@ struct ComponentListFree {
   void operator()(GSList* components) const { g_slist_free_full(components, g_object_unref); }
 };
 
-class EvolutionEventBackend : public EventBackend {
+class EvolutionEventBackend;
+
+// A signal that the backend hears of, as long as this exists. Signals come on the main loop's thread,
+// while the backend may be let go of on another one: the one that comes keeps it alive.
+class Connection {
+ public:
+  Connection(gpointer sender, const char* signal, std::weak_ptr<EvolutionEventBackend> receiver)
+      : sender_(G_OBJECT(g_object_ref(sender))) {
+    auto handle = std::make_unique<Receiver>(std::move(receiver));
+    identifier_ = g_signal_connect_data(sender, signal, G_CALLBACK(&Connection::changed),
+                                        handle.release(), &Connection::drop, G_CONNECT_SWAPPED);
+  }
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
+  ~Connection() { g_signal_handler_disconnect(sender_.get(), identifier_); }
+
+ private:
+  using Receiver = std::weak_ptr<EvolutionEventBackend>;
+
+  static void changed(Receiver* receiver);
+  static void drop(gpointer data, GClosure*) {
+    const std::unique_ptr<Receiver> dropped(static_cast<Receiver*>(data));
+  }
+
+  GObjectPtr<GObject> sender_;
+  gulong identifier_ = 0;
+};
+
+class EvolutionEventBackend : public EventBackend,
+                              public std::enable_shared_from_this<EvolutionEventBackend> {
  public:
   EvolutionEventBackend() {
     Outcome outcome;
@@ -64,13 +95,10 @@ class EvolutionEventBackend : public EventBackend {
     g_dbus_connection_set_exit_on_close(bus.get(), FALSE);
     registry_.reset(e_source_registry_new_sync(nullptr, &outcome));
     outcome.require(registry_ != nullptr);
-  }
-
-  ~EvolutionEventBackend() override {
-    for (const auto& [identifier, calendar] : calendars_) {
-      g_signal_handlers_disconnect_by_data(calendar.view.get(), this);
-    }
-    g_signal_handlers_disconnect_by_data(registry_.get(), this);
+    // All stores share the registry, and it is kept for good: its thread would end before GLib has
+    // freed there what the registry's proxies need for their signals, and so leak it with every store.
+    [[maybe_unused]] static auto* const kept =
+        static_cast<ESourceRegistry*>(g_object_ref(registry_.get()));
   }
 
   std::vector<CalendarRecord> calendars() override {
@@ -135,34 +163,45 @@ class EvolutionEventBackend : public EventBackend {
     outcome.require(isRead);
     std::set<std::string> series;
     for (const GSList* at = list; at; at = at->next) {
-      EventRecord event = recordOfComponent(static_cast<ICalComponent*>(at->data), client);
-      event.calendar = calendar;
-      if (event.isDetached || event.recurrenceRule) {
-        series.insert(event.identifier);
-      } else if (isInRange(event, from, to)) {
-        sink(std::move(event));
+      auto event = recordOfComponent(static_cast<ICalComponent*>(at->data), client);
+      if (!event) continue;
+      event->calendar = calendar;
+      if (event->isDetached || event->recurrenceRule) {
+        series.insert(event->identifier);
+      } else if (isInRange(*event, from, to)) {
+        sink(std::move(*event));
       }
     }
     for (const std::string& identifier : series) {
-      Item item = master(client, identifier);
-      item.event.calendar = calendar;
-      expand(client, item, from, to, sink);
+      expand(client, itemOf(client, calendar, identifier), from, to, sink);
     }
   }
 
+  // A calendar that cannot be opened is passed over, such as a server's that cannot be reached: others
+  // are not to wait for it. When none can be opened nothing is known, and when an open one does not
+  // answer the bus is gone: to say that there is no such event would be wrong then.
   void readItems(const std::string& identifier, const Sink& sink) override {
+    bool isAnyOpen = false;
+    std::optional<EventError> failure;
     for (const CalendarRecord& calendar : calendars()) {
       const std::lock_guard lock(mutex_);
-      ECalClient* const client = clientOf(calendar.identifier);
-      Item item = master(client, identifier);
+      ECalClient* client = nullptr;
+      try {
+        client = clientOf(calendar.identifier);
+      } catch (const EventError& thrown) {
+        failure = thrown;
+        continue;
+      }
+      isAnyOpen = true;
+      Item item = itemOf(client, calendar.identifier, identifier);
       if (!item.component) continue;
-      item.event.calendar = calendar.identifier;
       if (!item.event.recurrenceRule) {
         sink(std::move(item.event));
       } else if (auto first = firstOccurrence(item)) {
         sink(std::move(*first));
       }
     }
+    if (failure && !isAnyOpen) throw EventError(*failure);
   }
 
   void saveEvent(const EventRecord* stored, EventRecord& event, EKSpan span) override {
@@ -171,44 +210,41 @@ class EvolutionEventBackend : public EventBackend {
     ECalClient* const client = clientOf(event.calendar);
     addZone(client, event);
     if (!stored) {
-      create(client, event);
+      const GObjectPtr<ICalComponent> component(i_cal_component_new_vevent());
+      i_cal_component_set_uid(component.get(), event.identifier.c_str());
+      writeDifferences(component.get(), {}, event);
+      event.identifier = create(client, component.get());
     } else {
-      Item item = requireItem(*stored);
-      if (event.calendar != stored->calendar) {
-        requireWhole(item, span);
-        writeDifferences(item.component.get(), *stored, event);
-        Outcome outcome;
-        outcome.require(e_cal_client_create_object_sync(
-            client, item.component.get(), E_CAL_OPERATION_FLAG_NONE, nullptr, nullptr, &outcome));
-        remove(clientOf(stored->calendar), event.identifier, "", E_CAL_OBJ_MOD_ALL);
-      } else if (!item.event.recurrenceRule) {
-        writeDifferences(item.component.get(), *stored, event);
-        modify(client, item, E_CAL_OBJ_MOD_ALL);
-        event = merged(*stored, event, item.event);
+      const Item item = requireItem(*stored);
+      if (!item.event.recurrenceRule) {
+        saveWhole(item, *stored, event);
       } else if (span == EKSpan::thisEvent) {
         saveOccurrence(client, item, *stored, event);
       } else {
-        saveFutureOccurrences(client, item, *stored, event);
+        saveFutureOccurrences(item, *stored, event);
       }
     }
-    const Item saved = master(client, event.identifier);
-    event.lastModified = saved.event.lastModified ? saved.event.lastModified : NSDate::date();
     if (!event.isDetached) event.occurrenceDate = event.start;
+    const Item saved = itemOf(client, event.calendar, event.identifier);
+    const Occurrence* const own = detachedAt(saved, *event.occurrenceDate);
+    const auto& modified = own ? own->event.lastModified : saved.event.lastModified;
+    event.lastModified = modified ? modified : NSDate::date();
   }
 
   void removeEvent(const EventRecord& stored, EKSpan span) override {
     const std::lock_guard lock(mutex_);
     const Item item = requireItem(stored);
     ECalClient* const client = clientOf(stored.calendar);
-    const bool isWhole = !item.event.recurrenceRule || (span == EKSpan::futureEvents &&
-                                                        !hasEarlier(item, *stored.occurrenceDate));
+    const NSDate date = *stored.occurrenceDate;
+    const bool isWhole =
+        !item.event.recurrenceRule || (span == EKSpan::futureEvents && !hasEarlier(item, date));
     if (isWhole) {
       remove(client, stored.identifier, "", E_CAL_OBJ_MOD_ALL);
       return;
     }
-    remove(client, stored.identifier, occurrenceName(item.event, *stored.occurrenceDate),
+    remove(client, stored.identifier, nameOf(item, date),
            span == EKSpan::thisEvent ? E_CAL_OBJ_MOD_THIS : E_CAL_OBJ_MOD_THIS_AND_FUTURE);
-    const Item left = master(client, stored.identifier);
+    const Item left = itemOf(client, stored.calendar, stored.identifier);
     if (left.component && !hasEarlier(left, lastDate)) {
       remove(client, stored.identifier, "", E_CAL_OBJ_MOD_ALL);
     }
@@ -217,8 +253,7 @@ class EvolutionEventBackend : public EventBackend {
   void setChangeHandler(std::function<void()> handler) override {
     handler_ = std::move(handler);
     for (const char* signal : {"source-added", "source-removed", "source-changed"}) {
-      g_signal_connect_swapped(registry_.get(), signal, G_CALLBACK(&EvolutionEventBackend::changed),
-                               this);
+      connections_.emplace_back(registry_.get(), signal, weak_from_this());
     }
     for (const CalendarRecord& calendar : calendars()) {
       const std::lock_guard lock(mutex_);
@@ -230,21 +265,24 @@ class EvolutionEventBackend : public EventBackend {
     }
   }
 
+  void noteChange() const { handler_(); }
+
  private:
   struct Calendar {
     GObjectPtr<ECalClient> client;
     GObjectPtr<ECalClientView> view;  // which tells of changes
+    std::list<Connection> connections;
+  };
+  struct Occurrence {
+    GObjectPtr<ICalComponent> component;
+    EventRecord event;
   };
   // What is kept of an identifier: an event, or a recurring one with its changed occurrences.
   struct Item {
     GObjectPtr<ICalComponent> component;  // null when there is none
     EventRecord event;
-    std::vector<EventRecord> detached;
+    std::vector<Occurrence> detached;
   };
-
-  static void changed(EvolutionEventBackend* self) {
-    if (self->handler_) self->handler_();
-  }
 
   GObjectPtr<ESource> requireSource(const std::string& identifier) {
     GObjectPtr<ESource> source(e_source_registry_ref_source(registry_.get(), identifier.c_str()));
@@ -266,7 +304,7 @@ class EvolutionEventBackend : public EventBackend {
         e_cal_client_get_view_sync(calendar.client.get(), "#t", &view, nullptr, &outcome));
     calendar.view.reset(view);
     for (const char* signal : {"objects-added", "objects-modified", "objects-removed"}) {
-      g_signal_connect_swapped(view, signal, G_CALLBACK(&EvolutionEventBackend::changed), this);
+      calendar.connections.emplace_back(view, signal, weak_from_this());
     }
     e_cal_client_view_set_flags(view, E_CAL_CLIENT_VIEW_FLAGS_NONE, nullptr);
     e_cal_client_view_start(view, nullptr);
@@ -294,56 +332,67 @@ class EvolutionEventBackend : public EventBackend {
     return zone ? zone : i_cal_timezone_get_utc_timezone();
   }
 
-  static bool isInRange(const EventRecord& event, NSDate from, NSDate to) {
-    return *event.start < to && (*event.end > from || *event.start >= from);
-  }
-
   // The changed occurrences, and the others as Evolution works them out.
   static void expand(ECalClient* client, const Item& item, NSDate from, NSDate to,
                      const Sink& sink) {
-    for (EventRecord event : item.detached) {
-      event.calendar = item.event.calendar;
-      event.recurrenceRule = item.event.recurrenceRule;
-      if (isInRange(event, from, to)) sink(std::move(event));
+    for (const Occurrence& detached : item.detached) {
+      if (isInRange(detached.event, from, to)) sink(detached.event);
     }
     if (!item.component) return;
-    struct Walk {
-      const Item& item;
-      NSDate from;
-      NSDate to;
-      const Sink& sink;
-    } walk{item, from, to, sink};
-    const auto visit = [](ICalComponent*, ICalTime* start, ICalTime* end, gpointer data,
-                          GCancellable*, GError**) -> gboolean {
-      const auto& given = *static_cast<Walk*>(data);
-      EventRecord event = given.item.event;
-      event.exceptionDates.clear();
-      event.start = dateOfTime(start, event.isAllDay);
-      event.end = dateOfTime(end, event.isAllDay);
-      event.occurrenceDate = event.start;
-      if (!isDetached(given.item, *event.start) && isInRange(event, given.from, given.to)) {
-        given.sink(std::move(event));
-      }
-      return TRUE;
-    };
     // One that began before the range may reach into it.
     const std::int64_t length = microsecondsBetween(*item.event.start, *item.event.end);
-    const NSDate earliest = dateAfter(from, -length).dateByAddingSeconds(-1);
-    const GObjectPtr<ICalTime> begin(timeOf(std::max(earliest, firstDate)));
+    const NSDate earliest = std::max(dateAfter(from, -length).dateByAddingSeconds(-1), firstDate);
+    forEachInstance(client, item, earliest, to, [&](NSDate start, NSDate end) {
+      if (detachedAt(item, start)) return;
+      EventRecord event = item.event;
+      event.exceptionDates.clear();
+      event.start = event.occurrenceDate = start;
+      event.end = end;
+      if (isInRange(event, from, to)) sink(std::move(event));
+    });
+  }
+
+  using InstanceVisitor = std::function<void(NSDate start, NSDate end)>;
+
+  static void forEachInstance(ECalClient* client, const Item& item, NSDate from, NSDate to,
+                              const InstanceVisitor& visit) {
+    struct Walk {
+      const Item& item;
+      const InstanceVisitor& visit;
+      int count = 0;
+    } walk{item, visit};
+    const auto next = [](ICalComponent*, ICalTime* start, ICalTime* end, gpointer data,
+                         GCancellable*, GError**) -> gboolean {
+      auto& given = *static_cast<Walk*>(data);
+      const bool isAllDay = given.item.event.isAllDay;
+      given.visit(dateOfTime(start, isAllDay), dateOfTime(end, isAllDay));
+      return ++given.count < mostOccurrences ? TRUE : FALSE;
+    };
+    const GObjectPtr<ICalTime> begin(timeOf(from));
     const GObjectPtr<ICalTime> end(timeOf(to));
     Outcome outcome;
-    outcome.require(e_cal_recur_generate_instances_sync(
-        item.component.get(), begin.get(), end.get(), visit, &walk, &e_cal_client_tzlookup_cb,
-        client, defaultZone(), nullptr, &outcome));
+    const bool isAll = e_cal_recur_generate_instances_sync(
+        item.component.get(), begin.get(), end.get(), next, &walk, &e_cal_client_tzlookup_cb,
+        client, defaultZone(), nullptr, &outcome);
+    outcome.require(isAll || walk.count == mostOccurrences);
   }
 
   static ICalTime* timeOf(NSDate date) {
     return i_cal_time_new_from_string(date.icsDateString().c_str());
   }
 
-  static bool isDetached(const Item& item, NSDate occurrence) {
-    return std::any_of(item.detached.begin(), item.detached.end(),
-                       [&](const auto& detached) { return detached.occurrenceDate == occurrence; });
+  // Null when the occurrence was not changed.
+  static const Occurrence* detachedAt(const Item& item, NSDate occurrence) {
+    const auto found = std::find_if(
+        item.detached.begin(), item.detached.end(),
+        [&](const auto& detached) { return detached.event.occurrenceDate == occurrence; });
+    return found == item.detached.end() ? nullptr : &*found;
+  }
+
+  static std::string nameOf(const Item& item, NSDate occurrence) {
+    const Occurrence* const detached = detachedAt(item, occurrence);
+    return detached ? occurrenceName(detached->component.get())
+                    : occurrenceName(item.event, occurrence);
   }
 
   static void addZone(ECalClient* client, const EventRecord& event) {
@@ -353,7 +402,8 @@ class EvolutionEventBackend : public EventBackend {
     outcome.require(e_cal_client_add_timezone_sync(client, zone, nullptr, &outcome));
   }
 
-  static Item master(ECalClient* client, const std::string& identifier) {
+  static Item itemOf(ECalClient* client, const std::string& calendar,
+                     const std::string& identifier) {
     Item item;
     Outcome outcome;
     GSList* list = nullptr;
@@ -363,25 +413,45 @@ class EvolutionEventBackend : public EventBackend {
     if (!isFound && outcome.isNotFound()) return item;
     outcome.require(isFound);
     for (const GSList* at = list; at; at = at->next) {
-      auto* const component = static_cast<ECalComponent*>(at->data);
-      ICalComponent* const inner = e_cal_component_get_icalcomponent(component);
-      EventRecord event = recordOfComponent(inner, client);
-      if (event.isDetached) {
-        item.detached.push_back(std::move(event));
+      ICalComponent* const inner =
+          e_cal_component_get_icalcomponent(static_cast<ECalComponent*>(at->data));
+      auto event = recordOfComponent(inner, client);
+      if (!event) continue;
+      event->calendar = calendar;
+      GObjectPtr<ICalComponent> component(i_cal_component_clone(inner));
+      if (event->isDetached) {
+        item.detached.push_back({std::move(component), std::move(*event)});
       } else {
-        item.component.reset(i_cal_component_clone(inner));
-        item.event = std::move(event);
+        item.component = std::move(component);
+        item.event = std::move(*event);
       }
+    }
+    std::sort(item.detached.begin(), item.detached.end(), [](const auto& a, const auto& b) {
+      return *a.event.occurrenceDate < *b.event.occurrenceDate;
+    });
+    for (Occurrence& detached : item.detached) {
+      detached.event.recurrenceRule = item.event.recurrenceRule;
     }
     return item;
   }
 
+  // The event, or whole series, that a fetched event is part of. Another may have removed the
+  // occurrence that was fetched, or moved the series away from it.
   Item requireItem(const EventRecord& stored) {
-    Item item = master(clientOf(stored.calendar), stored.identifier);
+    ECalClient* const client = clientOf(stored.calendar);
+    Item item = itemOf(client, stored.calendar, stored.identifier);
     if (!item.component) {
       throw EventError(EKErrorInternalFailure, "The event is no longer in the store.");
     }
-    item.event.calendar = stored.calendar;
+    const NSDate date = *stored.occurrenceDate;
+    bool isLeft = detachedAt(item, date) != nullptr;
+    if (!item.event.recurrenceRule) {
+      isLeft = !stored.recurrenceRule || date == item.event.start;
+    } else if (!isLeft) {
+      forEachInstance(client, item, date.dateByAddingSeconds(-1), date.dateByAddingSeconds(1),
+                      [&](NSDate start, NSDate) { isLeft = isLeft || start == date; });
+    }
+    if (!isLeft) throw EventError(EKErrorInternalFailure, "The occurrence is no longer there.");
     return item;
   }
 
@@ -390,53 +460,46 @@ class EvolutionEventBackend : public EventBackend {
     return std::find(dates.begin(), dates.end(), date) != dates.end();
   }
 
-  static bool hasEarlier(const Item& item, NSDate before) {
-    bool isFound = false;
+  // The first time, before `before`, of an occurrence that is left, changed or not. One that was
+  // changed may stand for a time that the rule no longer gives.
+  static std::optional<NSDate> firstTimeLeft(const Item& item, NSDate before) {
+    std::optional<NSDate> first;
     forEachOccurrence(item.event, firstDate, before, [&](NSDate start) {
-      isFound = !isExcluded(item.event, start);
-      return !isFound;
+      if (!isExcluded(item.event, start)) first = start;
+      return !first;
     });
-    return isFound;
+    if (item.detached.empty()) return first;
+    const NSDate changed = *item.detached.front().event.occurrenceDate;
+    if (changed >= before) return first;
+    return std::min(first.value_or(changed), changed);
+  }
+
+  static bool hasEarlier(const Item& item, NSDate date) {
+    return firstTimeLeft(item, date).has_value();
   }
 
   static std::optional<EventRecord> firstOccurrence(const Item& item) {
-    std::optional<EventRecord> first;
-    forEachOccurrence(item.event, firstDate, lastDate, [&](NSDate start) {
-      if (isExcluded(item.event, start) || isDetached(item, start)) return true;
-      first = item.event;
-      first->end = endOfOccurrence(item.event, start);
-      first->start = first->occurrenceDate = start;
-      return false;
-    });
-    if (!first && !item.detached.empty()) {
-      first = item.detached.front();
-      first->calendar = item.event.calendar;
-      first->recurrenceRule = item.event.recurrenceRule;
-    }
+    const auto time = firstTimeLeft(item, lastDate);
+    if (!time) return std::nullopt;
+    const Occurrence* const detached = detachedAt(item, *time);
+    EventRecord first = detached ? detached->event : occurrenceOf(item.event, *time);
+    first.exceptionDates = item.event.exceptionDates;
     return first;
   }
 
-  static void requireWhole(const Item& item, EKSpan span) {
-    if (item.event.recurrenceRule && span == EKSpan::thisEvent) {
-      throw EventError(EKErrorInvalidSpan,
-                       "One occurrence cannot have a rule, exceptions or a calendar of its own.");
-    }
+  // The identifier, for which the calendar may have taken another.
+  static std::string create(ECalClient* client, ICalComponent* component) {
+    Outcome outcome;
+    char* given = nullptr;
+    outcome.require(e_cal_client_create_object_sync(client, component, E_CAL_OPERATION_FLAG_NONE,
+                                                    &given, nullptr, &outcome));
+    const std::unique_ptr<char, decltype(&g_free)> identifier(given, &g_free);
+    return given ? given : i_cal_component_get_uid(component);
   }
 
-  static void create(ECalClient* client, const EventRecord& event) {
-    const GObjectPtr<ICalComponent> component(i_cal_component_new_vevent());
-    i_cal_component_set_uid(component.get(), event.identifier.c_str());
-    writeDifferences(component.get(), {}, event);
+  static void modify(ECalClient* client, ICalComponent* component, ECalObjModType mod) {
     Outcome outcome;
-    char* identifier = nullptr;
-    outcome.require(e_cal_client_create_object_sync(
-        client, component.get(), E_CAL_OPERATION_FLAG_NONE, &identifier, nullptr, &outcome));
-    g_free(identifier);
-  }
-
-  static void modify(ECalClient* client, const Item& item, ECalObjModType mod) {
-    Outcome outcome;
-    outcome.require(e_cal_client_modify_object_sync(client, item.component.get(), mod,
+    outcome.require(e_cal_client_modify_object_sync(client, component, mod,
                                                     E_CAL_OPERATION_FLAG_NONE, nullptr, &outcome));
   }
 
@@ -448,88 +511,121 @@ class EvolutionEventBackend : public EventBackend {
         E_CAL_OPERATION_FLAG_NONE, nullptr, &outcome));
   }
 
-  // Makes the item's component one occurrence of the series.
-  static void narrow(const Item& item, NSDate occurrence) {
-    EventRecord single = item.event;
-    single.start = occurrence;
-    single.end = endOfOccurrence(item.event, occurrence);
-    single.recurrenceRule.reset();
-    writeDifferences(item.component.get(), item.event, single);
-    writeOccurrence(item.component.get(), item.event, occurrence);
+  static GObjectPtr<ICalComponent> copyOf(const GObjectPtr<ICalComponent>& component) {
+    return GObjectPtr<ICalComponent>(i_cal_component_clone(component.get()));
   }
 
-  static void saveOccurrence(ECalClient* client, Item& item, const EventRecord& stored,
+  // An event that is not repeated.
+  void saveWhole(const Item& item, const EventRecord& stored, EventRecord& event) {
+    ECalClient* const client = clientOf(event.calendar);
+    writeDifferences(item.component.get(), stored, event);
+    event = merged(stored, event, item.event);
+    if (event.calendar == stored.calendar) {
+      modify(client, item.component.get(), E_CAL_OBJ_MOD_ALL);
+    } else {
+      event.identifier = create(client, item.component.get());
+      remove(clientOf(stored.calendar), stored.identifier, "", E_CAL_OBJ_MOD_ALL);
+    }
+  }
+
+  static EventRecord withoutRule(EventRecord event) {
+    event.recurrenceRule.reset();
+    return event;
+  }
+
+  static void saveOccurrence(ECalClient* client, const Item& item, const EventRecord& stored,
                              EventRecord& event) {
-    if (event.recurrenceRule != stored.recurrenceRule ||
+    if (event.recurrenceRule != stored.recurrenceRule || event.calendar != stored.calendar ||
         event.exceptionDates != stored.exceptionDates) {
-      requireWhole(item, EKSpan::thisEvent);
+      throw EventError(EKErrorInvalidSpan,
+                       "One occurrence cannot have a rule, exceptions or a calendar of its own.");
     }
     const NSDate date = *stored.occurrenceDate;
-    Outcome outcome;
-    ICalComponent* detached = nullptr;
-    if (stored.isDetached) {
-      outcome.require(e_cal_client_get_object_sync(client, stored.identifier.c_str(),
-                                                   occurrenceName(item.event, date).c_str(),
-                                                   &detached, nullptr, &outcome));
-      item.component.reset(detached);
-    } else {
-      narrow(item, date);
+    const Occurrence* const detached = detachedAt(item, date);
+    const EventRecord current = detached ? detached->event : occurrenceOf(item.event, date);
+    const auto component = copyOf(detached ? detached->component : item.component);
+    if (!detached) {
+      writeDifferences(component.get(), item.event, withoutRule(current));
+      writeOccurrence(component.get(), item.event, date);
     }
-    EventRecord before = stored;
-    EventRecord after = event;
-    before.recurrenceRule.reset();
-    after.recurrenceRule.reset();
-    writeDifferences(item.component.get(), before, after);
-    modify(client, item, E_CAL_OBJ_MOD_THIS);
+    writeDifferences(component.get(), withoutRule(stored), withoutRule(event));
+    modify(client, component.get(), E_CAL_OBJ_MOD_THIS);
+    event = merged(stored, event, current);
     event.isDetached = true;
   }
 
-  static void saveFutureOccurrences(ECalClient* client, Item& item, const EventRecord& stored,
-                                    EventRecord& event) {
+  // Changes the series from an occurrence on: the whole series when nothing is left before it, else
+  // makes a new one of the rest. Evolution's own way to do so drops the changed occurrences and does
+  // not tell the new identifier. What is new is written before the old is ended, so that a failure in
+  // between loses nothing of it.
+  void saveFutureOccurrences(const Item& item, const EventRecord& stored, EventRecord& event) {
+    ECalClient* const client = clientOf(stored.calendar);
+    ECalClient* const target = clientOf(event.calendar);
     const NSDate date = *stored.occurrenceDate;
-    if (hasEarlier(item, date)) {
-      EventRecord here = item.event;
-      here.start = date;
-      here.end = endOfOccurrence(item.event, date);
-      writeDifferences(item.component.get(), item.event, here);
-      writeOccurrence(item.component.get(), item.event, date);
-      writeDifferences(item.component.get(), stored, event);
-      modify(client, item, E_CAL_OBJ_MOD_THIS_AND_FUTURE);
-      return;
-    }
-    EventRecord whole = merged(stored, event, item.event);
-    if (!event.hasTimesOf(stored)) {
-      const std::int64_t shift = microsecondsBetween(wallTime(*stored.start, stored.wallZone()),
-                                                     wallTime(*event.start, event.wallZone()));
-      const auto moved = [&](NSDate old) {
-        return dateOfWallTime(dateAfter(wallTime(old, item.event.wallZone()), shift),
-                              whole.wallZone());
-      };
-      whole.start = moved(*item.event.start);
-      whole.end = endOfOccurrence(event, *whole.start);
-      if (event.exceptionDates == stored.exceptionDates) {
-        std::transform(whole.exceptionDates.begin(), whole.exceptionDates.end(),
-                       whole.exceptionDates.begin(), moved);
+    const bool isWhole = !hasEarlier(item, date);
+    const bool isNew = !isWhole || event.calendar != stored.calendar;
+    const SeriesChange change(item.event, stored, event, isWhole);
+    EventRecord changed = change.series();
+    const auto series = copyOf(item.component);
+    writeDifferences(series.get(), item.event, changed);
+    // The changed occurrences have to be written for other times, or are over with the rule.
+    const bool isEachNew = isNew || !event.hasTimesOf(stored) || !changed.recurrenceRule;
+    if (isNew) {
+      i_cal_component_set_uid(series.get(), changed.identifier.c_str());
+      changed.identifier = create(target, series.get());
+    } else {
+      for (const Occurrence& detached : item.detached) {
+        if (!isEachNew) break;
+        remove(client, stored.identifier, occurrenceName(detached.component.get()),
+               E_CAL_OBJ_MOD_ONLY_THIS);
       }
+      modify(client, series.get(), E_CAL_OBJ_MOD_ALL);
     }
-    writeDifferences(item.component.get(), item.event, whole);
-    modify(client, item, E_CAL_OBJ_MOD_ALL);
+
+    EventRecord saved = occurrenceOf(changed, change.moved(date));
+    for (const Occurrence& detached : item.detached) {
+      const NSDate old = *detached.event.occurrenceDate;
+      const bool isOwn = stored.isDetached && old == date;
+      if (!changed.recurrenceRule || (!isWhole && old < date) || (!isEachNew && !isOwn)) continue;
+      const auto component = copyOf(detached.component);
+      i_cal_component_set_uid(component.get(), changed.identifier.c_str());
+      writeOccurrence(component.get(), changed, change.moved(old));
+      if (isOwn) {
+        writeDifferences(component.get(), withoutRule(stored), withoutRule(event));
+        saved = merged(stored, event, detached.event);
+        saved.identifier = changed.identifier;
+        saved.recurrenceRule = changed.recurrenceRule;
+        saved.occurrenceDate = change.moved(old);
+      }
+      modify(target, component.get(), E_CAL_OBJ_MOD_THIS);
+    }
+    if (isNew && isWhole) {
+      remove(client, stored.identifier, "", E_CAL_OBJ_MOD_ALL);
+    } else if (isNew) {
+      remove(client, stored.identifier, nameOf(item, date), E_CAL_OBJ_MOD_THIS_AND_FUTURE);
+    }
+    event = std::move(saved);
   }
 
   std::mutex mutex_;
   GObjectPtr<ESourceRegistry> registry_;
   std::map<std::string, Calendar> calendars_;
   std::function<void()> handler_;
+  std::list<Connection> connections_;
 };
+
+void Connection::changed(Receiver* receiver) {
+  if (const auto backend = receiver->lock()) backend->noteChange();
+}
 
 }  // namespace
 
-std::unique_ptr<EventBackend> openEvolutionEventBackend() {
+std::shared_ptr<EventBackend> openEvolutionEventBackend() {
   const char* const bus = std::getenv("DBUS_SESSION_BUS_ADDRESS");
   if (!bus || !*bus) {
     throw EventError(EKErrorInternalFailure, "Evolution's event store needs a session bus.");
   }
-  return std::make_unique<EvolutionEventBackend>();
+  return std::make_shared<EvolutionEventBackend>();
 }
 
 }  // namespace quillmere

@@ -9,7 +9,7 @@
 namespace quillmere {
 
 /// Throws an `EventError` when there is no session bus or the server is not on it.
-std::unique_ptr<EventBackend> openEvolutionEventBackend();
+std::shared_ptr<EventBackend> openEvolutionEventBackend();
 
 }  // namespace quillmere
 

@@ -1,4 +1,5 @@
 #include <libical/ical.h>
+#include <quillmere/platform/base/CFUUID.h>
 #include <quillmere/platform/dates/CivilTime.h>
 #include <quillmere/platform/events/EventBackend.h>
 #include <quillmere/platform/events/Recurrence.h>
@@ -13,8 +14,6 @@
 namespace quillmere {
 namespace {
 
-// Of one event in one walk.
-constexpr int mostOccurrences = 100'000;
 // A rule with COUNT is walked from its start; one that counts further than this ends there.
 constexpr int mostSteps = 200'000;
 
@@ -135,6 +134,21 @@ void walk(const EventRecord& event, NSDate from, NSDate to, const OccurrenceVisi
   }
 }
 
+// The rule with so many occurrences fewer, if it counts them.
+std::string ruleWithoutFirst(const std::string& rule, std::int64_t count) {
+  constexpr std::string_view name = "COUNT=";
+  std::string result;
+  for (std::string part : partsOf(rule)) {
+    if (isPart(part, name)) {
+      std::int64_t all = 0;
+      std::from_chars(part.data() + name.size(), part.data() + part.size(), all);
+      part = std::string(name) + std::to_string(std::max<std::int64_t>(all - count, 1));
+    }
+    result += (result.empty() ? "" : ";") + part;
+  }
+  return result;
+}
+
 }  // namespace
 
 void requireRecurrenceRule(const EventRecord& event) {
@@ -192,18 +206,42 @@ std::string ruleEndingBefore(const EventRecord& event, NSDate date) {
   return rule + "UNTIL=" + text;
 }
 
-std::string ruleWithoutFirst(const std::string& rule, std::int64_t count) {
-  constexpr std::string_view name = "COUNT=";
-  std::string result;
-  for (std::string part : partsOf(rule)) {
-    if (isPart(part, name)) {
-      std::int64_t all = 0;
-      std::from_chars(part.data() + name.size(), part.data() + part.size(), all);
-      part = std::string(name) + std::to_string(std::max<std::int64_t>(all - count, 1));
-    }
-    result += (result.empty() ? "" : ";") + part;
+SeriesChange::SeriesChange(const EventRecord& old, const EventRecord& stored,
+                           const EventRecord& event, bool isWhole)
+    : oldZone_(old.wallZone()), hasNewTimes_(!event.hasTimesOf(stored)) {
+  const NSDate first = isWhole ? *old.start : *stored.occurrenceDate;
+  series_ = merged(stored, event, occurrenceOf(old, first));
+  series_.lastModified = event.lastModified;
+  if (hasNewTimes_) {
+    shift_ = microsecondsBetween(wallTime(*stored.start, stored.wallZone()),
+                                 wallTime(*event.start, event.wallZone()));
+    // An occurrence that was changed before may have a length of its own.
+    const bool hasNewLength =
+        event.isAllDay != stored.isAllDay || lengthOf(event) != lengthOf(stored);
+    series_.start = moved(first);
+    series_.end = endOfOccurrence(hasNewLength ? event : old, *series_.start);
+    normalizeTimes(series_);
   }
-  return result;
+  if (event.exceptionDates == stored.exceptionDates) {
+    series_.exceptionDates.clear();
+    for (const NSDate date : old.exceptionDates) {
+      if (date >= first) series_.exceptionDates.push_back(moved(date));
+    }
+  }
+  if (isWhole) return;
+  series_.identifier = CFUUIDCreateString();
+  if (!series_.recurrenceRule || series_.recurrenceRule != old.recurrenceRule) return;
+  std::int64_t before = 0;
+  forEachOccurrence(old, firstDate, first, [&](NSDate) {
+    ++before;
+    return true;
+  });
+  series_.recurrenceRule = ruleWithoutFirst(*old.recurrenceRule, before);
+}
+
+NSDate SeriesChange::moved(NSDate date) const {
+  if (!hasNewTimes_) return date;
+  return dateOfWallTime(dateAfter(wallTime(date, oldZone_), shift_), series_.wallZone());
 }
 
 }  // namespace quillmere

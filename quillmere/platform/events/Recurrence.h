@@ -2,6 +2,7 @@
 #define QUILLMERE_PLATFORM_EVENTS_RECURRENCE_H
 
 #include <quillmere/platform/dates/NSDate.h>
+#include <quillmere/platform/dates/NSTimeZone.h>
 #include <quillmere/platform/events/EventRecord.h>
 
 #include <cstdint>
@@ -10,6 +11,9 @@
 
 // Internal: the occurrences of a recurring event, which libical works out of its rule.
 namespace quillmere {
+
+/// Of one event in one walk.
+inline constexpr int mostOccurrences = 100'000;
 
 /// What is called with the start of each occurrence, until it answers false.
 using OccurrenceVisitor = std::function<bool(NSDate start)>;
@@ -21,7 +25,7 @@ void requireRecurrenceRule(const EventRecord& event);
 
 /// Visits the occurrences of a recurring event that start in the range `from` to before `to`, in
 /// order, exceptions included. The event's start is the first of them, whatever the rule says. No
-/// more than 100,000 are visited, and nothing after the year 2582, with which libical ends.
+/// more than `mostOccurrences` are visited, and nothing after the year 2582, with which libical ends.
 void forEachOccurrence(const EventRecord& event, NSDate from, NSDate to,
                        const OccurrenceVisitor& visit);
 
@@ -30,8 +34,28 @@ NSDate endOfRecurrence(const EventRecord& event);
 
 /// The rule, ending before the occurrence at `date`.
 std::string ruleEndingBefore(const EventRecord& event, NSDate date);
-/// The rule with so many occurrences fewer, if it counts them.
-std::string ruleWithoutFirst(const std::string& rule, std::int64_t count);
+
+/// What becomes of a series when an occurrence of it, `stored` as it was fetched, is saved as `event`
+/// for the later ones too. All times of the series move as far as this occurrence has been moved, by
+/// the wall clock.
+class SeriesChange {
+ public:
+  /// `isWhole`: nothing is left of the series before the occurrence. Else the rest of it becomes a
+  /// new one.
+  SeriesChange(const EventRecord& old, const EventRecord& stored, const EventRecord& event,
+               bool isWhole);
+
+  /// The whole series, changed, or the new one.
+  const EventRecord& series() const { return series_; }
+  /// Where a date of the old series lies in it.
+  NSDate moved(NSDate date) const;
+
+ private:
+  NSTimeZone oldZone_;
+  std::int64_t shift_ = 0;
+  bool hasNewTimes_;
+  EventRecord series_;
+};
 
 }  // namespace quillmere
 

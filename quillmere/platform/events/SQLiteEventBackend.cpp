@@ -115,18 +115,6 @@ StoredEvent eventOf(const SQLiteStatement& row) {
   return stored;
 }
 
-bool isInRange(const EventRecord& event, NSDate from, NSDate to) {
-  return *event.start < to && (*event.end > from || *event.start >= from);
-}
-
-EventRecord occurrenceOf(const EventRecord& series, NSDate start) {
-  EventRecord occurrence = series;
-  occurrence.start = start;
-  occurrence.end = endOfOccurrence(series, start);
-  occurrence.occurrenceDate = start;
-  return occurrence;
-}
-
 [[noreturn]] void refuse(const std::string& path, const std::string& reason,
                          NSErrorPtr underlying = nullptr) {
   throw EventError(EKErrorInternalFailure, "The event database " + path + " " + reason + ".",
@@ -216,7 +204,8 @@ std::string frozenURI(const std::string& path) {
   return std::string("file:") + escaped.get() + "?immutable=1";
 }
 
-class SQLiteEventBackend : public EventBackend {
+class SQLiteEventBackend : public EventBackend,
+                           public std::enable_shared_from_this<SQLiteEventBackend> {
  public:
   explicit SQLiteEventBackend(const std::string& path)
       : path_(path), file_(path), database_(open(path)), dataVersion_(readDataVersion()) {}
@@ -290,7 +279,7 @@ class SQLiteEventBackend : public EventBackend {
     while (found.step()) {
       StoredEvent item = eventOf(found);
       if (item.isSeries) {
-        readFirstOccurrence(std::move(item), sink);
+        readFirstOccurrence(item, sink);
       } else {
         sink(std::move(item.event));
       }
@@ -306,6 +295,7 @@ class SQLiteEventBackend : public EventBackend {
       event.occurrenceDate = event.start;
     } else {
       const StoredEvent current = requireEvent(*stored);
+      requireOccurrence(current, *stored);
       if (!current.isSeries) {
         event = merged(*stored, event, withModification(current.event, event));
         update(current.row, event, std::nullopt);
@@ -323,15 +313,16 @@ class SQLiteEventBackend : public EventBackend {
     const std::lock_guard lock(mutex_);
     SQLiteTransaction transaction(*database_, Kind::writing);
     const StoredEvent current = requireEvent(stored);
+    requireOccurrence(current, stored);
     const bool isWhole = !current.isSeries || (span == EKSpan::futureEvents &&
-                                               !hasOccurrence(current, *stored.occurrenceDate));
+                                               !hasEarlier(current, *stored.occurrenceDate));
     if (isWhole) {
       remove(current.row);
     } else if (span == EKSpan::thisEvent) {
       const std::int64_t time = storedTime(formOf(current.event), *stored.occurrenceDate);
       removeDetached(current.row, time, time);
       addException(current.row, time);
-      if (!hasOccurrence(current, lastDate)) remove(current.row);
+      if (!hasEarlier(current, lastDate)) remove(current.row);
     } else {
       endBefore(current, *stored.occurrenceDate);
     }
@@ -340,8 +331,9 @@ class SQLiteEventBackend : public EventBackend {
 
   void setChangeHandler(std::function<void()> handler) override {
     if (path_ == inMemory) return;
-    watch_.emplace(path_ + "-wal", [this, handler = std::move(handler)] {
-      if (!hasChanged()) return false;
+    watch_.emplace(path_ + "-wal", [weak = weak_from_this(), handler = std::move(handler)] {
+      const auto self = weak.lock();
+      if (!self || !self->hasChanged()) return false;
       handler();
       return true;
     });
@@ -435,34 +427,54 @@ class SQLiteEventBackend : public EventBackend {
     });
   }
 
-  void readFirstOccurrence(StoredEvent series, const Sink& sink) {
-    const Form form = formOf(series.event);
-    const auto exceptions = exceptionsOf(series.row);
-    const auto detached = detachedRowsOf(series.row);
-    for (const std::int64_t time : exceptions) {
-      series.event.exceptionDates.push_back(dateOfStored(static_cast<std::int64_t>(form), time));
+  std::vector<NSDate> exceptionDatesOf(const StoredEvent& series) {
+    const auto form = static_cast<std::int64_t>(formOf(series.event));
+    std::vector<NSDate> dates;
+    for (const std::int64_t time : exceptionsOf(series.row)) {
+      dates.push_back(dateOfStored(form, time));
     }
-    bool isFound = false;
-    forEachOccurrence(series.event, firstDate, lastDate, [&](NSDate start) {
-      const std::int64_t time = storedTime(form, start);
-      isFound = !exceptions.contains(time) && !detached.contains(time);
-      if (isFound) sink(occurrenceOf(series.event, start));
-      return !isFound;
-    });
-    if (isFound || detached.empty()) return;
-    if (auto first = detachedOf(series.row, detached.begin()->first)) sink(std::move(first->event));
+    return dates;
   }
 
-  // Whether an occurrence is left before that date.
-  bool hasOccurrence(const StoredEvent& series, NSDate before) {
+  // The first time, on or after `from` and before `to`, of an occurrence that is left, changed or not.
+  // One that was changed may stand for a time that the rule no longer gives.
+  std::optional<std::int64_t> firstTimeLeft(const StoredEvent& series, NSDate from, NSDate to) {
     const Form form = formOf(series.event);
     const auto exceptions = exceptionsOf(series.row);
-    bool isFound = false;
-    forEachOccurrence(series.event, firstDate, before, [&](NSDate start) {
-      isFound = !exceptions.contains(storedTime(form, start));
-      return !isFound;
+    std::optional<std::int64_t> first;
+    forEachOccurrence(series.event, from, to, [&](NSDate start) {
+      const std::int64_t time = storedTime(form, start);
+      if (!exceptions.contains(time)) first = time;
+      return !first;
     });
-    return isFound;
+    const auto detached = detachedRowsOf(series.row);
+    const auto changed = detached.lower_bound(storedTime(form, from));
+    if (changed == detached.end() || changed->first >= storedTime(form, to)) return first;
+    return std::min(first.value_or(changed->first), changed->first);
+  }
+
+  void readFirstOccurrence(const StoredEvent& series, const Sink& sink) {
+    const auto time = firstTimeLeft(series, firstDate, lastDate);
+    if (!time) return;
+    const auto detached = detachedOf(series.row, *time);
+    const auto form = static_cast<std::int64_t>(formOf(series.event));
+    EventRecord first =
+        detached ? detached->event : occurrenceOf(series.event, dateOfStored(form, *time));
+    first.exceptionDates = exceptionDatesOf(series);
+    sink(std::move(first));
+  }
+
+  bool hasEarlier(const StoredEvent& series, NSDate date) {
+    return firstTimeLeft(series, firstDate, date).has_value();
+  }
+
+  // Another may have removed what was fetched, or moved the series away from it.
+  void requireOccurrence(const StoredEvent& current, const EventRecord& fetched) {
+    const NSDate date = *fetched.occurrenceDate;
+    const bool isLeft = current.isSeries
+                            ? firstTimeLeft(current, date, dateAfter(date, 1)).has_value()
+                            : !fetched.recurrenceRule || date == current.event.start;
+    if (!isLeft) throw EventError(EKErrorInternalFailure, "The occurrence is no longer there.");
   }
 
   static EventRecord withModification(EventRecord event, const EventRecord& saved) {
@@ -556,7 +568,6 @@ class SQLiteEventBackend : public EventBackend {
   void saveFutureOccurrences(const StoredEvent& series, const EventRecord& stored,
                              EventRecord& event);
   void endBefore(const StoredEvent& series, NSDate date);
-  std::int64_t countBefore(const StoredEvent& series, NSDate date);
 
   const std::string path_;
   const DatabaseFile file_;
@@ -576,14 +587,6 @@ void SQLiteEventBackend::saveOccurrence(const StoredEvent& series, const EventRe
   const NSDate date = *stored.occurrenceDate;
   const Place place{series.row, storedTime(formOf(series.event), date)};
   const auto detached = detachedOf(series.row, place.time);
-  if (!detached) {
-    bool isLeft = false;
-    forEachOccurrence(series.event, date, dateAfter(date, 1), [&](NSDate) {
-      isLeft = !exceptionsOf(series.row).contains(place.time);
-      return false;
-    });
-    if (!isLeft) throw EventError(EKErrorInternalFailure, "The occurrence is no longer there.");
-  }
   const EventRecord& current = detached ? detached->event : occurrenceOf(series.event, date);
   event = merged(stored, event, withModification(current, event));
   event.isDetached = true;
@@ -605,74 +608,32 @@ void SQLiteEventBackend::endBefore(const StoredEvent& series, NSDate date) {
   update(series.row, ended, std::nullopt);
 }
 
-std::int64_t SQLiteEventBackend::countBefore(const StoredEvent& series, NSDate date) {
-  std::int64_t count = 0;
-  forEachOccurrence(series.event, firstDate, date, [&](NSDate) {
-    ++count;
-    return true;
-  });
-  return count;
-}
-
 // Changes the series from an occurrence on: the whole series when nothing is left before it, else a
 // new one that takes over the rest of it.
 void SQLiteEventBackend::saveFutureOccurrences(const StoredEvent& series, const EventRecord& stored,
                                                EventRecord& event) {
   const NSDate date = *stored.occurrenceDate;
-  const bool isWhole = !hasOccurrence(series, date);
+  const bool isWhole = !hasEarlier(series, date);
   const Form oldForm = formOf(series.event);
   const std::int64_t firstTime =
       isWhole ? firstDate.microsecondsSince1970() : storedTime(oldForm, date);
+  EventRecord old = series.event;
+  old.exceptionDates = exceptionDatesOf(series);
+  const SeriesChange change(old, stored, event, isWhole);
+  const EventRecord& changed = change.series();
 
-  // All times of the series move as far as this occurrence has been moved, by the wall clock.
-  const bool hasNewTimes = !event.hasTimesOf(stored);
-  const NSTimeZone oldZone = series.event.wallZone();
-  EventRecord changed = isWhole ? series.event : occurrenceOf(series.event, date);
-  changed.lastModified = event.lastModified;
-  changed = merged(stored, event, std::move(changed));
-  const std::int64_t shift = hasNewTimes
-                                 ? microsecondsBetween(wallTime(*stored.start, stored.wallZone()),
-                                                       wallTime(*event.start, event.wallZone()))
-                                 : 0;
-  const auto moved = [&](NSDate old) {
-    if (!hasNewTimes) return old;
-    return dateOfWallTime(dateAfter(wallTime(old, oldZone), shift), changed.wallZone());
-  };
-  if (hasNewTimes) {
-    const NSDate start = moved(isWhole ? *series.event.start : date);
-    changed.end = endOfOccurrence(event, start);
-    changed.start = start;
-    normalizeTimes(changed);
-  }
-
-  auto exceptions = exceptionsOf(series.row);
-  exceptions.erase(exceptions.begin(), exceptions.lower_bound(firstTime));
+  // Without its place a row is in no one's way while the others move.
   auto detached = detachedRowsOf(series.row);
   detached.erase(detached.begin(), detached.lower_bound(firstTime));
-  const bool hasNewExceptions = event.exceptionDates != stored.exceptionDates;
-  changed.exceptionDates.clear();
-  if (hasNewExceptions) {
-    changed.exceptionDates = event.exceptionDates;
-  } else {
-    for (const std::int64_t time : exceptions) {
-      changed.exceptionDates.push_back(moved(dateOfStored(std::int64_t(oldForm), time)));
-    }
-  }
-  // Without its place a row is in no one's way while the others move.
   for (const auto& [time, row] : detached) {
     database_->statement("UPDATE events SET occurrence = NULL WHERE id = ?1").bind(row).run();
   }
-
   std::int64_t row = series.row;
-  removeExceptions(row, firstTime);
   if (isWhole) {
+    removeExceptions(row, firstTime);
     update(row, changed, std::nullopt);
   } else {
-    if (changed.recurrenceRule && changed.recurrenceRule == series.event.recurrenceRule) {
-      changed.recurrenceRule = ruleWithoutFirst(*changed.recurrenceRule, countBefore(series, date));
-    }
     endBefore(series, date);
-    changed.identifier = CFUUIDCreateString();
     insert(changed, std::nullopt);
     row = database_->lastInsertedRow();
   }
@@ -681,23 +642,22 @@ void SQLiteEventBackend::saveFutureOccurrences(const StoredEvent& series, const 
       remove(detachedRow);
       continue;
     }
-    const std::int64_t newTime =
-        storedTime(formOf(changed), moved(dateOfStored(std::int64_t(oldForm), time)));
+    const NSDate newDate = change.moved(dateOfStored(std::int64_t(oldForm), time));
     database_
         ->statement(
             "UPDATE events SET series = ?1, occurrence = ?2, identifier = ?3,"
             " calendar = ?4 WHERE id = ?5")
-        .bind(row, newTime, changed.identifier, requireCalendar(changed.calendar), detachedRow)
+        .bind(row, storedTime(formOf(changed), newDate), changed.identifier,
+              requireCalendar(changed.calendar), detachedRow)
         .run();
   }
 
-  const NSDate movedDate = moved(date);
-  if (stored.isDetached && changed.recurrenceRule) {
-    const Place place{row, storedTime(formOf(changed), movedDate)};
-    if (const auto own = detachedOf(row, place.time)) {
-      event = merged(stored, event, withModification(own->event, event));
-      update(own->row, event, place);
-    }
+  const NSDate movedDate = change.moved(date);
+  const Place place{row, storedTime(formOf(changed), movedDate)};
+  const auto own = detachedOf(row, place.time);
+  if (own && stored.isDetached) {
+    event = merged(stored, event, withModification(own->event, event));
+    update(own->row, event, place);
   } else {
     event = occurrenceOf(changed, movedDate);
   }
@@ -758,15 +718,19 @@ std::unique_ptr<SQLiteDatabase> SQLiteEventBackend::open(const std::string& path
                                  : std::make_unique<SQLiteDatabase>(path, flags);
   configure(*database);
   bringUpToDate(*database, path);
+  // What is damaged is found before the mode is changed, which writes to the file.
+  for (const char* sql : {"SELECT id FROM calendars LIMIT 1", "SELECT id FROM events LIMIT 1",
+                          "SELECT series FROM exceptions LIMIT 1"}) {
+    database->statement(sql).run();
+  }
   if (sqlite3_db_readonly(database->handle(), "main") == 0) switchToLog(*database, path);
-  database->statement("SELECT count(*) FROM calendars").run();
   return database;
 }
 
 }  // namespace
 
-std::unique_ptr<EventBackend> openSQLiteEventBackend(const std::string& path) {
-  return std::make_unique<SQLiteEventBackend>(path);
+std::shared_ptr<EventBackend> openSQLiteEventBackend(const std::string& path) {
+  return std::make_shared<SQLiteEventBackend>(path);
 }
 
 std::string defaultEventDatabasePath() {

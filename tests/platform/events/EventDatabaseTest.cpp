@@ -2,9 +2,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <quillmere/platform/base/HWPreference.h>
 #include <quillmere/platform/events/EKEventStore.h>
 #include <quillmere/platform/notifications/NSNotificationCenter.h>
 #include <sqlite3.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -187,6 +189,30 @@ TEST(EventDatabase, TakesTheWritesOfTwoProcesses) {
   EXPECT_EQ(query(path, "PRAGMA integrity_check"), "ok");
 }
 
+// To close any descriptor of a file takes all locks away that the process has on it; then another one
+// would believe that nobody uses the database, and put its log away.
+TEST(EventDatabase, KeepsItsLocksThoughAnotherStoreIsClosed) {
+  const TemporaryFolder folder;
+  const std::string path = folder / "events";
+  const auto add = [&](const std::string& title) {
+    const EventHost host(path);
+    ASSERT_EQ(host.save(anEvent(host, title)), nullptr);
+  };
+  const Child writer([&](int) { add("theirs"); });
+  const Child reader(
+      [&](int) { EXPECT_THAT(EventHost(path).events(january, february), SizeIs(3)); });
+  const EventHost host(path);
+  add("ours");
+  int status = -1;
+  writer.begin();
+  writer.wait(&status);
+  EXPECT_EQ(status, 0);
+  ASSERT_EQ(host.save(anEvent(host)), nullptr);
+  reader.begin();
+  reader.wait(&status);
+  EXPECT_EQ(status, 0);
+}
+
 TEST(EventDatabase, TellsOfChangesByOtherProcesses) {
   const TemporaryFolder folder;
   const std::string path = folder / "events";
@@ -208,6 +234,25 @@ TEST(EventDatabase, TellsOfChangesByOtherProcesses) {
   EXPECT_EQ(status, 0);
 }
 
+TEST(EventDatabase, MayEndOnAnyThread) {
+  const TemporaryFolder folder;
+  const std::string path = folder / "events";
+  const EventHost host(path);
+  sqlite3* other = nullptr;
+  ASSERT_EQ(sqlite3_open(path.c_str(), &other), SQLITE_OK);
+  // So often that most stores end while they are told of it.
+  sqlite3_busy_timeout(other, 10'000);
+  sqlite3_exec(other, "PRAGMA synchronous = OFF", nullptr, nullptr, nullptr);
+  testing::endStores(
+      1000, [&] { return EKEventStore::initWithDatabasePath_error(path, nullptr); },
+      [&] {
+        EXPECT_EQ(
+            sqlite3_exec(other, "UPDATE calendars SET title = random()", nullptr, nullptr, nullptr),
+            SQLITE_OK);
+      });
+  sqlite3_close(other);
+}
+
 TEST(EventDatabase, LeavesForeignFilesAsTheyAre) {
   const TemporaryFolder folder;
   writeFile(folder / "text", "BEGIN:VCALENDAR\r\n");
@@ -216,6 +261,8 @@ TEST(EventDatabase, LeavesForeignFilesAsTheyAre) {
   query(folder / "other's",
         "PRAGMA journal_mode = WAL; CREATE TABLE t(a); INSERT INTO t VALUES(1)");
   query(folder / "other id", "PRAGMA application_id = 7; CREATE TABLE t(a)");
+  query(folder / "hollow",
+        "PRAGMA application_id = 1366115702; PRAGMA user_version = 1; CREATE TABLE t(a)");
   { const EventHost host(folder / "later version"); }
   query(folder / "later version", "PRAGMA user_version = 99");
   // With a log that would be written back as soon as somebody read and closed the database.
@@ -229,7 +276,7 @@ TEST(EventDatabase, LeavesForeignFilesAsTheyAre) {
   ASSERT_EQ(::mkfifo((folder / "pipe").c_str(), 0600), 0);
   fs::create_directory(folder / "directory");
 
-  for (const char* name : {"text", "long text", "magic only", "other's", "other id",
+  for (const char* name : {"text", "long text", "magic only", "other's", "other id", "hollow",
                            "later version", "crashed", "pipe", "directory", "no/such/folder"}) {
     const bool isFile = fs::is_regular_file(folder / name);
     const std::string before = isFile ? readFile(folder / name) : "";
@@ -337,7 +384,48 @@ TEST(EventDatabase, IsReadWhereItCannotBeWritten) {
   fs::permissions(folder / "folder", fs::perms(0755));
 }
 
+// Saves events until one cannot be saved; how many were.
+std::size_t fill(const EventHost& host) {
+  for (std::size_t saved = 0; saved != 1000; ++saved) {
+    const Event event = anEvent(host);
+    event->setNotes(std::string(5000, 'n'));
+    const NSErrorPtr error = host.save(event);
+    if (!error) continue;
+    EXPECT_EQ(error->domain(), EKErrorDomain);
+    return saved;
+  }
+  ADD_FAILURE() << "the disk is not full";
+  return 0;
+}
+
 TEST(EventDatabase, GoesOnAfterTheDiskWasFull) {
+  struct SmallDisk {
+    explicit SmallDisk(std::string where)
+        : path(std::move(where)),
+          isThere(::mount("tmpfs", path.c_str(), "tmpfs", 0, "size=1m") == 0) {}
+    SmallDisk(const SmallDisk&) = delete;
+    SmallDisk& operator=(const SmallDisk&) = delete;
+    ~SmallDisk() {
+      if (isThere) ::umount2(path.c_str(), MNT_DETACH);
+    }
+    std::string path;
+    bool isThere;
+  };
+  const TemporaryFolder folder;
+  const SmallDisk disk(folder / "");
+  if (!disk.isThere) GTEST_SKIP() << "needs to mount a small disk";
+  const EventHost host(folder / "events");
+  const std::size_t saved = fill(host);
+  EXPECT_GT(saved, 10U);
+  EXPECT_THAT(host.events(january, february), SizeIs(saved));
+  EXPECT_EQ(query(folder / "events", "PRAGMA integrity_check"), "ok");
+  ASSERT_EQ(::mount("tmpfs", disk.path.c_str(), "tmpfs", MS_REMOUNT, "size=4m"), 0);
+  EXPECT_EQ(host.save(anEvent(host)), nullptr);
+  EXPECT_EQ(host.remove(host.events(january, february)[0]), nullptr);
+  EXPECT_THAT(EventHost(folder / "events").events(january, february), SizeIs(saved));
+}
+
+TEST(EventDatabase, GoesOnAfterItMayNotGrow) {
   const TemporaryFolder folder;
   const EventHost host(folder / "events");
   rlimit before{};
@@ -347,22 +435,85 @@ TEST(EventDatabase, GoesOnAfterTheDiskWasFull) {
   for (const rlim_t size : {rlim_t{300'000}, rlim_t{500'000}}) {
     const rlimit limit{size, before.rlim_max};
     ::setrlimit(RLIMIT_FSIZE, &limit);
-    NSErrorPtr error;
-    for (int i = 0; i < 1000 && !error; ++i) {
-      const Event event = anEvent(host);
-      event->setNotes(std::string(5000, 'n'));
-      error = host.save(event);
-      if (!error) ++saved;
-    }
+    saved += fill(host);
     ::setrlimit(RLIMIT_FSIZE, &before);
-    ASSERT_NE(error, nullptr);
-    EXPECT_EQ(error->domain(), EKErrorDomain);
     EXPECT_THAT(host.events(january, february), SizeIs(saved));
     ASSERT_EQ(host.save(anEvent(host)), nullptr);
     ++saved;
   }
   std::signal(SIGXFSZ, handler);
   EXPECT_EQ(query(folder / "events", "PRAGMA integrity_check"), "ok");
+}
+
+TEST(EventDatabase, RefusesEverythingWithoutAccess) {
+  const TemporaryFolder folder;
+  {
+    const EventHost host(folder / "events");
+    ASSERT_EQ(host.save(anEvent(host)), nullptr);
+  }
+  const auto preference = HWPreference::preferenceForKey("EKEventStoreAccess");
+  preference->setStringValue("denied");
+  const auto store = EKEventStore::initWithDatabasePath_error(folder / "events", nullptr);
+  preference->setStringValue(std::nullopt);
+  const auto calendar = EKCalendar::calendar();
+  const Event event = EKEvent::eventWithEventStore(store);
+  event->setCalendar(calendar);
+  event->setStartDate(january);
+
+  EXPECT_THAT(store->calendarsForEntityType(EKEntityType::event), IsEmpty());
+  EXPECT_EQ(store->calendarWithIdentifier(calendar->calendarIdentifier()), nullptr);
+  const auto all =
+      store->predicateForEventsWithStartDate_endDate_calendars(january, february, std::nullopt);
+  using Operation = std::function<bool(NSErrorPtr*)>;
+  const Operation operations[] = {
+      [&](auto* error) { return store->saveCalendar_commit_error(calendar, true, error); },
+      [&](auto* error) { return store->removeCalendar_commit_error(calendar, true, error); },
+      [&](auto* error) { return !store->eventsMatchingPredicate(all, error).empty(); },
+      [&](auto* error) { return !store->calendarItemsWithExternalIdentifier("a", error).empty(); },
+      [&](auto* error) {
+        return store->saveEvent_span_commit_error(event, EKSpan::thisEvent, true, error);
+      },
+      [&](auto* error) {
+        return store->removeEvent_span_commit_error(event, EKSpan::thisEvent, true, error);
+      },
+  };
+  for (const Operation& operation : operations) {
+    NSErrorPtr error;
+    EXPECT_FALSE(operation(&error));
+    ASSERT_NE(error, nullptr);
+    EXPECT_EQ(error->code(), EKErrorEventStoreNotAuthorized);
+  }
+  EXPECT_THAT(EventHost(folder / "events").events(january, february), SizeIs(1));
+}
+
+TEST(EventDatabase, FindsAnIdentifierInEachCalendar) {
+  const TemporaryFolder folder;
+  const std::string path = folder / "events";
+  EventHost host(path);
+  for (int i = 0; i < 2; ++i) {
+    host.calendar = EKCalendar::calendar();
+    ASSERT_TRUE(host.store->saveCalendar_commit_error(host.calendar, true, nullptr));
+    ASSERT_EQ(host.save(anEvent(host)), nullptr);
+  }
+  query(path, "UPDATE events SET identifier = 'same'");
+  const auto items = [&] { return host.store->calendarItemsWithExternalIdentifier("same"); };
+  ASSERT_THAT(items(), SizeIs(2));
+  const auto second = items()[1];
+  second->setTitle("second");
+  ASSERT_EQ(host.save(second), nullptr);
+  ASSERT_EQ(host.remove(items()[0]), nullptr);
+  ASSERT_THAT(items(), SizeIs(1));
+  EXPECT_EQ(items()[0]->title(), "second");
+}
+
+TEST(EventDatabase, IsWhereTheHostSays) {
+  const TemporaryFolder folder;
+  const auto preference = HWPreference::preferenceForKey("EKEventStoreDatabasePath");
+  preference->setStringValue(folder / "own");
+  const auto store = EKEventStore::init();
+  preference->setStringValue(std::nullopt);
+  EXPECT_TRUE(store->saveCalendar_commit_error(EKCalendar::calendar(), true, nullptr));
+  EXPECT_EQ(query(folder / "own", "SELECT count(*) FROM calendars"), "1");
 }
 
 TEST(EventDatabase, IsTheUsersOwn) {

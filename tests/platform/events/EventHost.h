@@ -5,11 +5,13 @@
 #include <quillmere/platform/events/EKEventStore.h>
 #include <quillmere/platform/loop/NSRunLoop.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 namespace quillmere {
@@ -44,17 +46,41 @@ inline bool runUntil(const std::function<bool()>& holds) {
   return holds();
 }
 
+/// Runs the main run loop while stores end on another thread, and a third one writes without pause.
+inline void endStores(int count, const std::function<std::shared_ptr<EKEventStore>()>& open,
+                      const std::function<void()>& write) {
+  std::atomic<bool> isOver = false;
+  std::thread ending([&] {
+    for (int i = 0; i != count; ++i) EXPECT_NE(open(), nullptr);
+    isOver = true;
+  });
+  std::thread writing([&] {
+    while (!isOver) write();
+  });
+  EXPECT_TRUE(runUntil([&] { return isOver.load(); }));
+  ending.join();
+  writing.join();
+}
+
 /// A store and a calendar in it. The program's tests run twice: where QUILLMERE_TEST_EVOLUTION is
 /// set, a store without a path of its own is Evolution's, where every host has a new calendar.
 class EventHost {
  public:
   static bool usesEvolution() { return std::getenv("QUILLMERE_TEST_EVOLUTION") != nullptr; }
 
-  EventHost() : EventHost(usesEvolution() ? evolutionStore() : storeAt(":memory:")) {
+  EventHost() : EventHost(usesEvolution() ? evolutionStore() : storeAt(":memory:")) {}
+  /// A new calendar in that store.
+  explicit EventHost(std::shared_ptr<EKEventStore> given) : store(std::move(given)) {
     calendar->setTitle("test");
     EXPECT_TRUE(store->saveCalendar_commit_error(calendar, true, nullptr));
   }
-  explicit EventHost(const std::string& path) : EventHost(storeAt(path)) {
+  // Evolution's calendars would become more and more.
+  ~EventHost() {
+    if (usesEvolution()) store->removeCalendar_commit_error(calendar, true, nullptr);
+  }
+  EventHost(const EventHost&) = delete;
+  EventHost& operator=(const EventHost&) = delete;
+  explicit EventHost(const std::string& path) : store(storeAt(path)) {
     const auto calendars = store->calendarsForEntityType(EKEntityType::event);
     if (!calendars.empty()) calendar = calendars.front();
     if (calendars.empty()) store->saveCalendar_commit_error(calendar, true, nullptr);
@@ -111,8 +137,6 @@ class EventHost {
   std::shared_ptr<EKCalendar> calendar = EKCalendar::calendar();
 
  private:
-  explicit EventHost(std::shared_ptr<EKEventStore> made) : store(std::move(made)) {}
-
   static std::shared_ptr<EKEventStore> storeAt(const std::string& path) {
     NSErrorPtr error;
     auto store = EKEventStore::initWithDatabasePath_error(path, &error);
