@@ -70,7 +70,9 @@ class QUILLMERE_EXPORT KBTDavPrincipal : public KBTDavRequestor, public NSKeyVal
   /// The same. Nobody sees the context.
   void findPrincipalURLForCurrentUserWithContext(std::any context);
 
-  // What a login finds out. What it has found stays when a later step fails.
+  // What a login finds out. Of a failed login these stay as far as it came, `principalURL` and
+  // `principalCollectionURL` (below) too; only a login that succeeds sets `calendars`. On a server
+  // without an outbox even a calendar home that the login has found is not told.
 
   /// The user's name for people. Null until it is found, and when the server has none.
   const std::optional<std::string>& displayName() const { return displayName_; }
