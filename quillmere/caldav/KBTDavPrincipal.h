@@ -70,9 +70,9 @@ class QUILLMERE_EXPORT KBTDavPrincipal : public KBTDavRequestor, public NSKeyVal
   /// The same. Nobody sees the context.
   void findPrincipalURLForCurrentUserWithContext(std::any context);
 
-  // What a login finds out. Of a failed login these stay as far as it came, `principalURL` and
-  // `principalCollectionURL` (below) too; only a login that succeeds sets `calendars`. On a server
-  // without an outbox even a calendar home that the login has found is not told.
+  // What a login finds out. When a step fails, what the steps before it have found stays: first
+  // `principalURL`, then the user's properties. The last step, which a server without an outbox does
+  // not get, lists `calendars`.
 
   /// The user's name for people. Null until it is found, and when the server has none.
   const std::optional<std::string>& displayName() const { return displayName_; }
