@@ -71,8 +71,8 @@ class QUILLMERE_EXPORT KBTDavPrincipal : public KBTDavRequestor, public NSKeyVal
   void findPrincipalURLForCurrentUserWithContext(std::any context);
 
   // What a login finds out. When a step fails, what the steps before it have found stays: first
-  // `principalURL`, then the user's properties. The last step, which a server without an outbox does
-  // not get, lists `calendars`.
+  // `principalURL`, then the user's properties. The last step lists `calendars`; a login to a
+  // server without an outbox does not come so far.
 
   /// The user's name for people. Null until it is found, and when the server has none.
   const std::optional<std::string>& displayName() const { return displayName_; }

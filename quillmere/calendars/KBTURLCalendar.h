@@ -26,10 +26,9 @@ inline constexpr const char* KBTURLCalendarErrorDomain = "URLCalendar";
 /// the result of the first is then taken for that of the second: so wait, or cancel and wait.
 ///
 /// Intended: every request, but for the GET after a 303, says that its content is "text/xml"; a
-/// save never forgets the pending changes; the entity tag is that of the last answer to a fetch or a
-/// save, whatever its status.
-/// docs/behaviours.md lists all that may surprise you, docs/subscriptions.md what each operation
-/// comes to.
+/// save never forgets the pending changes; the entity tag is that of the last answer to a fetch or
+/// a save, whatever its status. docs/behaviours.md lists all that may surprise you,
+/// docs/subscriptions.md what each operation comes to.
 class QUILLMERE_EXPORT KBTURLCalendar : public KBTDataCalendar, public NSURLSessionDelegate {
  public:
   static std::shared_ptr<KBTURLCalendar> initWithURL(NSURL url);
