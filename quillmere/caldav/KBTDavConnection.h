@@ -25,7 +25,9 @@ namespace quillmere {
 /// The address of a resource is its name with ".ics" appended, resolved against the collection's
 /// URL, which should end with "/". Nothing in the name is escaped or checked before. Blanks and
 /// characters beyond ASCII are escaped on the wire, but "/", "?", "#", "%" and a scheme before ":"
-/// mean what they mean in any relative address (RFC 3986): a host escapes them itself.
+/// mean what they mean in any relative address (RFC 3986): a host escapes them itself, and nothing
+/// else, with upper-case digits, and of colons only the first. Names in another form come back from
+/// the server as other names. Common servers do not take "/", even escaped.
 class QUILLMERE_EXPORT KBTDavConnection : public KBTDavRequestor {
  public:
   /// A collection at `URL`. `name` and `description` may be null; `principal` may not.

@@ -70,7 +70,9 @@ class QUILLMERE_EXPORT KBTDavPrincipal : public KBTDavRequestor, public NSKeyVal
   /// The same. Nobody sees the context.
   void findPrincipalURLForCurrentUserWithContext(std::any context);
 
-  // What a login finds out. What it has found stays when a later step fails.
+  // What a login finds out. When a step fails, what the steps before it have found stays: first
+  // `principalURL`, then the user's properties. The last step lists `calendars`; a login to a
+  // server without an outbox does not come so far.
 
   /// The user's name for people. Null until it is found, and when the server has none.
   const std::optional<std::string>& displayName() const { return displayName_; }

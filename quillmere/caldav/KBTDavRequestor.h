@@ -22,10 +22,11 @@ namespace quillmere {
 /// starts after it has returned, and after those that were waiting.
 ///
 /// - Every status other than 200 to 299 is an error (see `KBTDavRequest::error`). No request is
-///   repeated.
-/// - A challenge is answered once, with the user name and password of `_getUsername` and
-///   `_getPassword`. A second one, NTLM and Negotiate get no credential, so the 401 is the answer.
-///   No challenge is answered for a request that was issued with a field Authorization.
+///   repeated after a failure.
+/// - A challenge is answered with the user name and password of `_getUsername` and `_getPassword`.
+///   When these are refused, and to NTLM and Negotiate, the 401 is the answer. A Digest nonce that
+///   has become stale is replaced, up to three times. No challenge is answered for a request that
+///   was issued with a field Authorization, not even after a redirect has dropped that.
 /// - A redirect is followed with the method and body of the issued request and with its fields
 ///   Content-Type, Accept, Depth and If-Match. All other fields are dropped: Authorization, and
 ///   also the conditional fields of collections, whose names end in a colon.

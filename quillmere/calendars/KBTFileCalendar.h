@@ -37,7 +37,8 @@ class QUILLMERE_EXPORT KBTFileCalendar : public KBTDataCalendar {
 
   /// The file's modification date when it was last read or written; null before that.
   std::optional<std::string> cachingString() const override;
-  /// Null, or text of another form, counts as never read.
+  /// Takes any ISO 8601 date and time with seconds, a fraction or not, and "Z" or an offset such as
+  /// "+01:00". Null, or any other text, counts as never read.
   void setCachingString(const std::optional<std::string>& cachingString) override;
 
   /// Reports true when there is no caching string. Otherwise reports whether the file is younger

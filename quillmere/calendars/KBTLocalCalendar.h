@@ -45,7 +45,8 @@ class QUILLMERE_EXPORT KBTLocalCalendar : public KBTSynchingCalendar {
   static std::shared_ptr<KBTSynchingCalendar> init() = delete;
 
   const std::string& calendarIdentifier() const { return calendarIdentifier_; }
-  /// The title of the store's calendar.
+  /// The title that the store's calendar had when this one was made. A later one is that of the
+  /// calendar in `localCalendars`.
   std::optional<std::string> calendarName() const override;
   /// Whether the other has the same identifier.
   bool isEqualToCalendar(const KBTSynchingCalendar& other) const override;

@@ -25,10 +25,10 @@ inline constexpr const char* KBTURLCalendarErrorDomain = "URLCalendar";
 /// One operation is in flight at a time. A further one takes its place without cancelling it, and
 /// the result of the first is then taken for that of the second: so wait, or cancel and wait.
 ///
-/// Intended: every request says that its content is "text/xml"; a save never forgets the pending
-/// changes; the entity tag is that of the last answer to a fetch or a save, whatever its status.
-/// docs/behaviours.md lists all that may surprise you, docs/subscriptions.md what each operation
-/// comes to.
+/// Intended: every request, but for the GET after a 303, says that its content is "text/xml"; a
+/// save never forgets the pending changes; the entity tag is that of the last answer to a fetch or
+/// a save, whatever its status. docs/behaviours.md lists all that may surprise you,
+/// docs/subscriptions.md what each operation comes to.
 class QUILLMERE_EXPORT KBTURLCalendar : public KBTDataCalendar, public NSURLSessionDelegate {
  public:
   static std::shared_ptr<KBTURLCalendar> initWithURL(NSURL url);
@@ -38,6 +38,7 @@ class QUILLMERE_EXPORT KBTURLCalendar : public KBTDataCalendar, public NSURLSess
   const NSURL& url() const { return url_; }
 
   const std::shared_ptr<NSURLSession>& urlSession() const { return _urlSession; }
+  /// Sets the session of all further operations. Its delegate must be this calendar.
   void setUrlSession(std::shared_ptr<NSURLSession> session) { _urlSession = std::move(session); }
   /// The task in flight. Null when there is none.
   const std::shared_ptr<NSURLSessionDataTask>& dataTask() const { return _dataTask; }
@@ -83,6 +84,8 @@ class QUILLMERE_EXPORT KBTURLCalendar : public KBTDataCalendar, public NSURLSess
                                             const NSErrorPtr& error) override;
 
  protected:
+  /// Makes no session, as `initWithURL` does: a derived class calls `setUrlSession` once the object
+  /// is made, before the first operation.
   explicit KBTURLCalendar(NSURL url);
 
   /// The downloaded document, which the calendar then lets go of.

@@ -30,7 +30,7 @@ enum KBTCalRepetitionErrorCode : std::int64_t {
   KBTMonthError = 3,                    ///< a month beyond 1 to 12
   KBTMonthDayError = 4,                 ///< a month day beyond 1 to 31 and -1 to -31
   KBTWeekdayError = 5,                  ///< an unknown weekday, or a number where none may stand
-  KBTSeveralNumberedWeekdaysError = 6,  ///< a number in a list of several weekdays
+  KBTSeveralNumberedWeekdaysError = 6,  ///< a number in an RRULE's list of several weekdays
   KBTCountError = 7,                    ///< a count below 0
   KBTUnsupportedPropertyError = 8,      ///< a part that rules here do not have, such as BYWEEKNO
   KBTEndDateError = 9,                  ///< UNTIL, up to its first "T", is not a date
@@ -78,8 +78,9 @@ class QUILLMERE_EXPORT KBTCalRepetition : public HWObject {
   /// for none.
   ///
   /// Null on failure, with the error in `*error` unless `error` is null. A frequency that is not
-  /// MINUTELY to YEARLY gives no error. A list of several weekdays with a number among them is an
-  /// error; with a null `error` it counts without numbers, up to the first weekday that has one.
+  /// MINUTELY to YEARLY gives no error. A list of several weekdays with a number among them is a
+  /// `KBTWeekdayError`; with a null `error` it counts without numbers, up to the first weekday that
+  /// has one.
   /// Stops the process when `weeksOfTheYear`, `daysOfTheYear` or `end` is given, and for a single
   /// weekday with a number in a rule that is neither MONTHLY nor YEARLY.
   static std::shared_ptr<KBTCalRepetition>

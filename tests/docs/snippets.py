@@ -19,8 +19,9 @@ Every C++ block of a page is a whole file, whose name stands on the line before 
 A text block that begins with "$ " is the session of the program above it: commands, each with what
 it prints. `extract` writes the files, and each session beside its program (hello.session). `run`
 runs a session's commands in a new folder that holds the calendars of examples/data, with PROGRAMS
-on the path. The commands may use $FILES, a folder on a web server, and $ACCOUNT, an account of alice
-on a CalDAV server; both servers run on 127.0.0.1 while a session names them.
+on the path. The commands may use $FILES, a folder on a web server; $ACCOUNT, an account of alice on a
+CalDAV server; and $RADICALE, the same on a server without an outbox. Each server runs on 127.0.0.1
+while a session names it.
 """
 
 import contextlib
@@ -80,6 +81,8 @@ def servers(session):
             variables["FILES"] = nginx.base.rstrip("/")
         if "$ACCOUNT" in session:
             variables["ACCOUNT"] = running.enter_context(Server("sabredav_digest")).base
+        if "$RADICALE" in session:
+            variables["RADICALE"] = running.enter_context(Server("radicale")).base
         yield variables
 
 

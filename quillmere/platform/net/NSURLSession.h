@@ -29,7 +29,7 @@ enum NSURLErrorCode : std::int64_t {
   NSURLErrorCancelled = -999,
   NSURLErrorBadURL = -1000,          ///< also a header field that may not travel
   NSURLErrorTimedOut = -1001,        ///< no byte for the request's time-out interval
-  NSURLErrorUnsupportedURL = -1002,  ///< neither http nor https
+  NSURLErrorUnsupportedURL = -1002,  ///< neither http nor https, or a malformed authority
   NSURLErrorCannotFindHost = -1003,
   NSURLErrorCannotConnectToHost = -1004,
   NSURLErrorNetworkConnectionLost = -1005,
@@ -77,8 +77,8 @@ inline constexpr auto NSURLSessionResponseAllow = NSURLSessionResponseDispositio
 /// only where the request has the field Accept-Encoding.
 class QUILLMERE_EXPORT NSURLSession : public std::enable_shared_from_this<NSURLSession> {
  public:
-  /// The session holds its delegate strongly while one of its tasks exists that is not completed,
-  /// weakly otherwise. Null `queue`: that of the calling thread.
+  /// The session holds its delegate strongly while a task that was resumed or cancelled is not
+  /// completed, weakly otherwise. Null `queue`: that of the calling thread.
   static std::shared_ptr<NSURLSession> sessionWithConfiguration_delegate_delegateQueue(
       const NSURLSessionConfiguration& configuration,
       const std::shared_ptr<NSURLSessionDelegate>& delegate,
