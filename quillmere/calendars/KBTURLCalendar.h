@@ -84,8 +84,7 @@ class QUILLMERE_EXPORT KBTURLCalendar : public KBTDataCalendar, public NSURLSess
                                             const NSErrorPtr& error) override;
 
  protected:
-  /// Makes no session, as `initWithURL` does: a derived class calls `setUrlSession` once the object
-  /// is made, before the first operation.
+  /// Makes no session. The first operation makes one, unless `setUrlSession` has set it by then.
   explicit KBTURLCalendar(NSURL url);
 
   /// The downloaded document, which the calendar then lets go of.
