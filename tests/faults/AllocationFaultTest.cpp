@@ -36,10 +36,10 @@ const std::string longText = "a text, long enough to need memory of its own";
 std::string document(const std::string& version) {
   std::string text = "BEGIN:VCALENDAR\r\nX-WR-CALNAME:" + longText + "\r\n";
   for (const char* name : {"first", "second"}) {
-    text += "BEGIN:VEVENT\r\nUID:" + longText + name + "\r\nDTSTAMP:" + version +
-            "T000000Z\r\nDTSTART;TZID=\"x\";TZID=Europe/Paris:20240105T093000\r\n"
-            "DESCRIPTION;LANGUAGE=en:" +
-            longText + "\\, escaped and fol\r\n ded\r\nDURATION:PT1H\r\nEND:VEVENT\r\n";
+    text.append("BEGIN:VEVENT\r\nUID:").append(longText).append(name);
+    text.append("\r\nDTSTAMP:").append(version).append("T000000Z\r\n");
+    text += "DTSTART;TZID=\"x\";TZID=Europe/Paris:20240105T093000\r\nDESCRIPTION;LANGUAGE=en:";
+    text.append(longText).append("\\, escaped and fol\r\n ded\r\nDURATION:PT1H\r\nEND:VEVENT\r\n");
   }
   return text + "END:VCALENDAR\r\n";
 }
@@ -78,8 +78,7 @@ std::string read(const std::string&) {
 }
 
 std::shared_ptr<KBTMutableCalObject> writer() {
-  const auto event =
-      KBTMutableCalObject::initWithObjectType_includeCalendarDeclaration("VEVENT", true);
+  auto event = KBTMutableCalObject::initWithObjectType_includeCalendarDeclaration("VEVENT", true);
   event->appendKey_stringValue("DESCRIPTION", longText + longText + "; ä\n");
   const NSDate date = NSDate::initWithICSDateString("20240105T093000Z").value();
   event->appendKey_dateValue("DTSTART;X-LONG=" + longText, date);
@@ -193,7 +192,7 @@ class Files {
       if (withTemporaries || !name.ends_with(".tmp")) files[name] = readFile(entry.path().string());
     }
     std::string text;
-    for (const auto& [name, bytes] : files) text += name + ":\n" + bytes;
+    for (const auto& [name, bytes] : files) text.append(name).append(":\n").append(bytes);
     return text;
   }
 

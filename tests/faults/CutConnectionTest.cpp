@@ -168,7 +168,7 @@ class Host : public RecordingDelegate, public std::enable_shared_from_this<Host>
   KBTClientObject synchingCalendar_newObjectNamed_versionString_data(
       KBTSynchingCalendar& calendar, const std::string& name, const std::string& version,
       const std::shared_ptr<KBTCalObject>& reader) override {
-    const auto object = RecordingDelegate::synchingCalendar_newObjectNamed_versionString_data(
+    auto object = RecordingDelegate::synchingCalendar_newObjectNamed_versionString_data(
         calendar, name, version, reader);
     objects[name]->ics = readers.back();
     return object;
