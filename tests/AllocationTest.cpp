@@ -1,30 +1,16 @@
-// Counts allocations, so it is a program of its own: its operator new stands in for the library's.
-
 #include <gtest/gtest.h>
 #include <quillmere/ical/KBTCalObject.h>
 #include <quillmere/recurrence/KBTCalRepetition.h>
 
 #include <cstddef>
-#include <cstdlib>
-#include <new>
 #include <string>
 
-namespace {
-
-std::size_t allocations = 0;
-
-}  // namespace
-
-void* operator new(std::size_t size) {
-  ++allocations;
-  if (void* memory = std::malloc(size ? size : 1)) return memory;
-  throw std::bad_alloc();
-}
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+#include "tests/support/AllocationFaults.h"
 
 namespace quillmere {
 namespace {
+
+using testing::Allocations;
 
 std::string manyLines() {
   std::string text;
@@ -38,20 +24,21 @@ std::string manyLines() {
 
 TEST(Allocations, NoneForALineWhoseKeyAloneIsAskedFor) {
   const auto reader = KBTCalObject::initWithData(NSData::dataWithString(manyLines()));
-  const std::size_t before = allocations;
+  const std::size_t before = Allocations::made();
   std::size_t lines = 0;
   while (reader->nextLine()) lines += reader->key() ? 1 : 0;
   EXPECT_EQ(lines, 2000U);
-  EXPECT_EQ(allocations - before, 0U);
+  EXPECT_EQ(Allocations::made() - before, 0U);
 }
 
 TEST(Allocations, ValuesShareOneBuffer) {
   const auto reader = KBTCalObject::initWithData(NSData::dataWithString(manyLines()));
-  const std::size_t before = allocations;
+  const std::size_t before = Allocations::made();
   std::size_t bytes = 0;
   while (reader->nextLine()) bytes += reader->value()->size();
   EXPECT_EQ(bytes, 90'000U);
-  EXPECT_LE(allocations - before, 3U) << "the buffer should grow to the longest value and stay";
+  EXPECT_LE(Allocations::made() - before, 3U)
+      << "the buffer should grow to the longest value and stay";
 }
 
 TEST(Allocations, NoneForAnOccurrence) {
@@ -61,13 +48,13 @@ TEST(Allocations, NoneForAnOccurrence) {
     const auto rule = KBTCalRepetition::initWithRRule_error(text, nullptr);
     rule->setStartDate(NSDate::initWithICSDateString("20240131T100000Z"));
     KBTRepetitionInstance instance = rule->firstRepetitionInstance();
-    const std::size_t before = allocations;
+    const std::size_t before = Allocations::made();
     std::int64_t seconds = 0;
     for (; instance.occurrence < 100; instance = rule->nextRepetitionInstance(instance)) {
       seconds += KBTCalRepetition::dateForInstance(instance)->secondsSince1970();
     }
     EXPECT_GT(seconds, 0);
-    EXPECT_EQ(allocations - before, 0U) << text;
+    EXPECT_EQ(Allocations::made() - before, 0U) << text;
   }
 }
 

@@ -48,7 +48,12 @@ void KBTFileCalendar::fetchExternalChanges() {
     delegate()->synchingCalendarCompletedFetchExternalChanges_withError(*this, nullptr);
     return;
   }
-  KBTDataCalendar::fetchExternalChanges();
+  try {
+    KBTDataCalendar::fetchExternalChanges();
+  } catch (...) {
+    lastModified_.reset();  // or the next fetch would skip what this one has not come to
+    throw;
+  }
 }
 
 std::shared_ptr<KBTCalObject> KBTFileCalendar::_getCalendarData() {

@@ -165,13 +165,16 @@ std::optional<string_view> KBTCalObject::key() {
 
 std::optional<string_view> KBTCalObject::value() {
   if (valueBuilt_) return value_;
-  valueBuilt_ = true;
   const string_view bytes = unfoldedValue();
   string_view text = bytes;
   if (!isPlain(bytes)) {
-    if (!isValidUTF8(bytes)) return value_ = std::nullopt;
+    if (!isValidUTF8(bytes)) {
+      valueBuilt_ = true;
+      return value_ = std::nullopt;
+    }
     text = unescapedValue(bytes);
   }
+  valueBuilt_ = true;  // not before the buffer has grown, which may fail
   value_ = text;
   return text;
 }
@@ -199,7 +202,6 @@ const KBTCalModifiers& KBTCalObject::modifiers() {
 }
 
 void KBTCalObject::parseModifiers() {
-  modifiersParsed_ = true;
   const char* const end = keyAndModifiersEndPtr_;
   for (const char* from = modifierPtr_; from != end;) {
     const char* const nameEnd = findByte(from, end, '=');  // across any ";"
@@ -210,6 +212,7 @@ void KBTCalObject::parseModifiers() {
     if (isValidUTF8(name) && isValidUTF8(value)) modifiers_.insert_or_assign(name, value);
     from = valueEnd == end ? end : valueEnd + 1;
   }
+  modifiersParsed_ = true;
 }
 
 std::optional<string_view> KBTCalObject::valueForModifier(string_view name) {

@@ -3,10 +3,12 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdarg>
 
 namespace quillmere::testing {
 namespace {
@@ -37,6 +39,8 @@ FileFault::FileFault(FileCall call, int nth, int error) { pending = {call, nth, 
 
 FileFault::~FileFault() { pending.callsLeft = 0; }
 
+bool FileFault::happened() { return pending.callsLeft == 0; }
+
 const Replacement& lastReplacement() { return replacement; }
 
 void limitWrites(unsigned long bytes) { writeLimit = bytes; }
@@ -48,6 +52,15 @@ using quillmere::testing::FileCall;
 
 extern "C" {
 
+int open(const char* path, int flags, ...) {
+  if (fails(FileCall::open)) return -1;
+  va_list arguments;
+  va_start(arguments, flags);
+  const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
+  va_end(arguments);
+  return static_cast<int>(syscall(SYS_openat, AT_FDCWD, path, flags, mode));
+}
+
 ssize_t write(int file, const void* bytes, size_t count) {
   if (fails(FileCall::write)) return -1;
   struct stat status {};
@@ -56,6 +69,24 @@ ssize_t write(int file, const void* bytes, size_t count) {
   }
   const unsigned long limit = quillmere::testing::writeLimit;
   return syscall(SYS_write, file, bytes, limit ? std::min(count, limit) : count);
+}
+
+int fchown(int file, uid_t owner, gid_t group) noexcept {
+  return fails(FileCall::fchown) ? -1 : static_cast<int>(syscall(SYS_fchown, file, owner, group));
+}
+
+ssize_t getxattr(const char* path, const char* name, void* value, size_t size) noexcept {
+  return fails(FileCall::getxattr) ? -1 : syscall(SYS_getxattr, path, name, value, size);
+}
+
+int fsetxattr(int file, const char* name, const void* value, size_t size, int flags) noexcept {
+  if (fails(FileCall::fsetxattr)) return -1;
+  return static_cast<int>(syscall(SYS_fsetxattr, file, name, value, size, flags));
+}
+
+int fremovexattr(int file, const char* name) noexcept {
+  return fails(FileCall::fremovexattr) ? -1
+                                       : static_cast<int>(syscall(SYS_fremovexattr, file, name));
 }
 
 int fsync(int file) {

@@ -7,7 +7,17 @@ namespace quillmere::testing {
 
 /// Makes one call of the file functions below fail, counted from now; the others go to the kernel.
 /// The test program's own definitions stand in for the C library's.
-enum class FileCall { write, fsync, rename, fchmod };
+enum class FileCall {
+  open,
+  write,
+  fchown,
+  getxattr,
+  fsetxattr,
+  fremovexattr,
+  fchmod,
+  fsync,
+  rename
+};
 
 class FileFault {
  public:
@@ -16,6 +26,9 @@ class FileFault {
   FileFault(const FileFault&) = delete;
   FileFault& operator=(const FileFault&) = delete;
   ~FileFault();
+
+  /// Whether that call was made.
+  static bool happened();
 };
 
 /// What the last successful rename moved, and the permissions that file had when it was first

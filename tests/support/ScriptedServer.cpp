@@ -285,11 +285,11 @@ class ScriptedServer::Dialogue {
   Answer answerTo(const ReceivedRequest& request) {
     std::unique_lock lock(mutex_);
     requests_.push_back(request);
-    Answer answer = judged(request);
     const auto onRequest = onRequest_;
     lock.unlock();
     if (onRequest) onRequest(request);
-    return answer;
+    lock.lock();
+    return judged(request);
   }
 
   Answer judged(const ReceivedRequest& request) {

@@ -118,7 +118,8 @@ class ScriptedServer {
   /// Lets one held answer go: the oldest, or the next to be held.
   void release();
 
-  /// Called in the server's thread for each request, expected or not, before it is answered.
+  /// Called in the server's thread for each request, expected or not, before it is answered; so it
+  /// may still write the script for that request.
   void setOnRequest(std::function<void(const ReceivedRequest&)> onRequest);
 
   std::vector<ReceivedRequest> requests() const;

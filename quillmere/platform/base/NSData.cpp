@@ -7,7 +7,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <new>
 #include <utility>
 
 namespace quillmere {
@@ -44,7 +43,7 @@ NSData NSData::dataWithString(std::string text) {
   return {std::shared_ptr<const char>(std::move(owner), first), length};
 }
 
-std::optional<NSData> NSData::dataWithContentsOfFile(const std::string& path) try {
+std::optional<NSData> NSData::dataWithContentsOfFile(const std::string& path) {
   // O_NONBLOCK: opening a pipe that nobody writes to must not wait.
   const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   struct stat status {};
@@ -73,8 +72,6 @@ std::optional<NSData> NSData::dataWithContentsOfFile(const std::string& path) tr
   if (rest.empty()) return data;
   rest.insert(0, data.view());
   return dataWithString(std::move(rest));
-} catch (const std::bad_alloc&) {
-  return std::nullopt;  // a sparse file may tell any size
 }
 
 }  // namespace quillmere

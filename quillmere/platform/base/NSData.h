@@ -31,7 +31,8 @@ class QUILLMERE_EXPORT NSData {
   }
 
   /// Reads a whole file. Null when `path` cannot be opened or read or is not a regular file (a pipe
-  /// or a device might never end).
+  /// or a device might never end). Throws std::bad_alloc when it does not fit into memory: to a
+  /// calendar, null would be an empty file.
   static std::optional<NSData> dataWithContentsOfFile(const std::string& path);
 
   /// First byte; of no use, and possibly null, when there are no bytes.

@@ -50,7 +50,7 @@ gboolean Alarm::check(GSource* source) {
   return prepare(source, &timeout);
 }
 
-gboolean Alarm::dispatch(GSource* source, GSourceFunc, void*) {
+gboolean Alarm::dispatch(GSource* source, GSourceFunc, void*) noexcept {
   Alarm& alarm = *reinterpret_cast<Source*>(source)->alarm;
   alarm.setTime(never);
   const auto ring = alarm.ring_;

@@ -30,7 +30,7 @@ class Alarm {
   struct Source;
   static gboolean prepare(GSource* source, gint* timeout);
   static gboolean check(GSource* source);
-  static gboolean dispatch(GSource* source, GSourceFunc, void*);
+  static gboolean dispatch(GSource* source, GSourceFunc, void*) noexcept;
 
   std::shared_ptr<const std::function<void()>> ring_;
   GSource* source_;

@@ -27,7 +27,7 @@ NSOperationQueue NSOperationQueue::currentQueue() {
 }
 
 void NSOperationQueue::addOperationWithBlock(Block block) const {
-  const auto run = [](void* data) -> gboolean {
+  const auto run = [](void* data) noexcept -> gboolean {
     // Moved out first: what the block owns may end the context that owns the source.
     const Block called = std::move(*static_cast<Block*>(data));
     called();

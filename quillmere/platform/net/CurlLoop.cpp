@@ -89,7 +89,7 @@ gboolean CurlLoop::check(GSource* source) {
   return prepare(source, &timeout);
 }
 
-gboolean CurlLoop::dispatch(GSource* source, GSourceFunc, void*) {
+gboolean CurlLoop::dispatch(GSource* source, GSourceFunc, void*) noexcept {
   const auto loop = reinterpret_cast<Source*>(source)->loop->shared_from_this();
   loop->work((g_source_query_unix_fd(source, loop->tag_) & G_IO_IN) != 0);
   return G_SOURCE_CONTINUE;

@@ -69,7 +69,7 @@ class CurlLoop : public std::enable_shared_from_this<CurlLoop> {
 
   static gboolean prepare(GSource* source, gint* timeout);
   static gboolean check(GSource* source);
-  static gboolean dispatch(GSource* source, GSourceFunc, void*);
+  static gboolean dispatch(GSource* source, GSourceFunc, void*) noexcept;
   static int socketChanged(CURL*, curl_socket_t socket, int what, void* loop, void*);
   static int timerChanged(CURLM*, long milliseconds, void* loop);
   void work(bool isReadable);

@@ -2,7 +2,9 @@
 #include <gtest/gtest.h>
 #include <quillmere/platform/net/NSURLSession.h>
 
+#include <csignal>
 #include <cstdlib>
+#include <new>
 
 #include "tests/support/Gzip.h"
 #include "tests/support/RawServer.h"
@@ -64,6 +66,18 @@ TEST(NSURLSession, SendsWhatTheRequestSaysAndNothingElse) {
     EXPECT_EQ(host->response->HTTPVersion(), "HTTP/1.1");
   }
   EXPECT_THAT(server.problems(), ElementsAre());
+}
+
+// It could not pass through libcurl and GLib, which are C.
+TEST(NSURLSession, AnExceptionOfTheDelegateEndsTheProcess) {
+  const auto fail = [] {
+    RawServer server;
+    server.play({raw::readHead(), raw::write("HTTP/1.1 200 OK\r\nContent-Length: 1\r\n\r\na")});
+    const auto host = SessionHost::make();
+    host->onEvent = [] { throw std::bad_alloc(); };
+    host->fetch(requestFor(server.url("/")));
+  };
+  EXPECT_EXIT(fail(), ::testing::KilledBySignal(SIGABRT), "");
 }
 
 TEST(NSURLSession, KeepsConnectionsAndCookiesButNoCredentials) {
