@@ -1,8 +1,9 @@
-// Stands in for libFuzzer where there is none: feeds every file of the given folders to the target,
-// whole, and cut off after every byte.
+// Stands in for libFuzzer where there is none. Usage: STEP FOLDER: feeds every file of the folder to
+// the target, whole, and cut off after every STEP-th byte.
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -13,10 +14,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t cou
 
 namespace {
 
-void feedEveryPrefix(const std::filesystem::path& path) {
+void feedPrefixes(const std::filesystem::path& path, std::size_t step) {
   std::ifstream file(path, std::ios::binary);
   const std::vector<char> bytes{std::istreambuf_iterator<char>(file), {}};
-  for (std::size_t length = 0; length <= bytes.size(); ++length) {
+  // Backwards, so that the whole is among them.
+  for (std::size_t cut = 0; cut <= bytes.size(); cut += step) {
+    const std::size_t length = bytes.size() - cut;
     // A block of its own, so that a sanitizer sees a read of one byte too many.
     const std::vector<std::uint8_t> prefix(bytes.begin(),
                                            bytes.begin() + static_cast<std::ptrdiff_t>(length));
@@ -26,13 +29,13 @@ void feedEveryPrefix(const std::filesystem::path& path) {
 
 }  // namespace
 
-int main(int argumentCount, char** arguments) {
+int main(int count, char** arguments) {
+  const std::size_t step = count == 3 ? std::strtoul(arguments[1], nullptr, 10) : 0;
+  if (step == 0) return 2;
   std::size_t seeds = 0;
-  for (int i = 1; i < argumentCount; ++i) {
-    for (const auto& entry : std::filesystem::directory_iterator(arguments[i])) {
-      feedEveryPrefix(entry.path());
-      ++seeds;
-    }
+  for (const auto& entry : std::filesystem::directory_iterator(arguments[2])) {
+    feedPrefixes(entry.path(), step);
+    ++seeds;
   }
   std::cout << seeds << " seeds replayed\n";
   return seeds == 0 ? 1 : 0;

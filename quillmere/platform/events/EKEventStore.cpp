@@ -4,6 +4,7 @@
 #ifdef QUILLMERE_HAS_EVOLUTION
 #include <quillmere/platform/events/EvolutionEventBackend.h>
 #endif
+#include <quillmere/platform/events/EventDatabaseFile.h>
 #include <quillmere/platform/events/SQLiteEventBackend.h>
 #include <quillmere/platform/loop/NSOperationQueue.h>
 #include <quillmere/platform/notifications/NSNotificationCenter.h>

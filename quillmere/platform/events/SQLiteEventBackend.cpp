@@ -1,36 +1,28 @@
-#include <fcntl.h>
-#include <glib.h>
 #include <quillmere/platform/base/CFUUID.h>
-#include <quillmere/platform/base/FileDescriptor.h>
 #include <quillmere/platform/events/ChangeWatch.h>
+#include <quillmere/platform/events/EventDatabaseFile.h>
 #include <quillmere/platform/events/Recurrence.h>
 #include <quillmere/platform/events/SQLiteDatabase.h>
 #include <quillmere/platform/events/SQLiteEventBackend.h>
-#include <quillmere/platform/events/SQLiteEventSchema.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <bit>
-#include <cerrno>
 #include <charconv>
-#include <cstdlib>
-#include <iterator>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <set>
+#include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 namespace quillmere {
 namespace {
 
 using Kind = SQLiteTransaction::Kind;
 
-constexpr const char* inMemory = ":memory:";
-constexpr int busyMilliseconds = 10'000;
 // Wall times and instants differ by less than a day in any zone.
 constexpr std::int64_t zoneMargin = 86'400 * NSDate::microsecondsPerSecond;
 
@@ -115,100 +107,11 @@ StoredEvent eventOf(const SQLiteStatement& row) {
   return stored;
 }
 
-[[noreturn]] void refuse(const std::string& path, const std::string& reason,
-                         NSErrorPtr underlying = nullptr) {
-  throw EventError(EKErrorInternalFailure, "The event database " + path + " " + reason + ".",
-                   std::move(underlying));
-}
-
-// Looks at the file before SQLite does, which may write to a database as soon as it is read.
-void requireOwnFile(const std::string& path) {
-  constexpr std::string_view magic{"SQLite format 3\0", 16};
-  constexpr std::size_t headerLength = 100;
-  constexpr std::size_t applicationIdOffset = 68;
-
-  const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-  if (!file.isOpen() && errno == ENOENT) return;
-  struct stat status {};
-  if (!file.isOpen() || ::fstat(file.get(), &status) != 0) {
-    refuse(path, "could not be opened", NSError::errorWithPOSIXCode(errno));
-  }
-  if (!S_ISREG(status.st_mode)) refuse(path, "is not a regular file");
-  if (status.st_size == 0) return;
-  std::array<unsigned char, headerLength> header{};
-  const ssize_t length = ::read(file.get(), header.data(), header.size());
-  if (length < 0) refuse(path, "could not be read", NSError::errorWithPOSIXCode(errno));
-  if (length != static_cast<ssize_t>(header.size()) ||
-      !std::equal(magic.begin(), magic.end(), header.begin())) {
-    refuse(path, "is not a database");
-  }
-  std::int64_t applicationId = 0;
-  for (std::size_t i = 0; i != 4; ++i) {
-    applicationId = applicationId * 256 + header.at(applicationIdOffset + i);
-  }
-  if (applicationId != eventApplicationId) refuse(path, "belongs to another program");
-}
-
-// The file of a database as long as this process has it open. To close any descriptor of a file takes
-// all locks away that the process has on it, SQLite's too, and then others believe that nobody uses
-// it: so a file is looked at, and made, only while no other store here has it open.
-class DatabaseFile {
- public:
-  explicit DatabaseFile(const std::string& path) {
-    if (path == inMemory) return;
-    const std::lock_guard lock(mutex_);
-    identity_ = identityOf(path);
-    if (!identity_ || !open_.contains(*identity_)) {
-      requireOwnFile(path);
-      constexpr mode_t ownerOnly = 0600;
-      const FileDescriptor made(
-          ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, ownerOnly));
-      identity_ = identityOf(path);
-    }
-    if (identity_) open_.insert(*identity_);
-  }
-  DatabaseFile(const DatabaseFile&) = delete;
-  DatabaseFile& operator=(const DatabaseFile&) = delete;
-  ~DatabaseFile() {
-    const std::lock_guard lock(mutex_);
-    if (identity_) open_.erase(open_.find(*identity_));
-  }
-
- private:
-  using Identity = std::pair<dev_t, ino_t>;
-
-  static std::optional<Identity> identityOf(const std::string& path) {
-    struct stat status {};
-    if (::stat(path.c_str(), &status) != 0) return std::nullopt;
-    return Identity{status.st_dev, status.st_ino};
-  }
-
-  static inline std::mutex mutex_;
-  static inline std::multiset<Identity> open_;
-  std::optional<Identity> identity_;
-};
-
-// Whether this process can write neither the file nor beside it. SQLite reads such a database only
-// when it is promised that nobody else writes it; a log beside it says that somebody does.
-bool isFrozen(const std::string& path) {
-  const std::string folder = path.substr(0, path.rfind('/') + 1);
-  return ::access(path.c_str(), R_OK) == 0 && ::access(path.c_str(), W_OK) != 0 &&
-         ::access(folder.empty() ? "." : folder.c_str(), W_OK) != 0 &&
-         ::access((path + "-wal").c_str(), F_OK) != 0;
-}
-
-// SQLite's URI of a file that does not change.
-std::string frozenURI(const std::string& path) {
-  const std::unique_ptr<char, decltype(&g_free)> escaped(
-      g_uri_escape_bytes(reinterpret_cast<const guint8*>(path.data()), path.size(), "/"), &g_free);
-  return std::string("file:") + escaped.get() + "?immutable=1";
-}
-
 class SQLiteEventBackend : public EventBackend,
                            public std::enable_shared_from_this<SQLiteEventBackend> {
  public:
   explicit SQLiteEventBackend(const std::string& path)
-      : path_(path), file_(path), database_(open(path)), dataVersion_(readDataVersion()) {}
+      : file_(path), database_(file_.open()), dataVersion_(readDataVersion()) {}
 
   std::vector<CalendarRecord> calendars() override {
     const std::lock_guard lock(mutex_);
@@ -330,8 +233,8 @@ class SQLiteEventBackend : public EventBackend,
   }
 
   void setChangeHandler(std::function<void()> handler) override {
-    if (path_ == inMemory) return;
-    watch_.emplace(path_ + "-wal", [weak = weak_from_this(), handler = std::move(handler)] {
+    if (file_.isInMemory()) return;
+    watch_.emplace(file_.path() + "-wal", [weak = weak_from_this(), handler = std::move(handler)] {
       const auto self = weak.lock();
       if (!self || !self->hasChanged()) return false;
       handler();
@@ -340,11 +243,6 @@ class SQLiteEventBackend : public EventBackend,
   }
 
  private:
-  static std::unique_ptr<SQLiteDatabase> open(const std::string& path);
-  static void configure(SQLiteDatabase& database);
-  static void bringUpToDate(SQLiteDatabase& database, const std::string& path);
-  static void switchToLog(SQLiteDatabase& database, const std::string& path);
-
   std::int64_t readDataVersion() { return database_->pragma("PRAGMA data_version"); }
 
   // Another thread's operation may take long: then the question is asked again later.
@@ -569,8 +467,7 @@ class SQLiteEventBackend : public EventBackend,
                              EventRecord& event);
   void endBefore(const StoredEvent& series, NSDate date);
 
-  const std::string path_;
-  const DatabaseFile file_;
+  const EventDatabaseFile file_;
   std::mutex mutex_;
   std::unique_ptr<SQLiteDatabase> database_;
   std::int64_t dataVersion_;
@@ -663,88 +560,10 @@ void SQLiteEventBackend::saveFutureOccurrences(const StoredEvent& series, const 
   }
 }
 
-void SQLiteEventBackend::configure(SQLiteDatabase& database) {
-  sqlite3_busy_timeout(database.handle(), busyMilliseconds);
-  sqlite3_db_config(database.handle(), SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
-  database.execute(
-      "PRAGMA foreign_keys = ON; PRAGMA synchronous = FULL;"
-      "PRAGMA trusted_schema = OFF; PRAGMA cell_size_check = ON");
-}
-
-// Several processes may come here at once.
-void SQLiteEventBackend::bringUpToDate(SQLiteDatabase& database, const std::string& path) {
-  const auto version = [&] {
-    auto row = database.statement("PRAGMA user_version");
-    return row.step() ? row.integer(0) : 0;
-  };
-  constexpr auto latest = static_cast<std::int64_t>(std::size(eventSchemaSteps));
-  if (version() < 0 || version() > latest) refuse(path, "was written by a later version");
-  if (version() == latest) return;
-
-  SQLiteTransaction transaction(database, Kind::writing);
-  for (std::int64_t next = version(); next < latest; ++next) {
-    database.execute(eventSchemaSteps[next]);
-  }
-  database.execute("PRAGMA application_id = " + std::to_string(eventApplicationId));
-  database.execute("PRAGMA user_version = " + std::to_string(latest));
-  transaction.commit();
-}
-
-// To change the mode SQLite must be alone with the file, for which it does not wait.
-void SQLiteEventBackend::switchToLog(SQLiteDatabase& database, const std::string& path) {
-  for (int waited = 0;; ++waited) {
-    auto mode = database.statement("PRAGMA journal_mode = WAL");
-    try {
-      if (mode.step() && mode.text(0) == "wal") return;
-      refuse(path, "cannot be shared with other processes");
-    } catch (const EventError&) {
-      const bool isBusy = sqlite3_errcode(database.handle()) == SQLITE_BUSY;
-      if (!isBusy || waited == busyMilliseconds) throw;
-    }
-    ::usleep(1000);
-  }
-}
-
-std::unique_ptr<SQLiteDatabase> SQLiteEventBackend::open(const std::string& path) {
-  constexpr int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
-  if (path == inMemory) {
-    auto database = std::make_unique<SQLiteDatabase>(path, flags);
-    configure(*database);
-    bringUpToDate(*database, path);
-    return database;
-  }
-  auto database = isFrozen(path) ? std::make_unique<SQLiteDatabase>(
-                                       frozenURI(path), SQLITE_OPEN_READONLY | SQLITE_OPEN_URI)
-                                 : std::make_unique<SQLiteDatabase>(path, flags);
-  configure(*database);
-  bringUpToDate(*database, path);
-  // What is damaged is found before the mode is changed, which writes to the file.
-  for (const char* sql : {"SELECT id FROM calendars LIMIT 1", "SELECT id FROM events LIMIT 1",
-                          "SELECT series FROM exceptions LIMIT 1"}) {
-    database->statement(sql).run();
-  }
-  if (sqlite3_db_readonly(database->handle(), "main") == 0) switchToLog(*database, path);
-  return database;
-}
-
 }  // namespace
 
 std::shared_ptr<EventBackend> openSQLiteEventBackend(const std::string& path) {
   return std::make_shared<SQLiteEventBackend>(path);
-}
-
-std::string defaultEventDatabasePath() {
-  constexpr int ownerOnly = 0700;
-  // As it is now: GLib keeps the first answer, whatever a host sets later.
-  const char* const given = std::getenv("XDG_DATA_HOME");
-  const std::string data = given && g_path_is_absolute(given)
-                               ? std::string(given)
-                               : std::string(g_get_home_dir()) + "/.local/share";
-  const std::string folder = data + "/quillmere";
-  if (g_mkdir_with_parents(folder.c_str(), ownerOnly) != 0) {
-    refuse(folder, "has no folder", NSError::errorWithPOSIXCode(errno));
-  }
-  return folder + "/events.sqlite";
 }
 
 }  // namespace quillmere

@@ -12,9 +12,6 @@ namespace quillmere {
 /// The database at `path`, or ":memory:". Throws an `EventError` when it cannot be opened.
 std::shared_ptr<EventBackend> openSQLiteEventBackend(const std::string& path);
 
-/// Where the user's own database is; its folder is made.
-std::string defaultEventDatabasePath();
-
 }  // namespace quillmere
 
 #endif
