@@ -448,7 +448,7 @@ TEST(NSURLSession, DecompressesWhatTheRequestAskedFor) {
   EXPECT_EQ(fetch(packed + packed, "GZIP", true), "response 200, data, end");
   EXPECT_EQ(host->body, text + text);
   EXPECT_EQ(fetch("", "gzip", true), "response 200, end");
-  for (const std::size_t length : {16383, 16384, 16385, 32768}) {  // about the decoder's pieces
+  for (const std::size_t length : {16383U, 16384U, 16385U, 32768U}) {  // about the decoder's pieces
     fetch(testing::gzipOf(std::string(length, 'x')), "gzip", true);
     EXPECT_EQ(host->events.back(), "end") << length;
     EXPECT_EQ(host->body, std::string(length, 'x'));
