@@ -89,17 +89,10 @@ TEST_F(FileCalendar, ChecksForAYoungerFile) {
 TEST_F(FileCalendar, TheLastReferenceMayGoInACallback) {
   for (const auto operation :
        {&KBTFileCalendar::checkForExternalChanges, &KBTFileCalendar::fetchExternalChanges}) {
-    std::shared_ptr<KBTFileCalendar> last = KBTFileCalendar::initWithPath(path);
+    auto last = KBTFileCalendar::initWithPath(path);
     last->setCachingString(someDateAsText);  // the file is missing: nothing is read
-    const std::weak_ptr<KBTFileCalendar> weak = last;
     last->setDelegate(host);
-    bool wasAlive = false;
-    host->onCallback = [&](const std::string&) {
-      last.reset();
-      wasAlive = !weak.expired();
-    };
-    ((*last).*operation)();
-    EXPECT_TRUE(wasAlive);
+    EXPECT_TRUE(testing::outlivesItsLastReference(*host, std::move(last), operation));
   }
 }
 

@@ -188,16 +188,8 @@ TEST_F(SynchingCalendar, TheLastReferenceMayGoInTheCallbackOfACheckOrFetch) {
   for (const auto operation : {&KBTSynchingCalendar::checkForExternalChanges,
                                &KBTSynchingCalendar::fetchExternalChanges}) {
     std::shared_ptr<KBTSynchingCalendar> last = makeObject<OpenCalendar>();
-    const std::weak_ptr<KBTSynchingCalendar> weak = last;
     last->setDelegate(host);
-    bool wasAlive = false;
-    host->onCallback = [&](const std::string&) {
-      last.reset();
-      wasAlive = !weak.expired();
-    };
-    ((*last).*operation)();
-    EXPECT_TRUE(wasAlive);
-    EXPECT_TRUE(weak.expired());
+    EXPECT_TRUE(testing::outlivesItsLastReference(*host, std::move(last), operation));
   }
 }
 

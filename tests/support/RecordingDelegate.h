@@ -141,6 +141,22 @@ class RecordingDelegate : public KBTSynchingCalendarDelegate {
   }
 };
 
+/// Whether a calendar lives on, until its operation returns, after its host has let go of `last`,
+/// the last reference, in the callback. The operation is one that reports at once.
+template <class Calendar>
+bool outlivesItsLastReference(RecordingDelegate& host, std::shared_ptr<Calendar> last,
+                              void (Calendar::*operation)()) {
+  const std::weak_ptr<Calendar> weak = last;
+  Calendar& calendar = *last;
+  bool isAlive = false;
+  host.onCallback = [&](const std::string&) {
+    last.reset();
+    isAlive = !weak.expired();
+  };
+  (calendar.*operation)();
+  return isAlive && weak.expired();
+}
+
 }  // namespace quillmere::testing
 
 #endif

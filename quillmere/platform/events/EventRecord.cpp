@@ -90,6 +90,14 @@ void normalizeTimes(EventRecord& event) {
   event.end = dateOfWallTime(std::max(last, dateAfter(first, microsecondsPerDay)), zone);
 }
 
+void requireChangeOfOneOccurrence(const EventRecord& original, const EventRecord& edited) {
+  if (edited.recurrenceRule != original.recurrenceRule || edited.calendar != original.calendar ||
+      edited.exceptionDates != original.exceptionDates) {
+    throw EventError(EKErrorInvalidSpan,
+                     "One occurrence cannot have a rule, exceptions or a calendar of its own.");
+  }
+}
+
 EventRecord merged(const EventRecord& original, const EventRecord& edited, EventRecord current) {
   const auto take = [&](auto EventRecord::*field) {
     if (edited.*field != original.*field) current.*field = edited.*field;

@@ -53,6 +53,9 @@ struct EventRecord {
 /// event. Throws an `EventError` when they cannot be.
 void normalizeTimes(EventRecord& event);
 
+/// Throws an `EventError` when `edited` has what `original`, one occurrence, cannot have alone.
+void requireChangeOfOneOccurrence(const EventRecord& original, const EventRecord& edited);
+
 /// `current` with what `edited` has other than `original`. The times are taken together.
 EventRecord merged(const EventRecord& original, const EventRecord& edited, EventRecord current);
 

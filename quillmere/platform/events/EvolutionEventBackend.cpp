@@ -535,11 +535,7 @@ class EvolutionEventBackend : public EventBackend,
 
   static void saveOccurrence(ECalClient* client, const Item& item, const EventRecord& stored,
                              EventRecord& event) {
-    if (event.recurrenceRule != stored.recurrenceRule || event.calendar != stored.calendar ||
-        event.exceptionDates != stored.exceptionDates) {
-      throw EventError(EKErrorInvalidSpan,
-                       "One occurrence cannot have a rule, exceptions or a calendar of its own.");
-    }
+    requireChangeOfOneOccurrence(stored, event);
     const NSDate date = *stored.occurrenceDate;
     const Occurrence* const detached = detachedAt(item, date);
     const EventRecord current = detached ? detached->event : occurrenceOf(item.event, date);

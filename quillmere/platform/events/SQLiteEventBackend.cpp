@@ -476,11 +476,7 @@ class SQLiteEventBackend : public EventBackend,
 
 void SQLiteEventBackend::saveOccurrence(const StoredEvent& series, const EventRecord& stored,
                                         EventRecord& event) {
-  if (event.recurrenceRule != stored.recurrenceRule || event.calendar != stored.calendar ||
-      event.exceptionDates != stored.exceptionDates) {
-    throw EventError(EKErrorInvalidSpan,
-                     "One occurrence cannot have a rule, exceptions or a calendar of its own.");
-  }
+  requireChangeOfOneOccurrence(stored, event);
   const NSDate date = *stored.occurrenceDate;
   const Place place{series.row, storedTime(formOf(series.event), date)};
   const auto detached = detachedOf(series.row, place.time);
