@@ -8,6 +8,7 @@
 #include <charconv>
 #include <cmath>
 #include <utility>
+#include <variant>
 
 namespace quillmere {
 namespace {
@@ -23,17 +24,18 @@ constexpr string_view epilogue = "END:VCALENDAR\r\n";
 
 constexpr std::size_t prefetchDistance = 4;  // lines
 
-template <class Number>
-std::string shortestDecimal(Number number) {
-  char digits[32];
-  const auto result = std::to_chars(digits, digits + sizeof digits, number);
+// Without an exponent, which RFC 5545, section 3.3.7 does not know.
+std::string shortestDecimal(double number) {
+  char digits[352];  // the smallest numbers take 327
+  const auto result =
+      std::to_chars(digits, digits + sizeof digits, number, std::chars_format::fixed);
   return {digits, result.ptr};
 }
 
 struct Description {
   std::string operator()(const std::string& text) const { return text; }
   std::string operator()(NSDate date) const { return date.description(); }
-  std::string operator()(std::int64_t number) const { return shortestDecimal(number); }
+  std::string operator()(std::int64_t number) const { return std::to_string(number); }
   std::string operator()(double number) const {
     return std::isnan(number) ? "nan" : shortestDecimal(number);  // whatever the NaN's sign
   }

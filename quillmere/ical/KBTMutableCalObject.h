@@ -7,6 +7,7 @@
 #include <quillmere/platform/base/NSData.h>
 #include <quillmere/platform/dates/NSDate.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -57,8 +58,8 @@ class QUILLMERE_EXPORT KBTMutableCalObject : public KBTICSDataSource {
   /// A DATE-TIME in UTC (RFC 5545 section 3.3.5).
   void appendKey_datetimeValue(std::string key, NSDate value);
   void appendKey_integerValue(std::string key, std::int64_t value);
-  /// A number in the shortest decimal form that reads back as the same number: 2.0 is "2". Others
-  /// are "inf", "-inf" and "nan".
+  /// A number in the shortest decimal form that reads back as the same number: 2.0 is "2". There is
+  /// no exponent (RFC 5545 section 3.3.7). Others are "inf", "-inf" and "nan".
   void appendKey_doubleValue(std::string key, double value);
 
   /// The component, or a whole document if `includeCalendar` was set.

@@ -4,6 +4,7 @@
 #include <quillmere/platform/base/makeObject.h>
 
 #include <cmath>
+#include <cstdlib>
 #include <limits>
 #include <random>
 
@@ -91,18 +92,27 @@ TEST(KBTMutableCalObject, WritesEveryType) {
   } doubles[] = {{2.0, "2"},
                  {0.1, "0.1"},
                  {-3.25, "-3.25"},
-                 {1e100, "1e+100"},
+                 {1e22, "10000000000000000000000"},
                  {HUGE_VAL, "inf"},
                  {-HUGE_VAL, "-inf"},
                  {std::nan(""), "nan"},
                  {-std::nan(""), "nan"},
                  {-0.0, "-0"},
-                 {100000.0, "1e+05"},
+                 {100000.0, "100000"},
+                 {-1e-7, "-0.0000001"},
                  {48.85837009, "48.85837009"}};
   for (const auto& c : doubles) {
     const auto number = writerOf();
     number->appendKey_doubleValue("N", c.number);
     EXPECT_EQ(textOf(*number), std::string("N:") + c.text + "\r\n");
+  }
+  using limits = std::numeric_limits<double>;
+  for (const double extreme : {limits::max(), -limits::denorm_min(), -limits::min()}) {
+    const auto number = writerOf();
+    number->appendKey_doubleValue("N", extreme);
+    const auto reader = KBTCalObject::initWithData(number->icsData());
+    reader->nextLine();
+    EXPECT_EQ(std::strtod(std::string(reader->value().value()).c_str(), nullptr), extreme);
   }
 }
 
