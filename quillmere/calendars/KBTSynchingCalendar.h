@@ -45,6 +45,7 @@ class QUILLMERE_EXPORT KBTSynchingCalendar
   KBTSynchingCalendar& operator=(const KBTSynchingCalendar&) = delete;
   virtual ~KBTSynchingCalendar() = default;
 
+  /// `{}` takes the delegate away; the calendar does not keep it alive.
   virtual void setDelegate(std::weak_ptr<KBTSynchingCalendarDelegate> delegate);
 
   /// Replaces the known objects. The delegate, which must be set before, is asked for the name of

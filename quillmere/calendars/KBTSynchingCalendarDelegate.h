@@ -124,8 +124,9 @@ class QUILLMERE_EXPORT KBTSynchingCalendarDelegate {
                                                              const KBTFailedObject& object,
                                                              const NSErrorPtr& error) = 0;
 
-  /// Sent once per save, also after failures. A calendar behind a URL does not send it when the
-  /// server tells no entity tag.
+  /// Sent once per save, also after failures. Two saves end without it: of a calendar behind a URL,
+  /// when the server tells no entity tag; and of a `KBTDataCalendar` of the host's own, when that
+  /// reports an error to `_wroteCalendarData`.
   virtual void synchingCalendarCompletedSave(KBTSynchingCalendar& calendar) = 0;
 
   // The one optional callback.
