@@ -11,7 +11,7 @@ POLICY = /usr/sbin/policy-rc.d
 APT_GET = $(SUDO) env DEBIAN_FRONTEND=noninteractive apt-get -q -o DPkg::Lock::Timeout=300
 SOURCES = $(shell git ls-files -co --exclude-standard '*.h' '*.cpp')
 
-.PHONY: deps peers build demo test test-hosts coverage bench fuzz lint format format-check docs install clean
+.PHONY: deps peers build demo test test-hosts coverage bench fuzz lint includes format format-check docs install clean
 
 # Installs those of the packages $(1) that are missing.
 define install
@@ -73,6 +73,14 @@ fuzz: deps ## run every fuzzer for FUZZ_SECONDS (60)
 lint: deps ## clang-tidy over the library, the examples and the tests
 	cmake --preset clang
 	run-clang-tidy -quiet -j $(JOBS) -p build/clang '$(CURDIR)/(quillmere|examples|tests|fuzz)/'
+
+includes: deps ## which includes the library does not use; the full advice is in build/includes.txt
+	$(call install,iwyu)
+	cmake --preset clang
+	iwyu_tool -j $(JOBS) -p build/clang quillmere -- -Xiwyu --no_fwd_decls \
+	  -Xiwyu --mapping_file=$(CURDIR)/cmake/iwyu.imp > build/includes.txt
+	@awk '/should remove/ { file = $$1 } /^- #include/ { print file ": " $$0; found = 1 } \
+	  END { exit found }' build/includes.txt
 
 format: deps ## lay the sources out
 	clang-format -i $(SOURCES)

@@ -1,5 +1,6 @@
 #include <quillmere/caldav/DavXML.h>
 
+#include <cstddef>
 #include <variant>
 
 namespace quillmere {

@@ -3,7 +3,7 @@
 #include <quillmere/ical/KBTCalObject.h>
 #include <quillmere/platform/base/makeObject.h>
 
-#include <algorithm>
+#include <cstdint>
 #include <mutex>
 #include <set>
 #include <string_view>

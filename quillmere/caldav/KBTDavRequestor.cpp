@@ -7,6 +7,7 @@
 #include <quillmere/platform/net/NSURLCredential.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <utility>
 
 namespace quillmere {

@@ -12,7 +12,7 @@
 #include <optional>
 #include <string>
 #include <unordered_map>
-#include <vector>
+#include <utility>
 
 namespace quillmere {
 

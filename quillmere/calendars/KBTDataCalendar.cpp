@@ -1,13 +1,17 @@
 #include <quillmere/calendars/KBTDataCalendar.h>
-#include <quillmere/ical/KBTCalObjectEntry.h>
+#include <quillmere/ical/KBTCalObjectEntry.h>  // IWYU pragma: keep
 #include <quillmere/platform/base/CFUUID.h>
 #include <quillmere/platform/base/NSBundle.h>
 #include <quillmere/platform/base/makeObject.h>
 
+#include <algorithm>
 #include <deque>
 #include <functional>
+#include <optional>
+#include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 namespace quillmere {
 namespace {

@@ -2,6 +2,7 @@
 #include <quillmere/platform/base/NSFileManager.h>
 #include <quillmere/platform/base/makeObject.h>
 
+#include <string_view>
 #include <utility>
 
 namespace quillmere {

@@ -7,7 +7,10 @@
 #include <quillmere/platform/notifications/NSDistributedNotificationCenter.h>
 #include <quillmere/platform/notifications/NSNotificationCenter.h>
 
+#include <cstdint>
+#include <map>
 #include <mutex>
+#include <string_view>
 #include <utility>
 #include <variant>
 

@@ -3,6 +3,7 @@
 
 #include <quillmere/platform/dates/NSDate.h>
 
+#include <cstddef>
 #include <optional>
 #include <string_view>
 

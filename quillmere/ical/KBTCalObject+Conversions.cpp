@@ -2,6 +2,8 @@
 
 #include <quillmere/ical/KBTCalObject.h>
 
+#include <cstdint>
+
 namespace quillmere {
 namespace {
 

@@ -25,6 +25,7 @@
 #include <quillmere/platform/base/makeObject.h>
 #include <quillmere/platform/dates/NSTimeZone.h>
 
+#include <cstring>
 #include <utility>
 
 namespace quillmere {

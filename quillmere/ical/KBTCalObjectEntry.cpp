@@ -1,6 +1,9 @@
 #include <quillmere/ical/KBTCalObjectEntry.h>
 #include <quillmere/platform/base/makeObject.h>
 
+#include <cstddef>
+#include <optional>
+#include <string_view>
 #include <utility>
 
 namespace quillmere {

@@ -1,6 +1,8 @@
 #ifndef QUILLMERE_ICAL_KBTCALOBJECTENTRY_H
 #define QUILLMERE_ICAL_KBTCALOBJECTENTRY_H
 
+#include <memory>
+
 #include <quillmere/ical/KBTCalObject.h>
 #include <quillmere/platform/base/Export.h>
 

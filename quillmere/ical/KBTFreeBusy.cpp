@@ -2,6 +2,7 @@
 #include <quillmere/ical/KBTCalObject.h>
 #include <quillmere/ical/KBTFreeBusy.h>
 
+#include <cstdint>
 #include <string_view>
 #include <utility>
 

@@ -1,6 +1,7 @@
 #include <libintl.h>
 #include <quillmere/platform/base/KSStringTable.h>
 
+#include <cstddef>
 #include <initializer_list>
 
 namespace quillmere {

@@ -6,7 +6,6 @@
 #include <quillmere/platform/base/NSError.h>
 #include <quillmere/platform/dates/NSDate.h>
 
-#include <memory>
 #include <optional>
 #include <string>
 

@@ -4,6 +4,7 @@
 #include <quillmere/platform/dates/NSDate.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
 
 namespace quillmere {

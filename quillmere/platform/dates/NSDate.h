@@ -3,7 +3,7 @@
 
 #include <quillmere/platform/base/Export.h>
 
-#include <compare>
+#include <compare>  // IWYU pragma: keep
 #include <cstdint>
 #include <optional>
 #include <string>

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
+#include <iterator>
 #include <system_error>
 #include <unordered_map>
 #include <utility>
@@ -14,7 +15,7 @@ namespace {
 using Alias = std::pair<std::string_view, std::string_view>;  // a name, and the IANA name it means
 
 constexpr Alias windowsZones[] = {
-#include <quillmere/platform/dates/WindowsZones.inc>
+#include <quillmere/platform/dates/WindowsZones.inc>  // IWYU pragma: keep
 };
 
 // The abbreviations that calendar programs have in common use, each with the zone it is taken for

@@ -1,3 +1,4 @@
+#include <quillmere/platform/base/HWPreference.h>
 #include <quillmere/platform/base/makeObject.h>
 #include <quillmere/platform/events/EKEventStore.h>
 #include <quillmere/platform/events/EventBackend.h>
@@ -10,8 +11,10 @@
 #include <quillmere/platform/notifications/NSNotificationCenter.h>
 
 #include <algorithm>
+#include <map>
 #include <tuple>
 #include <utility>
+#include <variant>
 
 namespace quillmere {
 namespace {

@@ -2,7 +2,6 @@
 #define QUILLMERE_PLATFORM_EVENTS_EKEVENTSTORE_H
 
 #include <quillmere/platform/base/Export.h>
-#include <quillmere/platform/base/HWPreference.h>
 #include <quillmere/platform/base/NSError.h>
 #include <quillmere/platform/dates/NSDate.h>
 #include <quillmere/platform/events/EKCalendar.h>

@@ -7,7 +7,6 @@
 #include <quillmere/platform/events/EKEvent.h>
 
 #include <cstdint>
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>

@@ -1,6 +1,8 @@
 #include <quillmere/platform/events/EventBackend.h>
 #include <quillmere/platform/events/SQLiteDatabase.h>
 
+#include <cstddef>
+
 namespace quillmere {
 namespace {
 

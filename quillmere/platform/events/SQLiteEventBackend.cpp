@@ -8,6 +8,8 @@
 #include <algorithm>
 #include <bit>
 #include <charconv>
+#include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
