@@ -54,7 +54,6 @@ KBTDavConnection::initWithCalendarName_description_URL_forPrincipal_supportedCom
   auto connection = makeObject<KBTDavConnection>(std::move(name), std::move(description), URL,
                                                  std::move(principal), supportedComponents);
   connection->openSession();
-  connection->principal_->addConnection(connection);
   return connection;
 }
 
@@ -81,6 +80,11 @@ KBTDavConnection::KBTDavConnection(std::optional<std::string> name,
     canContainEvents_ = canContainEvents_ || kind == "VEVENT";
     canContainTodos_ = canContainTodos_ || kind == "VTODO";
   }
+}
+
+void KBTDavConnection::openSession() {
+  KBTDavRequestor::openSession();
+  principal_->addConnection(std::static_pointer_cast<KBTDavConnection>(shared_from_this()));
 }
 
 void KBTDavConnection::setDelegate(std::shared_ptr<KBTDavConnectionDelegate> delegate) {

@@ -118,6 +118,10 @@ class QUILLMERE_EXPORT KBTDavConnection : public KBTDavRequestor {
                    NSURL URL, std::shared_ptr<KBTDavPrincipal> principal,
                    const std::optional<HWXMLElement>& supportedComponents);
 
+  /// Makes the session, and the collection known to the principal. It is the last step of every
+  /// `init...`.
+  void openSession();
+
   std::optional<std::string> _getUsername() const override { return principal_->user(); }
   std::optional<std::string> _getPassword() const override { return principal_->password(); }
   void letGo() override;

@@ -18,7 +18,8 @@ namespace quillmere {
 
 class KBTDavConnection;
 
-/// A text for each resource, by its address: the href as the server wrote it.
+/// A text for each resource, by its address: the href as the server wrote it, without white space
+/// around it.
 using KBTDavResourceTexts = std::map<std::string, std::string, std::less<>>;
 /// The same with whole resources, in UTF-8. Each keeps the whole answer alive in which it came.
 using KBTDavResourceContents = std::map<std::string, NSData, std::less<>>;

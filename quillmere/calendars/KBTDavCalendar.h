@@ -114,6 +114,8 @@ class QUILLMERE_EXPORT KBTDavCalendar : public KBTSynchingCalendar,
   void calDavConnectionDidRemoveCalendar(KBTDavConnection& connection) override;
 
  protected:
+  /// The connection is not null. Its delegate is set when the calendar is made: the maker of a
+  /// subclass calls `connection()->setDelegate` with it.
   explicit KBTDavCalendar(std::shared_ptr<KBTDavConnection> connection);
 
  private:
