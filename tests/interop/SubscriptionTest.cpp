@@ -3,8 +3,7 @@
 #include <quillmere/calendars/KBTURLCalendar.h>
 #include <quillmere/platform/net/NSURLCredential.h>
 
-#include <cstdlib>
-
+#include "tests/interop/RunningServer.h"
 #include "tests/support/RecordingDelegate.h"
 #include "tests/support/SessionHost.h"
 
@@ -15,14 +14,9 @@ namespace quillmere {
 namespace {
 
 using ::testing::ElementsAre;
+using testing::environment;
 using ::testing::IsEmpty;
 using testing::Item;
-
-std::string environment(const char* name) {
-  const char* const value = std::getenv(name);
-  if (!value) throw std::runtime_error(std::string("run this by servers.py: no ") + name);
-  return value;
-}
 
 std::string event(const std::string& uid, const std::string& stamp) {
   return "BEGIN:VEVENT\r\nUID:" + uid + "\r\nDTSTAMP:" + stamp +
