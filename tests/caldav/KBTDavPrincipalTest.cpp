@@ -105,12 +105,15 @@ struct Fixture {
     principal->login();
     return eventsAfter();
   }
-  // Logs in where the principal has these properties and no calendars.
-  std::vector<std::string> loginAs(const std::string& props) {
+  // Logs in to where the principal's properties and the listing of its home are these.
+  std::vector<std::string> loginTo(const Answer& properties, const Answer& listing) {
     server.expect(whoAmI(principal->principalURL().path()), ownPrincipal());
-    server.expect(readPrincipal(), found("/p/alice/", props));
-    server.expect(listCalendars(), {.status = 207, .body = multistatus("")});
+    server.expect(readPrincipal(), properties);
+    server.expect(listCalendars(), listing);
     return login();
+  }
+  std::vector<std::string> loginAs(const std::string& props) {
+    return loginTo(found("/p/alice/", props), {.status = 207, .body = multistatus("")});
   }
   std::string pathOf(const NSURL& url) const {
     EXPECT_TRUE(url.absoluteString().starts_with(server.url(""))) << url.absoluteString();
@@ -170,7 +173,7 @@ TEST(KBTDavPrincipal, EveryRequestHasThePresetAuthorization) {
   Fixture f;
   f.principal->setAuthorization("Bearer x");
   const auto preset = [](ExpectedRequest request) {
-    request.fields.push_back({"Authorization", "Bearer x"});
+    request.fields.insert(request.fields.begin(), {"Authorization", "Bearer x"});
     return request;
   };
   f.server.expect(preset(whoAmI("/dav/")), ownPrincipal());
@@ -284,10 +287,8 @@ TEST(KBTDavPrincipal, AFailedStepEndsTheLoginAndKeepsWhatWasFound) {
   EXPECT_THAT(f.login(), ElementsAre("failed KBTDavConnection 404 not found"));
   EXPECT_EQ(f.pathOf(f.principal->principalURL()), "/dav/alice");
   // A second login starts from there.
-  f.server.expect(whoAmI("/dav/alice"), ownPrincipal());
-  f.server.expect(readPrincipal(), found("/p/alice/", homeAndOutbox));
-  f.server.expect(listCalendars(), {.status = 503});
-  EXPECT_THAT(f.login(), ElementsAre("failed KBTDavConnection 503 service unavailable"));
+  EXPECT_THAT(f.loginTo(found("/p/alice/", homeAndOutbox), {.status = 503}),
+              ElementsAre("failed KBTDavConnection 503 service unavailable"));
   EXPECT_EQ(f.pathOf(f.principal->principalURL()), "/p/alice/");
 }
 
@@ -378,16 +379,13 @@ TEST(KBTDavPrincipal, ASecondLoginAddsToTheFirst) {
   f.loginAs(homeAndOutbox + addresses({"urn:uuid:1", "mailto:a@example.com"}) + proxy);
   EXPECT_EQ(f.principal->readWriteProxies().size(), 1U);
   // Its first propstat counts, whatever its status; and the outbox is still known.
-  f.server.expect(whoAmI("/p/alice/"), ownPrincipal());
-  f.server.expect(readPrincipal(),
-                  {.status = 207,
-                   .body = multistatus(response(
-                       "/p/alice/", "<D:group-membership/>" + addresses({"mailto:b@example.com"}),
-                       "HTTP/1.1 404 Not Found"))});
-  f.server.expect(
-      listCalendars(),
-      {.status = 207, .body = multistatus(calendar("w/", "<D:displayname>W</D:displayname>"))});
-  EXPECT_THAT(f.login(), ElementsAre("logged in"));
+  const std::string later = "<D:group-membership/>" + addresses({"mailto:b@example.com"});
+  EXPECT_THAT(
+      f.loginTo(
+          {.status = 207,
+           .body = multistatus(response("/p/alice/", later, "HTTP/1.1 404 Not Found"))},
+          {.status = 207, .body = multistatus(calendar("w/", "<D:displayname>W</D:displayname>"))}),
+      ElementsAre("logged in"));
   EXPECT_THAT(f.principal->readWriteProxies(), IsEmpty());
   EXPECT_EQ(f.principal->originator(), "urn:uuid:1");
   for (const char* own : {"mailto:a@example.com", "mailto:b@example.com"}) {
@@ -395,10 +393,8 @@ TEST(KBTDavPrincipal, ASecondLoginAddsToTheFirst) {
     EXPECT_EQ(std::exchange(f.host->events, {}).size(), 1U) << own;
   }
   // A failed listing leaves the calendars as they were.
-  f.server.expect(whoAmI("/p/alice/"), ownPrincipal());
-  f.server.expect(readPrincipal(), found("/p/alice/", ""));
-  f.server.expect(listCalendars(), {.status = 500});
-  EXPECT_THAT(f.login(), ElementsAre("failed KBTDavConnection 500 internal server error"));
+  EXPECT_THAT(f.loginTo(found("/p/alice/", ""), {.status = 500}),
+              ElementsAre("failed KBTDavConnection 500 internal server error"));
   EXPECT_EQ(f.principal->calendars().size(), 1U);
 }
 
@@ -413,33 +409,29 @@ TEST(KBTDavPrincipal, ListsCalendars) {
     announced = f.principal->calendars().size();
     EXPECT_THAT(f.host->events, IsEmpty());
   });
-  f.server.expect(whoAmI("/dav/"), ownPrincipal());
-  f.server.expect(readPrincipal(), found("/p/alice/", homeAndOutbox));
-  f.server.expect(
-      listCalendars(),
-      {.status = 207,
-       .body = multistatus(
-           response("/c/alice/",
-                    "<D:resourcetype><D:collection/></D:resourcetype>"
-                    "<D:displayname>Home</D:displayname>") +
-           response("/c/alice/in/",
-                    "<D:resourcetype><C:schedule-inbox/></D:resourcetype>"
-                    "<D:displayname>In</D:displayname>") +
-           calendar("/c/alice/a/",
-                    granting("<D:privilege><D:read/></D:privilege>"
-                             "<D:privilege><D:write-content/></D:privilege>") +
-                        "<C:calendar-description>All</C:calendar-description>"
-                        "<C:supported-calendar-component-set><C:comp name=\"VTODO\"/>"
-                        "</C:supported-calendar-component-set>") +
-           calendar("b/", granting("<D:privilege><D:all/><D:write/></D:privilege>")) +
-           calendar("/c/alice/c/", "<D:displayname>WORK</D:displayname>") +
-           calendar("/c/alice/d/", "<D:displayname>Work</D:displayname>") +
-           calendar("/c/alice/nameless/", "<D:displayname/>") +
-           calendar("/c/alice/low/", "<D:displayname>Low</D:displayname>", "HTTP/1.1 200 ok") +
-           calendar("", "<D:displayname>Nowhere</D:displayname>") +
-           "<D:response><D:href>/e/"
-           "</D:href><D:status>HTTP/1.1 200 OK</D:status></D:response>")});
-  EXPECT_THAT(f.login(), ElementsAre("logged in"));
+  const Answer listing = {
+      .status = 207,
+      .body = multistatus(
+          response("/c/alice/",
+                   "<D:resourcetype><D:collection/></D:resourcetype>"
+                   "<D:displayname>Home</D:displayname>") +
+          response("/c/alice/in/",
+                   "<D:resourcetype><C:schedule-inbox/></D:resourcetype>"
+                   "<D:displayname>In</D:displayname>") +
+          calendar("/c/alice/a/", granting("<D:privilege><D:read/></D:privilege>"
+                                           "<D:privilege><D:write-content/></D:privilege>") +
+                                      "<C:calendar-description>All</C:calendar-description>"
+                                      "<C:supported-calendar-component-set><C:comp name=\"VTODO\"/>"
+                                      "</C:supported-calendar-component-set>") +
+          calendar("b/", granting("<D:privilege><D:all/><D:write/></D:privilege>")) +
+          calendar("/c/alice/c/", "<D:displayname>WORK</D:displayname>") +
+          calendar("/c/alice/d/", "<D:displayname>Work</D:displayname>") +
+          calendar("/c/alice/nameless/", "<D:displayname/>") +
+          calendar("/c/alice/low/", "<D:displayname>Low</D:displayname>", "HTTP/1.1 200 ok") +
+          calendar("", "<D:displayname>Nowhere</D:displayname>") +
+          "<D:response><D:href>/e/"
+          "</D:href><D:status>HTTP/1.1 200 OK</D:status></D:response>")};
+  EXPECT_THAT(f.loginTo(found("/p/alice/", homeAndOutbox), listing), ElementsAre("logged in"));
   EXPECT_EQ(announced, 4U);
   const auto calendars = f.principal->calendars();
   ASSERT_EQ(calendars.size(), 4U);
@@ -460,11 +452,8 @@ TEST(KBTDavPrincipal, ListsCalendars) {
   EXPECT_EQ(f.principal->caseInsensitiveCalendarNamed("\xff"), nullptr);
 
   // Each listing replaces the last; one that is no XML is empty.
-  f.server.expect(whoAmI("/p/alice/"), ownPrincipal());
-  f.server.expect(readPrincipal(), found("/p/alice/", std::string(homeAndOutbox) + mailAddress +
-                                                          "<D:group-membership/>"));
-  f.server.expect(listCalendars(), {.status = 200, .body = "<html>"});
-  EXPECT_THAT(f.login(), ElementsAre("logged in"));
+  EXPECT_THAT(f.loginTo(found("/p/alice/", homeAndOutbox), {.status = 200, .body = "<html>"}),
+              ElementsAre("logged in"));
   EXPECT_EQ(announced, 0U);
   EXPECT_THAT(f.principal->calendars(), IsEmpty());
 }

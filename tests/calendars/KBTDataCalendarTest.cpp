@@ -65,6 +65,7 @@ TEST_F(DataCalendar, ReportsNewChangedAndDeletedObjects) {
   EXPECT_EQ(fetch(event("UID:d\r\nDTSTAMP:1\r\n") + event("UID:c\r\nDTSTAMP:1\r\n") +
                   event("UID:b\r\nDTSTAMP:2\r\n")),
             (Log{"began", "new d 1", "update b 2", "gone a", "fetched"}));
+  EXPECT_EQ(host->readers.back(), event("UID:b\r\nDTSTAMP:2\r\n"));
   EXPECT_EQ(calendar->objectsByUniqueName().keys(), (Log{"b", "c", "d"}));
 }
 

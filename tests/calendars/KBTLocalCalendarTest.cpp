@@ -425,6 +425,7 @@ TEST_F(LocalCalendar, ReadersShowEightLines) {
     EXPECT_TRUE(reader->isAtEnd());
     std::vector<std::string> lines;
     while (reader->nextLine()) {
+      EXPECT_FALSE(reader->isAtEnd());
       bool isFullDay = true;
       const auto date = reader->valueAsDateIsFullDay(isFullDay);
       lines.push_back(std::string(*reader->key()) + ":" +

@@ -98,9 +98,6 @@ TEST(KBTURLCalendar, StandsForItsAddress) {
   EXPECT_TRUE(calendar->isEqualToCalendar(*calendarAt("http://127.0.0.1/a.ics")));
   EXPECT_FALSE(calendar->isEqualToCalendar(*calendarAt("http://127.0.0.1/b.ics")));
   EXPECT_FALSE(calendar->isEqualToCalendar(*KBTDataCalendar::init()));
-  EXPECT_EQ(calendar->cachingString(), std::nullopt);
-  calendar->setCachingString("\"1\"");
-  EXPECT_EQ(calendar->cachingString(), "\"1\"");
 }
 
 TEST(KBTURLCalendar, ACheckComparesTheTagWhateverTheStatus) {

@@ -1,14 +1,271 @@
 #include <gtest/gtest.h>
+#include <quillmere/calendars/KBTDavCalendar.h>
 
-#include "tests/faults/SyncRun.h"
+#include <algorithm>
+#include <atomic>
+#include <map>
+#include <mutex>
 
-// A whole run of a host in which the server fails at one request, in every way, for every request;
-// and a run after it with a server that is well again.
+#include "tests/support/CalDavAnswers.h"
+#include "tests/support/KeepingDelegate.h"
+#include "tests/support/PrincipalHost.h"
+#include "tests/support/RawServer.h"
+#include "tests/support/ScriptedServer.h"
+#include "tests/support/SessionHost.h"
+
+// A whole run of a host (login, fetch, save, fetch) in which the server fails at one request, in
+// every way, for every request; and a run after it with a server that is well again.
 
 namespace quillmere {
 namespace {
 
-using testing::Answer, testing::Host, testing::ReceivedRequest, testing::Server;
+using testing::Answer, testing::anyBody, testing::Item, testing::multistatus,
+    testing::PrincipalHost, testing::RawServer, testing::ReceivedRequest, testing::response,
+    testing::runUntil, testing::ScriptedServer, testing::tag;
+namespace raw = testing::raw;
+using Texts = std::map<std::string, std::string>;  // by name
+
+std::string component(const std::string& summary) {
+  return "BEGIN:VEVENT\r\nSUMMARY:" + summary + "\r\nEND:VEVENT\r\n";
+}
+
+// A CalDAV server with one collection, and its resources.
+class Server {
+ public:
+  Server() {
+    for (const char* name : {"edited", "kept", "deleted"}) resources_[name] = {"1", component("1")};
+    for (const char* name : {"changed", "new"}) resources_[name] = {"2", component("other's")};
+    server_.setOnRequest([this](const ReceivedRequest& request) {
+      if (!request.value("Authorization")) {
+        return server_.expect({.method = request.method, .path = request.path, .body = anyBody},
+                              {.status = 401, .challenges = {{}}});
+      }
+      Answer answer = answerTo(request);
+      if (count_++ == faultAt_) fault_(request, answer);
+      server_.expect({.method = request.method,
+                      .path = request.path,
+                      .body = anyBody,
+                      .credential = testing::Credential{.user = "alice", .password = "secret"}},
+                     std::move(answer));
+    });
+  }
+  std::string url(const char* path) const { return server_.url(path); }
+
+  /// Before a run: what is to become of the answer to one of its requests, counted from 0.
+  using Fault = std::function<void(const ReceivedRequest&, Answer&)>;
+  void failAt(std::size_t request, Fault fault) {
+    faultAt_ = request;
+    fault_ = std::move(fault);
+  }
+  /// How many requests have come with a credential.
+  std::size_t requestCount() const { return count_; }
+
+  struct Resource {
+    std::string etag;
+    std::string text;
+  };
+  std::map<std::string, Resource> resources() const {
+    const std::lock_guard lock(mutex_);
+    return resources_;
+  }
+
+ private:
+  Answer answerTo(const ReceivedRequest& request) {
+    const std::lock_guard lock(mutex_);
+    const std::string& path = request.path;
+    if (request.method == "REPORT") return report(request.body);
+    if (request.method == "PUT") {
+      resources_[nameOf(path)] = {std::to_string(++tag_), request.body};
+      return {.status = 201, .fields = {{"ETag", std::to_string(tag_)}}};
+    }
+    if (request.method == "DELETE") {
+      ++tag_;
+      return {.status = resources_.erase(nameOf(path)) > 0 ? 204U : 404U};
+    }
+    if (path == "/") {
+      return multistatus(response(path,
+                                  "<current-user-principal><href>/p/alice/</href>"
+                                  "</current-user-principal>"));
+    }
+    if (path == "/p/alice/") {
+      return multistatus(response(path,
+                                  "<calendar-home-set><href>/c/</href></calendar-home-set>"
+                                  "<schedule-outbox-URL><href>/o/</href></schedule-outbox-URL>"));
+    }
+    if (path == "/c/") {
+      return multistatus(response("/c/w/",
+                                  "<resourcetype><calendar/></resourcetype>"
+                                  "<displayname>Work</displayname>"));
+    }
+    if (request.method == "GET") {
+      return {.fields = {{"ETag", resources_[nameOf(path)].etag}}};
+    }
+    return tag(std::to_string(tag_));
+  }
+
+  Answer report(const std::string& body) const {
+    const bool isListing = body.find("calendar-multiget") == std::string::npos;
+    std::string rows;
+    for (const auto& [name, resource] : resources_) {
+      const std::string href = "/c/w/" + name + ".ics";
+      if (isListing) {
+        rows += testing::resource(href, resource.etag);
+      } else if (body.find(href) != std::string::npos) {
+        rows += testing::resource(href, resource.etag, resource.text);
+      }
+    }
+    return multistatus(rows);
+  }
+
+  static std::string nameOf(const std::string& path) {
+    const std::size_t start = path.rfind('/') + 1;
+    return path.substr(start, path.rfind('.') - start);
+  }
+
+  mutable std::mutex mutex_;
+  std::map<std::string, Resource> resources_;
+  unsigned tag_ = 2;
+  std::atomic<std::size_t> count_ = 0;
+  std::size_t faultAt_ = SIZE_MAX;
+  Fault fault_;
+  ScriptedServer server_;
+};
+
+// A host as the documentation advises: it applies nothing of a fetch that failed or leaves it
+// without any object, and keeps each change until it has heard that it was saved.
+class Host : public testing::KeepingDelegate, public std::enable_shared_from_this<Host> {
+ public:
+  std::map<std::string, std::optional<std::string>> pending;  // texts; null deletes
+
+  Host() {
+    for (const char* name : {"edited", "kept", "deleted", "changed", "gone"}) {
+      objects[name] = Item::make(name, "1", component("1"));
+    }
+    pending = {{"inserted", component("mine")}, {"edited", component("mine")}, {"deleted", {}}};
+    onCallback = [](const std::string&) { NSRunLoop::currentRunLoop().stop(); };
+  }
+
+  void run(const std::string& url) {
+    const auto account = std::make_shared<PrincipalHost>();
+    account->onEvent = [] { NSRunLoop::currentRunLoop().stop(); };
+    const auto principal = KBTDavPrincipal::initWithDelegate_username_andPassword_forServer(
+        account, "alice", "secret", NSURL::URLWithString(url).value());
+    log.clear();
+    principal->login();
+    EXPECT_TRUE(runUntil([&] { return !account->events.empty(); }));
+    int operations = 0;
+    if (!principal->calendars().empty()) {
+      const auto calendar = KBTDavCalendar::initWithDavConnection(principal->calendars()[0]);
+      calendar->setDelegate(shared_from_this());
+      fetch(*calendar);
+      save(*calendar);
+      fetch(*calendar);
+      operations = 1;
+    }
+    principal->invalidate();
+    NSRunLoop::currentRunLoop().runUntilDate(NSDate::date());
+    EXPECT_EQ(account->events.size(), 1U);
+    EXPECT_EQ(count("fetched"), 2 * operations);
+    EXPECT_EQ(count("saved"), operations);
+  }
+
+  Texts texts() const {
+    Texts all;
+    for (const auto& [name, item] : objects) all[name] = item->version + " " + item->ics;
+    return all;
+  }
+
+  void synchingCalendar_didInsert_versionString(KBTSynchingCalendar& calendar,
+                                                const KBTClientObject& object,
+                                                const std::string& version) override {
+    KeepingDelegate::synchingCalendar_didInsert_versionString(calendar, object, version);
+    wasSaved(object);
+  }
+  void synchingCalendar_didUpdate_versionString(KBTSynchingCalendar& calendar,
+                                                const KBTClientObject& object,
+                                                const std::string& version) override {
+    KeepingDelegate::synchingCalendar_didUpdate_versionString(calendar, object, version);
+    wasSaved(object);
+  }
+  void synchingCalendar_didDelete(KBTSynchingCalendar& calendar,
+                                  const KBTClientObject& object) override {
+    KeepingDelegate::synchingCalendar_didDelete(calendar, object);
+    objects.erase(Item::of(object).name);
+    pending.erase(Item::of(object).name);
+  }
+
+  std::ptrdiff_t count(const std::string& start) const {
+    return std::count_if(log.begin(), log.end(),
+                         [&](const std::string& line) { return line.starts_with(start); });
+  }
+
+ private:
+  void wasSaved(const KBTClientObject& object) {
+    const auto item = std::static_pointer_cast<Item>(object);
+    objects[item->name] = item;
+    pending.erase(item->name);
+  }
+
+  void fetch(KBTDavCalendar& calendar) {
+    const auto before = objects;
+    std::map<std::string, Item> items;
+    for (const auto& [name, item] : objects) items[name] = *item;
+    std::vector<KBTClientObject> all;
+    for (const auto& [name, item] : objects) all.push_back(item);
+    calendar.setObjects(all);
+    calendar.setCachingString(cachingString_);
+    calendar.fetchExternalChanges();
+    EXPECT_TRUE(runUntil([&] { return !calendar.isChecking(); }));
+    if (log.back() == "fetched" && !objects.empty()) {
+      cachingString_ = calendar.cachingString();
+      std::erase_if(pending, [&](const auto& change) {
+        return !change.second && !objects.contains(change.first);
+      });
+      return;
+    }
+    objects = before;
+    for (const auto& [name, item] : objects) *item = items[name];
+    calendar.setObjects(all);
+  }
+
+  // The caching string of before stays, since the one after also covers what others have written.
+  void save(KBTDavCalendar& calendar) {
+    const std::size_t changes = pending.size();
+    for (const auto& [name, text] : std::map(pending)) {
+      const auto known = objects.find(name);
+      if (known == objects.end()) {
+        calendar.insertObject(Item::make(name, "", *text));
+      } else if (text) {
+        known->second->ics = *text;
+        calendar.updateObject(known->second);
+      } else {
+        calendar.deleteObject(known->second);
+      }
+    }
+    calendar.saveChanges();
+    EXPECT_TRUE(runUntil([&] { return !calendar.isSaving(); }));
+    const auto outcomes = count("inserted ") + count("updated ") + count("deleted ") +
+                          count("failed ") - count("failed KBTDavCalendar_FinishedSaving");
+    EXPECT_EQ(static_cast<std::size_t>(outcomes), changes);
+  }
+
+  std::optional<std::string> cachingString_;
+};
+
+void expectAgreement(const Host& host, const Server& server) {
+  Texts texts, onServer;
+  for (const auto& [name, resource] : server.resources()) {
+    texts[name] = resource.text;
+    onServer[name] = resource.etag + " " + resource.text;
+  }
+  EXPECT_EQ(texts, (Texts{{"inserted", component("mine")},
+                          {"edited", component("mine")},
+                          {"kept", component("1")},
+                          {"changed", component("other's")},
+                          {"new", component("other's")}}));
+  EXPECT_EQ(host.texts(), onServer);
+  EXPECT_TRUE(host.pending.empty());
+}
 
 std::string replaced(std::string text, const std::string& from, const std::string& to) {
   for (std::size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size()) {
@@ -22,6 +279,14 @@ struct Fault {
   Server::Fault apply;
   bool emptiesListing = false;  // a listing like this has nothing of what the host knows
 };
+
+// Where the connection is lost after these bytes. The server has done what it was asked for.
+Server::Fault lostAfter(const char* bytes) {
+  return [bytes, server = std::make_shared<RawServer>()](const ReceivedRequest&, Answer& answer) {
+    server->play({raw::readHead(), raw::write(bytes), raw::close()});
+    answer = {.status = 307, .fields = {{"Location", server->url("/")}}};
+  };
+}
 
 std::vector<Fault> faults() {
   const auto status = [](unsigned code) {
@@ -45,6 +310,9 @@ std::vector<Fault> faults() {
        [](const ReceivedRequest& request, Answer& answer) {
          answer = {.status = 302, .fields = {{"Location", request.path}}};
        }},
+      {"lost", lostAfter("")},
+      {"cut off", lostAfter("HTTP/1.1 207 Multi-Status\r\nContent-Length: 9999\r\n\r\n<multistatus>"
+                            "</multistatus>")},
       {"page", status(200), true},
       {"empty", body(""), true},
       {"no responses", body("<multistatus/>"), true},
