@@ -144,6 +144,12 @@ TEST_F(DataCalendar, CarriesNamesAndVersionsFromItemToItem) {
   for (const auto& c : cases) EXPECT_EQ(reports(c.items), c.reports) << c.what;
 }
 
+TEST_F(DataCalendar, ASecondEndHandsTheSameReaderOverAgain) {
+  EXPECT_EQ(reports(event("UID:a\r\nDTSTAMP:1\r\n") + "UID:b\r\nEND:VTODO\r\n"),
+            (Log{"new a 1", "new b 1"}));
+  EXPECT_EQ(host->readers[1], host->readers[0]);
+}
+
 TEST_F(DataCalendar, WhatAFetchCompares_IsTakenBeforeItBegins) {
   const auto late = Item::make("late");
   host->onCallback = [&](const std::string& line) {
@@ -210,8 +216,10 @@ TEST_F(DataCalendar, WithoutADocumentEverythingIsGone) {
 
 TEST_F(DataCalendar, AFetchDoesNotLookAtPendingChanges) {
   calendar->insertObject(Item::make("unsaved"));
+  calendar->deleteObject(Item::make("a"));
   EXPECT_EQ(fetch(event("UID:a\r\nDTSTAMP:1\r\n")),
             (Log{"began", "new a 1", "gone unsaved", "fetched"}));
+  EXPECT_EQ(calendar->objectsByUniqueName().keys(), Log{"a"});
   EXPECT_TRUE(calendar->hasPendingChanges());
 }
 
@@ -236,6 +244,12 @@ TEST_F(DataCalendar, NamesTheCalendarUnescapedAndTheHostsVersion) {
   EXPECT_EQ(calendar->written,
             "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nX-WR-CALNAME:Work, home; and\\more\r\n"
             "PRODID:-//Tessaly//Ridgeline 7.2//EN\r\nCALSCALE:GREGORIAN\r\nEND:VCALENDAR\r\n");
+}
+
+TEST_F(DataCalendar, AnEmptyNameIsWritten) {
+  calendar->setCalendarName("");
+  calendar->saveChanges();
+  EXPECT_NE(calendar->written.find("\r\nX-WR-CALNAME:\r\n"), std::string::npos);
 }
 
 TEST_F(DataCalendar, APendingDeletionIsStillWrittenAndForgottenAfterwards) {

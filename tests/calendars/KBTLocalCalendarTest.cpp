@@ -394,8 +394,6 @@ TEST_F(LocalCalendar, FoldersOfContainersAreAnnouncedOnceMore) {
   const NSNotificationUserInfo contained = {{"CalCalendarsDirectoryKey", container}, {"more", 5}};
   const NSNotificationUserInfo repaired = {
       {"CalCalendarsDirectoryKey", "/Users/u/Library/Calendars"}, {"more", 5}};
-  const std::vector<NSNotificationUserInfo> left = {
-      repaired, {{"CalCalendarsDirectoryKey", "/Users/u/Containers"}}, {}};
   auto& center = NSDistributedNotificationCenter::defaultCenter();
   for (const char* const name :
        {"com.apple.CalendarStore.CalDistributedEventsChangedNotification",
@@ -406,8 +404,8 @@ TEST_F(LocalCalendar, FoldersOfContainersAreAnnouncedOnceMore) {
         name, "sender", [&](const NSDistributedNotification& notification) {
           heard.push_back(notification.userInfo);
         });
-    auto expected = left;
-    expected.push_back(contained);
+    std::vector<NSNotificationUserInfo> expected = {
+        repaired, {{"CalCalendarsDirectoryKey", "/Users/u/Containers"}}, {}, contained};
     for (const auto& userInfo : expected) {
       center.postNotificationName_object_userInfo(name, "sender", userInfo);
     }

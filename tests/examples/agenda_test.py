@@ -7,7 +7,6 @@ import os
 import resource
 import shutil
 import signal
-import subprocess
 import sys
 import time
 import unittest
@@ -141,9 +140,9 @@ class AgendaTest(ProgramTest):
                   "Unrecognized date format: The date-only string “s\ufffdoon” could not be parsed "
                   "as a date.\n")
         nothing = "Nothing takes place on these days.\n"
-        for day, shown in {
-                "2026-05-03": nothing, "2026-05-05": nothing + listed,
-                "2026-05-04": f"Mon 2026-05-04\n  08:00        X\ufffd (repeats)\n{listed}"}.items():
+        start = "Mon 2026-05-04\n  08:00        X\ufffd (repeats)\n"
+        for day, shown in (("2026-05-03", nothing), ("2026-05-04", start + listed),
+                           ("2026-05-05", nothing + listed)):
             out = self.agenda("--zone", "UTC", "--from", day, "--days", 1, path).out
             self.assertEqual(out, shown)
 
@@ -179,12 +178,6 @@ class AgendaTest(ProgramTest):
         out = self.agenda("--zone", "UTC", "--from", "2026-05-04", "--days", 36500, path).out
         self.assertIn("\n    FREQ=MINUTELY: gives too many dates", out)
         self.assertLess(time.monotonic() - begin, 20)
-
-    def test_output_that_cannot_be_written_is_an_error(self):
-        with open("/dev/full", "wb") as full:
-            result = subprocess.run([AGENDA, "--list", self.team], stdout=full, stderr=-1)
-        self.assertEqual(result.returncode, 1)
-        self.assertIn(b"could not be written", result.stderr)
 
     # State.
 
@@ -266,8 +259,9 @@ class AgendaTest(ProgramTest):
                 self.agenda("--state", self.state, path)
                 components, properties = blocks(path.read_bytes())
                 uid = self.added_uid(self.agenda(
-                    "--zone", "Europe/Berlin", "--state", self.state, "--add", "Brückentag; frei, für alle",
-                    "--start", "2026-05-15", "--end", "2026-05-16", "--location", "zu Hause",
+                    "--zone", "Europe/Berlin", "--state", self.state,
+                    "--add", "Brückentag; frei, für alle", "--start", "2026-05-15",
+                    "--end", "2026-05-16", "--location", "zu Hause",
                     "--description", "Zeile 1\nZeile 2", path))
                 new_components, new_properties = blocks(path.read_bytes())
                 self.assertEqual(new_components[:-1], components)

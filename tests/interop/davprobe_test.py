@@ -59,7 +59,8 @@ class DavProbeTest(ProgramTest):
         odd = "50% off? #1 a:b+c@d & für %41"
         tags = {"tea": self.put("tea", EVENT), "my ferry": self.put("my ferry", TO_DO),
                 odd: self.put(odd, calendar("VEVENT", "odd", "Sale"))}
-        self.assertEqual(self.davprobe(self.url, "list").out, "".join(f"{name}\t{tags[name]}\n" for name in sorted(tags)))
+        self.assertEqual(self.davprobe(self.url, "list").out,
+                         "".join(f"{name}\t{tags[name]}\n" for name in sorted(tags)))
         self.assertEqual(self.davprobe(self.url, "get", odd).stdout.replace(b"\r", b""),
                          calendar("VEVENT", "odd", "Sale").replace(b"\r", b""))
         self.davprobe(self.url, "delete", odd)

@@ -304,8 +304,9 @@ class Model {
     const Name& name = nameOf(request.name);
     const ExpectedRequest put{.method = "PUT",
                               .path = "/c/" + std::string(name.wire) + ".ics",
-                              .absent = {"If-Match", "If-None-Match"},
-                              .body = request.body};
+                              .fields = {{"Content-Type", "text/calendar"}},
+                              .body = request.body,
+                              .noOtherFields = true};
     const unsigned status = request.body.empty() ? 415 : failure();
     if (status > 0) {
       expect(put, {.status = status});
@@ -346,7 +347,8 @@ class Model {
 
   void answerDelete(const std::string& name) {
     const ExpectedRequest request{.method = "DELETE",
-                                  .path = "/c/" + std::string(nameOf(name).wire) + ".ics"};
+                                  .path = "/c/" + std::string(nameOf(name).wire) + ".ics",
+                                  .noOtherFields = true};
     const unsigned status = failure();
     expect(request, {.status = status > 0 ? status : 204});
     if (status > 0 && status != 404) return saveFailed(name, status);
