@@ -172,6 +172,31 @@ TEST(KBTDavRequestor, AnswersAChallengeOnceWithUserAndPassword) {
                           "moved KBTDavConnection 401"));
 }
 
+// A requestor that is no account answers for nobody. What a host does with its session is the
+// host's: no credential goes out there.
+TEST(KBTDavRequestor, WithoutAnAccountTheCredentialIsEmpty) {
+  const auto requestor = KBTDavRequestor::init();
+  std::shared_ptr<NSURLCredential> given;
+  requestor->URLSession_didReceiveChallenge_completionHandler(
+      *requestor->urlSession(),
+      *NSURLAuthenticationChallenge::
+          initWithProtectionSpace_proposedCredential_previousFailureCount_failureResponse(
+              NSURLProtectionSpace::initWithHost_port_protocol_realm_authenticationMethod(
+                  "h", 80, "http", "r", NSURLAuthenticationMethodHTTPBasic),
+              nullptr, 0, nullptr),
+      [&](NSURLSessionAuthChallengeDisposition, const auto& credential) { given = credential; });
+  ASSERT_NE(given, nullptr);
+  EXPECT_EQ(given->user(), "");
+  EXPECT_EQ(given->password(), "");
+
+  ScriptedServer server;
+  server.expect({.path = "/"}, {.status = 401, .challenges = {{}}});
+  const auto task = requestor->urlSession()->dataTaskWithRequest(
+      NSMutableURLRequest::requestWithURL(NSURL::URLWithString(server.url("/")).value()));
+  task->resume();
+  EXPECT_TRUE(runUntil([&] { return task->state() == NSURLSessionTaskState::completed; }));
+}
+
 TEST(KBTDavRequestor, TransportErrorsArriveAsTheyAre) {
   RawServer server;
   server.play({raw::readHead(), raw::close()});

@@ -3,13 +3,13 @@
 #include <gtest/gtest.h>
 #include <quillmere/platform/base/NSData.h>
 #include <quillmere/platform/base/NSFileManager.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <string>
 
 #include "CalendarHost.h"
 #include "Problems.h"
+#include "tests/support/TemporaryFolder.h"
 
 namespace agenda {
 namespace {
@@ -17,6 +17,8 @@ namespace {
 namespace fs = std::filesystem;
 using quillmere::NSData;
 using quillmere::NSDate;
+using quillmere::testing::readFile;
+using quillmere::testing::TemporaryFolder;
 
 std::string event(const std::string& uid) {
   return "BEGIN:VEVENT\r\nUID:" + uid + "\r\nDTSTAMP:20260101T000000Z\r\nSUMMARY:of " + uid +
@@ -25,13 +27,6 @@ std::string event(const std::string& uid) {
 
 class CalendarHostTest : public testing::Test {
  protected:
-  CalendarHostTest() {
-    std::string pattern = (fs::temp_directory_path() / "agenda-XXXXXX").string();
-    folder_ = ::mkdtemp(pattern.data());
-    path_ = folder_ / "calendar.ics";
-  }
-  ~CalendarHostTest() override { fs::remove_all(folder_); }
-
   // Each call makes the file younger, however coarse the file system's clock is.
   void write(const std::string& components) {
     const auto error = quillmere::NSFileManager::writeData_toFileAtomically(
@@ -43,11 +38,6 @@ class CalendarHostTest : public testing::Test {
     fs::last_write_time(path_, start_ - age_);
   }
 
-  std::string file() const {
-    const auto data = NSData::dataWithContentsOfFile(path_);
-    return data ? std::string(data->view()) : "";
-  }
-
   static Fields someEvent() {
     Fields fields;
     fields.summary = "added";
@@ -55,8 +45,8 @@ class CalendarHostTest : public testing::Test {
     return fields;
   }
 
-  fs::path folder_;
-  fs::path path_;
+  TemporaryFolder folder_;
+  std::string path_ = folder_ / "calendar.ics";
 
  private:
   fs::file_time_type start_ = fs::file_time_type::clock::now();
@@ -77,7 +67,7 @@ TEST_F(CalendarHostTest, KeepsWhatIsWrittenWhileItReads) {
 
   EXPECT_TRUE(host->objects().contains("meanwhile"));
   EXPECT_TRUE(host->objects().contains(uid));
-  EXPECT_NE(file().find(event("old") + event("meanwhile") + "BEGIN:VEVENT\r\nUID:" + uid),
+  EXPECT_NE(readFile(path_).find(event("old") + event("meanwhile") + "BEGIN:VEVENT\r\nUID:" + uid),
             std::string::npos);
 }
 

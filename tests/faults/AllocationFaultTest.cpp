@@ -14,7 +14,7 @@
 #include <new>
 
 #include "tests/support/AllocationFaults.h"
-#include "tests/support/RecordingDelegate.h"
+#include "tests/support/KeepingDelegate.h"
 #include "tests/support/TemporaryFolder.h"
 
 // Everything that works without a network, again and again: the first allocation fails, then the
@@ -26,8 +26,8 @@ extern "C" int fsync(int) { return 0; }
 namespace quillmere {
 namespace {
 
-using testing::AllocationFault, testing::Allocations, testing::Item, testing::readFile,
-    testing::RecordingDelegate, testing::TemporaryFolder, testing::writeFile;
+using testing::AllocationFault, testing::Allocations, testing::Item, testing::KeepingDelegate,
+    testing::readFile, testing::TemporaryFolder, testing::writeFile;
 namespace fs = std::filesystem;
 
 // Longer than what strings hold in themselves, so that it takes an allocation.
@@ -114,20 +114,11 @@ std::string repeat(const std::string&) {
   return text;
 }
 
-// A host that keeps what it is told, and answers the same in a save.
-struct KeepingHost : RecordingDelegate {
-  KBTClientObject synchingCalendar_newObjectNamed_versionString_data(
-      KBTSynchingCalendar&, const std::string& name, const std::string& version,
-      const std::shared_ptr<KBTCalObject>& reader) override {
-    return objects[name] = Item::make(name, version, std::string(reader->icsData().view()));
-  }
-};
-
 struct FileHost {
   explicit FileHost(const std::string& path) : calendar(KBTFileCalendar::initWithPath(path)) {
     calendar->setDelegate(host);
   }
-  std::shared_ptr<KeepingHost> host = std::make_shared<KeepingHost>();
+  std::shared_ptr<KeepingDelegate> host = std::make_shared<KeepingDelegate>();
   std::shared_ptr<KBTFileCalendar> calendar;
 };
 

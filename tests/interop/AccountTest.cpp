@@ -4,11 +4,11 @@
 #include <quillmere/ical/KBTMutableCalObject.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <map>
 
+#include "tests/interop/RunningServer.h"
+#include "tests/support/KeepingDelegate.h"
 #include "tests/support/PrincipalHost.h"
-#include "tests/support/RecordingDelegate.h"
 #include "tests/support/SessionHost.h"
 
 // An account on the server that `servers.py` started: what a login finds, and two clients that keep
@@ -19,9 +19,10 @@ namespace {
 
 using ::testing::ContainsRegex;
 using ::testing::ElementsAre;
+using testing::environment;
 using testing::Item;
+using testing::KeepingDelegate;
 using testing::PrincipalHost;
-using testing::RecordingDelegate;
 using testing::runUntil;
 using ::testing::StartsWith;
 
@@ -44,19 +45,7 @@ constexpr Account accountsOfServers[] = {
     {.server = "xandikos", .hasOutbox = false},
 };
 
-std::string environment(const char* name) {
-  const char* const value = std::getenv(name);
-  if (!value) throw std::runtime_error(std::string("run this by servers.py: no ") + name);
-  return value;
-}
-
-const Account& account() {
-  const std::string name = environment("QUILLMERE_INTEROP_SERVER");
-  for (const Account& known : accountsOfServers) {
-    if (name == known.server) return known;
-  }
-  throw std::runtime_error("nothing is known of " + name);
-}
+const Account& account() { return testing::rowOfServer(accountsOfServers); }
 
 NSDate utc(const char* text) { return NSDate::initWithICSDateString(text).value(); }
 
@@ -97,31 +86,6 @@ std::vector<std::string> comparable(const std::string& text) {
   return {bytes};
 }
 
-// A host that keeps the texts of its objects.
-class Host : public RecordingDelegate {
- public:
-  KBTClientObject synchingCalendar_newObjectNamed_versionString_data(
-      KBTSynchingCalendar& calendar, const std::string& name, const std::string& version,
-      const std::shared_ptr<KBTCalObject>& data) override {
-    RecordingDelegate::synchingCalendar_newObjectNamed_versionString_data(calendar, name, version,
-                                                                          data);
-    objects[name]->ics = readers.back();
-    return objects[name];
-  }
-  void synchingCalendar_updateForObject_versionString_data(
-      KBTSynchingCalendar& calendar, const KBTClientObject& object, const std::string& version,
-      const std::shared_ptr<KBTCalObject>& data) override {
-    RecordingDelegate::synchingCalendar_updateForObject_versionString_data(calendar, object,
-                                                                           version, data);
-    Item::of(object).ics = readers.back();
-  }
-  void synchingCalendar_deletionForObject(KBTSynchingCalendar& calendar,
-                                          const KBTClientObject& object) override {
-    RecordingDelegate::synchingCalendar_deletionForObject(calendar, object);
-    objects.erase(Item::of(object).name);
-  }
-};
-
 // Some servers take a quarter of a second for each request, on a busy machine more.
 constexpr int secondsToWait = 60;
 
@@ -138,7 +102,7 @@ class Client {
   ~Client() { principal->invalidate(); }
 
   std::shared_ptr<PrincipalHost> listener = std::make_shared<PrincipalHost>();
-  std::shared_ptr<Host> host = std::make_shared<Host>();
+  std::shared_ptr<KeepingDelegate> host = std::make_shared<KeepingDelegate>();
   std::shared_ptr<KBTDavPrincipal> principal;
   std::shared_ptr<KBTDavCalendar> calendar;
 

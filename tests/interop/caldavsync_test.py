@@ -4,22 +4,19 @@ Usage: caldavsync_test.py CALDAVSYNC
 """
 
 import os
-import pty
-import select
 import shutil
 import signal
 import subprocess
 import sys
-import tempfile
-import threading
-import time
 import unittest
 import xml.etree.ElementTree as ElementTree
-from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 from pathlib import Path
 from xml.sax.saxutils import escape
 
 from servers import PASSWORD, USER, Server
+
+sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "support"))
+from programs import ProgramTest, ScriptedHandler, ScriptedServer
 
 CALDAVSYNC = os.path.abspath(sys.argv[1])
 STATE = ".caldavsync"
@@ -34,26 +31,16 @@ def calendar(summary, uid=None, kind="VEVENT", line_end="\r\n"):
     return line_end.join(lines).encode()
 
 
-class ScriptedServer(ThreadingHTTPServer):
+class CalDavServer(ScriptedServer):
     """A CalDAV server of one calendar, without a login. `name` is the calendar's, None when it is
-    gone; `resources` are entity tag and text by href, as listed; where `page` is true every REPORT gets an HTML page; `on_request` hears method and path of each
-    request once it was carried out, before the answer is sent."""
-
-    daemon_threads = True
+    gone; `resources` are entity tag and text by href, as listed; where `page` is true every REPORT
+    gets an HTML page; `on_request` hears the method of each request once it was carried out, before
+    the answer is sent."""
 
     def __init__(self):
-        super().__init__(("127.0.0.1", 0), ScriptedHandler)
-        self.url = f"http://127.0.0.1:{self.server_port}/"
         self.name, self.resources, self.page, self.version = "Work", {}, False, 0
-        self.on_request = lambda method, path: None
-        threading.Thread(target=self.serve_forever, kwargs={"poll_interval": 0.01}).start()
-
-    def __exit__(self, *_):
-        self.shutdown()
-        self.server_close()
-
-    def handle_error(self, *_):
-        pass  # a client that was killed
+        self.on_request = lambda method: None
+        super().__init__(CalDavHandler)
 
     def put(self, href, text):
         self.version += 1
@@ -64,20 +51,10 @@ class ScriptedServer(ThreadingHTTPServer):
         self.resources.pop(href, None)
 
 
-class ScriptedHandler(BaseHTTPRequestHandler):
-    protocol_version = "HTTP/1.1"
-    disable_nagle_algorithm = True
-
-    def log_message(self, *_):
-        pass
-
+class CalDavHandler(ScriptedHandler):
     def answer(self, status, text="", **fields):
-        self.server.on_request(self.command, self.path)
-        self.send_response(status)
-        for name, value in {"Content-Length": len(text.encode())}.items() | fields.items():
-            self.send_header(name, value)
-        self.end_headers()
-        self.wfile.write(text.encode())
+        self.server.on_request(self.command)
+        super().answer(status, fields, text.encode())
 
     def multistatus(self, rows):
         self.answer(207, '<multistatus xmlns="DAV:">' + "".join(
@@ -127,27 +104,22 @@ class ScriptedHandler(BaseHTTPRequestHandler):
         self.answer(204)
 
 
-class CalDavSyncTest(unittest.TestCase):
+class CalDavSyncTest(ProgramTest):
     def setUp(self):
-        self.folder = Path(self.enterContext(tempfile.TemporaryDirectory()))
-        self.environment = {name: value for name, value in os.environ.items()
-                            if not name.startswith(("QUILLMERE", "KBT"))}
-        self.environment |= {"QUILLMERE_USER": USER, "QUILLMERE_PASSWORD": PASSWORD,
-                             "LC_ALL": "C.UTF-8"}
+        super().setUp()
+        self.environment |= {"QUILLMERE_USER": USER, "QUILLMERE_PASSWORD": PASSWORD}
 
     def scripted(self):
-        server = self.enterContext(ScriptedServer())
+        server = self.enterContext(CalDavServer())
         self.url = server.url
         return server
 
     def sync(self, mirror="a", *options, status=0, environment={}):
-        """What it prints, of errors those of standard error."""
-        result = subprocess.run([CALDAVSYNC, *options, self.url, self.folder / mirror], timeout=30,
-                                capture_output=True, stdin=subprocess.DEVNULL,
-                                start_new_session=True, env=self.environment | environment)
-        self.assertEqual(result.returncode, status, result)
-        self.assertEqual(result.stderr == b"", status == 0, result)
-        return (result.stderr + result.stdout).decode()
+        """What it prints, errors first."""
+        result = self.run_program(CALDAVSYNC, *options, self.url, self.folder / mirror,
+                                  status=status, environment=environment)
+        self.assertEqual(result.err == "", status == 0, result)
+        return result.err + result.out
 
     def path(self, file, mirror="a", name="Work"):
         path = self.folder / mirror / name / file
@@ -160,20 +132,15 @@ class CalDavSyncTest(unittest.TestCase):
     def everything(self):
         return {path: path.is_file() and path.read_bytes() for path in self.folder.rglob("*")}
 
-    def test_two_mirrors_stay_in_step(self):
+    def test_whatever_stands_in_a_name_or_a_text_arrives(self):
         for server in ("sabredav_digest", "cyrus_basic"):
             with self.subTest(server), Server(server) as running:
                 self.url = running.base
                 shutil.rmtree(self.folder / "a", ignore_errors=True)
                 shutil.rmtree(self.folder / "b", ignore_errors=True)
-                self.stay_in_step()
+                self.arrives()
 
-    def stay_in_step(self):
-        def in_step():
-            for mirror in "ab":
-                self.assertIn("Work: in step\n", self.sync(mirror))
-            self.assertEqual(self.files("a"), self.files("b"))
-
+    def arrives(self):
         self.sync("a", "--create", "Work")
         odd = "50% off #1 a&b+c@d; für %41 & %2f.ics"
         texts = {odd: calendar("Sale"), "tea@example.com.ics": calendar("Tea with Søren"),
@@ -185,27 +152,14 @@ class CalDavSyncTest(unittest.TestCase):
         self.assertEqual(self.files("a"), texts)
         self.assertIn("Work: received 4 new\n", self.sync("b"))
         self.assertEqual(self.files("b"), texts | {"unix.ics": calendar("Line feeds")})
-        self.path("unix.ics").write_bytes(calendar("Line feeds", uid="Line feeds"))
-        self.sync("a")
-        self.sync("b")
-        in_step()
 
-        # Additions, edits and deletions on either side, of both kinds; a renamed file is no change.
+        # Changes on either side; a renamed file is none.
         self.path(odd).write_bytes(calendar("Sale 2", uid="Sale"))
         self.path("tea@example.com.ics").unlink()
-        self.path("unix.ics").rename(self.path("renamed.ics"))
-        self.path("my ferry.ics", "b").write_bytes(calendar("Boat", uid="Ferry", kind="VTODO"))
+        self.path("my ferry.ics").rename(self.path("renamed.ics"))
         self.path("new.ics", "b").write_bytes(calendar("New"))
         self.assertIn("Work: sent 1 changed, 1 deleted\n", self.sync("a"))
-        self.assertIn("Work: received 1 changed, 1 deleted; sent 1 new, 1 changed\n",
-                      self.sync("b"))
-        self.assertIn("Work: received 1 new, 1 changed\n", self.sync("a"))
-        self.path("unix.ics", "b").rename(self.path("renamed.ics", "b"))
-        in_step()
-        self.assertEqual(self.files(), {
-            odd: calendar("Sale 2", uid="Sale"), "renamed.ics": calendar("Line feeds"),
-            "my ferry.ics": calendar("Boat", uid="Ferry", kind="VTODO"),
-            "new.ics": calendar("New")})
+        self.assertIn("Work: received 1 changed, 1 deleted; sent 1 new\n", self.sync("b"))
 
         # What the server refuses does not keep the others from moving.
         self.path("broken.ics").write_bytes(b"BEGIN:VEVENT\r\n")
@@ -214,10 +168,9 @@ class CalDavSyncTest(unittest.TestCase):
         output = self.sync("a", status=1)
         self.assertRegex(output, r"Work: broken\.ics: .*\(KBTDavConnection 4[0-9]{2}\)\n")
         self.assertIn("Work: text.ics: holds neither an event nor a to-do\n", output)
-        self.assertIn("Work: sent 1 new; 2 failed\n", output)
+        self.assertIn("Work: received 1 new; sent 1 new; 2 failed\n", output)
         self.assertIn("Work: received 1 new\n", self.sync("b"))
         self.assertEqual(self.path("mailto_good_.ics", "b").read_bytes(), calendar("Good"))
-        self.assertIn("Work: 2 failed\n", self.sync("a", status=1))
 
     def test_conflicts_lose_nothing(self):
         server = self.scripted()
@@ -258,21 +211,6 @@ class CalDavSyncTest(unittest.TestCase):
             "both": "both there", "same": "same 2", "here": "here there", "new": "new there",
             "equal": "equal"}.items()})
         self.assertEqual(self.sync(), "Work: in step\n")
-
-    def test_dry_run_changes_nothing(self):
-        server = self.scripted()
-        server.put("/cal/tea.ics", calendar("Tea"))
-        self.assertEqual(self.sync("a", "--dry-run"),
-                         "Work: would receive tea.ics\nWork: would receive 1 new\n")
-        self.assertEqual(self.everything(), {})
-        self.sync()
-        self.path("new.ics").write_bytes(calendar("New"))
-        self.path("tea.ics").unlink()
-        before = self.everything(), dict(server.resources)
-        self.assertEqual(self.sync("a", "--dry-run"),
-                         "Work: would send new.ics\nWork: would delete at the server tea.ics\n"
-                         "Work: would send 1 new, 1 deleted\n")
-        self.assertEqual((self.everything(), server.resources), before)
 
     def test_neither_side_empties_the_other_unasked(self):
         server = self.scripted()
@@ -319,7 +257,7 @@ class CalDavSyncTest(unittest.TestCase):
         self.sync()
 
         # The connection is lost before the texts come: what is gone at the server is still here.
-        def lose(method, _):
+        def lose(method):
             reports.extend([method] if method == "REPORT" else [])
             if len(reports) > 1:
                 raise ConnectionError
@@ -332,7 +270,7 @@ class CalDavSyncTest(unittest.TestCase):
         self.assertRegex(self.sync(status=1),
                          r"^caldavsync: Work: .* \(NSURLErrorDomain -1005\)\n$")
         self.assertEqual(self.everything(), before)
-        server.on_request = lambda *_: None
+        server.on_request = lambda _: None
         self.assertEqual(self.sync(), "Work: received 1 new, 1 deleted\n")
 
         # A file that cannot be read is none that was deleted.
@@ -350,7 +288,7 @@ class CalDavSyncTest(unittest.TestCase):
     def test_what_others_do_during_a_run_is_seen_by_the_next(self):
         server = self.scripted()
         self.path("new.ics").write_bytes(calendar("New"))
-        server.on_request = lambda method, _: (
+        server.on_request = lambda method: (
             method == "PUT" and server.put("/cal/other.ics", calendar("Other")))
         self.assertEqual(self.sync(), "Work: sent 1 new\n")
         self.assertEqual(self.sync(), "Work: received 1 new\n")
@@ -371,14 +309,14 @@ class CalDavSyncTest(unittest.TestCase):
             process = subprocess.Popen([CALDAVSYNC, self.url, self.folder / "a"],
                                        env=self.environment, stdout=subprocess.DEVNULL)
 
-            def kill(method, _):
+            def kill(method):
                 requests.append(method)
                 if len(requests) == kill_at:
                     process.kill()
 
             server.on_request = kill
             was_killed = process.wait(30) == -signal.SIGKILL
-            server.on_request = lambda *_: None
+            server.on_request = lambda _: None
             self.sync()
             self.assertEqual(self.sync(), "Work: in step\n")
             expected = {"edited.ics": calendar("Edited here", uid="edited"),
@@ -391,24 +329,6 @@ class CalDavSyncTest(unittest.TestCase):
                 self.assertIn("DELETE", requests)
                 return
         self.fail("it never came to its end")
-
-    def test_killed_while_it_writes_it_goes_on(self):
-        server = self.scripted()
-        expected = {f"{i}.ics": calendar(f"Event {i}") for i in range(500)}
-        for name, text in expected.items():
-            server.put(f"/cal/{name}", text)
-        process = subprocess.Popen([CALDAVSYNC, self.url, self.folder / "a"], env=self.environment,
-                                   stdout=subprocess.DEVNULL)
-        work = self.folder / "a/Work"
-        while not work.exists() or len(os.listdir(work)) < 10:
-            self.assertIsNone(process.poll())
-        process.kill()
-        process.wait()
-        self.assertFalse((self.folder / "a" / STATE).exists())
-        self.sync()
-        self.assertEqual({name: text for name, text in self.files().items()
-                          if name.endswith(".ics")}, expected)
-        self.assertEqual(self.sync(), "Work: in step\n")
 
     def test_names_from_a_server_stay_in_the_folder(self):
         server = self.scripted()
@@ -483,54 +403,24 @@ class CalDavSyncTest(unittest.TestCase):
         self.path("tea.ics").rename(self.path("cake.ics"))
         self.assertEqual(self.sync(), "Work: received 1 new; sent 1 new\n")
 
-    def test_failures_and_usage(self):
+    def test_a_second_program_keeps_away(self):
+        server = self.scripted()
+        self.sync()
+        refusals = []
+        server.on_request = lambda _: refusals.append(self.sync(status=1))
+        self.assertEqual(self.sync(), "Work: in step\n")
+        self.assertIn("another program is at work", refusals[0])
+
+    def test_failures(self):
         with Server("sabredav_digest") as server:
             self.url = server.base
-            nobody = {"QUILLMERE_PASSWORD": "wrong"}
-            self.assertEqual(self.sync(status=1, environment=nobody),
+            self.assertEqual(self.sync(status=1, environment={"QUILLMERE_PASSWORD": "wrong"}),
                              "caldavsync: unauthorized (KBTDavConnection 401)\n")
-            self.sync("a", "--create", "Work")
         self.assertRegex(self.sync(status=1), r"^caldavsync: .+ \(NSURLErrorDomain -1004\)\n$")
-        table = [(), (self.url,), (self.url, "a", "b"), (self.url, ""), ("ftp://example.com/", "a"),
-                 ("--calendar",), ("--dry-run", "--create", "x", self.url, "a"),
-                 ("--password", "x", self.url, "a"), ("--create", "", self.url, "a")]
-        for arguments in table:
-            with self.subTest(arguments):
-                result = subprocess.run([CALDAVSYNC, *arguments], capture_output=True,
-                                        env=self.environment, cwd=self.folder)
-                self.assertEqual((result.returncode, result.stdout), (2, b""))
-                self.assertRegex(result.stderr.decode(),
-                                 r"^caldavsync: .+\ncaldavsync --help tells more\.\n$")
-
-    def test_two_at_a_time_and_progress(self):
-        server = self.scripted()
-        for i in range(3):
-            server.put(f"/cal/{i}.ics", calendar(f"Event {i}"))
-        goes_on = threading.Event()
-        server.on_request = lambda *_: goes_on.wait(20)
-        child, terminal = pty.fork()
-        if child == 0:
-            try:
-                os.execve(CALDAVSYNC, [CALDAVSYNC, self.url, str(self.folder / "a")],
-                          self.environment)
-            finally:
-                os._exit(127)
-        while not (self.folder / "a").exists():
-            time.sleep(0.01)
-        time.sleep(0.1)
-        self.assertIn("another program is at work", self.sync(status=1))
-        goes_on.set()
-        shown = b""
-        try:
-            while select.select([terminal], [], [], 20)[0] and (piece := os.read(terminal, 4096)):
-                shown += piece
-        except OSError:  # a terminal that everybody closed
-            pass
-        os.close(terminal)
-        self.assertEqual(os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]), 0, shown)
-        self.assertEqual(shown.decode(), "".join(
-            f"\rWork: receiving {i} of 3\x1b[K" for i in (1, 2, 3))
-            + "\r\x1b[KWork: received 3 new\r\n")
+        for arguments in ((), (self.url,), ("--dry-run", "--create", "x", self.url, "a"),
+                          ("--create", "", self.url, "a")):
+            result = self.run_program(CALDAVSYNC, *arguments, status=2, cwd=self.folder)
+            self.assertIn("caldavsync --help tells more.\n", result.err)
 
 
 if __name__ == "__main__":

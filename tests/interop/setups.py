@@ -3,7 +3,6 @@
 All know the users alice and bob, with one password; an address is mailto:USER@example.com.
 """
 
-import base64
 import contextlib
 import hashlib
 import imaplib

@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "tests/support/CalDavAnswers.h"
 #include "tests/support/RecordingDelegate.h"
 #include "tests/support/SessionHost.h"
 
@@ -201,10 +202,7 @@ class Model {
       return;
     }
     const std::string text = std::to_string(tag_);
-    expect(request, {.status = 207,
-                     .body = "<m><response><propstat><prop>" +
-                             (isWithout ? "" : "<getctag>" + text + "</getctag>") +
-                             "</prop></propstat></response></m>"});
+    expect(request, isWithout ? multistatus(response("/c/", "")) : testing::tag(text));
     const std::optional<std::string> tag = isWithout ? std::nullopt : std::optional(text);
     if (kind == Kind::check) {
       log.emplace_back(tag == cTag ? "checked none" : "checked changes");
@@ -219,15 +217,8 @@ class Model {
     }
   }
 
-  std::string row(const std::string& href, bool withText, const char* status) const {
-    const Resource& resource = resources_.at(href);
-    return "<response><href>" + href + "</href><propstat><prop><getetag>" + resource.etag +
-           "</getetag>" + (withText ? "<calendar-data>" + resource.text + "</calendar-data>" : "") +
-           "</prop><status>" + status + "</status></propstat></response>";
-  }
-
   // What a 207 holds: everything, or now and then nothing of use. `seen` are the addresses told.
-  std::string multistatus(const std::vector<std::string>& hrefs, bool withText, Names& seen) {
+  std::string rowsOf(const std::vector<std::string>& hrefs, bool withText, Names& seen) {
     const unsigned fault = isCalm ? 2 : random_(24);
     if (fault == 0) return "<html><body><br></html>";
     if (fault == 1) return "";
@@ -240,7 +231,8 @@ class Model {
                 "</response>";
         continue;
       }
-      rows += row(href, withText, "HTTP/1.1 200 OK");
+      const Resource& found = resources_.at(href);
+      rows += resource(href, found.etag, withText ? found.text : "");
       seen.push_back(href);
     }
     std::sort(seen.begin(), seen.end());
@@ -256,7 +248,7 @@ class Model {
     }
     Names all, seen;
     for (const auto& [href, resource] : resources_) all.push_back(href);
-    expect(request, {.status = 207, .body = multistatus(all, false, seen)});
+    expect(request, {.status = 207, .body = rowsOf(all, false, seen)});
 
     log.emplace_back("began");
     Names unseen;
@@ -293,7 +285,7 @@ class Model {
       return;
     }
     Names seen;
-    expect(request, {.status = 207, .body = multistatus(hrefs, true, seen)});
+    expect(request, {.status = 207, .body = rowsOf(hrefs, true, seen)});
     for (const std::string& href : seen) {
       const Name& name = nameOfHref(href);
       const std::string& etag = resources_.at(href).etag;
@@ -312,8 +304,9 @@ class Model {
     const Name& name = nameOf(request.name);
     const ExpectedRequest put{.method = "PUT",
                               .path = "/c/" + std::string(name.wire) + ".ics",
-                              .absent = {"If-Match", "If-None-Match"},
-                              .body = request.body};
+                              .fields = {{"Content-Type", "text/calendar"}},
+                              .body = request.body,
+                              .noOtherFields = true};
     const unsigned status = request.body.empty() ? 415 : failure();
     if (status > 0) {
       expect(put, {.status = status});
@@ -354,7 +347,8 @@ class Model {
 
   void answerDelete(const std::string& name) {
     const ExpectedRequest request{.method = "DELETE",
-                                  .path = "/c/" + std::string(nameOf(name).wire) + ".ics"};
+                                  .path = "/c/" + std::string(nameOf(name).wire) + ".ics",
+                                  .noOtherFields = true};
     const unsigned status = failure();
     expect(request, {.status = status > 0 ? status : 204});
     if (status > 0 && status != 404) return saveFailed(name, status);
