@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <quillmere/caldav/KBTDavConnection.h>
+#include <quillmere/platform/base/makeObject.h>
 #include <quillmere/platform/xml/HWXMLDocument.h>
 
 #include "tests/support/CollectionHost.h"
@@ -343,12 +344,17 @@ TEST(KBTDavConnection, KnowsWhatItMayHold) {
   EXPECT_TRUE(collection->writable());
 }
 
+// Also of a class of the host's own.
 TEST(KBTDavConnection, KeepsItsDelegateWhenItIsGoneItself) {
+  struct Collection : KBTDavConnection {
+    using KBTDavConnection::KBTDavConnection, KBTDavConnection::openSession;
+  };
   const NSURL url = NSURL::URLWithString("http://127.0.0.1:1/c/").value();
   const auto principal = KBTDavPrincipal::initWithDelegate_username_andPassword_forServer(
       nullptr, "alice", "secret", url);
-  auto collection = KBTDavConnection::initWithCalendarName_description_URL_forPrincipal(
-      "c", std::nullopt, url, principal);
+  auto collection =
+      makeObject<Collection>("c", std::nullopt, url, principal, std::optional<HWXMLElement>());
+  collection->openSession();
   auto host = std::make_shared<CollectionHost>();
   const std::weak_ptr<CollectionHost> watched = host;
   collection->setDelegate(std::move(host));

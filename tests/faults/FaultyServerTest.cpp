@@ -3,26 +3,27 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdlib>
 #include <map>
 #include <mutex>
 
 #include "tests/support/CalDavAnswers.h"
+#include "tests/support/CuttingProxy.h"
 #include "tests/support/KeepingDelegate.h"
 #include "tests/support/PrincipalHost.h"
-#include "tests/support/RawServer.h"
 #include "tests/support/ScriptedServer.h"
 #include "tests/support/SessionHost.h"
 
 // A whole run of a host (login, fetch, save, fetch) in which the server fails at one request, in
-// every way, for every request; and a run after it with a server that is well again.
+// every way, for every request, or the connection ends after so many bytes; and a run after it in
+// which all is well again.
 
 namespace quillmere {
 namespace {
 
-using testing::Answer, testing::anyBody, testing::Item, testing::multistatus,
-    testing::PrincipalHost, testing::RawServer, testing::ReceivedRequest, testing::response,
-    testing::runUntil, testing::ScriptedServer, testing::tag;
-namespace raw = testing::raw;
+using testing::Answer, testing::anyBody, testing::CuttingProxy, testing::Item, testing::multistatus,
+    testing::PrincipalHost, testing::ReceivedRequest, testing::response, testing::runUntil,
+    testing::ScriptedServer, testing::tag;
 using Texts = std::map<std::string, std::string>;  // by name
 
 std::string component(const std::string& summary) {
@@ -50,6 +51,7 @@ class Server {
     });
   }
   std::string url(const char* path) const { return server_.url(path); }
+  std::uint16_t port() const { return server_.port(); }
 
   /// Before a run: what is to become of the answer to one of its requests, counted from 0.
   using Fault = std::function<void(const ReceivedRequest&, Answer&)>;
@@ -280,14 +282,6 @@ struct Fault {
   bool emptiesListing = false;  // a listing like this has nothing of what the host knows
 };
 
-// Where the connection is lost after these bytes. The server has done what it was asked for.
-Server::Fault lostAfter(const char* bytes) {
-  return [bytes, server = std::make_shared<RawServer>()](const ReceivedRequest&, Answer& answer) {
-    server->play({raw::readHead(), raw::write(bytes), raw::close()});
-    answer = {.status = 307, .fields = {{"Location", server->url("/")}}};
-  };
-}
-
 std::vector<Fault> faults() {
   const auto status = [](unsigned code) {
     return [code](const ReceivedRequest&, Answer& answer) {
@@ -310,9 +304,6 @@ std::vector<Fault> faults() {
        [](const ReceivedRequest& request, Answer& answer) {
          answer = {.status = 302, .fields = {{"Location", request.path}}};
        }},
-      {"lost", lostAfter("")},
-      {"cut off", lostAfter("HTTP/1.1 207 Multi-Status\r\nContent-Length: 9999\r\n\r\n<multistatus>"
-                            "</multistatus>")},
       {"page", status(200), true},
       {"empty", body(""), true},
       {"no responses", body("<multistatus/>"), true},
@@ -349,6 +340,48 @@ TEST(FaultyServer, EveryFaultAtEveryRequestHasOneOutcomeAndTheNextRunRecovers) {
     }
   }
 }
+
+// How many bytes a run without a cut takes.
+std::size_t bytesOfARun(CuttingProxy::Direction direction) {
+  Server server;
+  CuttingProxy proxy(server.port());
+  const auto host = std::make_shared<Host>();
+  host->run(proxy.url("/"));
+  expectAgreement(*host, server);
+  return proxy.passed(direction);
+}
+
+class CutConnection : public ::testing::TestWithParam<CuttingProxy::Direction> {};
+
+// QUILLMERE_CUT_STEP=1 tries every byte.
+TEST_P(CutConnection, HasOneOutcomeAndTheNextRunRecovers) {
+  constexpr std::size_t usualStep = 43;
+  const char* const wanted = std::getenv("QUILLMERE_CUT_STEP");
+  const std::size_t step = wanted ? std::strtoul(wanted, nullptr, 10) : usualStep;
+  const std::size_t bytes = bytesOfARun(GetParam());
+  ASSERT_GT(bytes, 1000U);
+  for (std::size_t n = 1; n <= bytes; n += step) {
+    SCOPED_TRACE("cut after byte " + std::to_string(n) + " of " + std::to_string(bytes));
+    Server server;
+    CuttingProxy proxy(server.port());
+    const auto host = std::make_shared<Host>();
+    proxy.cutAfter(n, GetParam());
+    host->run(proxy.url("/"));
+    EXPECT_TRUE(proxy.hasCut());
+    host->run(proxy.url("/"));
+    expectAgreement(*host, server);
+    if (HasFailure()) break;
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(, CutConnection,
+                         ::testing::Values(CuttingProxy::Direction::toServer,
+                                           CuttingProxy::Direction::toClient),
+                         [](const auto& tested) {
+                           return tested.param == CuttingProxy::Direction::toServer
+                                      ? "OnTheWayOut"
+                                      : "OnTheWayBack";
+                         });
 
 }  // namespace
 }  // namespace quillmere
