@@ -30,6 +30,13 @@ TEST(NSCalendar, SkippedTimesMoveForwardAndOfRepeatedOnesTheFirstIsMeant) {
   EXPECT_EQ(textOf(newYork.dateFromComponents({2024, 11, 3, 1, 30, 0})), "20241103T053000Z");
 }
 
+TEST(NSCalendar, KnowsWhenADayStarts) {
+  EXPECT_EQ(textOf(calendarIn("Asia/Tokyo").startOfDayForDate(utc("20240105T160000Z"))),
+            "20240105T150000Z");
+  EXPECT_EQ(textOf(calendarIn("America/Sao_Paulo").startOfDayForDate(utc("20181104T120000Z"))),
+            "20181104T030000Z");
+}
+
 TEST(NSCalendar, AddsTheLargestFieldsFirst) {
   const struct {
     const char* zone;

@@ -258,6 +258,13 @@ TEST(HWXMLReading, LeadsToElementsAndTexts) {
   EXPECT_EQ(comp->text(), std::nullopt);
 }
 
+TEST(HWXMLReading, KeepsTheDocumentWhileAnElementLives) {
+  auto document = read("<a><b>" + string(1000, 'x') + "</b></a>");
+  const auto element = document->rootElement().firstChildNamed("b");
+  document.reset();
+  EXPECT_EQ(element->text(), string(1000, 'x'));
+}
+
 TEST(HWXMLReading, ReadsBackWhatItWritesOfADocument) {
   const auto document = read(
       "<!DOCTYPE D:a><D:a  b = '&lt;\"' xmlns:D='x'>\n<c>&#13;\n</c><!-- -->"
