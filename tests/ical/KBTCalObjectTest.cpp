@@ -231,6 +231,7 @@ TEST(KBTCalObject, ReadsDatesInTheirZones) {
       {"D;TZID=Europe/Paris:20240701T090000", "20240701T070000Z"},
       {"D;TZID=W. Europe Standard Time:20240701T090000", "20240701T070000Z"},
       {"D;TZID=PST:20240101T090000", "20240101T170000Z"},
+      {"D;TZID=Asia/Kathmandu:20240101T090000", "20240101T031500Z"},
       // EST is a name as well, of a zone without summer time; names come first.
       {"D;TZID=EST:20240701T090000", "20240701T140000Z"},
       // "Z" does not protect a value from its TZID.

@@ -56,7 +56,7 @@ TEST(AuthenticateHeader, RaisesTheStrongestThatCanBeAnswered) {
       {"Digest nonce=n, algorithm=md5, qop=\"\"", NSURLAuthenticationMethodHTTPDigest},
       {"Digest nonce=n, algorithm=MD5-sess, qop=\"x, AUTH\"", NSURLAuthenticationMethodHTTPDigest},
       {"Digest nonce=n, algorithm=SHA-256-SESS, qop=auth-int", NSURLAuthenticationMethodHTTPDigest},
-      {"Digest nonce=n, qop=\"auth-conf,auth \"", NSURLAuthenticationMethodHTTPDigest},
+      {"Digest nonce=n, qop=\"auth-conf,auth \t\"", NSURLAuthenticationMethodHTTPDigest},
       {"Digest nonce=n, algorithm=SHA-512-256, Digest nonce=n",
        NSURLAuthenticationMethodHTTPDigest},
       {"Digest realm=r", nullptr},
