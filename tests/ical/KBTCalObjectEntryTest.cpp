@@ -60,15 +60,6 @@ TEST(KBTCalObjectEntry, ItsEndIsAStateAndNotAPosition) {
   EXPECT_TRUE(complete->isAtEnd()) << "its END line was read";
 }
 
-TEST(KBTCalObjectEntry, ResetKeepsTheLineUntilTheNext) {
-  const auto reader = entry(1, "BEGIN:VEVENT\r\nUID;A=1:x\r\n");
-  while (reader->nextLine()) reader->modifiers();
-  reader->reset();
-  EXPECT_EQ(reader->key(), "UID");
-  EXPECT_EQ(reader->value(), "x");
-  EXPECT_EQ(reader->valueForModifier("A"), "1");
-}
-
 TEST(KBTCalObjectEntry, CopiesItsTextAndIsThenAtItsEnd) {
   const string_view event = "BEGIN:VEVENT\r\nUID:1\r\nEND:VEVENT\r\n";
   const auto reader = entry(1);

@@ -177,9 +177,6 @@ TEST(KBTCalObject, AKeyAskedForAfterTheParametersHoldsTheirText) {
     reader->modifiers();
     EXPECT_EQ(reader->key(), key);
   }
-  const auto asked = onLine("K;A=1:v");
-  asked->valueForModifier("A");
-  EXPECT_EQ(asked->key(), "K;A=1");
   const auto dated = onLine("D;A=1:20240101T000000Z");
   bool isFullDay = true;
   dated->valueAsDateIsFullDay(isFullDay);

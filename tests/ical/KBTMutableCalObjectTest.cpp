@@ -86,8 +86,6 @@ TEST(KBTMutableCalObject, AnUnknownTypeIsWrittenLikeAString) {
   struct OpenWriter : KBTMutableCalObject {
     OpenWriter() : KBTMutableCalObject(std::nullopt, false) {}
     using KBTMutableCalObject::_addLineWithKey_value_type;
-    using KBTMutableCalObject::_calendarEpilogue;
-    using KBTMutableCalObject::_calendarPrologue;
   };
   const auto writer = makeObject<OpenWriter>();
   writer->_addLineWithKey_value_type("A", std::string("x,y"), 9);
@@ -99,10 +97,6 @@ TEST(KBTMutableCalObject, AnUnknownTypeIsWrittenLikeAString) {
             "A:x\\,y\r\nB:1970-01-01 00:00:00 +0000\r\nC;VALUE=DATE:x\\;y\r\nD:x\\;y\r\n");
   EXPECT_FALSE(writer->valueForKeyIsAllDay("A"));
   EXPECT_TRUE(writer->valueForKeyIsAllDay("C"));
-  EXPECT_EQ(OpenWriter::_calendarPrologue().view(),
-            "BEGIN:VCALENDAR\r\nPRODID:-//Tessaly//Quillmere 0.1//EN\r\nVERSION:2.0\r\n"
-            "CALSCALE:GREGORIAN\r\n");
-  EXPECT_EQ(OpenWriter::_calendarEpilogue().view(), "END:VCALENDAR\r\n");
 }
 
 TEST(KBTMutableCalObject, FoldsAfterSixtyAndThenAfterSeventyUnits) {

@@ -399,9 +399,12 @@ TEST(EventDatabase, IsTheUsersOwnUnlessTheHostSaysAnother) {
     const auto store = EKEventStore::init();
     EXPECT_TRUE(store->saveCalendar_commit_error(EKCalendar::calendar(), true, nullptr));
   };
+  // Without a bus there is no store of the desktop's.
   const auto inASession = [&](const std::function<void()>& work) {
     Child([&](int) {
+      ::setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent/bus", 1);
       ::setenv("XDG_DATA_HOME", (folder / "data").c_str(), 1);
+      HWPreference::preferenceForKey("EKEventStoreBackend")->setStringValue("auto");
       work();
     }).run();
   };
