@@ -315,8 +315,8 @@ TEST_F(NSURLSessionTest, AnswersAProxyBesideTheServer) {
   std::vector<std::string> asked;
   host->credential = [&](const NSURLAuthenticationChallenge& challenge) {
     const NSURLProtectionSpace& space = challenge.protectionSpace();
-    asked.push_back((space.isProxy() ? "proxy " : "server ") + space.host() + " " +
-                    space.protocol());
+    asked.push_back((space.isProxy() ? "proxy " : "server ") + space.host() + ":" +
+                    std::to_string(space.port()));
     return aliceAndSecret(challenge);
   };
   const std::string url = "http://calendars.example/a";
@@ -331,7 +331,8 @@ TEST_F(NSURLSessionTest, AnswersAProxyBesideTheServer) {
   EXPECT_EQ(
       events,
       "challenge HTTPBasic proxy 0, challenge HTTPBasic calendars 0, response 200, data, end");
-  EXPECT_THAT(asked, ElementsAre("proxy calendars.example http", "server calendars.example http"));
+  EXPECT_THAT(asked, ElementsAre("proxy 127.0.0.1:" + std::to_string(server.port()),
+                                 "server calendars.example:80"));
 }
 
 // What a delegate does that answers nothing, and what happens without one.
