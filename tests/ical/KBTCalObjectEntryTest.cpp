@@ -42,6 +42,9 @@ TEST(KBTCalObjectEntry, AnyEndLineEndsIt) {
   const auto reader = entry(2);
   EXPECT_EQ(keysOf(*reader), "BEGIN UID BEGIN ACTION END ");
   EXPECT_EQ(reader->value(), "VALARM");
+  // Its key is exact, and neither parameters nor the end of a longer key matter.
+  EXPECT_EQ(keysOf(*entry(1, "BEGIN:VEVENT\r\nend:VEVENT\r\n\r\nEND:X\r\nEND;X=1:X\r\nUID:2\r\n")),
+            "BEGIN end \r\nEND END ");
 }
 
 TEST(KBTCalObjectEntry, ItsEndIsAStateAndNotAPosition) {
@@ -57,25 +60,6 @@ TEST(KBTCalObjectEntry, ItsEndIsAStateAndNotAPosition) {
   EXPECT_TRUE(complete->isAtEnd()) << "its END line was read";
 }
 
-TEST(KBTCalObjectEntry, AnEndThatIsPartOfALongerKeyDoesNotEndIt) {
-  const auto reader = entry(1, "BEGIN:VEVENT\r\nUID:1\r\n\r\nEND:VEVENT\r\nUID:2\r\nEND:X\r\n");
-  EXPECT_EQ(keysOf(*reader), "BEGIN UID \r\nEND UID END ");
-}
-
-TEST(KBTCalObjectEntry, TheEndKeyIsExactAndItsParametersDoNotMatter) {
-  EXPECT_EQ(keysOf(*entry(1, "BEGIN:VEVENT\r\nend:VEVENT\r\nEND;X=1:VEVENT\r\nUID:2\r\n")),
-            "BEGIN end END ");
-}
-
-TEST(KBTCalObjectEntry, ResetKeepsTheLineUntilTheNext) {
-  const auto reader = entry(1, "BEGIN:VEVENT\r\nUID;A=1:x\r\n");
-  while (reader->nextLine()) reader->modifiers();
-  reader->reset();
-  EXPECT_EQ(reader->key(), "UID");
-  EXPECT_EQ(reader->value(), "x");
-  EXPECT_EQ(reader->valueForModifier("A"), "1");
-}
-
 TEST(KBTCalObjectEntry, CopiesItsTextAndIsThenAtItsEnd) {
   const string_view event = "BEGIN:VEVENT\r\nUID:1\r\nEND:VEVENT\r\n";
   const auto reader = entry(1);
@@ -87,14 +71,6 @@ TEST(KBTCalObjectEntry, CopiesItsTextAndIsThenAtItsEnd) {
   EXPECT_EQ(entry(2)->icsData().view(),
             "BEGIN:VEVENT\r\nUID:2\r\nBEGIN:VALARM\r\nACTION:DISPLAY\r\nEND:VALARM\r\n");
   EXPECT_EQ(entry(1, "BEGIN:VEVENT\r\nUID:1")->icsData().view(), "BEGIN:VEVENT\r\nUID:1");
-}
-
-TEST(KBTCalObjectEntry, AskingForAKeyComesFirstByItself) {
-  const auto reader = entry(1, "BEGIN:VEVENT\r\nDTSTART;VALUE=DATE:20240101\r\nEND:VEVENT\r\n");
-  reader->nextLine();
-  reader->nextLine();
-  reader->modifiers();
-  EXPECT_EQ(reader->key(), "DTSTART");
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cctype>
 #include <memory>
+#include <regex>
 #include <string_view>
 
 namespace quillmere::testing {
@@ -41,30 +42,17 @@ bool hasToken(std::string_view list, std::string_view token) {
 
 using Parameters = std::map<std::string, std::string>;
 
-// Reads `name=value, name="value"`; names in lower case. What cannot be read ends it.
-Parameters parametersOf(std::string_view text) {
+// Reads `name=value, name="value"`; names in lower case.
+Parameters parametersOf(const std::string& text) {
+  static const std::regex parameter(R"re((\w+)=(?:"((?:[^"\\]|\\.)*)"|([^, ]*)))re");
+  static const std::regex escaped(R"re(\\(.))re");
   Parameters parameters;
-  std::size_t at = 0;
-  while (at < text.size()) {
-    at = text.find_first_not_of(", ", at);
-    const auto equals = text.find('=', at);
-    if (at == std::string_view::npos || equals == std::string_view::npos) break;
-    std::string name;
-    for (; at < equals; ++at) {
-      name += static_cast<char>(std::tolower(static_cast<unsigned char>(text[at])));
-    }
-    std::string value;
-    ++at;
-    if (at < text.size() && text[at] == '"') {
-      for (++at; at < text.size() && text[at] != '"'; ++at) {
-        if (text[at] == '\\' && at + 1 < text.size()) ++at;
-        value += text[at];
-      }
-      ++at;
-    } else {
-      for (; at < text.size() && text[at] != ',' && text[at] != ' '; ++at) value += text[at];
-    }
-    parameters[name] = value;
+  for (std::sregex_iterator found(text.begin(), text.end(), parameter), end; found != end;
+       ++found) {
+    std::string name = (*found)[1];
+    std::transform(name.begin(), name.end(), name.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    parameters[name] = std::regex_replace((*found)[2].str(), escaped, "$1") + (*found)[3].str();
   }
   return parameters;
 }
@@ -108,7 +96,7 @@ std::string Authenticator::digestFaultOf(const ReceivedRequest& request,
                                          const Credential& credential) {
   constexpr std::string_view scheme = "Digest ";
   if (!authorization.starts_with(scheme)) return "Authorization is not Digest: " + authorization;
-  Parameters given = parametersOf(std::string_view(authorization).substr(scheme.size()));
+  Parameters given = parametersOf(authorization.substr(scheme.size()));
 
   const auto found = byNonce_.find(given["nonce"]);
   if (found == byNonce_.end()) return "Digest nonce \"" + given["nonce"] + "\" is not in force";

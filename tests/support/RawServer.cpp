@@ -48,69 +48,47 @@ class Player {
   Player(Descriptor socket, RawServer::Steps steps)
       : socket_(std::move(socket)), steps_(std::move(steps)) {}
 
-  const RawServer::Connection& record() const { return record_; }
   int descriptor() const { return socket_.number(); }
   bool isOpen() const { return socket_.isOpen(); }
 
-  void reset() {
-    socket_.reset();
-    record_.ended = true;
-  }
+  void reset() { socket_.reset(); }
 
   // What to poll for. The client's end of the stream is of interest always.
   short events() const {
-    if (current() == Waiting::input) return POLLIN | POLLRDHUP;
-    if (current() == Waiting::output) return POLLOUT | POLLRDHUP;
-    return POLLRDHUP;
+    const bool isOver = stepsDone_ == steps_.size();
+    if (!isOver && currentStep().kind == RawStep::Kind::write) return POLLOUT | POLLRDHUP;
+    if (!isOver && currentStep().kind == RawStep::Kind::waitUntilTold) return POLLRDHUP;
+    return POLLIN | POLLRDHUP;
   }
 
   void handle(short events) {
     if ((events & POLLIN) != 0) {
       read();
     } else if ((events & (POLLRDHUP | POLLHUP | POLLERR | POLLNVAL)) != 0) {
-      end();
+      socket_.close();
     }
   }
 
   // Goes on as far as it can without waiting.
   void advance(std::size_t& permits) {
-    while (isOpen() && record_.stepsDone < steps_.size() && play(currentStep(), permits)) {
-      ++record_.stepsDone;
+    while (isOpen() && stepsDone_ < steps_.size() && play(currentStep(), permits)) {
+      ++stepsDone_;
       written_ = 0;
     }
   }
 
  private:
-  enum class Waiting { input, output, permit };
-
-  const RawStep& currentStep() const { return steps_[record_.stepsDone]; }
-
-  Waiting current() const {
-    if (record_.stepsDone == steps_.size()) return Waiting::input;
-    switch (currentStep().kind) {
-      case RawStep::Kind::write:
-        return Waiting::output;
-      case RawStep::Kind::drip:
-      case RawStep::Kind::waitUntilTold:
-        return Waiting::permit;
-      default:
-        return Waiting::input;
-    }
-  }
+  const RawStep& currentStep() const { return steps_[stepsDone_]; }
 
   // Whether the step is done.
   bool play(const RawStep& step, std::size_t& permits) {
     switch (step.kind) {
       case RawStep::Kind::readHead: {
-        const auto end = record_.received.find("\r\n\r\n", used_);
+        const auto end = received_.find("\r\n\r\n");
         if (end == std::string::npos) return false;
-        used_ = end + 4;
+        received_.erase(0, end + 4);
         return true;
       }
-      case RawStep::Kind::readBytes:
-        if (record_.received.size() - used_ < step.count) return false;
-        used_ += step.count;
-        return true;
       case RawStep::Kind::write:
         while (written_ < step.bytes.size() * step.count) {
           if (!send(std::string_view(step.bytes).substr(written_ % step.bytes.size()))) {
@@ -118,11 +96,6 @@ class Player {
           }
         }
         return true;
-      case RawStep::Kind::drip:
-        for (; written_ < step.bytes.size() && permits > 0; --permits) {
-          if (!send(std::string_view(step.bytes).substr(written_, 1))) return false;
-        }
-        return written_ == step.bytes.size();
       case RawStep::Kind::waitUntilTold:
         if (permits == 0) return false;
         --permits;
@@ -143,7 +116,7 @@ class Player {
     const ssize_t count =
         ::send(socket_.number(), bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
     if (count < 0) {
-      if (errno != EAGAIN && errno != EINTR) end();
+      if (errno != EAGAIN && errno != EINTR) socket_.close();
       return false;
     }
     written_ += static_cast<std::size_t>(count);
@@ -154,22 +127,17 @@ class Player {
     char bytes[65536];
     const ssize_t count = ::recv(socket_.number(), bytes, sizeof bytes, MSG_DONTWAIT);
     if (count > 0) {
-      record_.received.append(bytes, static_cast<std::size_t>(count));
+      received_.append(bytes, static_cast<std::size_t>(count));
     } else if (count == 0 || (errno != EAGAIN && errno != EINTR)) {
-      end();
+      socket_.close();
     }
-  }
-
-  void end() {
-    socket_.close();
-    record_.ended = true;
   }
 
   Descriptor socket_;
   RawServer::Steps steps_;
-  RawServer::Connection record_;
-  std::size_t used_ = 0;     // of what was received, by the steps done
+  std::size_t stepsDone_ = 0;
   std::size_t written_ = 0;  // of the current step
+  std::string received_;     // and not yet used by a step
 };
 
 }  // namespace
@@ -207,22 +175,10 @@ class RawServer::Loop {
     scripts_.push_back(std::move(steps));
   }
 
-  void tell(std::size_t times) {
+  void tell() {
     const std::lock_guard lock(mutex_);
-    permits_ += times;
+    ++permits_;
     ring();
-  }
-
-  std::vector<Connection> connections() const {
-    const std::lock_guard lock(mutex_);
-    std::vector<Connection> records;
-    for (const Player& player : players_) records.push_back(player.record());
-    return records;
-  }
-
-  std::vector<std::string> problems() const {
-    const std::lock_guard lock(mutex_);
-    return problems_;
   }
 
   std::vector<std::string> finish() {
@@ -309,11 +265,7 @@ std::string RawServer::url(std::string_view path) const {
 
 void RawServer::play(Steps steps) { loop_->play(std::move(steps)); }
 
-void RawServer::tell(std::size_t times) { loop_->tell(times); }
-
-std::vector<RawServer::Connection> RawServer::connections() const { return loop_->connections(); }
-
-std::vector<std::string> RawServer::problems() const { return loop_->problems(); }
+void RawServer::tell() { loop_->tell(); }
 
 std::vector<std::string> RawServer::finish() { return loop_->finish(); }
 

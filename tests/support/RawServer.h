@@ -13,7 +13,7 @@ namespace quillmere::testing {
 
 /// One thing that a RawServer does on a connection; made by the functions below.
 struct RawStep {
-  enum class Kind { readHead, readBytes, write, drip, waitUntilTold, close, reset };
+  enum class Kind { readHead, write, waitUntilTold, close, reset };
   Kind kind;
   std::string bytes{};
   std::size_t count = 1;
@@ -23,12 +23,9 @@ namespace raw {
 
 /// Reads to the empty line that ends a request's head.
 inline RawStep readHead() { return {RawStep::Kind::readHead}; }
-inline RawStep readBytes(std::size_t count) { return {RawStep::Kind::readBytes, "", count}; }
 inline RawStep write(std::string bytes, std::size_t times = 1) {
   return {RawStep::Kind::write, std::move(bytes), times};
 }
-/// Writes one byte each time that the server is told.
-inline RawStep drip(std::string bytes) { return {RawStep::Kind::drip, std::move(bytes)}; }
 inline RawStep waitUntilTold() { return {RawStep::Kind::waitUntilTold}; }
 /// Ends the stream in good order: all that was written arrives, then the end.
 inline RawStep close() { return {RawStep::Kind::close}; }
@@ -57,18 +54,9 @@ class RawServer {
   /// Lists the steps of one more connection, at any time.
   void play(Steps steps);
 
-  /// Lets steps that wait to be told go on: those of the earliest connection first. What nobody
+  /// Lets a step that waits to be told go on: one of the earliest connection first. What nobody
   /// waits for yet is kept for later.
-  void tell(std::size_t times = 1);
-
-  struct Connection {
-    std::string received;
-    std::size_t stepsDone = 0;
-    bool ended = false;  // by either side
-  };
-  /// What became of the connections made so far.
-  std::vector<Connection> connections() const;
-  std::vector<std::string> problems() const;
+  void tell();
 
   /// Breaks all connections, ends the thread and gives the problems.
   std::vector<std::string> finish();

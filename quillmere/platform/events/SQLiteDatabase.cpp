@@ -23,11 +23,6 @@ bool SQLiteStatement::step() {
   return false;
 }
 
-std::optional<std::int64_t> SQLiteStatement::integerOrNull(int column) const {
-  if (isNull(column)) return std::nullopt;
-  return integer(column);
-}
-
 std::optional<std::string> SQLiteStatement::textOrNull(int column) const {
   const auto* text = sqlite3_column_text(statement_, column);
   if (!text) return std::nullopt;

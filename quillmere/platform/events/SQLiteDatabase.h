@@ -41,7 +41,6 @@ class SQLiteStatement {
 
   bool isNull(int column) const { return sqlite3_column_type(statement_, column) == SQLITE_NULL; }
   std::int64_t integer(int column) const { return sqlite3_column_int64(statement_, column); }
-  std::optional<std::int64_t> integerOrNull(int column) const;
   std::string text(int column) const { return textOrNull(column).value_or(std::string()); }
   std::optional<std::string> textOrNull(int column) const;
 

@@ -202,14 +202,18 @@ void DataTaskRun::askForCredential() {
     return answer(offer, asker);
   }
   const NSURL& url = *request_.URL();
-  const auto makeSpace =
-      isProxys ? &NSURLProtectionSpace::initWithProxyHost_port_type_realm_authenticationMethod
-               : &NSURLProtectionSpace::initWithHost_port_protocol_realm_authenticationMethod;
+  const auto& [proxyAddress, proxyPort] = transfer_->peer();
+  const std::string scheme = url.scheme().value_or("");
+  const auto space =
+      isProxys ? NSURLProtectionSpace::initWithProxyHost_port_type_realm_authenticationMethod(
+                     proxyAddress, proxyPort, scheme, offer.parameter("realm"),
+                     offer.authenticationMethod())
+               : NSURLProtectionSpace::initWithHost_port_protocol_realm_authenticationMethod(
+                     url.host().value_or(""), portOf(url), scheme, offer.parameter("realm"),
+                     offer.authenticationMethod());
   const auto challenge = NSURLAuthenticationChallenge::
       initWithProtectionSpace_proposedCredential_previousFailureCount_failureResponse(
-          makeSpace(url.host().value_or(""), portOf(url), url.scheme().value_or(""),
-                    offer.parameter("realm"), offer.authenticationMethod()),
-          nullptr, asker.refusedCredentials, response);
+          space, nullptr, asker.refusedCredentials, response);
   const bool isAnswerable = offer.scheme == "digest" || offer.scheme == "basic";
   const auto handler =
       answerHandler<NSURLSessionAuthChallengeDisposition, std::shared_ptr<NSURLCredential>>(

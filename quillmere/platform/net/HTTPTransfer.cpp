@@ -293,6 +293,11 @@ void HTTPTransfer::completeHead() {
                                                                      : "HTTP/2";
   isHeadComplete_ = true;
   curl_easy_getinfo(curl_, CURLINFO_LOCAL_PORT, &connectionPort_);
+  long peerPort = 0;
+  const char* peerAddress = nullptr;
+  curl_easy_getinfo(curl_, CURLINFO_PRIMARY_PORT, &peerPort);
+  curl_easy_getinfo(curl_, CURLINFO_PRIMARY_IP, &peerAddress);
+  peer_ = {peerAddress ? peerAddress : "", static_cast<std::uint16_t>(peerPort)};
   response_ = NSHTTPURLResponse::initWithURL_statusCode_HTTPVersion_headerFields(
       *request_.URL(), status, versionText, std::move(headFields_));
   if (request_.valueForHTTPHeaderField("Accept-Encoding")) {

@@ -69,6 +69,8 @@ class HTTPTransfer final : public CurlLoop::Client,
   const std::shared_ptr<const NSHTTPURLResponse>& response() const { return response_; }
   /// Which connection the response came over: our port of it.
   long connectionPort() const { return connectionPort_; }
+  /// The address and port of who answered: the server or, where there is one, the proxy.
+  const std::pair<std::string, std::uint16_t>& peer() const { return peer_; }
   /// What came of the body since the last time.
   std::string takeBody() { return std::exchange(body_, {}); }
 
@@ -105,6 +107,7 @@ class HTTPTransfer final : public CurlLoop::Client,
   bool isHeadComplete_ = false;
   std::shared_ptr<const NSHTTPURLResponse> response_;
   long connectionPort_ = 0;
+  std::pair<std::string, std::uint16_t> peer_;
   std::unique_ptr<ContentDecoder> decoder_;
   std::uint64_t bodySize_ = 0;
   std::string body_;

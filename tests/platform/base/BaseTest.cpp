@@ -1,16 +1,12 @@
-// The small pieces of the base layer: data, errors, stops, the host's bundle, UUIDs, UTF-8 and
-// scans.
+// The small pieces of the base layer: data, errors, texts, UUIDs and scans.
 
 #include <gtest/gtest.h>
 #include <libintl.h>
 #include <quillmere/platform/base/ByteScan.h>
 #include <quillmere/platform/base/CFUUID.h>
-#include <quillmere/platform/base/KSDiagnostics.h>
 #include <quillmere/platform/base/KSStringTable.h>
-#include <quillmere/platform/base/NSBundle.h>
 #include <quillmere/platform/base/NSData.h>
 #include <quillmere/platform/base/NSError.h>
-#include <quillmere/platform/base/UTF8.h>
 
 #include <cerrno>
 #include <clocale>
@@ -22,16 +18,6 @@
 
 namespace quillmere {
 namespace {
-
-using std::string_view;
-
-TEST(NSData, SharesItsBytesWithItsCopies) {
-  std::optional<NSData> original = NSData::dataWithBytes("some bytes");
-  const NSData copy = *original;
-  EXPECT_EQ(copy.bytes(), original->bytes());
-  original.reset();
-  EXPECT_EQ(copy.view(), "some bytes");
-}
 
 TEST(NSData, TakesOverALongTextWithoutCopyingIt) {
   std::string text(1000, 'x');
@@ -48,22 +34,6 @@ TEST(NSError, TellsItsTextFromTheUserInfoOrFromDomainAndCode) {
   EXPECT_EQ(told->localizedDescription(), "gone");
   EXPECT_EQ(told->underlyingError(), plain);
   EXPECT_EQ(NSError::errorWithPOSIXCode(ENOSPC)->localizedDescription(), "No space left on device");
-}
-
-TEST(NSError, WrapsTheOneThatTheArgumentHeld) {
-  KSWrapUnderlyingError(nullptr, "D", 1, {});
-  NSErrorPtr error;
-  KSWrapUnderlyingError(&error, "D", 1, {{NSLocalizedDescriptionKey, "first"}});
-  const NSErrorPtr first = error;
-  const std::int64_t line = __LINE__ + 1;
-  KSWrapUnderlyingError(&error, "E", 2, {});
-  EXPECT_FALSE(first->userInfo().contains(NSUnderlyingErrorKey));
-  EXPECT_EQ(first->localizedDescription(), "first");
-  EXPECT_EQ(error->domain(), "E");
-  EXPECT_EQ(error->code(), 2);
-  EXPECT_EQ(error->underlyingError(), first);
-  EXPECT_EQ(std::get<std::string>(error->userInfo().at(KSErrorFileKey)), "BaseTest.cpp");
-  EXPECT_EQ(std::get<std::int64_t>(error->userInfo().at(KSErrorLineKey)), line);
 }
 
 // A message catalogue with one text, as msgfmt writes it: header, a table each for the texts and
@@ -104,55 +74,12 @@ TEST(KSLocalizedString, IsTheHostsTranslationOrTheEnglishText) {
   EXPECT_EQ(translated, "Unbekannter Wert für FREQ: daily");
 }
 
-TEST(KSDiagnosticsDeathTest, StopsNameTheCallersFileAndLine) {
-  EXPECT_EXIT(KSFinishPorting(), ::testing::KilledBySignal(SIGABRT),
-              "BaseTest.cpp:[0-9]+: not yet ported");
-  EXPECT_EXIT(KSRejectUnusedImplementation(), ::testing::KilledBySignal(SIGABRT),
-              "BaseTest.cpp:[0-9]+: this operation must not be called");
-}
-
-TEST(KSDiagnostics, ABacktraceIsPrintedAndTheProgramGoesOn) {
-  ::testing::internal::CaptureStderr();
-  KSRecordBacktrace("NOTREACHED");
-  const std::string printed = ::testing::internal::GetCapturedStderr();
-  EXPECT_NE(printed.find("BaseTest.cpp:"), std::string::npos) << printed;
-  EXPECT_NE(printed.find(": NOTREACHED\n"), std::string::npos) << printed;
-  EXPECT_GT(std::count(printed.begin(), printed.end(), '\n'), 2) << "no frames:\n" << printed;
-}
-
-TEST(NSBundle, TellsTheLibrarysVersionUntilTheHostTellsItsOwn) {
-  NSBundle& bundle = NSBundle::mainBundle();
-  const auto libraryVersion = bundle.objectForInfoDictionaryKey("CFBundleShortVersionString");
-  EXPECT_EQ(libraryVersion, "0.1.0");
-  EXPECT_EQ(bundle.objectForInfoDictionaryKey("CFBundleName"), std::nullopt);
-  bundle.setObject_forInfoDictionaryKey("7.2", "CFBundleShortVersionString");
-  EXPECT_EQ(bundle.objectForInfoDictionaryKey("CFBundleShortVersionString"), "7.2");
-  bundle.setObject_forInfoDictionaryKey(*libraryVersion, "CFBundleShortVersionString");
-}
-
 TEST(CFUUID, IsRandomOfVersionFourAndUpperCase) {
   const std::string uuid = CFUUIDCreateString();
   EXPECT_EQ(uuid.size(), 36U);
   EXPECT_EQ(uuid.find_first_not_of("0123456789ABCDEF-"), std::string::npos) << uuid;
   EXPECT_EQ(uuid[14], '4');
   EXPECT_NE(uuid, CFUUIDCreateString());
-}
-
-TEST(UTF8, KnowsWellFormedText) {
-  const string_view valid[] = {"",
-                               "plain",
-                               "\xC3\xA9",
-                               "\xE2\x82\xAC",
-                               "\xF0\x9F\x97\x93",
-                               "sixteen letters \xC3\xA9",
-                               "\xEF\xBB\xBF with a mark",
-                               "\xF4\x8F\xBF\xBF"};
-  for (const string_view text : valid) EXPECT_TRUE(isValidUTF8(text)) << text;
-  const string_view invalid[] = {"\x80",         "\xC3",
-                                 "\xC0\xAF",     "\xE2\x82",
-                                 "\xED\xA0\x80", "\xF4\x90\x80\x80",
-                                 "\xFF",         "a long ASCII beginning, then \xFE"};
-  for (const string_view text : invalid) EXPECT_FALSE(isValidUTF8(text)) << text;
 }
 
 // Every way of scanning against the plain loop, over blocks, tails and every position.

@@ -10,21 +10,6 @@ namespace {
 
 using Names = std::vector<std::string>;
 
-TEST(OrderedMap, KeepsTheOrderOfFirstInsertion) {
-  OrderedMap<int> map;
-  for (const char* key : {"c", "a", "b"}) map.set(key, 1);
-  map.set("a", 2);
-  EXPECT_EQ(map.keys(), (Names{"c", "a", "b"}));
-  EXPECT_EQ(*map.find("a"), 2);
-  map.erase("c");
-  map.erase("never there");
-  map.set("c", 3);
-  EXPECT_EQ(map.keys(), (Names{"a", "b", "c"}));
-  map.clear();
-  EXPECT_TRUE(map.empty());
-  EXPECT_EQ(map.keys(), Names{});
-}
-
 TEST(OrderedMap, AKeyThatComesAndGoesStaysQuickToFind) {
   OrderedMap<int> map;
   for (int i = 0; i < 1000; ++i) map.set("name " + std::to_string(i), i);
@@ -34,20 +19,6 @@ TEST(OrderedMap, AKeyThatComesAndGoesStaysQuickToFind) {
   }
   EXPECT_EQ(map.size(), 1000U);
   EXPECT_EQ(*map.find("name 999"), 999);
-}
-
-TEST(OrderedMap, ACopyIsIndependent) {
-  OrderedMap<int> original;
-  original.set("a", 1);
-  original.set("b", 2);
-  OrderedMap<int> copy = original;
-  original.erase("a");
-  copy.set("c", 3);
-  EXPECT_EQ(copy.keys(), (Names{"a", "b", "c"}));
-  EXPECT_EQ(original.keys(), Names{"b"});
-  original = copy;
-  copy.clear();
-  EXPECT_EQ(original.keys(), (Names{"a", "b", "c"}));
 }
 
 // A value's destructor may come back to the map that held it.

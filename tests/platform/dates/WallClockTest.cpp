@@ -31,15 +31,12 @@ void expectSame(std::int64_t time) {
 // up to 2087, by none.
 constexpr const char* zones[] = {"UTC",
                                  "America/New_York",
-                                 "Europe/Paris",
                                  "Australia/Lord_Howe",
                                  "America/Sao_Paulo",
                                  "Africa/Casablanca",
-                                 "Pacific/Apia",
-                                 "Asia/Tokyo",
                                  "Asia/Gaza",
+                                 "Pacific/Apia",
                                  "Africa/Freetown",
-                                 "America/Scoresbysund",
                                  "Antarctica/Troll",
                                  "Europe/Dublin"};
 

@@ -36,9 +36,9 @@ inline NSDate utc(std::string_view text) { return NSDate::initWithICSDateString(
 
 inline NSTimeZone zone(std::string_view name) { return NSTimeZone::timeZoneWithName(name).value(); }
 
-/// Runs the main run loop until that holds, for ten seconds at most. Whether it does.
-inline bool runUntil(const std::function<bool()>& holds) {
-  const NSDate end = NSDate::date().dateByAddingSeconds(10);
+/// Runs the main run loop until that holds, for so many seconds at most. Whether it does.
+inline bool runUntil(const std::function<bool()>& holds, int secondsToWait = 10) {
+  const NSDate end = NSDate::date().dateByAddingSeconds(secondsToWait);
   while (!holds() && NSDate::date() < end) {
     NSRunLoop::mainRunLoop().runUntilDate(
         NSDate::dateWithMicrosecondsSince1970(NSDate::date().microsecondsSince1970() + 2'000));
@@ -57,7 +57,8 @@ inline void endStores(int count, const std::function<std::shared_ptr<EKEventStor
   std::thread writing([&] {
     while (!isOver) write();
   });
-  EXPECT_TRUE(runUntil([&] { return isOver.load(); }));
+  constexpr int longEnough = 60;  // on a busy machine, too
+  EXPECT_TRUE(runUntil([&] { return isOver.load(); }, longEnough));
   ending.join();
   writing.join();
 }

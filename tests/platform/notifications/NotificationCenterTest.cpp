@@ -164,6 +164,10 @@ TEST(DistributedNotificationCenter, BringsOthersExactlyWhatWasSent) {
   post(here, {"last", std::nullopt, {}});
   ASSERT_TRUE(runUntil([&] { return heard.back().name == "last"; }));
   EXPECT_EQ(heard.size(), 4U);
+  there.removeObserver(observation);
+  post(here, {"unheard", std::nullopt, {}});
+  EXPECT_TRUE(reaches(here, there));
+  EXPECT_EQ(heard.size(), 4U);
 }
 
 TEST(DistributedNotificationCenter, ServesItsProcessWithoutABus) {
