@@ -70,8 +70,8 @@ Event readEvent(std::string name, std::string version, KBTCalObject& reader) {
     const auto key = reader.key();
     if (key == "SUMMARY") event.title = reader.value();
     if (key == "DESCRIPTION") event.notes = reader.value().value_or("");
-    if (key == "DTSTART") event.start = reader.valueAsDateIsFullDay(event.isAllDay);
-    if (key == "DTEND") event.end = reader.valueAsDateIsFullDay(event.isAllDay);
+    if (key == "DTSTART") event.start = reader.valueAsDateIsFullDay(&event.isAllDay);
+    if (key == "DTEND") event.end = reader.valueAsDateIsFullDay(&event.isAllDay);
   }
   return event;
 }

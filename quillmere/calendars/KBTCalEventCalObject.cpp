@@ -72,17 +72,19 @@ std::optional<std::string> KBTCalEventCalObject::currentValue() const {
   }
 }
 
-std::optional<NSDate> KBTCalEventCalObject::valueAsDateIsFullDay(bool& isFullDay) {
+std::optional<NSDate> KBTCalEventCalObject::valueAsDateIsFullDay(bool* isFullDay) {
   if (!event_) return std::nullopt;
+  bool ignored = false;
+  bool& isAllDay = isFullDay ? *isFullDay : ignored;
   switch (lineIndex_) {
     case dtstart:
-      isFullDay = event_->isAllDay();
+      isAllDay = event_->isAllDay();
       return event_->startDate();
     case dtend:
-      isFullDay = event_->isAllDay();
+      isAllDay = event_->isAllDay();
       return event_->endDate();
     case dtstamp:
-      isFullDay = false;
+      isAllDay = false;
       return event_->lastModifiedDate();
     default:
       return std::nullopt;

@@ -37,7 +37,7 @@ class QUILLMERE_EXPORT KBTCalEventCalObject : public KBTCalObject {
   std::optional<std::string_view> value() override;
   /// The date of DTSTART, DTEND or DTSTAMP. The flag becomes the event's all-day flag, or false for
   /// DTSTAMP. On any other line the result is null and the flag stays as it is.
-  std::optional<NSDate> valueAsDateIsFullDay(bool& isFullDay) override;
+  std::optional<NSDate> valueAsDateIsFullDay(bool* isFullDay = nullptr) override;
   std::optional<std::string_view> valueForModifier(std::string_view name) override;
   const KBTCalModifiers& modifiers() override;
 

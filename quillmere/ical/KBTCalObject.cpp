@@ -223,9 +223,10 @@ std::optional<string_view> KBTCalObject::valueForModifier(string_view name) {
   return found->second;
 }
 
-std::optional<NSDate> KBTCalObject::valueAsDateIsFullDay(bool& isFullDay) {
-  isFullDay = valueForModifier("VALUE") == "DATE";
-  if (isFullDay) return dateOnlyStringAsDate(value());
+std::optional<NSDate> KBTCalObject::valueAsDateIsFullDay(bool* isFullDay) {
+  const bool isDate = valueForModifier("VALUE") == "DATE";
+  if (isFullDay) *isFullDay = isDate;
+  if (isDate) return dateOnlyStringAsDate(value());
 
   const auto digitsAsUTC = zuluStringAsDate(value());
   const auto zoneName = valueForModifier("TZID");

@@ -86,7 +86,8 @@ class QUILLMERE_EXPORT KBTCalObject : public KBTICSDataSource {
   /// The value of one parameter. Null when the line does not have it.
   virtual std::optional<std::string_view> valueForModifier(std::string_view name);
 
-  /// The value as a date (RFC 5545 sections 3.3.4 and 3.3.5). Null when it is none.
+  /// The value as a date (RFC 5545 sections 3.3.4 and 3.3.5). Null when it is none. Pass null for
+  /// `isFullDay` when you do not need it.
   ///
   /// With the parameter VALUE=DATE, written exactly so, `isFullDay` becomes true and the result is
   /// the start of the day in the default zone. Otherwise `isFullDay` becomes false and the digits
@@ -97,7 +98,7 @@ class QUILLMERE_EXPORT KBTCalObject : public KBTICSDataSource {
   /// to a change to or from daylight saving the result is off by the change.
   /// TZID=America/New_York:20240310T063000 is read with the offset at 06:30 UTC, five hours, and
   /// gives 11:30 UTC. But New York had already gone to summer time, and it was 10:30 UTC.
-  virtual std::optional<NSDate> valueAsDateIsFullDay(bool& isFullDay);
+  virtual std::optional<NSDate> valueAsDateIsFullDay(bool* isFullDay = nullptr);
 
   /// A reader of the component whose "BEGIN" line is the current line; never null. It shares the
   /// bytes and may outlive this reader.

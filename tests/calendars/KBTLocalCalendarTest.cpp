@@ -425,7 +425,7 @@ TEST_F(LocalCalendar, ReadersShowEightLines) {
     while (reader->nextLine()) {
       EXPECT_FALSE(reader->isAtEnd());
       bool isFullDay = true;
-      const auto date = reader->valueAsDateIsFullDay(isFullDay);
+      const auto date = reader->valueAsDateIsFullDay(&isFullDay);
       lines.push_back(std::string(*reader->key()) + ":" +
                       std::string(reader->value().value_or("(null)")) +
                       (date ? " " + date->icsDateString() : "") + (isFullDay ? " -" : ""));
@@ -445,7 +445,7 @@ TEST_F(LocalCalendar, ReadersShowEightLines) {
   bool isFullDay = false;
   reader->nextLine();
   reader->nextLine();
-  EXPECT_TRUE(reader->valueAsDateIsFullDay(isFullDay).has_value());
+  EXPECT_TRUE(reader->valueAsDateIsFullDay(&isFullDay).has_value());
   EXPECT_TRUE(isFullDay);
 }
 

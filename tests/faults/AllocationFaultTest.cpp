@@ -64,7 +64,7 @@ std::string read(const std::string&) {
       text.append(name).append(value);
     }
     bool isFullDay = false;
-    if (const auto date = askedAgain([&] { return reader->valueAsDateIsFullDay(isFullDay); })) {
+    if (const auto date = askedAgain([&] { return reader->valueAsDateIsFullDay(&isFullDay); })) {
       text += date->description();
     }
     if (reader->value() == "VEVENT") text += reader->subparserForCurrentEntry()->icsData().view();

@@ -178,8 +178,7 @@ TEST(KBTCalObject, AKeyAskedForAfterTheParametersHoldsTheirText) {
     EXPECT_EQ(reader->key(), key);
   }
   const auto dated = onLine("D;A=1:20240101T000000Z");
-  bool isFullDay = true;
-  dated->valueAsDateIsFullDay(isFullDay);
+  dated->valueAsDateIsFullDay();
   EXPECT_EQ(dated->key(), "D;A=1");
   EXPECT_EQ(onLine("K\\:v")->key(), "K\\") << "a backslash hides nothing in a key";
 
@@ -211,7 +210,7 @@ TEST(KBTCalObject, ResetGoesBackAndKeepsTheLineUntilTheNext) {
 
 Text dateOf(string_view line, bool expectFullDay) {
   bool isFullDay = !expectFullDay;
-  const auto date = onLine(line)->valueAsDateIsFullDay(isFullDay);
+  const auto date = onLine(line)->valueAsDateIsFullDay(&isFullDay);
   EXPECT_EQ(isFullDay, expectFullDay) << line;
   return date ? Text(date->icsDateString()) : std::nullopt;
 }

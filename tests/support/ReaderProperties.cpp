@@ -49,7 +49,8 @@ void checkCurrentLine(KBTCalObject& reader, string_view document) {
   }
   require(currentLine(reader) == currentLine(reader), "asked twice is the same");
   bool isFullDay = false;
-  reader.valueAsDateIsFullDay(isFullDay);
+  const auto date = reader.valueAsDateIsFullDay(&isFullDay);
+  require(reader.valueAsDateIsFullDay() == date, "a date does not depend on who asks for the flag");
 }
 
 std::vector<Line> linesOf(KBTCalObject& reader) {

@@ -2,6 +2,7 @@
 #define QUILLMERE_TESTS_PLATFORM_EVENTS_EVENTHOST_H
 
 #include <gtest/gtest.h>
+#include <quillmere/platform/base/HWPreference.h>
 #include <quillmere/platform/events/EKEventStore.h>
 #include <quillmere/platform/loop/NSRunLoop.h>
 
