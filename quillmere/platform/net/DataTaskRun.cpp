@@ -182,38 +182,44 @@ void DataTaskRun::askAboutRedirect() {
           }));
 }
 
-void DataTaskRun::askForCredential() {
-  const auto response = transfer_->response();
-  const AuthenticateChallenge offer = *challengeToRaise(challenges_);
-  const bool isProxys = response->statusCode() == proxyAuthenticationRequired;
-  Asker& asker = isProxys ? proxy_ : server_;
-  // A Digest nonce that has become stale says nothing about the credential (RFC 7616 section 3.3),
-  // and neither does one that went out over another connection than it came over.
+// A Digest nonce that has become stale says nothing about the credential (RFC 7616 section 3.3),
+// and neither does one that went out over another connection than it came over.
+bool DataTaskRun::asksForNonceAlone(const AuthenticateChallenge& offer, const Asker& asker) const {
   const bool isSameRealm = asker.credential && asker.answered.scheme == "digest" &&
                            offer.scheme == "digest" &&
                            offer.parameter("realm") == asker.answered.parameter("realm");
   const bool isElsewhere =
       asker.staleNonces == 0 && transfer_->connectionPort() != asker.connectionPort;
-  const bool isStale =
-      isSameRealm &&
-      (isElsewhere || equalIgnoringCase(offer.parameter("stale").value_or(""), "true"));
-  if (isStale && asker.staleNonces < maximumStaleNonces) {
+  return isSameRealm && asker.staleNonces < maximumStaleNonces &&
+         (isElsewhere || equalIgnoringCase(offer.parameter("stale").value_or(""), "true"));
+}
+
+NSURLProtectionSpace DataTaskRun::protectionSpace(const AuthenticateChallenge& offer,
+                                                  bool isProxys) const {
+  const NSURL& url = *request_.URL();
+  const std::string scheme = url.scheme().value_or("");
+  if (!isProxys) {
+    return NSURLProtectionSpace::initWithHost_port_protocol_realm_authenticationMethod(
+        url.host().value_or(""), portOf(url), scheme, offer.parameter("realm"),
+        offer.authenticationMethod());
+  }
+  const auto& [address, port] = transfer_->peer();
+  return NSURLProtectionSpace::initWithProxyHost_port_type_realm_authenticationMethod(
+      address, port, scheme, offer.parameter("realm"), offer.authenticationMethod());
+}
+
+void DataTaskRun::askForCredential() {
+  const auto response = transfer_->response();
+  const AuthenticateChallenge offer = *challengeToRaise(challenges_);
+  const bool isProxys = response->statusCode() == proxyAuthenticationRequired;
+  Asker& asker = isProxys ? proxy_ : server_;
+  if (asksForNonceAlone(offer, asker)) {
     ++asker.staleNonces;
     return answer(offer, asker);
   }
-  const NSURL& url = *request_.URL();
-  const auto& [proxyAddress, proxyPort] = transfer_->peer();
-  const std::string scheme = url.scheme().value_or("");
-  const auto space =
-      isProxys ? NSURLProtectionSpace::initWithProxyHost_port_type_realm_authenticationMethod(
-                     proxyAddress, proxyPort, scheme, offer.parameter("realm"),
-                     offer.authenticationMethod())
-               : NSURLProtectionSpace::initWithHost_port_protocol_realm_authenticationMethod(
-                     url.host().value_or(""), portOf(url), scheme, offer.parameter("realm"),
-                     offer.authenticationMethod());
   const auto challenge = NSURLAuthenticationChallenge::
       initWithProtectionSpace_proposedCredential_previousFailureCount_failureResponse(
-          space, nullptr, asker.refusedCredentials, response);
+          protectionSpace(offer, isProxys), nullptr, asker.refusedCredentials, response);
   const bool isAnswerable = offer.scheme == "digest" || offer.scheme == "basic";
   const auto handler =
       answerHandler<NSURLSessionAuthChallengeDisposition, std::shared_ptr<NSURLCredential>>(

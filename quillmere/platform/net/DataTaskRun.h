@@ -51,6 +51,8 @@ class DataTaskRun final : public HTTPTransfer::Owner,
   Purpose purposeOf(const NSHTTPURLResponse& response);
   std::optional<NSURL> redirectTarget(const NSHTTPURLResponse& response) const;
   void askAboutRedirect();
+  bool asksForNonceAlone(const AuthenticateChallenge& offer, const Asker& asker) const;
+  NSURLProtectionSpace protectionSpace(const AuthenticateChallenge& offer, bool isProxys) const;
   void askForCredential();
   void answer(const AuthenticateChallenge& offer, Asker& asker);
   void askAboutResponse();
