@@ -28,7 +28,7 @@ struct ChangeWatch::State : std::enable_shared_from_this<State> {
   }
 
   void addTimer(guint milliseconds) {
-    const auto ring = [](void* data) -> gboolean {
+    const auto ring = [](void* data) noexcept -> gboolean {
       if (const auto state = static_cast<std::weak_ptr<State>*>(data)->lock()) state->ask();
       return G_SOURCE_REMOVE;
     };
@@ -41,7 +41,7 @@ struct ChangeWatch::State : std::enable_shared_from_this<State> {
     const std::unique_ptr<std::weak_ptr<State>> dropped(static_cast<std::weak_ptr<State>*>(data));
   }
 
-  static gboolean wrote(gint descriptor, GIOCondition, void* data) {
+  static gboolean wrote(gint descriptor, GIOCondition, void* data) noexcept {
     const auto state = static_cast<std::weak_ptr<State>*>(data)->lock();
     if (!state) return G_SOURCE_REMOVE;  // and its descriptor may be another file's by now
     char events[4096];

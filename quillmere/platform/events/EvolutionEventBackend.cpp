@@ -75,7 +75,7 @@ class Connection {
  private:
   using Receiver = std::weak_ptr<EvolutionEventBackend>;
 
-  static void changed(Receiver* receiver);
+  static void changed(Receiver* receiver) noexcept;
   static void drop(gpointer data, GClosure*) {
     const std::unique_ptr<Receiver> dropped(static_cast<Receiver*>(data));
   }
@@ -362,7 +362,7 @@ class EvolutionEventBackend : public EventBackend,
       int count = 0;
     } walk{item, visit};
     const auto next = [](ICalComponent*, ICalTime* start, ICalTime* end, gpointer data,
-                         GCancellable*, GError**) -> gboolean {
+                         GCancellable*, GError**) noexcept -> gboolean {
       auto& given = *static_cast<Walk*>(data);
       const bool isAllDay = given.item.event.isAllDay;
       given.visit(dateOfTime(start, isAllDay), dateOfTime(end, isAllDay));
@@ -610,7 +610,7 @@ class EvolutionEventBackend : public EventBackend,
   std::list<Connection> connections_;
 };
 
-void Connection::changed(Receiver* receiver) {
+void Connection::changed(Receiver* receiver) noexcept {
   if (const auto backend = receiver->lock()) backend->noteChange();
 }
 

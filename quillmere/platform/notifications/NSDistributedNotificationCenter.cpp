@@ -162,7 +162,7 @@ class NSDistributedNotificationCenter::Bus : public std::enable_shared_from_this
                                   body, nullptr);
   }
 
-  static void endAttempt(GObject*, GAsyncResult* result, void* data) {
+  static void endAttempt(GObject*, GAsyncResult* result, void* data) noexcept {
     const std::unique_ptr<std::weak_ptr<Bus>> weak(static_cast<std::weak_ptr<Bus>*>(data));
     Owned<GDBusConnection> connection(g_dbus_connection_new_for_address_finish(result, nullptr),
                                       &g_object_unref);
@@ -191,7 +191,7 @@ class NSDistributedNotificationCenter::Bus : public std::enable_shared_from_this
   }
 
   static GDBusMessage* hear(GDBusConnection* connection, GDBusMessage* message, gboolean isIncoming,
-                            void* data) {
+                            void* data) noexcept {
     // The process's own observers have been told without the bus.
     const bool isOthers = isIncoming && g_strcmp0(g_dbus_message_get_sender(message),
                                                   g_dbus_connection_get_unique_name(connection));
