@@ -11,7 +11,6 @@
 namespace quillmere {
 namespace {
 
-using testing::Answer;
 using testing::anyBody;
 using ::testing::ElementsAre;
 using testing::ExpectedRequest;
