@@ -5,7 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <functional>
+#include <functional>  // IWYU pragma: keep
 #include <string>
 
 namespace quillmere {

@@ -1,10 +1,9 @@
-#include <quillmere/platform/dates/CivilTime.h>
+#include <quillmere/platform/dates/CivilDate.h>
 #include <quillmere/platform/events/EventBackend.h>
 #include <quillmere/platform/events/EvolutionComponent.h>
 
 #include <algorithm>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 namespace quillmere {

@@ -3,7 +3,6 @@
 
 #include <sqlite3.h>
 
-#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <memory>

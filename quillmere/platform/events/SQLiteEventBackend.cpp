@@ -1,4 +1,3 @@
-#include <quillmere/platform/base/CFUUID.h>
 #include <quillmere/platform/events/ChangeWatch.h>
 #include <quillmere/platform/events/EventDatabaseFile.h>
 #include <quillmere/platform/events/Recurrence.h>

@@ -1,7 +1,6 @@
 #ifndef QUILLMERE_PLATFORM_NET_CONTENTDECODER_H
 #define QUILLMERE_PLATFORM_NET_CONTENTDECODER_H
 
-#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>

@@ -5,7 +5,6 @@
 #include <quillmere/platform/net/NSURLCredential.h>
 
 #include <algorithm>
-#include <string_view>
 #include <utility>
 
 namespace quillmere {
