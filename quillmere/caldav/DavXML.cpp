@@ -5,8 +5,8 @@
 
 namespace quillmere {
 
-std::optional<HWXMLElement> rootOf(const KBTDavRequest& request) {
-  const auto document = HWXMLDocument::initWithData(request.data());
+std::optional<HWXMLElement> rootOf(KBTDavRequest& request) {
+  const auto document = HWXMLDocument::initWithBytes(request.takeData());
   if (!document) return std::nullopt;
   return document->rootElement();
 }
@@ -41,8 +41,11 @@ std::vector<HWXMLElement> childElementsOf(const HWXMLElement& element) {
 }
 
 std::vector<HWXMLElement> childElementsOf(const HWXMLElement& element, std::string_view localName) {
-  auto elements = childElementsOf(element);
-  std::erase_if(elements, [&](const HWXMLElement& child) { return child.name() != localName; });
+  std::vector<HWXMLElement> elements;
+  for (auto child = element.firstChildNamed(localName); child;
+       child = child->nextSiblingNamed(localName)) {
+    elements.push_back(*child);
+  }
   return elements;
 }
 

@@ -22,7 +22,7 @@ inline constexpr const char* xmlContentType = "text/xml; charset=\"utf-8\"";
 /// What the first propstat's status must be, to the letter, for a resource to count.
 inline constexpr const char* statusOfFound = "HTTP/1.1 200 OK";
 
-/// A body under way, with every namespace a plain "xmlns" of the element that needs one.
+/// A body that is being written, with every namespace a plain "xmlns" of the element that needs one.
 class DavBody {
  public:
   DavBody(const char* root, const char* xmlns)
@@ -56,8 +56,9 @@ class DavBody {
   std::shared_ptr<HWXMLDocument> document_;
 };
 
-/// The root of a request's answer; null for a body that is no XML.
-std::optional<HWXMLElement> rootOf(const KBTDavRequest& request);
+/// The root of a request's answer, of which nothing is left in the request; null for a body that is
+/// no XML.
+std::optional<HWXMLElement> rootOf(KBTDavRequest& request);
 
 /// The text of the element at the path, null when there is none.
 std::optional<std::string_view> textAt(const HWXMLElement& element, std::string_view path);

@@ -261,8 +261,8 @@ void KBTDavConnection::_didGetEventsForCalendar(const std::shared_ptr<KBTDavRequ
   if (tellFailure(*request) || !delegate_) return;
   KBTDavResourceTexts etags;
   KBTDavResourceContents contents;
-  if (const auto document = HWXMLDocument::initWithBytes(request->takeData())) {
-    for (const HWXMLElement& response : childElementsOf(document->rootElement(), "response")) {
+  if (const auto root = rootOf(*request)) {
+    for (const HWXMLElement& response : childElementsOf(*root, "response")) {
       // Intended: only the first propstat is looked at, and its status must be this very text.
       const auto propstat = response.firstChildNamed("propstat");
       if (!propstat || textAt(*propstat, "status") != statusOfFound) continue;
@@ -320,9 +320,9 @@ void KBTDavConnection::_didDeleteCalendar(const std::shared_ptr<KBTDavRequest>&)
 std::vector<KBTDavResourceTexts> KBTDavConnection::_arrayForReportResponse_withKeys(
     const KBTDavRequest& request, const std::vector<std::string>& keys) {
   std::vector<KBTDavResourceTexts> rows;
-  const auto root = rootOf(request);
-  if (!root) return rows;
-  for (const HWXMLElement& response : childElementsOf(*root)) {
+  const auto document = HWXMLDocument::initWithData(request.data());
+  if (!document) return rows;
+  for (const HWXMLElement& response : childElementsOf(document->rootElement())) {
     const auto prop = response.firstChildAtPath("propstat/prop");
     if (!prop) continue;
     KBTDavResourceTexts row;

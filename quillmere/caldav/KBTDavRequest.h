@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 
 namespace quillmere {
 
@@ -35,6 +36,8 @@ class QUILLMERE_EXPORT KBTDavRequest {
 
   /// The response's body so far.
   NSData data() const;
+  /// The same without making data of it; good until more comes or it is taken out.
+  std::string_view dataView() const { return data_.length() > 0 ? data_.view() : received_; }
   /// The same, taken out: afterwards the body is empty.
   std::string takeData();
   void appendData(const NSData& data);

@@ -5,9 +5,13 @@
 #include <quillmere/platform/base/UTF8.h>
 #include <quillmere/platform/base/makeObject.h>
 #include <quillmere/platform/net/NSURLCredential.h>
+#include <quillmere/platform/net/URLError.h>
+#include <quillmere/platform/xml/HWXMLDocument.h>
 
 #include <algorithm>
 #include <cstdint>
+#include <string>
+#include <string_view>
 #include <utility>
 
 namespace quillmere {
@@ -29,6 +33,19 @@ std::string textOf(const NSData& data) {
 }
 
 bool isSuccess(std::int64_t status) { return status >= 200 && status <= 299; }
+
+// Whether an answer takes far more memory to read than it took to send. A listing or a multiget
+// takes up to some five times its text, and a server packs it to a thirtieth at best.
+bool isOutOfProportion(std::string_view body, std::uint64_t bytesReceived) {
+  constexpr std::uint64_t alwaysAllowed = std::uint64_t{128} << 20;
+  constexpr std::uint64_t mostTimesText = 9;
+  constexpr std::uint64_t mostTimesReceived = 128;
+  constexpr std::uint64_t mostTimesOfAnyText = 32;
+  if (body.size() <= alwaysAllowed / mostTimesOfAnyText) return false;
+  const std::uint64_t memory = HWXMLDocument::memoryToRead(body);
+  return memory > std::max(alwaysAllowed, std::min(mostTimesText * body.size(),
+                                                   mostTimesReceived * bytesReceived));
+}
 
 }  // namespace
 
@@ -155,7 +172,9 @@ void KBTDavRequestor::URLSession_task_didCompleteWithError(NSURLSession&,
     const auto& response = request->response();
     const std::int64_t status = response ? response->statusCode() : 0;
     if (isLogging()) NSLog("KBT: " + std::to_string(status) + "\n" + textOf(request->data()));
-    if (!isSuccess(status)) {
+    if (isSuccess(status) && isOutOfProportion(request->dataView(), task.countOfBytesReceived())) {
+      request->setError(urlError(NSURLErrorDataLengthExceedsMaximum, response->URL()));
+    } else if (!isSuccess(status)) {
       request->setError(NSError::errorWithDomain_code_userInfo(
           KBTDavConnectionErrorDomain, status,
           {{NSLocalizedDescriptionKey, NSHTTPURLResponse::localizedStringForStatusCode(status)},

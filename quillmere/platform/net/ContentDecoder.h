@@ -5,18 +5,19 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 // Internal: compressed bodies.
 namespace quillmere {
 
-/// Undoes a content coding (RFC 9110 section 8.4.1) piece by piece: gzip and deflate. Unlike
-/// libcurl's own it tells when a body was cut off.
+/// Undoes content codings (RFC 9110 section 8.4.1) piece by piece: gzip, deflate and identity.
+/// Unlike libcurl's own it reports when a body was cut off.
 class ContentDecoder {
  public:
-  /// Null for a coding that is neither; the body then stays as it is.
-  static std::unique_ptr<ContentDecoder> decoderFor(std::string_view coding);
+  /// For the value of a field Content-Encoding: codings by commas, in the order in which they were
+  /// applied. Null for one that is none of those, and for more than five.
+  static std::unique_ptr<ContentDecoder> decoderFor(std::string_view codings);
 
-  ContentDecoder();
   ContentDecoder(const ContentDecoder&) = delete;
   ContentDecoder& operator=(const ContentDecoder&) = delete;
   ~ContentDecoder();
@@ -29,8 +30,11 @@ class ContentDecoder {
   bool isComplete() const;
 
  private:
-  struct Stream;
-  std::unique_ptr<Stream> stream_;
+  class Inflater;
+
+  ContentDecoder();
+
+  std::vector<std::unique_ptr<Inflater>> inflaters_;  // in the order in which they are to work
 };
 
 }  // namespace quillmere

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <map>
 #include <utility>
 
@@ -32,8 +33,27 @@ std::shared_ptr<CurlLoop> CurlLoop::loopOf(const NSOperationQueue& queue) {
   return loop;
 }
 
-CurlLoop::CurlLoop(const NSOperationQueue& queue)
-    : epoll_(::epoll_create1(EPOLL_CLOEXEC)), multi_(newMulti()) {
+CurlLoop::CurlLoop(const NSOperationQueue& queue) : queue_(queue) {}
+
+CurlLoop::~CurlLoop() {
+  while (!clients_.empty()) remove(clients_.begin()->first);
+  if (!source_) return;
+  curl_multi_cleanup(multi_);
+  g_source_destroy(source_);
+  g_source_unref(source_);
+}
+
+GMainContext* CurlLoop::context() const { return ContextAccess::contextOf(queue_); }
+
+const char* CurlLoop::open() {
+  if (source_) return nullptr;
+  if (!epoll_) {
+    const int descriptor = ::epoll_create1(EPOLL_CLOEXEC);
+    if (descriptor < 0) return g_strerror(errno);
+    epoll_.emplace(descriptor);
+  }
+  multi_ = newMulti();
+  if (!multi_) return curl_easy_strerror(CURLE_OUT_OF_MEMORY);
   curl_multi_setopt(multi_, CURLMOPT_SOCKETFUNCTION, &CurlLoop::socketChanged);
   curl_multi_setopt(multi_, CURLMOPT_SOCKETDATA, this);
   curl_multi_setopt(multi_, CURLMOPT_TIMERFUNCTION, &CurlLoop::timerChanged);
@@ -45,22 +65,20 @@ CurlLoop::CurlLoop(const NSOperationQueue& queue)
       &CurlLoop::prepare, &CurlLoop::check, &CurlLoop::dispatch, nullptr, nullptr, nullptr};
   source_ = g_source_new(&functions, sizeof(Source));
   reinterpret_cast<Source*>(source_)->loop = this;
-  tag_ = g_source_add_unix_fd(source_, epoll_.get(), G_IO_IN);
+  tag_ = g_source_add_unix_fd(source_, epoll_->get(), G_IO_IN);
   // A delegate may run the loop from within a call.
   g_source_set_can_recurse(source_, TRUE);
-  g_source_attach(source_, ContextAccess::contextOf(queue));
+  g_source_attach(source_, context());
+  return nullptr;
 }
 
-CurlLoop::~CurlLoop() {
-  while (!clients_.empty()) remove(clients_.begin()->first);
-  curl_multi_cleanup(multi_);
-  g_source_destroy(source_);
-  g_source_unref(source_);
-}
-
-void CurlLoop::add(CURL* transfer, std::shared_ptr<Client> client) {
+const char* CurlLoop::add(CURL* transfer, std::shared_ptr<Client> client) {
+  if (const char* const obstacle = open()) return obstacle;
   clients_[transfer] = std::move(client);
-  curl_multi_add_handle(multi_, transfer);
+  const CURLMcode result = curl_multi_add_handle(multi_, transfer);
+  if (result == CURLM_OK) return nullptr;
+  clients_.erase(transfer);
+  return curl_multi_strerror(result);
 }
 
 void CurlLoop::remove(CURL* transfer) {
@@ -99,7 +117,7 @@ void CurlLoop::work(bool isReadable) {
   int running = 0;
   if (isReadable) {
     std::array<epoll_event, maximumEvents> events;
-    const int count = ::epoll_wait(epoll_.get(), events.data(), maximumEvents, 0);
+    const int count = ::epoll_wait(epoll_->get(), events.data(), maximumEvents, 0);
     for (int i = 0; i < count; ++i) {
       const std::uint32_t happened = events[static_cast<std::size_t>(i)].events;
       const int mask = ((happened & EPOLLIN) != 0 ? CURL_CSELECT_IN : 0) |
@@ -140,7 +158,7 @@ void CurlLoop::tell() {
 }
 
 int CurlLoop::socketChanged(CURL*, curl_socket_t socket, int what, void* loop, void*) {
-  const int epoll = static_cast<CurlLoop*>(loop)->epoll_.get();
+  const int epoll = static_cast<CurlLoop*>(loop)->epoll_->get();
   if (what == CURL_POLL_REMOVE) {
     ::epoll_ctl(epoll, EPOLL_CTL_DEL, socket, nullptr);
     return 0;
@@ -151,7 +169,10 @@ int CurlLoop::socketChanged(CURL*, curl_socket_t socket, int what, void* loop, v
   event.data.fd = socket;
   // What is known of a socket that was closed without notice is gone from the set already.
   if (::epoll_ctl(epoll, EPOLL_CTL_MOD, socket, &event) == 0) return 0;
-  return ::epoll_ctl(epoll, EPOLL_CTL_ADD, socket, &event);
+  // One that the system does not take falls silent, and its request times out; an error here would
+  // end every request of the loop, those to come included.
+  ::epoll_ctl(epoll, EPOLL_CTL_ADD, socket, &event);
+  return 0;
 }
 
 int CurlLoop::timerChanged(CURLM*, long milliseconds, void* data) {

@@ -8,6 +8,7 @@
 
 #include <deque>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <unordered_map>
@@ -41,8 +42,9 @@ class CurlLoop : public std::enable_shared_from_this<CurlLoop> {
   CurlLoop& operator=(const CurlLoop&) = delete;
   ~CurlLoop();
 
-  /// Starts a transfer. The loop keeps the client until the transfer has ended or is removed.
-  void add(CURL* transfer, std::shared_ptr<Client> client);
+  /// Starts a transfer. The loop keeps the client until the transfer has ended or is removed. Null
+  /// for success; otherwise why it cannot be, which may pass: no descriptor is left, say.
+  const char* add(CURL* transfer, std::shared_ptr<Client> client);
   /// Takes a transfer out; its client hears nothing more. Nothing when it is not in the loop.
   void remove(CURL* transfer);
 
@@ -56,7 +58,7 @@ class CurlLoop : public std::enable_shared_from_this<CurlLoop> {
     return singleLoginServers_.contains(server);
   }
 
-  GMainContext* context() const { return g_source_get_context(source_); }
+  GMainContext* context() const;
 
  protected:
   explicit CurlLoop(const NSOperationQueue& queue);
@@ -72,12 +74,15 @@ class CurlLoop : public std::enable_shared_from_this<CurlLoop> {
   static gboolean dispatch(GSource* source, GSourceFunc, void*) noexcept;
   static int socketChanged(CURL*, curl_socket_t socket, int what, void* loop, void*);
   static int timerChanged(CURLM*, long milliseconds, void* loop);
+  const char* open();
   void work(bool isReadable);
   void tell();
 
-  FileDescriptor epoll_;
-  CURLM* multi_;
-  GSource* source_;
+  NSOperationQueue queue_;
+  // Null until they are needed, and while the system refuses them.
+  std::optional<FileDescriptor> epoll_;
+  CURLM* multi_ = nullptr;
+  GSource* source_ = nullptr;
   void* tag_ = nullptr;  // of the epoll set in the source
   std::unordered_map<CURL*, std::shared_ptr<Client>> clients_;
   std::deque<CURL*> moved_;

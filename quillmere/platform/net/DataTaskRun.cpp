@@ -3,6 +3,7 @@
 #include <quillmere/platform/net/DataTaskRun.h>
 #include <quillmere/platform/net/HTTPFields.h>
 #include <quillmere/platform/net/NSURLCredential.h>
+#include <quillmere/platform/net/URLError.h>
 
 #include <algorithm>
 #include <utility>
@@ -13,7 +14,6 @@ namespace {
 constexpr int maximumRedirects = 20;
 constexpr int maximumStaleNonces = 3;  // of one credential
 constexpr std::int64_t unauthorized = 401;
-constexpr std::int64_t proxyAuthenticationRequired = 407;
 
 bool isRedirect(std::int64_t status) {
   constexpr std::int64_t statuses[] = {301, 302, 303, 307, 308};
@@ -89,7 +89,7 @@ void DataTaskRun::transfer(const NSURLRequest& request, HTTPTransfer::Connection
   const NSURLSession& session = *task_->session_;
   transfer_ = std::make_shared<HTTPTransfer>(session.loop_, request, session.configuration_,
                                              session.cookies_, connection, *this);
-  transfer_->start();
+  if (const NSErrorPtr error = transfer_->start()) complete(error);
 }
 
 void DataTaskRun::complete(const NSErrorPtr& error) {
@@ -140,13 +140,9 @@ void DataTaskRun::transferEnded(const NSErrorPtr& error) {
 DataTaskRun::Purpose DataTaskRun::purposeOf(const NSHTTPURLResponse& response) {
   const std::int64_t status = response.statusCode();
   if (isRedirect(status) && redirectTarget(response)) return Purpose::redirect;
-  const bool isProxys = status == proxyAuthenticationRequired;
-  if (status != unauthorized && !isProxys) return Purpose::answer;
-  const bool isPreset =
-      request_.valueForHTTPHeaderField(isProxys ? "Proxy-Authorization" : "Authorization")
-          .has_value();
-  const auto field =
-      response.valueForHTTPHeaderField(isProxys ? "Proxy-Authenticate" : "WWW-Authenticate");
+  if (status != unauthorized) return Purpose::answer;
+  const bool isPreset = request_.valueForHTTPHeaderField("Authorization").has_value();
+  const auto field = response.valueForHTTPHeaderField("WWW-Authenticate");
   challenges_ = field ? parseAuthenticateHeader(*field) : std::vector<AuthenticateChallenge>();
   if (isPreset) return Purpose::answer;
   if (challengeToRaise(challenges_)) return Purpose::challenge;
@@ -168,7 +164,7 @@ void DataTaskRun::askAboutRedirect() {
   const auto response = transfer_->response();
   const NSURLRequest proposed =
       redirected(request_, response->statusCode(), *redirectTarget(*response));
-  server_ = {};
+  login_ = {};
   const auto task = task_;
   const auto delegate = task->delegate_;
   delegate->URLSession_task_willPerformHTTPRedirection_newRequest_completionHandler(
@@ -183,56 +179,53 @@ void DataTaskRun::askAboutRedirect() {
 
 // A Digest nonce that has become stale says nothing about the credential (RFC 7616 section 3.3),
 // and neither does one that went out over another connection than it came over.
-bool DataTaskRun::asksForNonceAlone(const AuthenticateChallenge& offer, const Asker& asker) const {
-  const bool isSameRealm = asker.credential && asker.answered.scheme == "digest" &&
+bool DataTaskRun::asksForNonceAlone(const AuthenticateChallenge& offer) const {
+  const bool isSameRealm = login_.credential && login_.answered.scheme == "digest" &&
                            offer.scheme == "digest" &&
-                           offer.parameter("realm") == asker.answered.parameter("realm");
+                           offer.parameter("realm") == login_.answered.parameter("realm");
   const bool isElsewhere =
-      asker.staleNonces == 0 && transfer_->connectionPort() != asker.connectionPort;
-  return isSameRealm && asker.staleNonces < maximumStaleNonces &&
+      login_.staleNonces == 0 && transfer_->connectionPort() != login_.connectionPort;
+  return isSameRealm && login_.staleNonces < maximumStaleNonces &&
          (isElsewhere || equalIgnoringCase(offer.parameter("stale").value_or(""), "true"));
 }
 
-NSURLProtectionSpace DataTaskRun::protectionSpace(const AuthenticateChallenge& offer,
-                                                  bool isProxys) const {
-  const NSURL& url = *request_.URL();
-  const std::string scheme = url.scheme().value_or("");
-  if (!isProxys) {
-    return NSURLProtectionSpace::initWithHost_port_protocol_realm_authenticationMethod(
-        url.host().value_or(""), portOf(url), scheme, offer.parameter("realm"),
-        offer.authenticationMethod());
-  }
-  const auto& [address, port] = transfer_->peer();
-  return NSURLProtectionSpace::initWithProxyHost_port_type_realm_authenticationMethod(
-      address, port, scheme, offer.parameter("realm"), offer.authenticationMethod());
+// Null without user and password, for another server than that of the task's URL, and once the
+// server has refused a credential.
+std::shared_ptr<NSURLCredential> DataTaskRun::credentialOfURL() const {
+  const NSURL& url = *task_->originalRequest().URL();
+  const auto user = url.user();
+  const auto password = url.password();
+  if (!user || !password || login_.refusedCredentials > 0) return nullptr;
+  if (!isSameServer(url, *request_.URL())) return nullptr;
+  return NSURLCredential::credentialWithUser_password_persistence(*user, *password,
+                                                                  NSURLCredentialPersistenceNone);
 }
 
 void DataTaskRun::askForCredential() {
-  const auto response = transfer_->response();
   const AuthenticateChallenge offer = *challengeToRaise(challenges_);
-  const bool isProxys = response->statusCode() == proxyAuthenticationRequired;
-  Asker& asker = isProxys ? proxy_ : server_;
-  if (asksForNonceAlone(offer, asker)) {
-    ++asker.staleNonces;
-    return answer(offer, asker);
+  if (asksForNonceAlone(offer)) {
+    ++login_.staleNonces;
+    return answer(offer);
   }
+  const NSURL& url = *request_.URL();
   const auto challenge = NSURLAuthenticationChallenge::
       initWithProtectionSpace_proposedCredential_previousFailureCount_failureResponse(
-          protectionSpace(offer, isProxys), nullptr, asker.refusedCredentials, response);
+          NSURLProtectionSpace::initWithHost_port_protocol_realm_authenticationMethod(
+              url.host().value_or(""), portOf(url), url.scheme().value_or(""),
+              offer.parameter("realm"), offer.authenticationMethod()),
+          credentialOfURL(), login_.refusedCredentials, transfer_->response());
   const bool isAnswerable = offer.scheme == "digest" || offer.scheme == "basic";
   const auto handler =
       answerHandler<NSURLSessionAuthChallengeDisposition, std::shared_ptr<NSURLCredential>>(
-          [offer, isAnswerable, isProxys](DataTaskRun& run,
-                                          NSURLSessionAuthChallengeDisposition disposition,
-                                          const std::shared_ptr<NSURLCredential>& credential) {
+          [offer, isAnswerable](DataTaskRun& run, NSURLSessionAuthChallengeDisposition disposition,
+                                const std::shared_ptr<NSURLCredential>& credential) {
             using enum NSURLSessionAuthChallengeDisposition;
             if (disposition == cancelAuthenticationChallenge) return run.task_->cancel();
             if (disposition == useCredential && credential && isAnswerable) {
-              Asker& answered = isProxys ? run.proxy_ : run.server_;
-              ++answered.refusedCredentials;
-              answered.credential = credential;
-              answered.staleNonces = 0;
-              return run.answer(offer, answered);
+              ++run.login_.refusedCredentials;
+              run.login_.credential = credential;
+              run.login_.staleNonces = 0;
+              return run.answer(offer);
             }
             run.purpose_ = Purpose::answer;
             run.askAboutResponse();
@@ -249,14 +242,13 @@ void DataTaskRun::askForCredential() {
 }
 
 // The credential goes into what is sent alone: neither a redirect nor another request has it.
-void DataTaskRun::answer(const AuthenticateChallenge& offer, Asker& asker) {
-  asker.answered = offer;
-  asker.connectionPort = transfer_->connectionPort();
-  asker.value = authorizationFor(offer, *asker.credential, request_, CFUUIDCreateString());
+void DataTaskRun::answer(const AuthenticateChallenge& offer) {
+  login_.answered = offer;
+  login_.connectionPort = transfer_->connectionPort();
   NSMutableURLRequest request;
   static_cast<NSURLRequest&>(request) = request_;
-  if (proxy_.value) request.setValue_forHTTPHeaderField(proxy_.value, "Proxy-Authorization");
-  if (server_.value) request.setValue_forHTTPHeaderField(server_.value, "Authorization");
+  request.setValue_forHTTPHeaderField(
+      authorizationFor(offer, *login_.credential, request_, CFUUIDCreateString()), "Authorization");
   // A nonce may be good for the connection alone that it came over, the last one that was used.
   using enum HTTPTransfer::Connection;
   const bool hasNonce = offer.scheme == "digest";
@@ -290,6 +282,7 @@ void DataTaskRun::goOn() {
 
 void DataTaskRun::deliverBody() {
   if (isOver() || purpose_ != Purpose::answer || !isAllowed_) return;
+  task_->countOfBytesReceived_ = transfer_->bytesReceived();
   std::string bytes = transfer_->takeBody();
   if (!bytes.empty()) {
     const auto task = task_;

@@ -35,14 +35,13 @@ class DataTaskRun final : public HTTPTransfer::Owner,
   // What the response that comes in is for.
   enum class Purpose : std::uint8_t { unknown, redirect, challenge, deadEnd, answer };
 
-  // Who asks for credentials, and what it was given.
-  struct Asker {
+  // What the server that asks for credentials was given.
+  struct Login {
     std::int64_t refusedCredentials = 0;
     std::shared_ptr<NSURLCredential> credential;
     AuthenticateChallenge answered;
-    std::optional<std::string> value;  // of the field that answers
-    long connectionPort = 0;           // of the connection that the answered challenge came over
-    int staleNonces = 0;               // since the credential was given
+    long connectionPort = 0;  // of the connection that the answered challenge came over
+    int staleNonces = 0;      // since the credential was given
   };
 
   bool isOver() const { return !task_ || task_->state() != NSURLSessionTaskState::running; }
@@ -51,10 +50,10 @@ class DataTaskRun final : public HTTPTransfer::Owner,
   Purpose purposeOf(const NSHTTPURLResponse& response);
   std::optional<NSURL> redirectTarget(const NSHTTPURLResponse& response) const;
   void askAboutRedirect();
-  bool asksForNonceAlone(const AuthenticateChallenge& offer, const Asker& asker) const;
-  NSURLProtectionSpace protectionSpace(const AuthenticateChallenge& offer, bool isProxys) const;
+  bool asksForNonceAlone(const AuthenticateChallenge& offer) const;
+  std::shared_ptr<NSURLCredential> credentialOfURL() const;
   void askForCredential();
-  void answer(const AuthenticateChallenge& offer, Asker& asker);
+  void answer(const AuthenticateChallenge& offer);
   void askAboutResponse();
   void goOn();
   void deliverBody();
@@ -74,7 +73,7 @@ class DataTaskRun final : public HTTPTransfer::Owner,
   bool hasEnded_ = false;                          // the transfer has
   bool isAfresh_ = false;                          // sent again because of a dead end
   int redirects_ = 0;
-  Asker server_, proxy_;
+  Login login_;
   std::uint64_t questions_ = 0;  // asked of the delegate so far, and answered
 };
 

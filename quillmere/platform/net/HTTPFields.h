@@ -13,6 +13,9 @@ namespace quillmere {
 
 std::string lowerCaseASCII(std::string_view text);
 
+/// Without the white space around it, ends of lines included.
+std::string_view trimmed(std::string_view text);
+
 bool equalIgnoringCase(std::string_view a, std::string_view b);
 
 /// Whether `character` may be in a token, such as a method or a field's name.

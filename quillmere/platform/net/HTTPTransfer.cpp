@@ -1,6 +1,8 @@
 #include <quillmere/platform/base/KSStringTable.h>
 #include <quillmere/platform/net/AuthenticateHeader.h>
+#include <quillmere/platform/net/HTTPFields.h>
 #include <quillmere/platform/net/HTTPTransfer.h>
+#include <quillmere/platform/net/URLError.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -10,13 +12,6 @@ namespace {
 
 constexpr const char* userAgent = "Quillmere/" QUILLMERE_VERSION;
 
-std::string_view trimmed(std::string_view text) {
-  constexpr std::string_view blanks = " \t\r\n";
-  const std::size_t first = text.find_first_not_of(blanks);
-  if (first == std::string_view::npos) return {};
-  return text.substr(first, text.find_last_not_of(blanks) - first + 1);
-}
-
 // Repeating such a request does what doing it once does (RFC 9110 section 9.2.2, RFC 4918, RFC
 // 3253).
 bool isIdempotent(const std::string& method) {
@@ -25,44 +20,8 @@ bool isIdempotent(const std::string& method) {
   return std::find(std::begin(methods), std::end(methods), method) != std::end(methods);
 }
 
-const char* descriptionOf(NSURLErrorCode code) {
-  switch (code) {
-    case NSURLErrorCancelled:
-      return "The request was cancelled.";
-    case NSURLErrorBadURL:
-      return "The request cannot be sent.";
-    case NSURLErrorTimedOut:
-      return "The server did not answer in time.";
-    case NSURLErrorUnsupportedURL:
-      return "The address is neither of http nor of https.";
-    case NSURLErrorCannotFindHost:
-      return "The server's name is not known.";
-    case NSURLErrorCannotConnectToHost:
-      return "The server cannot be reached.";
-    case NSURLErrorNetworkConnectionLost:
-      return "The connection was lost.";
-    case NSURLErrorHTTPTooManyRedirects:
-      return "The server redirects too often.";
-    case NSURLErrorBadServerResponse:
-      return "The server's answer cannot be understood.";
-    case NSURLErrorCannotDecodeRawData:
-      return "The server's answer is damaged.";
-    case NSURLErrorDataLengthExceedsMaximum:
-      return "The server's answer is too long.";
-    case NSURLErrorSecureConnectionFailed:
-      return "No secure connection to the server can be made.";
-    case NSURLErrorServerCertificateHasBadDate:
-      return "The server's certificate has expired.";
-    case NSURLErrorServerCertificateUntrusted:
-      return "The server's certificate is not to be trusted.";
-    case NSURLErrorServerCertificateHasUnknownRoot:
-      return "The server's certificate is of an unknown authority.";
-    case NSURLErrorServerCertificateNotYetValid:
-      return "The server's certificate is not valid yet.";
-    case NSURLErrorUnknown:
-      break;
-  }
-  return "The request failed.";
+bool isSuccess(const NSHTTPURLResponse& response) {
+  return response.statusCode() >= 200 && response.statusCode() <= 299;
 }
 
 // By the codes of X.509 verification.
@@ -111,15 +70,6 @@ NSURLErrorCode errorCodeFor(CURLcode result) {
 
 }  // namespace
 
-NSErrorPtr urlError(NSURLErrorCode code, const std::optional<NSURL>& url, std::string_view detail) {
-  NSErrorUserInfo userInfo;
-  std::string text = KSLocalizedString(descriptionOf(code));
-  if (!detail.empty()) text.append(" (").append(detail).append(")");
-  userInfo[NSLocalizedDescriptionKey] = std::move(text);
-  if (url && url->isHTTP()) userInfo[NSURLErrorFailingURLStringErrorKey] = url->wireString();
-  return NSError::errorWithDomain_code_userInfo(NSURLErrorDomain, code, std::move(userInfo));
-}
-
 CookieJar::CookieJar() : share_(curl_share_init()) {
   curl_share_setopt(share_, CURLSHOPT_SHARE, CURL_LOCK_DATA_COOKIE);
 }
@@ -127,8 +77,11 @@ CookieJar::~CookieJar() { curl_share_cleanup(share_); }
 
 NSErrorPtr HTTPTransfer::errorBeforeSending(const NSURLRequest& request) {
   if (request.isSendable()) return nullptr;
-  const bool isOfOtherScheme = request.URL() && !request.URL()->isHTTP();
-  return urlError(isOfOtherScheme ? NSURLErrorUnsupportedURL : NSURLErrorBadURL, request.URL());
+  const auto& url = request.URL();
+  if (url && !url->isHTTP()) return urlError(NSURLErrorUnsupportedURL, url);
+  const bool isTooLong = url && url->wireString().size() > NSURLRequest::maximumURLLength;
+  return urlError(NSURLErrorBadURL, url,
+                  isTooLong ? KSLocalizedString("its address is longer than 64 KiB") : "");
 }
 
 HTTPTransfer::HTTPTransfer(std::shared_ptr<CurlLoop> loop, NSURLRequest request,
@@ -142,7 +95,7 @@ HTTPTransfer::HTTPTransfer(std::shared_ptr<CurlLoop> loop, NSURLRequest request,
       curl_(curl_easy_init()),
       silence_(loop_->context(), [this] { lookForSilence(); }) {
   setOptions(connection);
-  setHeaderFields();
+  isWhole_ = setHeaderFields();
 }
 
 HTTPTransfer::~HTTPTransfer() {
@@ -160,6 +113,12 @@ void HTTPTransfer::setOptions(Connection connection) {
   curl_easy_setopt(curl_, CURLOPT_COOKIEFILE, "");
   curl_easy_setopt(curl_, CURLOPT_SHARE, cookies_->share());
   curl_easy_setopt(curl_, CURLOPT_USERAGENT, userAgent);
+  // Whatever the system's settings of OpenSSL allow (RFC 8996).
+  curl_easy_setopt(curl_, CURLOPT_SSLVERSION, CURL_SSLVERSION_TLSv1_2);
+  curl_easy_setopt(curl_, CURLOPT_PROXY_SSLVERSION, CURL_SSLVERSION_TLSv1_2);
+  // libcurl finds the proxy, and answers it with the user and password of the proxy's own URL.
+  curl_easy_setopt(curl_, CURLOPT_PROXYAUTH, CURLAUTH_ANY);
+  curl_easy_setopt(curl_, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
   // What the library takes for its own settings of the system, it takes from the environment.
   if (const char* authorities = std::getenv("SSL_CERT_FILE")) {
     curl_easy_setopt(curl_, CURLOPT_CAINFO, authorities);
@@ -195,9 +154,13 @@ void HTTPTransfer::setOptions(Connection connection) {
   curl_easy_setopt(curl_, CURLOPT_NOPROGRESS, 0L);
 }
 
-void HTTPTransfer::setHeaderFields() {
-  const auto append = [this](const std::string& line) {
-    fields_ = curl_slist_append(fields_, line.c_str());
+// False when there is no memory for all of them: without a condition, say, a request is another.
+bool HTTPTransfer::setHeaderFields() {
+  bool isWhole = true;
+  const auto append = [this, &isWhole](const std::string& line) {
+    curl_slist* const longer = curl_slist_append(fields_, line.c_str());
+    isWhole = isWhole && longer;
+    if (longer) fields_ = longer;
   };
   for (const auto& [name, value] : request_.allHTTPHeaderFields()) {
     std::string line = name;
@@ -212,7 +175,7 @@ void HTTPTransfer::setHeaderFields() {
   for (const char* name : {"Accept", "Content-Type", "Expect", "Transfer-Encoding"}) {
     if (!request_.valueForHTTPHeaderField(name)) append(std::string(name) + ":");
   }
-  curl_easy_setopt(curl_, CURLOPT_HTTPHEADER, fields_);
+  return isWhole && curl_easy_setopt(curl_, CURLOPT_HTTPHEADER, fields_) == CURLE_OK;
 }
 
 void HTTPTransfer::beginAnew() {
@@ -221,15 +184,19 @@ void HTTPTransfer::beginAnew() {
   hasStatusLine_ = isHeadComplete_ = false;
   response_.reset();
   decoder_.reset();
-  bodySize_ = 0;
+  isCodingKnown_ = true;
+  losesBody_ = false;
+  bytesReceived_ = bodySize_ = 0;
   body_.clear();
 }
 
-void HTTPTransfer::start() {
+NSErrorPtr HTTPTransfer::start() {
   beginAnew();
   bytesSent_ = 0;
-  watchForSilence();
-  loop_->add(curl_, shared_from_this());
+  hasConnection_ = false;
+  const char* const obstacle =
+      isWhole_ ? loop_->add(curl_, shared_from_this()) : curl_easy_strerror(CURLE_OUT_OF_MEMORY);
+  return obstacle ? urlError(NSURLErrorUnknown, request_.URL(), obstacle) : nullptr;
 }
 
 void HTTPTransfer::stop() {
@@ -254,15 +221,15 @@ std::size_t HTTPTransfer::receiveHead(char* bytes, std::size_t size, std::size_t
   return transfer.takeHeadLine({bytes, size * count}) ? size * count : 0;
 }
 
-// Responses before the last (1xx) begin with a status line like that one. Fields after the body do
-// not count.
+// Responses before the last (1xx) begin with a status line like that one. Fields after the body
+// count to the head's size alone.
 bool HTTPTransfer::takeHeadLine(std::string_view line) {
-  if (isHeadComplete_) return true;
   headSize_ += line.size();
   if (headSize_ > configuration_.maximumResponseHeadSize) {
     failure_ = NSURLErrorBadServerResponse;
     return false;
   }
+  if (isHeadComplete_) return true;
   if (!hasStatusLine_) {
     hasStatusLine_ = true;
   } else if (trimmed(line).empty()) {
@@ -291,25 +258,27 @@ void HTTPTransfer::completeHead() {
                                   : version == CURL_HTTP_VERSION_1_1 ? "HTTP/1.1"
                                   : version == CURL_HTTP_VERSION_3   ? "HTTP/3"
                                                                      : "HTTP/2";
-  isHeadComplete_ = true;
   curl_easy_getinfo(curl_, CURLINFO_LOCAL_PORT, &connectionPort_);
-  long peerPort = 0;
-  const char* peerAddress = nullptr;
-  curl_easy_getinfo(curl_, CURLINFO_PRIMARY_PORT, &peerPort);
-  curl_easy_getinfo(curl_, CURLINFO_PRIMARY_IP, &peerAddress);
-  peer_ = {peerAddress ? peerAddress : "", static_cast<std::uint16_t>(peerPort)};
   response_ = NSHTTPURLResponse::initWithURL_statusCode_HTTPVersion_headerFields(
-      *request_.URL(), status, versionText, std::move(headFields_));
-  if (request_.valueForHTTPHeaderField("Accept-Encoding")) {
-    if (const auto coding = response_->valueForHTTPHeaderField("Content-Encoding")) {
-      decoder_ = ContentDecoder::decoderFor(*coding);
-    }
+      *request_.URL(), status, versionText, std::exchange(headFields_, {}));
+  // Asked for or not, a coding is to be undone (RFC 9110 section 12.5.3).
+  if (const auto coding = response_->valueForHTTPHeaderField("Content-Encoding")) {
+    decoder_ = ContentDecoder::decoderFor(*coding);
+    isCodingKnown_ = decoder_ != nullptr;
   }
+  // Where libcurl answers a proxy, another head follows this one, and its body is left out.
+  constexpr long proxyAuthenticationRequired = 407;
+  if (status == proxyAuthenticationRequired) {
+    hasStatusLine_ = false;
+    return;
+  }
+  isHeadComplete_ = true;
   const auto challenge = response_->valueForHTTPHeaderField("WWW-Authenticate");
   if (challenge && isDeadEnd(parseAuthenticateHeader(*challenge))) {
     curl_easy_setopt(curl_, CURLOPT_FORBID_REUSE, 1L);
   }
-  loop_->tellSoon(curl_);
+  // Of a body that cannot be decoded nobody is told before it has turned out to be empty.
+  if (isCodingKnown_ || !isSuccess(*response_)) loop_->tellSoon(curl_);
 }
 
 std::size_t HTTPTransfer::receiveBody(char* bytes, std::size_t size, std::size_t count,
@@ -319,28 +288,47 @@ std::size_t HTTPTransfer::receiveBody(char* bytes, std::size_t size, std::size_t
   return transfer.takeBodyBytes({bytes, size * count}) ? size * count : 0;
 }
 
+// A redirect, a challenge or a failure says what it says whether its body can be decoded or not.
 bool HTTPTransfer::takeBodyBytes(std::string_view bytes) {
+  isHeadComplete_ = true;
+  bytesReceived_ += bytes.size();
   const std::size_t before = body_.size();
-  const std::uint64_t rest = configuration_.maximumResponseBodySize - bodySize_;
-  if (!decoder_) {
-    if (bytes.size() <= rest) body_.append(bytes);
-  } else if (!decoder_->decode(bytes, before + rest, body_)) {
-    failure_ = NSURLErrorCannotDecodeRawData;
-    return false;
-  }
-  const std::uint64_t received = decoder_ ? body_.size() - before : bytes.size();
-  if (received > rest) {
-    body_.resize(before);
+  if (bytesReceived_ > configuration_.maximumResponseBodySize) {
     failure_ = NSURLErrorDataLengthExceedsMaximum;
-    return false;
+  } else if (const auto fault = losesBody_ ? std::nullopt : decodeBody(bytes)) {
+    body_.resize(before);
+    if (isSuccess(*response_)) failure_ = *fault;
+    losesBody_ = true;
   }
-  bodySize_ += received;
+  if (failure_ != 0) return false;
+  bodySize_ += body_.size() - before;
   loop_->tellSoon(curl_);
   return true;
 }
 
+// Appends to the body what the bytes decode to; returns why that cannot be.
+std::optional<NSURLErrorCode> HTTPTransfer::decodeBody(std::string_view bytes) {
+  if (!isCodingKnown_) return NSURLErrorCannotDecodeContentData;
+  if (!decoder_) {
+    body_.append(bytes);
+    return std::nullopt;
+  }
+  // Documents are rarely packed to less than a twentieth.
+  constexpr std::uint64_t mostTimes = 100;
+  constexpr std::uint64_t alwaysAllowed = std::uint64_t{16} << 20;
+  const std::uint64_t mostInAll = std::min(std::max(mostTimes * bytesReceived_, alwaysAllowed),
+                                           configuration_.maximumResponseBodySize);
+  const std::uint64_t most = body_.size() + mostInAll - std::min(bodySize_, mostInAll);
+  if (!decoder_->decode(bytes, most, body_)) return NSURLErrorCannotDecodeRawData;
+  if (body_.size() > most) return NSURLErrorDataLengthExceedsMaximum;
+  return std::nullopt;
+}
+
+// The first call is the sign that the request has a connection: until then it may have waited for
+// one that others held.
 int HTTPTransfer::watchProgress(void* self, curl_off_t, curl_off_t, curl_off_t, curl_off_t sent) {
   auto& transfer = *static_cast<HTTPTransfer*>(self);
+  if (!std::exchange(transfer.hasConnection_, true)) transfer.watchForSilence();
   if (sent != transfer.bytesSent_) transfer.lastByteTime_ = g_get_monotonic_time();
   transfer.bytesSent_ = sent;
   return 0;
@@ -372,7 +360,8 @@ void HTTPTransfer::lookForSilence() {
 
 void HTTPTransfer::transferEnded(CURLcode result) {
   silence_.setTime(Alarm::never);
-  if (failure_ == 0 && result == CURLE_OK && decoder_ && !decoder_->isComplete()) {
+  if (failure_ == 0 && result == CURLE_OK && decoder_ && !decoder_->isComplete() &&
+      isSuccess(*response_)) {
     failure_ = NSURLErrorCannotDecodeRawData;
   }
   const bool isGood = failure_ == 0 && result == CURLE_OK && response_;

@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -58,7 +59,8 @@ class HTTPTransfer final : public CurlLoop::Client,
   /// What a URL or request that cannot be sent gives; null for one that can.
   static NSErrorPtr errorBeforeSending(const NSURLRequest& request);
 
-  void start();
+  /// Null when the request is on its way; otherwise why it cannot be, and the owner hears nothing.
+  NSErrorPtr start();
   /// The owner hears nothing more.
   void stop();
   /// Takes no more of the response in until it is told to go on.
@@ -69,8 +71,8 @@ class HTTPTransfer final : public CurlLoop::Client,
   const std::shared_ptr<const NSHTTPURLResponse>& response() const { return response_; }
   /// Which connection the response came over: our port of it.
   long connectionPort() const { return connectionPort_; }
-  /// The address and port of who answered: the server or, where there is one, the proxy.
-  const std::pair<std::string, std::uint16_t>& peer() const { return peer_; }
+  /// The length of what came of the body, as it came: before it is decoded.
+  std::uint64_t bytesReceived() const { return bytesReceived_; }
   /// What came of the body since the last time.
   std::string takeBody() { return std::exchange(body_, {}); }
 
@@ -83,11 +85,12 @@ class HTTPTransfer final : public CurlLoop::Client,
   static int watchProgress(void* self, curl_off_t, curl_off_t, curl_off_t, curl_off_t sent);
 
   void setOptions(Connection connection);
-  void setHeaderFields();
+  bool setHeaderFields();
   void beginAnew();
   bool takeHeadLine(std::string_view line);
   void completeHead();
   bool takeBodyBytes(std::string_view bytes);
+  std::optional<NSURLErrorCode> decodeBody(std::string_view bytes);
   void watchForSilence();
   gint64 timeOfSilence() const;
   void lookForSilence();
@@ -100,6 +103,7 @@ class HTTPTransfer final : public CurlLoop::Client,
   Owner* owner_;
   CURL* curl_;
   curl_slist* fields_ = nullptr;
+  bool isWhole_;  // as the request says, no field left out
 
   std::vector<std::pair<std::string, std::string>> headFields_;
   std::uint64_t headSize_ = 0;
@@ -107,20 +111,19 @@ class HTTPTransfer final : public CurlLoop::Client,
   bool isHeadComplete_ = false;
   std::shared_ptr<const NSHTTPURLResponse> response_;
   long connectionPort_ = 0;
-  std::pair<std::string, std::uint16_t> peer_;
-  std::unique_ptr<ContentDecoder> decoder_;
-  std::uint64_t bodySize_ = 0;
+  std::unique_ptr<ContentDecoder> decoder_;  // null for a body that is not coded
+  bool isCodingKnown_ = true;
+  bool losesBody_ = false;  // which cannot be decoded, and whose status counts all the same
+  std::uint64_t bytesReceived_ = 0;
+  std::uint64_t bodySize_ = 0;  // once decoded
   std::string body_;
   NSURLErrorCode failure_ = NSURLErrorCode{0};  // why a callback ended the transfer
 
   gint64 lastByteTime_ = 0;  // monotonic
+  bool hasConnection_ = false;
   curl_off_t bytesSent_ = 0;
   Alarm silence_;
 };
-
-/// A transport error with a text for people and the URL.
-NSErrorPtr urlError(NSURLErrorCode code, const std::optional<NSURL>& url,
-                    std::string_view detail = {});
 
 }  // namespace quillmere
 

@@ -245,43 +245,120 @@ optional<Server> serverOf(const Components& components) {
   return last.server;
 }
 
+// Null where there is none. Like a host, it is divided from the rest by the last "@".
+optional<string_view> userInfoOf(const Components& components) {
+  const auto& authority = components.authority;
+  const std::size_t end = authority ? authority->rfind('@') : string_view::npos;
+  return end == string_view::npos ? std::nullopt : optional(authority->substr(0, end));
+}
+
+optional<string> percentDecoded(string_view text) {
+  const std::unique_ptr<char, void (*)(void*)> decoded(
+      g_uri_unescape_segment(text.data(), text.data() + text.size(), nullptr), g_free);
+  if (!decoded) return std::nullopt;
+  return decoded.get();
+}
+
 bool isHTTPScheme(const optional<string_view>& scheme) {
   return scheme && (equalIgnoringCase(*scheme, "http") || equalIgnoringCase(*scheme, "https"));
 }
 
 }  // namespace
 
+// A short text stands for itself; a long one is kept once for all that were resolved against it.
+NSURL::NSURL(string text, const NSURL* base) {
+  constexpr std::size_t longest = 1024;  // of what is not shared
+  if (text.size() <= longest) {
+    rest_ = std::move(text);
+    return;
+  }
+  if (base && base->stem_) {
+    const string_view stem = string_view(*base->stem_).substr(0, base->stemLength_);
+    const auto end = std::mismatch(stem.begin(), stem.end(), text.begin(), text.end()).first;
+    const auto common = static_cast<std::size_t>(end - stem.begin());
+    if (text.size() - common <= longest) {
+      stem_ = base->stem_;
+      stemLength_ = common;
+      rest_ = text.substr(common);
+      return;
+    }
+  }
+  stemLength_ = text.size();
+  stem_ = std::make_shared<const string>(std::move(text));
+}
+
+string_view NSURL::text(string& room) const {
+  if (!stem_) return rest_;
+  if (rest_.empty() && stemLength_ == stem_->size()) return *stem_;
+  room = stem_->substr(0, stemLength_) + rest_;
+  return room;
+}
+
+string NSURL::absoluteString() const {
+  string room;
+  return string(text(room));
+}
+
+std::strong_ordering NSURL::operator<=>(const NSURL& other) const {
+  string room;
+  string roomOfOther;
+  return text(room) <=> other.text(roomOfOther);
+}
+
 optional<NSURL> NSURL::URLWithString(string_view text) {
   if (text.empty() || !mayBeURL(text)) return std::nullopt;
-  return NSURL(string(text));
+  return NSURL(string(text), nullptr);
 }
 
 optional<NSURL> NSURL::URLWithString_relativeToURL(string_view text, const NSURL& base) {
   if (!mayBeURL(text)) return std::nullopt;
-  return URLWithString(resolve(componentsOf(text), componentsOf(base.absoluteString_)));
+  string room;
+  string resolved = resolve(componentsOf(text), componentsOf(base.text(room)));
+  if (resolved.empty() || !mayBeURL(resolved)) return std::nullopt;
+  return NSURL(std::move(resolved), &base);
 }
 
 optional<string> NSURL::scheme() const {
-  const auto scheme = componentsOf(absoluteString_).scheme;
+  string room;
+  const auto scheme = componentsOf(text(room)).scheme;
   if (!scheme) return std::nullopt;
   return lowerCaseASCII(*scheme);
 }
 
 optional<string> NSURL::host() const {
-  auto server = serverOf(componentsOf(absoluteString_));
+  string room;
+  auto server = serverOf(componentsOf(text(room)));
   if (!server) return std::nullopt;
   return std::move(server->host);
 }
 
 optional<std::uint16_t> NSURL::port() const {
-  const auto server = serverOf(componentsOf(absoluteString_));
+  string room;
+  const auto server = serverOf(componentsOf(text(room)));
   return server ? server->port : std::nullopt;
 }
 
-string NSURL::path() const { return string(componentsOf(absoluteString_).path); }
+optional<string> NSURL::user() const {
+  string room;
+  const auto info = userInfoOf(componentsOf(text(room)));
+  return info ? percentDecoded(info->substr(0, info->find(':'))) : std::nullopt;
+}
+
+optional<string> NSURL::password() const {
+  string room;
+  const auto info = userInfoOf(componentsOf(text(room)));
+  const std::size_t colon = info ? info->find(':') : string_view::npos;
+  return colon == string_view::npos ? std::nullopt : percentDecoded(info->substr(colon + 1));
+}
+
+string NSURL::path() const {
+  string room;
+  return string(componentsOf(text(room)).path);
+}
 
 string NSURL::lastPathComponent() const {
-  string_view path = componentsOf(absoluteString_).path;
+  string room;
+  string_view path = componentsOf(text(room)).path;
   path = path.substr(0, path.find_last_not_of('/') + 1);
   return string(path.substr(path.rfind('/') + 1));
 }
@@ -289,7 +366,8 @@ string NSURL::lastPathComponent() const {
 string NSURL::wireString() const {
   constexpr string_view pathMarks = "-._~!$&'()*+,;=:@/";
   constexpr string_view queryMarks = "-._~!$&'()*+,;=:@/?";
-  const Components components = componentsOf(absoluteString_);
+  string room;
+  const Components components = componentsOf(text(room));
   if (!isHTTPScheme(components.scheme)) return {};
   const auto server = serverOf(components);
   if (!server) return {};
@@ -301,7 +379,8 @@ string NSURL::wireString() const {
 }
 
 bool NSURL::isHTTP() const {
-  const Components components = componentsOf(absoluteString_);
+  string room;
+  const Components components = componentsOf(text(room));
   return isHTTPScheme(components.scheme) && serverOf(components);
 }
 

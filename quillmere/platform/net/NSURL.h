@@ -4,18 +4,20 @@
 #include <quillmere/platform/base/Export.h>
 
 #include <compare>
+#include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <utility>
 
 namespace quillmere {
 
 /// An address: a URI or a relative reference (RFC 3986), or text that would be one if some of its
 /// characters were percent-encoded ("http://h/two words.ics"). It keeps its text as it was given;
 /// what may not travel is encoded only on the wire. Whether a host can be asked for it, `isHTTP`
-/// tells. A value, ordered and equal by its text.
+/// tells. A value, ordered and equal by its text. A long text that was resolved against another one
+/// is kept as what it adds to that, so that thousands of addresses below a long one cost little.
 class QUILLMERE_EXPORT NSURL {
  public:
   /// Null for empty text, for text with control characters (C0 and DEL), and for bytes that are not
@@ -28,7 +30,7 @@ class QUILLMERE_EXPORT NSURL {
   static std::optional<NSURL> URLWithString_relativeToURL(std::string_view text, const NSURL& base);
 
   /// The text as it stands.
-  const std::string& absoluteString() const { return absoluteString_; }
+  std::string absoluteString() const;
   /// In lower case; null in a relative reference.
   std::optional<std::string> scheme() const;
   /// The host as libcurl reads it: percent-decoded, numeric IPv4 addresses with four numbers, IPv6
@@ -37,6 +39,10 @@ class QUILLMERE_EXPORT NSURL {
   std::optional<std::string> host() const;
   /// Only where one is written; null also where the authority is malformed.
   std::optional<std::uint16_t> port() const;
+  /// What stands before the host, up to the first colon and after it, percent-decoded. Null where
+  /// there is none, and where its escapes are malformed or stand for NUL.
+  std::optional<std::string> user() const;
+  std::optional<std::string> password() const;
   /// The path as written, percent-encoded or not, without query and fragment.
   std::string path() const;
   /// The path's last component as written; slashes at the path's end do not count. Empty for the
@@ -52,13 +58,18 @@ class QUILLMERE_EXPORT NSURL {
   /// to 65535, so that a session can load it.
   bool isHTTP() const;
 
-  friend bool operator==(const NSURL&, const NSURL&) = default;
-  friend std::strong_ordering operator<=>(const NSURL&, const NSURL&) = default;
+  bool operator==(const NSURL& other) const { return (*this <=> other) == 0; }
+  std::strong_ordering operator<=>(const NSURL& other) const;
 
  private:
-  explicit NSURL(std::string text) : absoluteString_(std::move(text)) {}
+  NSURL(std::string text, const NSURL* base);
 
-  std::string absoluteString_;
+  // The whole text, which stands in `room` where it is not kept in one piece.
+  std::string_view text(std::string& room) const;
+
+  std::shared_ptr<const std::string> stem_;  // null where `rest_` is all
+  std::size_t stemLength_ = 0;               // so much of it is the beginning
+  std::string rest_;
 };
 
 }  // namespace quillmere

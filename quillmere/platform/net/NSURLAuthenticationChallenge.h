@@ -28,7 +28,7 @@ inline constexpr auto NSURLSessionAuthChallengeUseCredential =
 using NSURLSessionChallengeCompletionHandler = std::function<void(
     NSURLSessionAuthChallengeDisposition, std::shared_ptr<NSURLCredential> credential)>;
 
-/// A server or a proxy asks who is there (RFC 9110 section 11). Immutable and shared.
+/// A server asks who is there (RFC 9110 section 11). Immutable and shared.
 class QUILLMERE_EXPORT NSURLAuthenticationChallenge {
  public:
   static std::shared_ptr<NSURLAuthenticationChallenge>
@@ -37,12 +37,11 @@ class QUILLMERE_EXPORT NSURLAuthenticationChallenge {
       std::int64_t previousFailureCount, std::shared_ptr<const NSHTTPURLResponse> failureResponse);
 
   const NSURLProtectionSpace& protectionSpace() const { return protectionSpace_; }
-  /// A credential that is known already; null from sessions, which store none.
+  /// A credential that is known already, such as that of the URL; null when there is none.
   const std::shared_ptr<NSURLCredential>& proposedCredential() const { return proposedCredential_; }
-  /// How many credentials the server, or the proxy, has refused since it was first asked; 0 the
-  /// first time.
+  /// How many credentials the server has refused since it was first asked; 0 the first time.
   std::int64_t previousFailureCount() const { return previousFailureCount_; }
-  /// The answer that asks, a 401 or 407.
+  /// The answer that asks, a 401.
   const std::shared_ptr<const NSHTTPURLResponse>& failureResponse() const {
     return failureResponse_;
   }

@@ -32,8 +32,7 @@ class QUILLMERE_EXPORT NSURLProtectionSpace {
   static NSURLProtectionSpace initWithHost_port_protocol_realm_authenticationMethod(
       std::string host, std::uint16_t port, std::string protocol, std::optional<std::string> realm,
       std::string authenticationMethod);
-  /// The same for a proxy; `type` is its protocol. A session names a proxy by the IP address that it
-  /// was reached at.
+  /// The same for a proxy, for hosts that talk to proxies themselves; `type` is its protocol.
   static NSURLProtectionSpace initWithProxyHost_port_type_realm_authenticationMethod(
       std::string host, std::uint16_t port, std::string type, std::optional<std::string> realm,
       std::string authenticationMethod);

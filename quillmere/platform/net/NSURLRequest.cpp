@@ -24,7 +24,8 @@ std::optional<std::string> NSURLRequest::valueForHTTPHeaderField(std::string_vie
 }
 
 bool NSURLRequest::isSendable() const {
-  return URL_ && URL_->isHTTP() && isToken(HTTPMethod_) &&
+  const std::string address = URL_ ? URL_->wireString() : "";
+  return !address.empty() && address.size() <= maximumURLLength && isToken(HTTPMethod_) &&
          std::all_of(allHTTPHeaderFields_.begin(), allHTTPHeaderFields_.end(),
                      [](const auto& field) {
                        return isSendableName(field.first) && isSendableValue(field.second);

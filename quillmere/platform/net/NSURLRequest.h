@@ -5,6 +5,7 @@
 #include <quillmere/platform/base/NSData.h>
 #include <quillmere/platform/net/NSURL.h>
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -42,7 +43,12 @@ class QUILLMERE_EXPORT NSURLRequest {
   /// Seconds without a byte after which the request fails; 60 unless set.
   double timeoutInterval() const { return timeoutInterval_; }
 
-  /// Whether the request can travel as it is: its URL is of http or https (`NSURL::isHTTP`), its
+  /// The longest URL, in bytes on the wire, for which a session asks: RFC 9110 section 4.1 wants
+  /// 8000 to be understood, and few servers take much more.
+  static constexpr std::size_t maximumURLLength = std::size_t{64} << 10;
+
+  /// Whether the request can travel as it is: its URL is of http or https (`NSURL::isHTTP`) and has
+  /// at most `maximumURLLength` bytes on the wire, its
   /// method is a token, and every header field's name is one (RFC 9110 section 5.6.2), which one
   /// colon may follow ("If-Match:" is a name that hosts use), and no value has CR, LF or NUL.
   /// A session fails a request that cannot.

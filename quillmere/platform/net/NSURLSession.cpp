@@ -1,6 +1,7 @@
 #include <quillmere/platform/base/makeObject.h>
 #include <quillmere/platform/net/DataTaskRun.h>
 #include <quillmere/platform/net/NSURLSession.h>
+#include <quillmere/platform/net/URLError.h>
 
 #include <utility>
 

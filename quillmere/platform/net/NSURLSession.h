@@ -27,8 +27,8 @@ inline constexpr const char* NSURLErrorDomain = "NSURLErrorDomain";
 enum NSURLErrorCode : std::int64_t {
   NSURLErrorUnknown = -1,
   NSURLErrorCancelled = -999,
-  NSURLErrorBadURL = -1000,          ///< also a header field that may not travel
-  NSURLErrorTimedOut = -1001,        ///< no byte for the request's time-out interval
+  NSURLErrorBadURL = -1000,    ///< longer than 64 KiB; also a header field that may not travel
+  NSURLErrorTimedOut = -1001,  ///< no byte for the request's time-out interval
   NSURLErrorUnsupportedURL = -1002,  ///< neither http nor https, or a malformed authority
   NSURLErrorCannotFindHost = -1003,
   NSURLErrorCannotConnectToHost = -1004,
@@ -36,7 +36,8 @@ enum NSURLErrorCode : std::int64_t {
   NSURLErrorHTTPTooManyRedirects = -1007,
   NSURLErrorBadServerResponse = -1011,    ///< not HTTP, or a head beyond the configuration's limit
   NSURLErrorCannotDecodeRawData = -1015,  ///< a compressed body is damaged or cut off
-  NSURLErrorDataLengthExceedsMaximum = -1103,  ///< a body beyond the configuration's limit
+  NSURLErrorCannotDecodeContentData = -1016,   ///< a body in a content coding that is not known
+  NSURLErrorDataLengthExceedsMaximum = -1103,  ///< a body beyond a limit of the configuration
   NSURLErrorSecureConnectionFailed = -1200,
   NSURLErrorServerCertificateHasBadDate = -1201,
   NSURLErrorServerCertificateUntrusted = -1202,  ///< also of another host
@@ -53,9 +54,10 @@ struct QUILLMERE_EXPORT NSURLSessionConfiguration {
   /// Cookies in memory, for the session's life; no cache, no stored credentials.
   static NSURLSessionConfiguration ephemeralSessionConfiguration() { return {}; }
 
-  /// Limits against hostile servers, in bytes: a response's status line and fields, and its body
-  /// after decompression. libcurl has bounds of its own for the head, 100 KiB a line and 300 KiB in
-  /// all.
+  /// Limits against hostile servers, in bytes: a response's status line and fields, those after the
+  /// body included, and its body after decompression. libcurl has bounds of its own for the head,
+  /// 100 KiB a line and 300 KiB in all. Whatever the limit, a body may unpack to 16 MiB or a hundred
+  /// times what came of it, and to no more.
   std::uint64_t maximumResponseHeadSize = std::uint64_t{256} << 10;
   std::uint64_t maximumResponseBodySize = std::uint64_t{1} << 30;
 };
@@ -68,13 +70,19 @@ inline constexpr auto NSURLSessionResponseCancel = NSURLSessionResponseDispositi
 inline constexpr auto NSURLSessionResponseAllow = NSURLSessionResponseDisposition::allow;
 
 /// Requests over HTTP and HTTPS, which run side by side, over up to 256 connections of all sessions
-/// of a loop (others wait for one, and their time-outs run); everything about them is told to one
-/// delegate, on the loop of one queue.
+/// of a loop (others wait for one; their time-outs begin when they have it); everything about them
+/// is told to one delegate, on the loop of one queue.
 ///
-/// TLS is always verified, against the system's authorities, or those of the file that the
-/// environment variable SSL_CERT_FILE names. The only fields added to a request are Host,
-/// Content-Length, User-Agent and the session's cookies; a body is decompressed (gzip, deflate)
-/// only where the request has the field Accept-Encoding.
+/// TLS is 1.2 at least and always verified, against the system's authorities, or those of the file
+/// that the environment variable SSL_CERT_FILE names. The only fields added to a request are Host,
+/// Content-Length, User-Agent and the session's cookies. A body is decoded as its Content-Encoding
+/// says, asked for or not (RFC 9110 section 12.5.3): gzip, x-gzip, deflate and identity, up to five
+/// in a row; with any other a success fails with `NSURLErrorCannotDecodeContentData`, while any
+/// other status is reported without the body.
+///
+/// A proxy is that of the environment variables http_proxy, https_proxy or HTTPS_PROXY, all_proxy or
+/// ALL_PROXY, but for the hosts of no_proxy or NO_PROXY. It is answered with the user and password of
+/// that variable's URL and with nothing else; a 407 that is left is a response like any other.
 class QUILLMERE_EXPORT NSURLSession : public std::enable_shared_from_this<NSURLSession> {
  public:
   /// The session holds its delegate strongly while a task that was resumed or cancelled is not
@@ -120,6 +128,8 @@ class QUILLMERE_EXPORT NSURLSessionDataTask
   const NSURLRequest& originalRequest() const { return originalRequest_; }
   /// The last response told to the delegate; null before.
   std::shared_ptr<const NSHTTPURLResponse> response() const { return response_; }
+  /// How many bytes of that response's body have come, counted before they are decompressed.
+  std::uint64_t countOfBytesReceived() const { return countOfBytesReceived_; }
 
   ~NSURLSessionDataTask();
 
@@ -135,6 +145,7 @@ class QUILLMERE_EXPORT NSURLSessionDataTask
   std::shared_ptr<NSURLSessionDelegate> delegate_;  // while it runs
   NSURLRequest originalRequest_;
   std::shared_ptr<const NSHTTPURLResponse> response_;
+  std::uint64_t countOfBytesReceived_ = 0;
   NSURLSessionTaskState state_ = NSURLSessionTaskState::suspended;
   std::shared_ptr<DataTaskRun> run_;
 };
@@ -156,14 +167,15 @@ class QUILLMERE_EXPORT NSURLSessionDelegate {
       const NSURLRequest& newRequest,
       std::function<void(const std::optional<NSURLRequest>&)> completionHandler);
 
-  /// A 401 or 407 that asks for NTLM or Negotiate. Default: no credential. For the handler see the
+  /// A 401 that asks for NTLM or Negotiate. Default: no credential. For the handler see the
   /// next.
   virtual void URLSession_didReceiveChallenge_completionHandler(
       NSURLSession& session, const NSURLAuthenticationChallenge& challenge,
       NSURLSessionChallengeCompletionHandler completionHandler);
 
-  /// A 401 or 407 that asks for Digest or Basic, of a request without a field Authorization of its
-  /// own. The handler takes a disposition and a credential: with one to use the request is sent
+  /// A 401 that asks for Digest or Basic, of a request without a field Authorization of its own. The
+  /// proposed credential is the user and password of the task's URL, where it has both, the first
+  /// time its server asks. The handler takes a disposition and a credential: with one to use the request is sent
   /// again with it; `cancelAuthenticationChallenge` cancels the task; in any other case the
   /// response is this one. Default: no credential.
   virtual void URLSession_task_didReceiveChallenge_completionHandler(

@@ -190,6 +190,20 @@ std::shared_ptr<HWXMLDocument> HWXMLDocument::initWithBytes(std::string bytes) {
   return makeObject<HWXMLDocument>(std::move(tree));
 }
 
+std::uint64_t HWXMLDocument::memoryToRead(string_view bytes) {
+  constexpr std::uint64_t perNode = 64;
+  constexpr std::uint64_t perAttribute = 72;
+  std::uint64_t nodes = 0;
+  for (std::size_t at = bytes.find('<'); at != string_view::npos; at = bytes.find('<', at + 1)) {
+    const char next = at + 1 < bytes.size() ? bytes[at + 1] : '\0';
+    const bool isNode = next != '/' && next != '?';
+    const bool followsText = at > 0 && bytes[at - 1] != '>';
+    nodes += (isNode ? 1U : 0U) + (followsText ? 1U : 0U);
+  }
+  const auto attributes = static_cast<std::uint64_t>(std::count(bytes.begin(), bytes.end(), '='));
+  return bytes.size() + perNode * nodes + perAttribute * attributes;
+}
+
 HWXMLElement HWXMLDocument::rootElement() const {
   return HWXMLElement({tree_, tree_->nodes.document_element().internal_object()});
 }

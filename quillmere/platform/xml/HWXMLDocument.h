@@ -5,7 +5,9 @@
 #include <quillmere/platform/base/NSData.h>
 #include <quillmere/platform/xml/HWXMLElement.h>
 
+#include <cstdint>
 #include <memory>
+#include <string>
 #include <string_view>
 
 namespace quillmere {
@@ -44,11 +46,16 @@ class QUILLMERE_EXPORT HWXMLDocument {
   ///   beyond ASCII in a name; prefixes that are not bound.
   ///
   /// Takes time in proportion to the length, whatever the bytes (many attributes of one element
-  /// take the time of sorting them); and memory for a copy of them, 64 bytes more for each element
-  /// and each piece of text, white space included, and 72 for each attribute.
+  /// take the time of sorting them), and `memoryToRead` of memory.
   static std::shared_ptr<HWXMLDocument> initWithData(const NSData& data);
   /// The same without a copy.
   static std::shared_ptr<HWXMLDocument> initWithBytes(std::string bytes);
+
+  /// How much memory, in bytes, the document made of `bytes` would take at most: the bytes, 64 more
+  /// for each element and each piece of text, white space included, and 72 for each attribute. So
+  /// one of nothing but short tags takes some twenty times its length. Counts markup and does not
+  /// read it: bytes that are no XML have a number, too.
+  static std::uint64_t memoryToRead(std::string_view bytes);
 
   HWXMLElement rootElement() const;
 

@@ -13,12 +13,15 @@ bool isNamed(string_view name, string_view localName) {
          (name.size() == localName.size() || name[name.size() - localName.size() - 1] == ':');
 }
 
-pugi::xml_node firstNamed(pugi::xml_node parent, string_view localName) {
+// Of this node and its later siblings.
+pugi::xml_node firstNamedFrom(pugi::xml_node node, string_view localName) {
   if (localName.empty()) return {};  // the name of texts
-  for (auto child = parent.first_child(); child; child = child.next_sibling()) {
-    if (isNamed(child.name(), localName)) return child;
-  }
-  return {};
+  while (node && !isNamed(node.name(), localName)) node = node.next_sibling();
+  return node;
+}
+
+pugi::xml_node firstNamed(pugi::xml_node parent, string_view localName) {
+  return firstNamedFrom(parent.first_child(), localName);
 }
 
 }  // namespace
@@ -74,6 +77,12 @@ std::optional<NSData> HWXMLElement::textData() const {
 
 std::optional<HWXMLElement> HWXMLElement::firstChildNamed(string_view name) const {
   const pugi::xml_node found = firstNamed(pugi::xml_node(node_.get()), name);
+  if (!found) return std::nullopt;
+  return HWXMLElement(Node(node_, found.internal_object()));
+}
+
+std::optional<HWXMLElement> HWXMLElement::nextSiblingNamed(string_view name) const {
+  const pugi::xml_node found = firstNamedFrom(pugi::xml_node(node_.get()).next_sibling(), name);
   if (!found) return std::nullopt;
   return HWXMLElement(Node(node_, found.internal_object()));
 }

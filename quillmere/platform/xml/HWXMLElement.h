@@ -55,6 +55,8 @@ class QUILLMERE_EXPORT HWXMLElement {
 
   /// The first child element of that name (without prefix), null when there is none.
   std::optional<HWXMLElement> firstChildNamed(std::string_view localName) const;
+  /// The next one of that name after this element, among the children of the same parent.
+  std::optional<HWXMLElement> nextSiblingNamed(std::string_view localName) const;
   /// The element that names between slashes lead to, as in "propstat/prop/getetag": of each name
   /// the first child, and no other is tried when the way ends there. Null when it ends early.
   std::optional<HWXMLElement> firstChildAtPath(std::string_view path) const;
