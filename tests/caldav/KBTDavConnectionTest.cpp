@@ -1,10 +1,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <quillmere/caldav/KBTDavConnection.h>
 #include <quillmere/platform/base/makeObject.h>
 #include <quillmere/platform/xml/HWXMLDocument.h>
 
+#include <fstream>
+
 #include "tests/support/CollectionHost.h"
+#include "tests/support/Gzip.h"
 #include "tests/support/ScriptedServer.h"
 #include "tests/support/SessionHost.h"
 
@@ -399,6 +403,83 @@ TEST(KBTDavConnection, KeepsItsDelegatesUntilThePrincipalIsInvalid) {
   collection.reset();
   EXPECT_TRUE(runUntil([&] { return watched.expired(); }));
   server.release();
+}
+
+#ifndef __has_feature
+#define __has_feature(feature) 0
+#endif
+constexpr bool isUnderSanitizer =
+    __has_feature(address_sanitizer);  // which takes memory of its own
+
+// A file of /proc, by the numbers of its lines: "VmHWM:  1234 kB".
+std::size_t kilobytes(const std::string& key) {
+  std::ifstream status("/proc/self/status");
+  for (std::string word; status >> word;) {
+    std::size_t number = 0;
+    if (word == key + ':' && status >> number) return number;
+  }
+  return 0;
+}
+
+// Small answers that unpack to much, or whose tree takes far more than its text.
+TEST(KBTDavConnection, AnAnswerOutOfProportionIsAnError) {
+  const auto times = [](std::string_view unit, std::size_t bytes) {  // in blocks, to keep it small
+    std::string block;
+    while (block.size() < (1U << 16)) block += unit;
+    return testing::gzipOf(block, bytes / block.size());
+  };
+  std::string noise;  // of which nearly all is left when it is packed
+  for (const char c : testing::noiseOf(1'400'000)) noise += "0123456789ABCDEF"[c & 0xF];
+  const std::string padding = testing::gzipOf("<!--" + noise + "-->");
+  constexpr std::size_t mebibyte = 1 << 20;
+  const std::string row =
+      "\n <response>\n  <href>/c/1</href>\n  <propstat>\n   <prop>\n    <getetag>1</getetag>\n   "
+      "</prop>\n   <status>HTTP/1.1 200 OK</status>\n  </propstat>\n </response>";
+  const struct {
+    const char* what;
+    std::string packed;
+    bool isGood;
+  } rows[] = {
+      {"unpacks to more than 16 MiB", times("<a/>", 17 * mebibyte), false},
+      {"16 MiB of elements", times("<a/>", 15 * mebibyte), false},
+      {"texts", times("<a>x</a>", 15 * mebibyte), false},
+      {"elements and texts", times("<a/>x", 15 * mebibyte), false},
+      {"attributes", times("<a b=''/>", 15 * mebibyte), false},
+      {"responses", padding + times("<response/>", 80 * mebibyte), false},
+      {"close to a hundred times", padding + times("<a/>", 80 * mebibyte), false},
+      {"as many responses as there may be", padding + times("<response/>", 17 * mebibyte), true},
+      {"all text", padding + times("some text of no element ", 80 * mebibyte), true},
+      {"a listing", times(row, 15 * mebibyte), true},
+      {"a longer one, out of proportion", padding + times(row, 24 * mebibyte), false},
+  };
+  for (const auto& [what, packed, isGood] : rows) {
+    Fixture f;
+    const std::string answer =
+        testing::gzipOf("<multistatus>") + packed + testing::gzipOf("</multistatus>");
+    ASSERT_LT(answer.size(), mebibyte) << what;
+    f.server.expect({.method = "REPORT", .path = "/c/", .body = testing::anyBody},
+                    {.status = 207, .fields = {{"Content-Encoding", "gzip"}}, .body = answer});
+    ::malloc_trim(0);
+    std::ofstream("/proc/self/clear_refs") << 5;  // the peak begins anew
+    const std::size_t before = kilobytes("VmRSS");
+    f.collection->reportEvents_includingContents_fromDate_toDate_context(true, false, {}, {}, "l");
+    ASSERT_TRUE(runUntil([&] { return !f.host->events.empty(); }, 60)) << what;
+    const std::string& event = f.host->events.front();
+    EXPECT_EQ(event.starts_with("events") ? "good" : event,
+              isGood ? "good" : "failed NSURLErrorDomain -1103 [l]")
+        << what;
+    const std::size_t cost = kilobytes("VmHWM") - before;
+    EXPECT_LE(isUnderSanitizer ? 0 : cost, 256U << 10) << what;
+  }
+  // What is large as it comes may take as much as a listing does.
+  Fixture f;
+  std::string plain = "<multistatus>";
+  while (plain.size() < 24 * mebibyte) plain += row;
+  f.server.expect({.method = "REPORT", .path = "/c/", .body = testing::anyBody},
+                  {.status = 207, .body = plain + "</multistatus>"});
+  f.collection->reportEvents_includingContents_fromDate_toDate_context(true, false, {}, {}, "l");
+  ASSERT_TRUE(runUntil([&] { return !f.host->events.empty(); }, 60));
+  EXPECT_EQ(f.host->error, nullptr);
 }
 
 }  // namespace

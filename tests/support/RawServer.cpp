@@ -89,6 +89,10 @@ class Player {
         received_.erase(0, end + 4);
         return true;
       }
+      case RawStep::Kind::readBytes:
+        if (received_.size() < step.count) return false;
+        received_.erase(0, step.count);
+        return true;
       case RawStep::Kind::write:
         while (written_ < step.bytes.size() * step.count) {
           if (!send(std::string_view(step.bytes).substr(written_ % step.bytes.size()))) {

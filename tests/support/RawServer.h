@@ -13,7 +13,7 @@ namespace quillmere::testing {
 
 /// One thing that a RawServer does on a connection; made by the functions below.
 struct RawStep {
-  enum class Kind { readHead, write, waitUntilTold, close, reset };
+  enum class Kind { readHead, readBytes, write, waitUntilTold, close, reset };
   Kind kind;
   std::string bytes{};
   std::size_t count = 1;
@@ -23,6 +23,8 @@ namespace raw {
 
 /// Reads to the empty line that ends a request's head.
 inline RawStep readHead() { return {RawStep::Kind::readHead}; }
+/// Takes in so many bytes more.
+inline RawStep readBytes(std::size_t count) { return {RawStep::Kind::readBytes, {}, count}; }
 inline RawStep write(std::string bytes, std::size_t times = 1) {
   return {RawStep::Kind::write, std::move(bytes), times};
 }

@@ -122,7 +122,8 @@ std::string certificateAuthorityFile() { return QUILLMERE_TEST_CERTIFICATES "/ca
 /// The script and its state, behind one mutex, and the daemon that calls it from its thread.
 class ScriptedServer::Dialogue {
  public:
-  explicit Dialogue(const TlsIdentity* identity) : scheme_(identity ? "https" : "http") {
+  Dialogue(const TlsIdentity* identity, const char* priorities)
+      : scheme_(identity ? "https" : "http") {
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -133,6 +134,9 @@ class ScriptedServer::Dialogue {
       };
       pem(MHD_OPTION_HTTPS_MEM_CERT, identity->certificate);
       pem(MHD_OPTION_HTTPS_MEM_KEY, identity->key);
+    }
+    if (priorities) {
+      options.push_back({MHD_OPTION_HTTPS_PRIORITIES, 0, const_cast<char*>(priorities)});
     }
     options.push_back({MHD_OPTION_END, 0, nullptr});
     unsigned flags =
@@ -370,10 +374,10 @@ class ScriptedServer::Dialogue {
   Authenticator authenticator_;
 };
 
-ScriptedServer::ScriptedServer() : dialogue_(std::make_unique<Dialogue>(nullptr)) {}
+ScriptedServer::ScriptedServer() : dialogue_(std::make_unique<Dialogue>(nullptr, nullptr)) {}
 
-ScriptedServer::ScriptedServer(const TlsIdentity& identity)
-    : dialogue_(std::make_unique<Dialogue>(&identity)) {}
+ScriptedServer::ScriptedServer(const TlsIdentity& identity, const char* priorities)
+    : dialogue_(std::make_unique<Dialogue>(&identity, priorities)) {}
 
 ScriptedServer::~ScriptedServer() = default;
 

@@ -102,7 +102,8 @@ std::string certificateAuthorityFile();
 class ScriptedServer {
  public:
   ScriptedServer();
-  explicit ScriptedServer(const TlsIdentity& identity);
+  /// Over TLS; `priorities` is GnuTLS's text of the versions and ciphers, null for its own.
+  explicit ScriptedServer(const TlsIdentity& identity, const char* priorities = nullptr);
   ScriptedServer(const ScriptedServer&) = delete;
   ScriptedServer& operator=(const ScriptedServer&) = delete;
   ~ScriptedServer();

@@ -95,7 +95,7 @@ HTTPTransfer::HTTPTransfer(std::shared_ptr<CurlLoop> loop, NSURLRequest request,
       curl_(curl_easy_init()),
       silence_(loop_->context(), [this] { lookForSilence(); }) {
   setOptions(connection);
-  isWhole_ = setHeaderFields();
+  setHeaderFields();
 }
 
 HTTPTransfer::~HTTPTransfer() {
@@ -104,62 +104,65 @@ HTTPTransfer::~HTTPTransfer() {
   curl_slist_free_all(fields_);
 }
 
+// Without one of its options, for which there was no memory, a request would be another one.
+template <class Value>
+void HTTPTransfer::set(CURLoption option, Value value) {
+  isWhole_ = isWhole_ && curl_easy_setopt(curl_, option, value) == CURLE_OK;
+}
+
 void HTTPTransfer::setOptions(Connection connection) {
-  curl_easy_setopt(curl_, CURLOPT_URL, request_.URL()->wireString().c_str());
-  curl_easy_setopt(curl_, CURLOPT_PROTOCOLS_STR, "http,https");
-  curl_easy_setopt(curl_, CURLOPT_PATH_AS_IS, 1L);
-  curl_easy_setopt(curl_, CURLOPT_NOSIGNAL, 1L);
-  curl_easy_setopt(curl_, CURLOPT_HTTP_CONTENT_DECODING, 0L);
-  curl_easy_setopt(curl_, CURLOPT_COOKIEFILE, "");
-  curl_easy_setopt(curl_, CURLOPT_SHARE, cookies_->share());
-  curl_easy_setopt(curl_, CURLOPT_USERAGENT, userAgent);
+  set(CURLOPT_URL, request_.URL()->wireString().c_str());
+  set(CURLOPT_PROTOCOLS_STR, "http,https");
+  set(CURLOPT_PATH_AS_IS, 1L);
+  set(CURLOPT_NOSIGNAL, 1L);
+  set(CURLOPT_HTTP_CONTENT_DECODING, 0L);
+  set(CURLOPT_COOKIEFILE, "");
+  set(CURLOPT_SHARE, cookies_->share());
+  set(CURLOPT_USERAGENT, userAgent);
   // Whatever the system's settings of OpenSSL allow (RFC 8996).
-  curl_easy_setopt(curl_, CURLOPT_SSLVERSION, CURL_SSLVERSION_TLSv1_2);
-  curl_easy_setopt(curl_, CURLOPT_PROXY_SSLVERSION, CURL_SSLVERSION_TLSv1_2);
+  set(CURLOPT_SSLVERSION, long{CURL_SSLVERSION_TLSv1_2});
+  set(CURLOPT_PROXY_SSLVERSION, long{CURL_SSLVERSION_TLSv1_2});
   // libcurl finds the proxy, and answers it with the user and password of the proxy's own URL.
-  curl_easy_setopt(curl_, CURLOPT_PROXYAUTH, CURLAUTH_ANY);
-  curl_easy_setopt(curl_, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
+  set(CURLOPT_PROXYAUTH, CURLAUTH_ANY);
+  set(CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
   // What the library takes for its own settings of the system, it takes from the environment.
   if (const char* authorities = std::getenv("SSL_CERT_FILE")) {
-    curl_easy_setopt(curl_, CURLOPT_CAINFO, authorities);
-    curl_easy_setopt(curl_, CURLOPT_CAPATH, nullptr);
+    set(CURLOPT_CAINFO, authorities);
+    set(CURLOPT_CAPATH, nullptr);
   }
   // A host that is still being looked up must not be waited for when a request is cancelled.
-  curl_easy_setopt(curl_, CURLOPT_QUICK_EXIT, 1L);
+  set(CURLOPT_QUICK_EXIT, 1L);
 
   const std::string& method = request_.HTTPMethod();
   const auto& body = request_.HTTPBody();
   if (method == "HEAD") {
-    curl_easy_setopt(curl_, CURLOPT_NOBODY, 1L);
+    set(CURLOPT_NOBODY, 1L);
   } else if (body || method == "POST" || method == "PUT") {
     const bool isEmpty = !body || body->length() == 0;
-    curl_easy_setopt(curl_, CURLOPT_POSTFIELDSIZE_LARGE,
-                     isEmpty ? curl_off_t{0} : static_cast<curl_off_t>(body->length()));
-    curl_easy_setopt(curl_, CURLOPT_POSTFIELDS,
-                     isEmpty ? "" : static_cast<const void*>(body->bytes()));
+    set(CURLOPT_POSTFIELDSIZE_LARGE,
+        isEmpty ? curl_off_t{0} : static_cast<curl_off_t>(body->length()));
+    set(CURLOPT_POSTFIELDS, isEmpty ? "" : static_cast<const void*>(body->bytes()));
   }
-  curl_easy_setopt(curl_, CURLOPT_CUSTOMREQUEST, method.c_str());
+  set(CURLOPT_CUSTOMREQUEST, method.c_str());
   const bool needsNewConnection =
       connection == Connection::fresh ||
       (connection == Connection::asTheMethodNeeds && !isIdempotent(method));
-  curl_easy_setopt(curl_, CURLOPT_FRESH_CONNECT, needsNewConnection ? 1L : 0L);
-  if (connection == Connection::keptThenClosed) curl_easy_setopt(curl_, CURLOPT_FORBID_REUSE, 1L);
+  set(CURLOPT_FRESH_CONNECT, needsNewConnection ? 1L : 0L);
+  if (connection == Connection::keptThenClosed) set(CURLOPT_FORBID_REUSE, 1L);
 
-  curl_easy_setopt(curl_, CURLOPT_HEADERFUNCTION, &HTTPTransfer::receiveHead);
-  curl_easy_setopt(curl_, CURLOPT_HEADERDATA, this);
-  curl_easy_setopt(curl_, CURLOPT_WRITEFUNCTION, &HTTPTransfer::receiveBody);
-  curl_easy_setopt(curl_, CURLOPT_WRITEDATA, this);
-  curl_easy_setopt(curl_, CURLOPT_XFERINFOFUNCTION, &HTTPTransfer::watchProgress);
-  curl_easy_setopt(curl_, CURLOPT_XFERINFODATA, this);
-  curl_easy_setopt(curl_, CURLOPT_NOPROGRESS, 0L);
+  set(CURLOPT_HEADERFUNCTION, &HTTPTransfer::receiveHead);
+  set(CURLOPT_HEADERDATA, this);
+  set(CURLOPT_WRITEFUNCTION, &HTTPTransfer::receiveBody);
+  set(CURLOPT_WRITEDATA, this);
+  set(CURLOPT_XFERINFOFUNCTION, &HTTPTransfer::watchProgress);
+  set(CURLOPT_XFERINFODATA, this);
+  set(CURLOPT_NOPROGRESS, 0L);
 }
 
-// False when there is no memory for all of them: without a condition, say, a request is another.
-bool HTTPTransfer::setHeaderFields() {
-  bool isWhole = true;
-  const auto append = [this, &isWhole](const std::string& line) {
+void HTTPTransfer::setHeaderFields() {
+  const auto append = [this](const std::string& line) {
     curl_slist* const longer = curl_slist_append(fields_, line.c_str());
-    isWhole = isWhole && longer;
+    isWhole_ = isWhole_ && longer;
     if (longer) fields_ = longer;
   };
   for (const auto& [name, value] : request_.allHTTPHeaderFields()) {
@@ -175,7 +178,7 @@ bool HTTPTransfer::setHeaderFields() {
   for (const char* name : {"Accept", "Content-Type", "Expect", "Transfer-Encoding"}) {
     if (!request_.valueForHTTPHeaderField(name)) append(std::string(name) + ":");
   }
-  return isWhole && curl_easy_setopt(curl_, CURLOPT_HTTPHEADER, fields_) == CURLE_OK;
+  set(CURLOPT_HTTPHEADER, fields_);
 }
 
 void HTTPTransfer::beginAnew() {

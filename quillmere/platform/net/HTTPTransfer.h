@@ -85,7 +85,9 @@ class HTTPTransfer final : public CurlLoop::Client,
   static int watchProgress(void* self, curl_off_t, curl_off_t, curl_off_t, curl_off_t sent);
 
   void setOptions(Connection connection);
-  bool setHeaderFields();
+  template <class Value>
+  void set(CURLoption option, Value value);
+  void setHeaderFields();
   void beginAnew();
   bool takeHeadLine(std::string_view line);
   void completeHead();
@@ -103,7 +105,7 @@ class HTTPTransfer final : public CurlLoop::Client,
   Owner* owner_;
   CURL* curl_;
   curl_slist* fields_ = nullptr;
-  bool isWhole_;  // as the request says, no field left out
+  bool isWhole_ = true;  // as the request says, nothing left out
 
   std::vector<std::pair<std::string, std::string>> headFields_;
   std::uint64_t headSize_ = 0;

@@ -14,6 +14,7 @@
 #include "tests/support/RawServer.h"
 #include "tests/support/ScriptedServer.h"
 #include "tests/support/SessionHost.h"
+#include "tests/support/TemporaryFolder.h"
 
 namespace quillmere {
 namespace {
@@ -66,7 +67,7 @@ TEST_F(NSURLSessionTest, SendsWhatTheRequestSaysAndNothingElse) {
               {"DELETE", {}},     {"PROPFIND", {}},
               {"HEAD", {}},       {"POST", {}},
               {"MKCALENDAR", {}}, {"POST", "a=b"},
-              {"OPTIONS", {}}};
+              {"OPTIONS", {}},    {"PUT", {}}};
   for (const auto& row : rows) {
     auto request = requestFor(server.url("/c/two%20words.ics?x=1"), row.method, row.body);
     request.setValue_forHTTPHeaderField("\"tag\"", "If-Match:");
@@ -83,6 +84,10 @@ TEST_F(NSURLSessionTest, SendsWhatTheRequestSaysAndNothingElse) {
     EXPECT_EQ(host->response->valueForHTTPHeaderField("etag"), "a");
     EXPECT_EQ(host->response->valueForHTTPHeaderField("X"), "1, 2");
     EXPECT_EQ(host->response->HTTPVersion(), "HTTP/1.1");
+    const std::string_view method = row.method;
+    EXPECT_EQ(server.requests().back().value("Content-Length").has_value(),
+              row.body || method == "POST" || method == "PUT")
+        << method;
   }
 }
 
@@ -214,10 +219,12 @@ TEST_F(NSURLSessionTest, ProposesWhatToSendAfterARedirect) {
     server.expect({.method = row.newMethod,
                    .path = row.newPath,
                    .fields = {{"Accept", "x"}, {"Authorization", "mine"}},
+                   .absent = {row.hasBody || isHead ? "X" : "Content-Type"},
                    .body = row.hasBody ? "text" : ""},
                   {.body = isHead ? "" : "there"});
     auto request = requestFor(server.url("/d/a"), row.method, body);
     request.setValue_forHTTPHeaderField("x", "Accept");
+    request.setValue_forHTTPHeaderField("text/plain", "Content-Type");
     request.setValue_forHTTPHeaderField("mine", "Authorization");
     const std::string expected = "redirect " + std::to_string(row.status) + ", response 200, ";
     EXPECT_EQ(host->fetch(request), expected + (isHead ? "end" : "data, end")) << row.location;
@@ -266,6 +273,19 @@ TEST_F(NSURLSessionTest, KeepsAuthorizationFromOtherServersAndGivesUpAfterTwenty
   request.setValue_forHTTPHeaderField("mine", "Authorization");
   EXPECT_EQ(host->fetch(request), "redirect 307, response 200, end");
 
+  // Neither the case of a host nor the port that goes without saying makes another server.
+  request.setURL(NSURL::URLWithString("http://calendars.example/a"));
+  ::setenv("http_proxy", server.url("").c_str(), 1);
+  for (const char* same : {"http://Calendars.EXAMPLE:80/b", "http://calendars.example/b"}) {
+    const std::vector<testing::HeaderField> mine{{"Authorization", "mine"}};
+    server.expect({.path = "http://calendars.example/a", .fields = mine},
+                  {.status = 302, .fields = {{"Location", same}}});
+    server.expect({.path = NSURL::URLWithString(same)->host().value().insert(0, "http://") + "/b",
+                   .fields = mine});
+    EXPECT_EQ(host->fetch(request), "redirect 302, response 200, end");
+  }
+  ::unsetenv("http_proxy");
+
   for (int i = 0; i <= 20; ++i) {
     server.expect({.path = "/l"}, {.status = 301, .fields = {{"Location", "/l"}}});
   }
@@ -312,6 +332,18 @@ TEST_F(NSURLSessionTest, AnswersChallengesWithWhatTheDelegateGives) {
                 {.status = 401, .challenges = {{.scheme = AuthScheme::digest, .stale = true}}});
   server.expect({.path = "/a", .credential = alicesDigest});
   EXPECT_EQ(fetch("/a"), "challenge HTTPDigest calendars 0, response 200, end");
+  // Three times for each credential; and a redirect begins with nothing.
+  const testing::Answer stale{.status = 401,
+                              .challenges = {{.scheme = AuthScheme::digest, .stale = true}}};
+  server.expect({.path = "/a"}, {.status = 401, .challenges = {md5}});
+  for (int i = 0; i < 7; ++i) server.expect({.path = "/a", .credential = alicesDigest}, stale);
+  server.expect({.path = "/a", .credential = alicesDigest},
+                {.status = 302, .fields = {{"Location", "/b"}}});
+  server.expect({.path = "/b"}, {.status = 401, .challenges = {md5}});
+  server.expect({.path = "/b", .credential = alicesDigest});
+  EXPECT_EQ(fetch("/a"),
+            "challenge HTTPDigest calendars 0, challenge HTTPDigest calendars 1, redirect 302, "
+            "challenge HTTPDigest calendars 0, response 200, end");
 }
 
 // The delegate is asked for the server's sake alone: a proxy is answered from its own URL, and a 407
@@ -565,6 +597,25 @@ TEST_F(NSURLSessionTest, VerifiesTheServersCertificate) {
   EXPECT_EQ(SessionHost::make()->fetch(requestFor(safe.url("/a"))), "error -1203");
 }
 
+// A system whose settings of OpenSSL allow what is older.
+TEST(NSURLSessionDeathTest, SpeaksNoTLSOlderThan12) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");  // a new process, which reads the settings anew
+  const testing::TemporaryFolder folder;
+  testing::writeFile(folder / "openssl.cnf",
+                     "openssl_conf = a\n[a]\nssl_conf = b\n[b]\nsystem_default = c\n[c]\n"
+                     "MinProtocol = TLSv1\nCipherString = DEFAULT@SECLEVEL=0\n");
+  ::setenv("OPENSSL_CONF", (folder / "openssl.cnf").c_str(), 0);
+  const auto fetch = [] {
+    ::setenv("SSL_CERT_FILE", testing::certificateAuthorityFile().c_str(), 1);
+    ScriptedServer old(TlsIdentity::named("good"), "NORMAL:-VERS-ALL:+VERS-TLS1.1");
+    const std::string events = SessionHost::make()->fetch(requestFor(old.url("/")));
+    std::fputs(events.c_str(), stderr);
+    std::_Exit(0);
+  };
+  EXPECT_EXIT(fetch(), ::testing::ExitedWithCode(0), "error -1200");
+  ::unsetenv("OPENSSL_CONF");
+}
+
 TEST_F(NSURLSessionTest, SurvivesServersThatMisbehave) {
   const std::string ok = "HTTP/1.1 200 OK\r\n";
   const struct {
@@ -582,6 +633,9 @@ TEST_F(NSURLSessionTest, SurvivesServersThatMisbehave) {
        "response 200, data, error -1005"},
       {"is no HTTP", {raw::write("SSH-2.0-OpenSSH\r\n\r\n"), raw::close()}, "error -1011"},
       {"has no status", {raw::write("HTTP/1.1 abc\r\n\r\n"), raw::close()}, "error -1011"},
+      {"has an endless line",
+       {raw::write(ok + "X: "), raw::write("0123456789", 1'000'000)},
+       "error -1011"},
       {"has an endless head",
        {raw::write(ok), raw::write("X: 0123456789\r\n", 1'000'000)},
        "error -1011"},
@@ -612,6 +666,20 @@ TEST_F(NSURLSessionTest, SurvivesServersThatMisbehave) {
     steps.insert(steps.end(), row.steps.begin(), row.steps.end());
     peer.play(steps);
     EXPECT_EQ(host->fetch(requestFor(peer.url("/"))), row.events) << row.what;
+    if (std::string_view(row.what).starts_with("sends 100")) {
+      EXPECT_EQ(host->response->allHeaderFields().size(), 1U) << "none of a response before";
+    }
+  }
+  // The limit of the head is met exactly, with what comes after the body.
+  const std::string head = ok + "Transfer-Encoding: chunked\r\n\r\n";
+  const std::string trailer = "X: y\r\n";
+  for (const std::size_t less : {0U, 1U}) {
+    host->endSession();
+    host->configuration.maximumResponseHeadSize = head.size() + trailer.size() - less;
+    RawServer peer;
+    peer.play({raw::readHead(), raw::write(head + "1\r\na\r\n0\r\n" + trailer + "\r\n")});
+    EXPECT_EQ(host->fetch(requestFor(peer.url("/"))),
+              less == 0 ? "response 200, data, end" : "response 200, data, error -1011");
   }
 }
 
@@ -644,6 +712,52 @@ TEST_F(NSURLSessionTest, TimesOutAfterSilenceAlone) {
   EXPECT_EQ(host->eventText(), "response 200, data, end");
 }
 
+// Neither does what is sent little by little, nor the time that the delegate takes to answer.
+TEST_F(NSURLSessionTest, DoesNotTimeOutWhileItSendsOrWaitsForTheDelegate) {
+  constexpr std::size_t piece = 2 << 20;
+  constexpr int pieces = 32;
+  RawServer slow;
+  RawServer::Steps steps{raw::readHead()};
+  for (int i = 0; i < pieces; ++i) {
+    steps.push_back(raw::waitUntilTold());
+    steps.push_back(raw::readBytes(piece));
+  }
+  steps.push_back(raw::write("HTTP/1.1 201 Created\r\nContent-Length: 0\r\n\r\n"));
+  slow.play(steps);
+  auto request = requestFor(slow.url("/"), "PUT", std::string(piece * pieces, 'x'));
+  request.setTimeoutInterval(1);
+  host->start(request);
+  NSDate next = NSDate::date();
+  ASSERT_TRUE(runUntil([&] {
+    if (NSDate::date() < next) return host->completions > 0;
+    next = NSDate::dateWithMicrosecondsSince1970(next.microsecondsSince1970() + 50'000);
+    slow.tell();
+    return false;
+  }));
+  EXPECT_EQ(host->eventText(), "response 201, end");
+
+  RawServer peer;
+  peer.play({raw::readHead(), raw::write("HTTP/1.1 200 OK\r\nContent-Length: 1\r\n\r\n"),
+             raw::waitUntilTold(), raw::write("x")});
+  std::function<void(NSURLSessionResponseDisposition)> handler;
+  host->onResponse = [&](auto given) { handler = given; };
+  request = requestFor(peer.url("/"));
+  request.setTimeoutInterval(0.05);
+  host->events.clear();
+  host->start(request);
+  ASSERT_TRUE(runUntil([&] { return handler != nullptr; }));
+  RawServer silent;  // of which a request times out later than that one would
+  silent.play({raw::readHead(), raw::waitUntilTold()});
+  const auto other = SessionHost::make();
+  request.setURL(NSURL::URLWithString(silent.url("/")));
+  EXPECT_EQ(other->fetch(request), "error -1001");
+  EXPECT_EQ(host->eventText(), "response 200");
+  peer.tell();
+  handler(NSURLSessionResponseAllow);
+  ASSERT_TRUE(runUntil([&] { return host->events.size() > 2; }));
+  EXPECT_EQ(host->eventText(), "response 200, data, end");
+}
+
 TEST_F(NSURLSessionTest, RepeatsARequestOnAConnectionThatWasClosedOnlyWhereThatIsSafe) {
   const std::string answer = "HTTP/1.1 200 OK\r\nContent-Length: 1\r\n\r\na";
   // The server closes the kept connection only when the next request is there, so that the client
@@ -664,7 +778,9 @@ TEST_F(NSURLSessionTest, RepeatsARequestOnAConnectionThatWasClosedOnlyWhereThatI
 TEST_F(NSURLSessionTest, RefusesWhatCannotBeSent) {
   EXPECT_EQ(host->fetch(NSMutableURLRequest()), "error -1000");
   EXPECT_EQ(host->fetch(requestFor("ftp://127.0.0.1/")), "error -1002");
-  EXPECT_EQ(host->fetch(requestFor("http://127.0.0.1:1/")), "error -1004");
+  EXPECT_EQ(host->fetch(requestFor("http://eve:x@127.0.0.1:1/a b#c")), "error -1004");
+  EXPECT_EQ(std::get<std::string>(host->error->userInfo().at("NSErrorFailingURLStringKey")),
+            "http://127.0.0.1:1/a%20b");
   EXPECT_EQ(host->fetch(requestFor("http://no.such.host.invalid/")), "error -1003");
   auto request = requestFor("http://127.0.0.1:1/");
   request.setValue_forHTTPHeaderField("a\r\nX-Injected: b", "X");

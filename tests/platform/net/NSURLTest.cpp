@@ -1,7 +1,10 @@
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <quillmere/platform/net/NSURL.h>
 
 #include <chrono>
+#include <string>
+#include <vector>
 
 namespace quillmere {
 namespace {
@@ -169,6 +172,58 @@ TEST(NSURL, TakesLongTextsInLinearTime) {
     urlOf("http://" + text).wireString();
   }
   EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(30));
+}
+
+// What the user info says; the last "@" ends it.
+TEST(NSURL, ReadsUserAndPassword) {
+  const struct {
+    const char* text;
+    std::optional<string> user, password;
+  } rows[] = {
+      {"http://alice:secret@h/", "alice", "secret"},
+      {"http://a%3ab:c%40:d@h/", "a:b", "c@:d"},
+      {"http://a@b:c@h/", "a@b", "c"},
+      {"http://alice@h/", "alice", {}},
+      {"http://:@h/", "", ""},
+      {"http://a%zz:%00@h/", {}, {}},
+      {"http://h/a:b@c", {}, {}},
+      {"mailto:a:b@h", {}, {}},
+  };
+  for (const auto& row : rows) {
+    EXPECT_EQ(urlOf(row.text).user(), row.user) << row.text;
+    EXPECT_EQ(urlOf(row.text).password(), row.password) << row.text;
+  }
+}
+
+// Thousands of addresses below a long one cost what they add to it, and are like any other.
+TEST(NSURL, SharesALongTextWithWhatIsResolvedAgainstIt) {
+  const string longText = "http://" + string(100'000, 'u') + "@h/home/";
+  const NSURL base = urlOf(longText);
+  const std::size_t before = ::mallinfo2().uordblks;
+  std::vector<NSURL> urls;
+  for (int i = 0; i < 1000; ++i) {
+    const NSURL folder = *NSURL::URLWithString_relativeToURL("c" + std::to_string(i) + "/", base);
+    urls.push_back(*NSURL::URLWithString_relativeToURL("../d/e.ics?x", folder));
+  }
+  EXPECT_LT(::mallinfo2().uordblks - before, std::size_t{1} << 20);
+  for (const NSURL& url : urls) ASSERT_EQ(url.absoluteString(), longText + "d/e.ics?x");
+  EXPECT_EQ(urls.front(), urlOf(longText + "d/e.ics?x"));
+  EXPECT_LT(urls.front(), urlOf(longText + "d/e.icsa"));
+  EXPECT_EQ(urls.front().wireString(), "http://h/home/d/e.ics?x");
+  EXPECT_EQ(urls.front().lastPathComponent(), "e.ics");
+  // Beside, above and elsewhere; and texts about the length from which they are shared.
+  for (const char* text : {"/x", "//other/x", "?q", "#f", "http://g/"}) {
+    const auto url = NSURL::URLWithString_relativeToURL(text, base);
+    const auto again =
+        NSURL::URLWithString_relativeToURL(url->absoluteString(), urlOf("http://z/"));
+    EXPECT_EQ(url, again) << text;
+  }
+  for (const std::size_t length : {1013U, 1014U, 1015U, 3000U}) {
+    const string text = "http://h/" + string(length, 'x');
+    const auto below = NSURL::URLWithString_relativeToURL(string(length, 'y') + "/z", urlOf(text));
+    EXPECT_EQ(below->absoluteString(), "http://h/" + string(length, 'y') + "/z");
+    EXPECT_EQ(NSURL::URLWithString_relativeToURL("../q", *below)->absoluteString(), "http://h/q");
+  }
 }
 
 }  // namespace

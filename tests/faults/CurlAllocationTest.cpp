@@ -1,0 +1,65 @@
+#include <curl/curl.h>
+#include <gtest/gtest.h>
+
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+
+#include "tests/support/ScriptedServer.h"
+#include "tests/support/SessionHost.h"
+
+// libcurl's memory, of which one allocation fails: the `untilFault`th from now, 0 for none.
+namespace quillmere {
+namespace {
+
+std::size_t untilFault = 0;
+
+bool fails() { return untilFault > 0 && --untilFault == 0; }
+
+void* allocate(std::size_t size) { return fails() ? nullptr : std::malloc(size); }
+void* reallocate(void* block, std::size_t size) {
+  return fails() ? nullptr : std::realloc(block, size);
+}
+char* duplicate(const char* text) { return fails() ? nullptr : ::strdup(text); }
+void* allocateZeros(std::size_t count, std::size_t size) {
+  return fails() ? nullptr : std::calloc(count, size);
+}
+
+// Before anybody else starts libcurl, which then keeps to it.
+[[maybe_unused]] const CURLcode started = curl_global_init_mem(
+    CURL_GLOBAL_DEFAULT, &allocate, &std::free, &reallocate, &duplicate, &allocateZeros);
+
+// A request without one of its fields, a condition say, would be another request.
+TEST(CurlAllocation, ARequestTravelsWithAllItsFieldsOrNotAtAll) {
+  testing::ScriptedServer server;
+  server.setOnRequest([&](const testing::ReceivedRequest&) {
+    server.expect({.method = "PUT",
+                   .path = "/a",
+                   .fields = {{"If-Match", "\"tag\""}, {"X-Empty", ""}, {"Depth", "1"}},
+                   .body = "text",
+                   .noOtherFields = true});
+  });
+  auto request = NSMutableURLRequest::requestWithURL(*NSURL::URLWithString(server.url("/a")));
+  request.setHTTPMethod("PUT");
+  request.setTimeoutInterval(0.5);  // libcurl forgets about a request where it has no memory
+  request.setHTTPBody(NSData::dataWithString("text"));
+  for (const auto& [name, value] :
+       {std::pair{"If-Match", "\"tag\""}, {"X-Empty", ""}, {"Depth", "1"}}) {
+    request.setValue_forHTTPHeaderField(value, name);
+  }
+  std::size_t failures = 0;
+  for (std::size_t nth = 1;; ++nth) {
+    const auto host = testing::SessionHost::make();
+    untilFault = nth;
+    const std::string events = host->fetch(request);
+    const bool hasFailed = untilFault == 0;
+    untilFault = 0;
+    ASSERT_TRUE(events == "response 200, end" || events.starts_with("error -")) << nth << events;
+    if (events != "response 200, end") ++failures;
+    if (!hasFailed) break;
+  }
+  EXPECT_GT(failures, 10U);
+}
+
+}  // namespace
+}  // namespace quillmere
