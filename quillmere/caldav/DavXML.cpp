@@ -1,7 +1,6 @@
 #include <quillmere/caldav/DavXML.h>
 
 #include <cstddef>
-#include <variant>
 
 namespace quillmere {
 
@@ -28,25 +27,6 @@ std::optional<std::string_view> hrefOf(const HWXMLElement& element) {
   const std::size_t first = text->find_first_not_of(blanks);
   if (first == std::string_view::npos) return std::nullopt;
   return text->substr(first, text->find_last_not_of(blanks) - first + 1);
-}
-
-std::vector<HWXMLElement> childElementsOf(const HWXMLElement& element) {
-  std::vector<HWXMLElement> elements;
-  for (const HWXMLNode& child : element.children()) {
-    if (const auto* childElement = std::get_if<HWXMLElement>(&child)) {
-      elements.push_back(*childElement);
-    }
-  }
-  return elements;
-}
-
-std::vector<HWXMLElement> childElementsOf(const HWXMLElement& element, std::string_view localName) {
-  std::vector<HWXMLElement> elements;
-  for (auto child = element.firstChildNamed(localName); child;
-       child = child->nextSiblingNamed(localName)) {
-    elements.push_back(*child);
-  }
-  return elements;
 }
 
 }  // namespace quillmere

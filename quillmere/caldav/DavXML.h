@@ -10,7 +10,6 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <vector>
 
 // Internal: the bodies that the CalDAV client sends, and a reader's way through those it gets.
 namespace quillmere {
@@ -67,10 +66,6 @@ std::optional<std::string_view> textAt(const HWXMLElement& element, std::string_
 /// space around it with which some servers indent. Null when there is none.
 std::optional<std::string_view> hrefAt(const HWXMLElement& element, std::string_view path);
 std::optional<std::string_view> hrefOf(const HWXMLElement& element);
-
-/// The children that are elements, and of these those of a name.
-std::vector<HWXMLElement> childElementsOf(const HWXMLElement& element);
-std::vector<HWXMLElement> childElementsOf(const HWXMLElement& element, std::string_view localName);
 
 }  // namespace quillmere
 

@@ -75,7 +75,7 @@ KBTDavConnection::KBTDavConnection(std::optional<std::string> name,
       description_(std::move(description)) {
   if (!supportedComponents) return;
   canContainEvents_ = canContainTodos_ = false;
-  for (const HWXMLElement& component : childElementsOf(*supportedComponents, "comp")) {
+  for (const HWXMLElement& component : supportedComponents->childElementsNamed("comp")) {
     const auto kind = component.attributeNamed("name");
     canContainEvents_ = canContainEvents_ || kind == "VEVENT";
     canContainTodos_ = canContainTodos_ || kind == "VTODO";
@@ -262,7 +262,7 @@ void KBTDavConnection::_didGetEventsForCalendar(const std::shared_ptr<KBTDavRequ
   KBTDavResourceTexts etags;
   KBTDavResourceContents contents;
   if (const auto root = rootOf(*request)) {
-    for (const HWXMLElement& response : childElementsOf(*root, "response")) {
+    for (const HWXMLElement& response : root->childElementsNamed("response")) {
       // Intended: only the first propstat is looked at, and its status must be this very text.
       const auto propstat = response.firstChildNamed("propstat");
       if (!propstat || textAt(*propstat, "status") != statusOfFound) continue;
@@ -322,7 +322,7 @@ std::vector<KBTDavResourceTexts> KBTDavConnection::_arrayForReportResponse_withK
   std::vector<KBTDavResourceTexts> rows;
   const auto document = HWXMLDocument::initWithData(request.data());
   if (!document) return rows;
-  for (const HWXMLElement& response : childElementsOf(document->rootElement())) {
+  for (const HWXMLElement& response : document->rootElement().childElements()) {
     const auto prop = response.firstChildAtPath("propstat/prop");
     if (!prop) continue;
     KBTDavResourceTexts row;

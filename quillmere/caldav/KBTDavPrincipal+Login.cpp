@@ -50,7 +50,7 @@ std::string closedBySlash(string_view path) {
 bool isWritable(const HWXMLElement& prop) {
   const auto granted = prop.firstChildNamed("current-user-privilege-set");
   if (!granted) return false;
-  const auto privileges = childElementsOf(*granted, "privilege");
+  const auto privileges = granted->childElementsNamed("privilege");
   return std::any_of(privileges.begin(), privileges.end(), [](const HWXMLElement& privilege) {
     return privilege.firstChildNamed("write-content").has_value();
   });
@@ -122,7 +122,7 @@ void KBTDavPrincipal::_didLogin(const std::shared_ptr<KBTDavRequest>& request) {
   if (request->error()) return tellLoggedInWithError(request->error());
   const auto root = rootOf(*request);
   if (const auto prop = root ? root->firstChildAtPath("response/propstat/prop") : std::nullopt) {
-    for (const HWXMLElement& property : childElementsOf(*prop)) readProperty(property);
+    for (const HWXMLElement& property : prop->childElements()) readProperty(property);
   }
   if (!outboxURL_ || !calendarHomeURL_) {
     return _error(errorOfCode(
@@ -145,7 +145,7 @@ void KBTDavPrincipal::readProperty(const HWXMLElement& property) {
   } else if (name == "group-membership") {
     readMemberships(property);
   } else if (name == "principal-collection-set") {
-    for (const HWXMLElement& href : childElementsOf(property, "href")) {
+    for (const HWXMLElement& href : property.childElementsNamed("href")) {
       const auto url = NSURL::URLWithString_relativeToURL(hrefOf(href).value_or(""), principalURL_);
       if (url) principalCollectionURL_ = *url;
     }
@@ -153,7 +153,7 @@ void KBTDavPrincipal::readProperty(const HWXMLElement& property) {
 }
 
 void KBTDavPrincipal::readAddresses(const HWXMLElement& addressSet) {
-  for (const HWXMLElement& href : childElementsOf(addressSet, "href")) {
+  for (const HWXMLElement& href : addressSet.childElementsNamed("href")) {
     const string_view address = hrefOf(href).value_or("");
     if (address.starts_with("urn:")) {
       originator_ = NSURL::URLWithString(address);
@@ -169,7 +169,7 @@ void KBTDavPrincipal::readAddresses(const HWXMLElement& addressSet) {
 void KBTDavPrincipal::readMemberships(const HWXMLElement& membership) {
   constexpr string_view asProxy = "/calendar-proxy-write/";
   readWriteProxies_.clear();
-  for (const HWXMLElement& href : childElementsOf(membership, "href")) {
+  for (const HWXMLElement& href : membership.childElementsNamed("href")) {
     string_view group = hrefOf(href).value_or("");
     if (!group.ends_with(asProxy)) continue;
     group.remove_suffix(asProxy.size());
@@ -202,7 +202,7 @@ void KBTDavPrincipal::_foundCalendars(const std::shared_ptr<KBTDavRequest>& requ
   if (request->error()) return tellLoggedInWithError(request->error());
   const auto replaced = std::exchange(calendars_, {});
   if (const auto root = rootOf(*request)) {
-    for (const HWXMLElement& response : childElementsOf(*root, "response")) {
+    for (const HWXMLElement& response : root->childElementsNamed("response")) {
       if (auto calendar = calendarFromResponse(response)) calendars_.push_back(std::move(calendar));
     }
   }

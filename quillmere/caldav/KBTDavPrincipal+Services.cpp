@@ -135,7 +135,7 @@ void KBTDavPrincipal::_didGetPrincipalInfoForUserAddress(
   if (request->error()) return tellLoggedInWithError(request->error());
   std::vector<std::shared_ptr<KBTPrincipalInfo>> found;
   if (const auto root = rootOf(*request)) {
-    for (const HWXMLElement& response : childElementsOf(*root)) {
+    for (const HWXMLElement& response : root->childElements()) {
       if (auto info = infoFromResponse(response)) found.push_back(std::move(info));
     }
   }
@@ -158,7 +158,7 @@ std::shared_ptr<KBTPrincipalInfo> KBTDavPrincipal::infoFromResponse(
   bool matches = false;
   const auto addressSet = prop->firstChildNamed("calendar-user-address-set");
   if (!addressSet) return nullptr;
-  for (const HWXMLElement& href : childElementsOf(*addressSet, "href")) {
+  for (const HWXMLElement& href : addressSet->childElementsNamed("href")) {
     const std::string address(hrefOf(href).value_or(""));
     if (address.starts_with("mailto:")) {
       info->setEmail(address);

@@ -35,16 +35,18 @@ std::string textOf(const NSData& data) {
 bool isSuccess(std::int64_t status) { return status >= 200 && status <= 299; }
 
 // Whether an answer takes far more memory to read than it took to send. A listing or a multiget
-// takes up to some five times its text, and a server packs it to a thirtieth at best.
+// takes up to some eight times its text, and a server packs it to a fortieth at best.
 bool isOutOfProportion(std::string_view body, std::uint64_t bytesReceived) {
-  constexpr std::uint64_t alwaysAllowed = std::uint64_t{128} << 20;
+  constexpr std::uint64_t mebibyte = std::uint64_t{1} << 20;
+  constexpr std::uint64_t alwaysAllowed = 160 * mebibyte;
+  constexpr std::uint64_t mostTimesMore = 512;  // of what came after the first mebibyte
   constexpr std::uint64_t mostTimesText = 9;
-  constexpr std::uint64_t mostTimesReceived = 128;
-  constexpr std::uint64_t mostTimesOfAnyText = 32;
-  if (body.size() <= alwaysAllowed / mostTimesOfAnyText) return false;
-  const std::uint64_t memory = HWXMLDocument::memoryToRead(body);
-  return memory > std::max(alwaysAllowed, std::min(mostTimesText * body.size(),
-                                                   mostTimesReceived * bytesReceived));
+  constexpr std::uint64_t mostTimesAnyText = 32;
+  if (body.size() <= alwaysAllowed / mostTimesAnyText) return false;
+  const std::uint64_t more = bytesReceived - std::min(bytesReceived, mebibyte);
+  const std::uint64_t most = std::min(alwaysAllowed + mostTimesMore * more,
+                                      std::max(alwaysAllowed, mostTimesText * body.size()));
+  return HWXMLDocument::memoryToRead(body) > most;
 }
 
 }  // namespace

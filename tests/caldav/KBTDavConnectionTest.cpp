@@ -447,10 +447,10 @@ TEST(KBTDavConnection, AnAnswerOutOfProportionIsAnError) {
       {"attributes", times("<a b=''/>", 15 * mebibyte), false},
       {"responses", padding + times("<response/>", 80 * mebibyte), false},
       {"close to a hundred times", padding + times("<a/>", 80 * mebibyte), false},
-      {"as many responses as there may be", padding + times("<response/>", 17 * mebibyte), true},
+      {"as many responses as there may be", padding + times("<response/>", 21 * mebibyte), true},
       {"all text", padding + times("some text of no element ", 80 * mebibyte), true},
       {"a listing", times(row, 15 * mebibyte), true},
-      {"a longer one, out of proportion", padding + times(row, 24 * mebibyte), false},
+      {"a longer one, out of proportion", padding + times(row, 30 * mebibyte), false},
   };
   for (const auto& [what, packed, isGood] : rows) {
     Fixture f;

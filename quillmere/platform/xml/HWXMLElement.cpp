@@ -1,5 +1,6 @@
 #include <quillmere/platform/xml/HWXMLElement.h>
 
+#include <algorithm>
 #include <iterator>
 #include <pugixml.hpp>
 
@@ -13,15 +14,12 @@ bool isNamed(string_view name, string_view localName) {
          (name.size() == localName.size() || name[name.size() - localName.size() - 1] == ':');
 }
 
-// Of this node and its later siblings.
-pugi::xml_node firstNamedFrom(pugi::xml_node node, string_view localName) {
-  if (localName.empty()) return {};  // the name of texts
-  while (node && !isNamed(node.name(), localName)) node = node.next_sibling();
-  return node;
-}
-
 pugi::xml_node firstNamed(pugi::xml_node parent, string_view localName) {
-  return firstNamedFrom(parent.first_child(), localName);
+  if (localName.empty()) return {};  // the name of texts
+  for (auto child = parent.first_child(); child; child = child.next_sibling()) {
+    if (isNamed(child.name(), localName)) return child;
+  }
+  return {};
 }
 
 }  // namespace
@@ -43,6 +41,28 @@ std::vector<HWXMLNode> HWXMLElement::children() const {
     all.push_back(child(node.internal_object()));
   }
   return all;
+}
+
+// Counted first: a listing has a great many.
+template <class Condition>
+std::vector<HWXMLElement> HWXMLElement::childElementsWhere(Condition condition) const {
+  std::vector<HWXMLElement> elements;
+  const auto all = pugi::xml_node(node_.get()).children();
+  elements.reserve(static_cast<std::size_t>(std::count_if(all.begin(), all.end(), condition)));
+  for (const pugi::xml_node node : all) {
+    if (condition(node)) elements.push_back(HWXMLElement(Node(node_, node.internal_object())));
+  }
+  return elements;
+}
+
+std::vector<HWXMLElement> HWXMLElement::childElements() const {
+  return childElementsWhere([](pugi::xml_node node) { return node.type() == pugi::node_element; });
+}
+
+std::vector<HWXMLElement> HWXMLElement::childElementsNamed(string_view localName) const {
+  return childElementsWhere([localName](pugi::xml_node node) {
+    return node.type() == pugi::node_element && isNamed(node.name(), localName);
+  });
 }
 
 std::size_t HWXMLElement::childrenCount() const {
@@ -77,12 +97,6 @@ std::optional<NSData> HWXMLElement::textData() const {
 
 std::optional<HWXMLElement> HWXMLElement::firstChildNamed(string_view name) const {
   const pugi::xml_node found = firstNamed(pugi::xml_node(node_.get()), name);
-  if (!found) return std::nullopt;
-  return HWXMLElement(Node(node_, found.internal_object()));
-}
-
-std::optional<HWXMLElement> HWXMLElement::nextSiblingNamed(string_view name) const {
-  const pugi::xml_node found = firstNamedFrom(pugi::xml_node(node_.get()).next_sibling(), name);
   if (!found) return std::nullopt;
   return HWXMLElement(Node(node_, found.internal_object()));
 }

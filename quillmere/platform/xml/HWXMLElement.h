@@ -38,6 +38,9 @@ class QUILLMERE_EXPORT HWXMLElement {
 
   /// All children, in document order.
   std::vector<HWXMLNode> children() const;
+  /// Those that are elements, and of these those of a name (without prefix).
+  std::vector<HWXMLElement> childElements() const;
+  std::vector<HWXMLElement> childElementsNamed(std::string_view localName) const;
   /// Takes time in proportion to the count.
   std::size_t childrenCount() const;
   /// Null past the end. Takes time in proportion to `index`: a loop is better over `children()`.
@@ -55,8 +58,6 @@ class QUILLMERE_EXPORT HWXMLElement {
 
   /// The first child element of that name (without prefix), null when there is none.
   std::optional<HWXMLElement> firstChildNamed(std::string_view localName) const;
-  /// The next one of that name after this element, among the children of the same parent.
-  std::optional<HWXMLElement> nextSiblingNamed(std::string_view localName) const;
   /// The element that names between slashes lead to, as in "propstat/prop/getetag": of each name
   /// the first child, and no other is tried when the way ends there. Null when it ends early.
   std::optional<HWXMLElement> firstChildAtPath(std::string_view path) const;
@@ -71,6 +72,8 @@ class QUILLMERE_EXPORT HWXMLElement {
 
   explicit HWXMLElement(Node node) : node_(std::move(node)) {}
   HWXMLNode child(pugi::xml_node_struct* node) const;
+  template <class Condition>
+  std::vector<HWXMLElement> childElementsWhere(Condition condition) const;
 
   Node node_;  // owns the document
 };
