@@ -61,7 +61,7 @@ struct Changes {
 
 /// The delegate of one calendar: it holds the calendar's objects and, where that is a file, carries
 /// out the user's changes without losing what else the file holds.
-class CalendarHost : public quillmere::KBTSynchingCalendarDelegate {
+class CalendarHost : public quillmere::KBTSynchingCalendarDelegateBase {
  public:
   /// Called with the count so far for every item that a fetch meets, and with null at its end.
   using Progress = std::function<void(std::optional<std::size_t> items)>;
@@ -160,18 +160,6 @@ class CalendarHost : public quillmere::KBTSynchingCalendarDelegate {
   void synchingCalendarCompletedCheckForExternalChanges_changes(Calendar&, bool changes) override;
   void synchingCalendar_failedSavingObject_withError(Calendar&, const quillmere::KBTFailedObject&,
                                                      const quillmere::NSErrorPtr& error) override;
-
-  // What documents never ask or tell: ranges, and saves object by object.
-  std::optional<quillmere::NSDate> synchingCalendarEarliestDate(Calendar&) override { return {}; }
-  std::optional<quillmere::NSDate> synchingCalendarLatestDate(Calendar&) override { return {}; }
-  void synchingCalendar_setUniqueName_forObject(Calendar&, const std::string&,
-                                                const Object&) override {}
-  void synchingCalendar_didInsert_versionString(Calendar&, const Object&,
-                                                const std::string&) override {}
-  void synchingCalendar_didUpdate_versionString(Calendar&, const Object&,
-                                                const std::string&) override {}
-  void synchingCalendar_didDelete(Calendar&, const Object&) override {}
-  void synchingCalendarCompletedSave(Calendar&) override {}
 
   std::string place_;
   std::shared_ptr<quillmere::KBTDataCalendar> calendar_;

@@ -16,7 +16,7 @@ using quillmere::NSErrorPtr;
 using quillmere::NSRunLoop;
 
 // Keeps how the operation under way has ended.
-class Account::Outcome : public quillmere::KBTDavPrincipalDelegate {
+class Account::Outcome : public quillmere::KBTDavPrincipalDelegateBase {
  public:
   bool isOver = false;
   NSErrorPtr error;
@@ -27,12 +27,6 @@ class Account::Outcome : public quillmere::KBTDavPrincipalDelegate {
   void calDavPrincipal_createdCalendar(KBTDavPrincipal&, const ConnectionPtr&) override {
     end(nullptr);
   }
-  void calDavPrincipal_didReceiveFreebusy_withContext(
-      KBTDavPrincipal&, const std::vector<std::shared_ptr<quillmere::KBTFreeBusy>>&,
-      const std::any&) override {}
-  void calDavPrincipal_foundPrincipalInfo_withContext(
-      KBTDavPrincipal&, const std::vector<std::shared_ptr<quillmere::KBTPrincipalInfo>>&,
-      const std::any&) override {}
 
  private:
   void end(const NSErrorPtr& failure) {

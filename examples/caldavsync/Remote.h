@@ -31,7 +31,7 @@ struct Fetched {
 
 /// The objects of one kind in a collection at the server, as delegate of their calendar. Every
 /// operation waits for its end.
-class Remote : public quillmere::KBTSynchingCalendarDelegate {
+class Remote : public quillmere::KBTSynchingCalendarDelegateBase {
  public:
   /// The connection must be nobody else's. `known` is what an earlier run left of the collection.
   static std::shared_ptr<Remote> open(std::shared_ptr<quillmere::KBTDavConnection> connection,
@@ -69,7 +69,6 @@ class Remote : public quillmere::KBTSynchingCalendarDelegate {
   std::optional<std::string> synchingCalendar_versionStringForObject(Dav&, const Client&) override;
   std::shared_ptr<quillmere::KBTICSDataSource> synchingCalendar_icsDataForObject(
       Dav&, const Client&) override;
-  void synchingCalendarBeganFetchExternalChanges(Dav&) override {}
   Client synchingCalendar_newObjectNamed_versionString_data(Dav&, const std::string& uniqueName,
                                                             const std::string& version,
                                                             const Reader& data) override;
@@ -87,12 +86,6 @@ class Remote : public quillmere::KBTSynchingCalendarDelegate {
   void synchingCalendar_failedSavingObject_withError(Dav&, const quillmere::KBTFailedObject&,
                                                      const quillmere::NSErrorPtr& error) override;
   void synchingCalendarCompletedSave(Dav&) override { end(); }
-  // The whole collection.
-  std::optional<quillmere::NSDate> synchingCalendarEarliestDate(Dav&) override { return {}; }
-  std::optional<quillmere::NSDate> synchingCalendarLatestDate(Dav&) override { return {}; }
-  // Not sent here: nothing is checked, and names are the host's.
-  void synchingCalendarCompletedCheckForExternalChanges_changes(Dav&, bool) override {}
-  void synchingCalendar_setUniqueName_forObject(Dav&, const std::string&, const Client&) override {}
 
   Kind kind_;
   std::shared_ptr<quillmere::KBTDavCalendar> calendar_;

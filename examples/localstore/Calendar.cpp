@@ -58,7 +58,7 @@ std::shared_ptr<EKCalendar> calendarCalled(const std::string& titleOrIdentifier)
 }  // namespace
 
 // Keeps what a fetch finds, and why a save failed.
-class Calendar::Host : public quillmere::KBTSynchingCalendarDelegate {
+class Calendar::Host : public quillmere::KBTSynchingCalendarDelegateBase {
  public:
   std::optional<NSDate> from;
   std::optional<NSDate> to;
@@ -83,7 +83,6 @@ class Calendar::Host : public quillmere::KBTSynchingCalendarDelegate {
   }
   std::optional<NSDate> synchingCalendarEarliestDate(KBTSynchingCalendar&) override { return from; }
   std::optional<NSDate> synchingCalendarLatestDate(KBTSynchingCalendar&) override { return to; }
-  void synchingCalendarBeganFetchExternalChanges(KBTSynchingCalendar&) override {}
   // Declines every item: no fetch is to follow, so there is nothing to compare with.
   KBTClientObject synchingCalendar_newObjectNamed_versionString_data(
       KBTSynchingCalendar&, const std::string& name, const std::string& version,
@@ -91,25 +90,13 @@ class Calendar::Host : public quillmere::KBTSynchingCalendarDelegate {
     found.push_back(readEvent(name, version, *reader));
     return nullptr;
   }
-  void synchingCalendar_updateForObject_versionString_data(
-      KBTSynchingCalendar&, const KBTClientObject&, const std::string&,
-      const std::shared_ptr<quillmere::KBTCalObject>&) override {}
-  void synchingCalendar_deletionForObject(KBTSynchingCalendar&, const KBTClientObject&) override {}
   void synchingCalendarCompletedFetchExternalChanges_withError(KBTSynchingCalendar&,
                                                                const NSErrorPtr&) override {}
-  void synchingCalendarCompletedCheckForExternalChanges_changes(KBTSynchingCalendar&,
-                                                                bool) override {}
-  void synchingCalendar_didInsert_versionString(KBTSynchingCalendar&, const KBTClientObject&,
-                                                const std::string&) override {}
-  void synchingCalendar_didUpdate_versionString(KBTSynchingCalendar&, const KBTClientObject&,
-                                                const std::string&) override {}
-  void synchingCalendar_didDelete(KBTSynchingCalendar&, const KBTClientObject&) override {}
   void synchingCalendar_failedSavingObject_withError(KBTSynchingCalendar&,
                                                      const quillmere::KBTFailedObject&,
                                                      const NSErrorPtr& failure) override {
     error = failure;
   }
-  void synchingCalendarCompletedSave(KBTSynchingCalendar&) override {}
 
  private:
   static Event& eventOf(const KBTClientObject& object) {

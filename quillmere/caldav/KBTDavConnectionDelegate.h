@@ -26,7 +26,8 @@ using KBTDavResourceContents = std::map<std::string, NSData, std::less<>>;
 
 /// Hears the outcome of every operation of a calendar collection, exactly once for each, on the
 /// loop on which the collection was made. `context` is what the operation was given; a host tells
-/// its operations apart by it. A delegate may start operations and cancel in any call.
+/// its operations apart by it. A delegate may start operations and cancel in any call. Deriving
+/// from `KBTDavConnectionDelegateBase` leaves it only failures to implement.
 class QUILLMERE_EXPORT KBTDavConnectionDelegate {
  public:
   virtual ~KBTDavConnectionDelegate() = default;
@@ -72,6 +73,26 @@ class QUILLMERE_EXPORT KBTDavConnectionDelegate {
 
   /// `removeCalendar` is over. Intended: nobody is told whether it succeeded.
   virtual void calDavConnectionDidRemoveCalendar(KBTDavConnection& connection) = 0;
+};
+
+/// A delegate that hears failures, and of what succeeds only what it overrides.
+class QUILLMERE_EXPORT KBTDavConnectionDelegateBase : public KBTDavConnectionDelegate {
+ public:
+  void calDavConnection_didReceiveCTag_context(KBTDavConnection&, const std::optional<std::string>&,
+                                               const std::any&) override {}
+  void calDavConnection_didReceiveFreebusy_context(KBTDavConnection&,
+                                                   const std::vector<std::shared_ptr<KBTFreeBusy>>&,
+                                                   const std::any&) override {}
+  void calDavConnection_didReceiveEventsWithETags_andContents_context(KBTDavConnection&,
+                                                                      const KBTDavResourceTexts&,
+                                                                      const KBTDavResourceContents&,
+                                                                      const std::any&) override {}
+  void calDavConnection_didCreateResourceWithETag_context(KBTDavConnection&, const std::string&,
+                                                          const std::any&) override {}
+  void calDavConnection_didUpdateResourceWithETag_context(KBTDavConnection&, const std::string&,
+                                                          const std::any&) override {}
+  void calDavConnectionDidDeleteResource_context(KBTDavConnection&, const std::any&) override {}
+  void calDavConnectionDidRemoveCalendar(KBTDavConnection&) override {}
 };
 
 }  // namespace quillmere

@@ -17,6 +17,7 @@ class KBTDavPrincipal;
 
 /// Hears what an account finds out, on the loop on which the principal was made. `context` is what
 /// the operation was given. A delegate may call any operation of the principal in any call.
+/// Deriving from `KBTDavPrincipalDelegateBase` leaves it only logins and failures to implement.
 class QUILLMERE_EXPORT KBTDavPrincipalDelegate {
  public:
   virtual ~KBTDavPrincipalDelegate() = default;
@@ -44,6 +45,19 @@ class QUILLMERE_EXPORT KBTDavPrincipalDelegate {
   /// `createCalendarAtPath_withName_andDescription` has succeeded; `calendars` has it now.
   virtual void calDavPrincipal_createdCalendar(
       KBTDavPrincipal& principal, const std::shared_ptr<KBTDavConnection>& calendar) = 0;
+};
+
+/// A delegate that hears logins and failures, and of the other services only what it overrides.
+class QUILLMERE_EXPORT KBTDavPrincipalDelegateBase : public KBTDavPrincipalDelegate {
+ public:
+  void calDavPrincipal_didReceiveFreebusy_withContext(
+      KBTDavPrincipal&, const std::vector<std::shared_ptr<KBTFreeBusy>>&,
+      const std::any&) override {}
+  void calDavPrincipal_foundPrincipalInfo_withContext(
+      KBTDavPrincipal&, const std::vector<std::shared_ptr<KBTPrincipalInfo>>&,
+      const std::any&) override {}
+  void calDavPrincipal_createdCalendar(KBTDavPrincipal&,
+                                       const std::shared_ptr<KBTDavConnection>&) override {}
 };
 
 }  // namespace quillmere

@@ -264,9 +264,4 @@ void KBTDavCalendar::completeSave() {
   delegate()->synchingCalendarCompletedSave(*this);
 }
 
-void KBTDavCalendar::calDavConnection_didReceiveFreebusy_context(
-    KBTDavConnection&, const std::vector<std::shared_ptr<KBTFreeBusy>>&, const std::any&) {}
-
-void KBTDavCalendar::calDavConnectionDidRemoveCalendar(KBTDavConnection&) {}
-
 }  // namespace quillmere

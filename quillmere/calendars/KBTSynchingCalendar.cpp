@@ -7,16 +7,14 @@ namespace quillmere {
 namespace {
 
 // Stands in for a delegate that was never set or is gone.
-class SilentDelegate : public KBTSynchingCalendarDelegate {
+class SilentDelegate : public KBTSynchingCalendarDelegateBase {
   using Calendar = KBTSynchingCalendar;
   using Object = KBTClientObject;
-  using Reader = std::shared_ptr<KBTCalObject>;
   using string = std::string;
 
   std::optional<string> synchingCalendar_uniqueNameForObject(Calendar&, const Object&) override {
     return std::nullopt;
   }
-  void synchingCalendar_setUniqueName_forObject(Calendar&, const string&, const Object&) override {}
   std::optional<string> synchingCalendar_versionStringForObject(Calendar&, const Object&) override {
     return std::nullopt;
   }
@@ -24,25 +22,14 @@ class SilentDelegate : public KBTSynchingCalendarDelegate {
                                                                       const Object&) override {
     return nullptr;
   }
-  std::optional<NSDate> synchingCalendarEarliestDate(Calendar&) override { return std::nullopt; }
-  std::optional<NSDate> synchingCalendarLatestDate(Calendar&) override { return std::nullopt; }
-  void synchingCalendarBeganFetchExternalChanges(Calendar&) override {}
-  Object synchingCalendar_newObjectNamed_versionString_data(Calendar&, const string&, const string&,
-                                                            const Reader&) override {
+  Object synchingCalendar_newObjectNamed_versionString_data(
+      Calendar&, const string&, const string&, const std::shared_ptr<KBTCalObject>&) override {
     return nullptr;
   }
-  void synchingCalendar_updateForObject_versionString_data(Calendar&, const Object&, const string&,
-                                                           const Reader&) override {}
-  void synchingCalendar_deletionForObject(Calendar&, const Object&) override {}
   void synchingCalendarCompletedFetchExternalChanges_withError(Calendar&,
                                                                const NSErrorPtr&) override {}
-  void synchingCalendarCompletedCheckForExternalChanges_changes(Calendar&, bool) override {}
-  void synchingCalendar_didInsert_versionString(Calendar&, const Object&, const string&) override {}
-  void synchingCalendar_didUpdate_versionString(Calendar&, const Object&, const string&) override {}
-  void synchingCalendar_didDelete(Calendar&, const Object&) override {}
   void synchingCalendar_failedSavingObject_withError(Calendar&, const KBTFailedObject&,
                                                      const NSErrorPtr&) override {}
-  void synchingCalendarCompletedSave(Calendar&) override {}
 };
 
 }  // namespace

@@ -26,7 +26,7 @@ using KBTClientObject = std::shared_ptr<void>;
 using KBTFailedObject = std::variant<KBTClientObject, std::string>;
 
 /// A host implements this to use a calendar: it answers questions about its objects and hears all
-/// results.
+/// results. Deriving from `KBTSynchingCalendarDelegateBase` leaves it only what it must implement.
 ///
 /// Every callback names its calendar first. A host may call any operation of the calendar from any
 /// callback, and may let go of the calendar there. References to texts, readers and errors are good
@@ -127,6 +127,10 @@ class QUILLMERE_EXPORT KBTSynchingCalendarDelegate {
   /// Sent once per save, also after failures. Two saves end without it: of a calendar behind a URL,
   /// when the server tells no entity tag; and of a `KBTDataCalendar` of the host's own, when that
   /// reports an error to `_wroteCalendarData`.
+  ///
+  /// `resetChanges()` in a callback of a CalDAV calendar's save leaves the save nothing to wait for,
+  /// so every answer that is still out ends it again. A success sends this once more, after another
+  /// request for the tag. A failure sends it at once; failures after that are not told.
   virtual void synchingCalendarCompletedSave(KBTSynchingCalendar& calendar) = 0;
 
   // The one optional callback.
@@ -136,6 +140,37 @@ class QUILLMERE_EXPORT KBTSynchingCalendarDelegate {
   virtual void synchingCalendar_didReceiveChallenge_completionHandler(
       KBTSynchingCalendar& calendar, const std::shared_ptr<NSURLAuthenticationChallenge>& challenge,
       const NSURLSessionChallengeCompletionHandler& completionHandler);
+};
+
+/// A delegate for which everything that need not be told apart from nothing is done: no range of
+/// dates, and silence for what a host need not hear. A host that derives from it writes what is
+/// left: names, versions, new objects, their texts, and how a fetch and a save may fail.
+///
+/// Whoever keeps an object's content overrides `updateForObject` and `deletionForObject` too, and
+/// whoever saves `didInsert` and `didUpdate`, whose versions a host gives back.
+class QUILLMERE_EXPORT KBTSynchingCalendarDelegateBase : public KBTSynchingCalendarDelegate {
+ public:
+  void synchingCalendar_setUniqueName_forObject(KBTSynchingCalendar&, const std::string&,
+                                                const KBTClientObject&) override {}
+  std::optional<NSDate> synchingCalendarEarliestDate(KBTSynchingCalendar&) override {
+    return std::nullopt;
+  }
+  std::optional<NSDate> synchingCalendarLatestDate(KBTSynchingCalendar&) override {
+    return std::nullopt;
+  }
+  void synchingCalendarBeganFetchExternalChanges(KBTSynchingCalendar&) override {}
+  void synchingCalendar_updateForObject_versionString_data(
+      KBTSynchingCalendar&, const KBTClientObject&, const std::string&,
+      const std::shared_ptr<KBTCalObject>&) override {}
+  void synchingCalendar_deletionForObject(KBTSynchingCalendar&, const KBTClientObject&) override {}
+  void synchingCalendarCompletedCheckForExternalChanges_changes(KBTSynchingCalendar&,
+                                                                bool) override {}
+  void synchingCalendar_didInsert_versionString(KBTSynchingCalendar&, const KBTClientObject&,
+                                                const std::string&) override {}
+  void synchingCalendar_didUpdate_versionString(KBTSynchingCalendar&, const KBTClientObject&,
+                                                const std::string&) override {}
+  void synchingCalendar_didDelete(KBTSynchingCalendar&, const KBTClientObject&) override {}
+  void synchingCalendarCompletedSave(KBTSynchingCalendar&) override {}
 };
 
 }  // namespace quillmere

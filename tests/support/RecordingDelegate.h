@@ -37,7 +37,7 @@ struct FixedData : KBTICSDataSource {
 /// Writes every callback down as one line of text, e.g. "new a 20240101T000000Z". Questions about
 /// an object (name, version, data) are answered from the item and not written down, but
 /// `onCallback` hears of them too: "name of a", "version of a", "data of a".
-class RecordingDelegate : public KBTSynchingCalendarDelegate {
+class RecordingDelegate : public KBTSynchingCalendarDelegateBase {
  public:
   std::vector<std::string> log;
   std::set<std::string> declined;                        // names answered with null
@@ -67,12 +67,6 @@ class RecordingDelegate : public KBTSynchingCalendarDelegate {
     onCallback("data of " + Item::of(object).name);
     if (Item::of(object).ics.empty()) return nullptr;
     return std::make_shared<FixedData>(Item::of(object).ics);
-  }
-  std::optional<NSDate> synchingCalendarEarliestDate(KBTSynchingCalendar&) override {
-    return std::nullopt;
-  }
-  std::optional<NSDate> synchingCalendarLatestDate(KBTSynchingCalendar&) override {
-    return std::nullopt;
   }
   void synchingCalendarBeganFetchExternalChanges(KBTSynchingCalendar&) override { record("began"); }
   KBTClientObject synchingCalendar_newObjectNamed_versionString_data(
