@@ -127,6 +127,8 @@ class QUILLMERE_EXPORT KBTDavPrincipal : public KBTDavRequestor, public NSKeyVal
   void setAuthorization(std::optional<std::string> authorization) {
     _authorization.set(std::move(authorization));
   }
+  /// A null pointer is no text: null is `std::nullopt`.
+  void setAuthorization(std::same_as<std::nullptr_t> auto) = delete;
 
   /// A request with nothing but the field Authorization, if `authorization` is set.
   NSMutableURLRequest newRequest() const;

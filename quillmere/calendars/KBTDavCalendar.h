@@ -8,6 +8,7 @@
 #include <quillmere/platform/base/Export.h>
 
 #include <any>
+#include <concepts>
 #include <cstddef>
 #include <memory>
 #include <optional>
@@ -30,7 +31,7 @@ namespace quillmere {
 /// that is no XML is one of an empty collection; a save has no conditions. docs/behaviours.md tells
 /// what this means for a host, and lists the rest.
 class QUILLMERE_EXPORT KBTDavCalendar : public KBTSynchingCalendar,
-                                        public KBTDavConnectionDelegate {
+                                        public KBTDavConnectionDelegateBase {
  public:
   /// A calendar over the connection. Null for null.
   static std::shared_ptr<KBTDavCalendar> initWithDavConnection(
@@ -49,12 +50,14 @@ class QUILLMERE_EXPORT KBTDavCalendar : public KBTSynchingCalendar,
   /// The collection's tag at the last fetch or save. Null before. Any thread may read and set it.
   std::optional<std::string> cTag() const { return cTag_.get(); }
   void setCTag(std::optional<std::string> cTag) { cTag_.set(std::move(cTag)); }
+  void setCTag(std::same_as<std::nullptr_t> auto) = delete;
 
   /// The name of the collection.
   std::optional<std::string> calendarName() const override;
   /// The same as `cTag`.
   std::optional<std::string> cachingString() const override;
   void setCachingString(const std::optional<std::string>& cachingString) override;
+  void setCachingString(std::same_as<std::nullptr_t> auto) = delete;
   /// Whether the other is a calendar over a collection with the same URL.
   bool isEqualToCalendar(const KBTSynchingCalendar& other) const override;
 
@@ -95,10 +98,6 @@ class QUILLMERE_EXPORT KBTDavCalendar : public KBTSynchingCalendar,
   void calDavConnection_requestDidFail_context(KBTDavConnection& connection,
                                                const NSErrorPtr& error,
                                                const std::any& context) override;
-  /// Nothing of it is for calendars.
-  void calDavConnection_didReceiveFreebusy_context(
-      KBTDavConnection& connection, const std::vector<std::shared_ptr<KBTFreeBusy>>& periods,
-      const std::any& context) override;
   void calDavConnection_didReceiveEventsWithETags_andContents_context(
       KBTDavConnection& connection, const KBTDavResourceTexts& etags,
       const KBTDavResourceContents& contents, const std::any& context) override;
@@ -110,8 +109,6 @@ class QUILLMERE_EXPORT KBTDavCalendar : public KBTSynchingCalendar,
                                                           const std::any& context) override;
   void calDavConnectionDidDeleteResource_context(KBTDavConnection& connection,
                                                  const std::any& context) override;
-  /// Nothing of it is for calendars.
-  void calDavConnectionDidRemoveCalendar(KBTDavConnection& connection) override;
 
  protected:
   /// The connection is not null. Its delegate is set when the calendar is made: the maker of a

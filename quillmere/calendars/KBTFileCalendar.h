@@ -5,6 +5,8 @@
 #include <quillmere/platform/base/Export.h>
 #include <quillmere/platform/dates/NSDate.h>
 
+#include <concepts>
+#include <cstddef>
 #include <memory>
 #include <optional>
 #include <string>
@@ -40,6 +42,7 @@ class QUILLMERE_EXPORT KBTFileCalendar : public KBTDataCalendar {
   /// Takes any ISO 8601 date and time with seconds, a fraction or not, and "Z" or an offset such as
   /// "+01:00". Null, or any other text, counts as never read.
   void setCachingString(const std::optional<std::string>& cachingString) override;
+  void setCachingString(std::same_as<std::nullptr_t> auto) = delete;
 
   /// Reports true when there is no caching string. Otherwise reports whether the file is younger
   /// than it; a missing file is not.

@@ -5,6 +5,8 @@
 #include <quillmere/platform/base/Export.h>
 #include <quillmere/platform/base/OrderedMap.h>
 
+#include <concepts>
+#include <cstddef>
 #include <memory>
 #include <optional>
 #include <string>
@@ -56,12 +58,16 @@ class QUILLMERE_EXPORT KBTSynchingCalendar
   /// The calendar's name for people. Null until it is set or read from the store.
   virtual std::optional<std::string> calendarName() const;
   virtual void setCalendarName(std::optional<std::string> name);
+  /// A null pointer is no text: null is `std::nullopt`.
+  void setCalendarName(std::same_as<std::nullptr_t> auto) = delete;
 
   /// A short text that lets a later run skip work: a modification date, an entity tag or a
   /// collection's tag. Null when there is none. The base always answers null and ignores what is
   /// set.
   virtual std::optional<std::string> cachingString() const;
   virtual void setCachingString(const std::optional<std::string>& cachingString);
+  /// As above.
+  void setCachingString(std::same_as<std::nullptr_t> auto) = delete;
 
   /// Whether both calendars stand for the same store. The base has none and answers false.
   virtual bool isEqualToCalendar(const KBTSynchingCalendar& other) const;

@@ -6,6 +6,8 @@
 #include <quillmere/platform/net/NSURL.h>
 #include <quillmere/platform/net/NSURLSession.h>
 
+#include <concepts>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -50,6 +52,7 @@ class QUILLMERE_EXPORT KBTURLCalendar : public KBTDataCalendar, public NSURLSess
   void setCachingString(const std::optional<std::string>& cachingString) override {
     eTag_ = cachingString;
   }
+  void setCachingString(std::same_as<std::nullptr_t> auto) = delete;
   /// Whether the other has the same address.
   bool isEqualToCalendar(const KBTSynchingCalendar& other) const override;
 

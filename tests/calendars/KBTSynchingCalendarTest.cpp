@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
-#include <quillmere/calendars/KBTSynchingCalendar.h>
+#include <quillmere/calendars/KBTDavCalendar.h>
+#include <quillmere/calendars/KBTFileCalendar.h>
+#include <quillmere/calendars/KBTLocalCalendar.h>
+#include <quillmere/calendars/KBTURLCalendar.h>
 #include <quillmere/platform/base/makeObject.h>
 
 #include "tests/support/RecordingDelegate.h"
@@ -9,6 +12,20 @@ namespace {
 
 using testing::Item, testing::RecordingDelegate;
 using Log = std::vector<std::string>;
+
+// What a host cannot write by mistake: a calendar without its store, and a text made of a null pointer.
+template <class Calendar>
+concept IsMadeOfNothing = requires {
+  Calendar::init();
+};
+template <class Calendar>
+concept TakesNullPointer = requires(Calendar& calendar) {
+  calendar.setCachingString(nullptr);
+};
+template <class... Calendars>
+constexpr bool refusesBoth = !((IsMadeOfNothing<Calendars> || TakesNullPointer<Calendars>) || ...);
+static_assert(refusesBoth<KBTDavCalendar, KBTFileCalendar, KBTLocalCalendar, KBTURLCalendar>);
+static_assert(IsMadeOfNothing<KBTDataCalendar> && !TakesNullPointer<KBTDataCalendar>);
 
 // Lets tests see and set what subclasses work with.
 class OpenCalendar : public KBTSynchingCalendar {
