@@ -219,7 +219,7 @@ struct Zone {
       : name(zoneName), ofLibical(icaltimezone_get_builtin_timezone(zoneName)) {
     const auto zone = NSTimeZone::timeZoneWithName(name);
     require(zone && ofLibical && cctz::load_time_zone(name, &ofLimit), "a zone is missing");
-    NSTimeZone::setDefaultTimeZone(zone);
+    NSTimeZone::setDefaultTimeZone(*zone);
   }
 
   std::shared_ptr<KBTCalRepetition> series(const char* rule) const {

@@ -67,7 +67,7 @@ void check(std::string_view text) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t count) {
   using quillmere::NSTimeZone;
-  NSTimeZone::setDefaultTimeZone(NSTimeZone::timeZoneWithName("America/New_York"));
+  NSTimeZone::setDefaultTimeZone(NSTimeZone::timeZoneWithName("America/New_York").value());
   quillmere::check(quillmere::fuzzing::viewOf(bytes, count));
   return 0;
 }

@@ -34,9 +34,9 @@ using quillmere::NSDateComponents;
 using quillmere::NSTimeZone;
 
 void useZone(const std::string& name) {
-  const auto zone = NSTimeZone::timeZoneWithName(name);
-  if (!zone) throw UsageProblem("there is no time zone \"" + name + "\"");
-  NSTimeZone::setDefaultTimeZone(zone);
+  if (!NSTimeZone::setDefaultTimeZone(NSTimeZone::timeZoneWithName(name))) {
+    throw UsageProblem("there is no time zone \"" + name + "\"");
+  }
 }
 
 DayRange rangeFor(const Options& options) {

@@ -167,8 +167,13 @@ NSTimeZone NSTimeZone::defaultTimeZone() { return defaultZone(); }
 
 const cctz::time_zone& cctzDefaultZone() { return cctzZone(defaultZone()); }
 
-void NSTimeZone::setDefaultTimeZone(std::optional<NSTimeZone> zone) {
-  hostsDefaultZone() = std::move(zone);
+void NSTimeZone::setDefaultTimeZone(NSTimeZone zone) { hostsDefaultZone() = std::move(zone); }
+
+void NSTimeZone::setDefaultTimeZone(std::nullopt_t) { hostsDefaultZone().reset(); }
+
+bool NSTimeZone::setDefaultTimeZone(const std::optional<NSTimeZone>& zone) {
+  if (zone) setDefaultTimeZone(*zone);
+  return zone.has_value();
 }
 
 const std::string& NSTimeZone::name() const { return zone_->name; }

@@ -29,9 +29,13 @@ class QUILLMERE_EXPORT NSTimeZone {
   /// the system's as it was when first asked for.
   static NSTimeZone defaultTimeZone();
 
-  /// Replaces the default zone; null goes back to the system's. A host calls it before it uses the
-  /// library on a second thread.
-  static void setDefaultTimeZone(std::optional<NSTimeZone> zone);
+  /// Replaces the default zone; `std::nullopt` goes back to the system's. A host calls it before it
+  /// uses the library on a second thread.
+  static void setDefaultTimeZone(NSTimeZone zone);
+  static void setDefaultTimeZone(std::nullopt_t);
+  /// The same for a zone that was looked up. Returns false for null, which a misspelt name gives;
+  /// the default zone then stays as it is.
+  [[nodiscard]] static bool setDefaultTimeZone(const std::optional<NSTimeZone>& zone);
 
   /// The name in the zone database, also where the zone was asked for by another. The system's zone
   /// may have a name of its own, such as "/etc/localtime".

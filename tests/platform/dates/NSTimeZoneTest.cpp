@@ -54,6 +54,10 @@ TEST(NSTimeZone, TheDefaultIsTheSystemsUntilTheHostSetsOne) {
   {
     const testing::ScopedTimeZone zone("Asia/Tokyo");
     EXPECT_EQ(NSTimeZone::defaultTimeZone().name(), "Asia/Tokyo");
+    EXPECT_FALSE(NSTimeZone::setDefaultTimeZone(NSTimeZone::timeZoneWithName("Asia/Tokio")));
+    EXPECT_EQ(NSTimeZone::defaultTimeZone().name(), "Asia/Tokyo");
+    EXPECT_TRUE(NSTimeZone::setDefaultTimeZone(NSTimeZone::timeZoneWithName("Asia/Seoul")));
+    EXPECT_EQ(NSTimeZone::defaultTimeZone().name(), "Asia/Seoul");
   }
   EXPECT_EQ(NSTimeZone::defaultTimeZone(), before);
 }
