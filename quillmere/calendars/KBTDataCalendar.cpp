@@ -1,5 +1,4 @@
 #include <quillmere/calendars/KBTDataCalendar.h>
-#include <quillmere/ical/KBTCalObjectEntry.h>  // IWYU pragma: keep
 #include <quillmere/platform/base/CFUUID.h>
 #include <quillmere/platform/base/NSBundle.h>
 #include <quillmere/platform/base/makeObject.h>

@@ -160,4 +160,8 @@ class QUILLMERE_EXPORT KBTCalObject : public KBTICSDataSource {
 
 }  // namespace quillmere
 
+// What `subparserForCurrentEntry` returns, complete for whoever calls it. It is derived from the
+// class above.
+#include <quillmere/ical/KBTCalObjectEntry.h>  // IWYU pragma: export
+
 #endif

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 #include <quillmere/ical/KBTCalObject.h>
-#include <quillmere/ical/KBTCalObjectEntry.h>
 
 #include "tests/support/ScopedTimeZone.h"
 
