@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cmath>
 #include <limits>
+#include <ostream>
 
 namespace quillmere {
 namespace {
@@ -36,6 +37,10 @@ NSDate NSDate::dateByAddingSeconds(std::int64_t seconds) const {
   const Wide sum = static_cast<Wide>(seconds) * microsecondsPerSecond + microseconds_;
   return NSDate(static_cast<std::int64_t>(
       std::clamp(sum, static_cast<Wide>(Limits::min()), static_cast<Wide>(Limits::max()))));
+}
+
+std::ostream& operator<<(std::ostream& stream, NSDate date) {
+  return stream << date.xmlDateString();
 }
 
 }  // namespace quillmere

@@ -3,8 +3,10 @@
 
 #include <quillmere/platform/base/Export.h>
 
+#include <chrono>
 #include <compare>  // IWYU pragma: keep
 #include <cstdint>
+#include <iosfwd>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -20,6 +22,10 @@ class QUILLMERE_EXPORT NSDate {
   static constexpr NSDate dateWithMicrosecondsSince1970(std::int64_t microseconds) {
     return NSDate(microseconds);
   }
+  /// The same instant: system time, too, counts from 1970 UTC without leap seconds.
+  static constexpr NSDate dateWithSysTime(std::chrono::sys_time<std::chrono::microseconds> time) {
+    return NSDate(time.time_since_epoch().count());
+  }
   /// Seconds since 1970, rounded to microseconds. Beyond what 64 bits hold it stays at the end of
   /// the range; a NaN is 1970.
   static NSDate dateWithTimeIntervalSince1970(double seconds);
@@ -27,6 +33,10 @@ class QUILLMERE_EXPORT NSDate {
   static NSDate date();
 
   constexpr std::int64_t microsecondsSince1970() const { return microseconds_; }
+  constexpr std::chrono::sys_time<std::chrono::microseconds> sysTime() const {
+    return std::chrono::sys_time<std::chrono::microseconds>(
+        std::chrono::microseconds(microseconds_));
+  }
   /// Whole seconds since 1970, rounded down.
   constexpr std::int64_t secondsSince1970() const {
     const std::int64_t seconds = microseconds_ / microsecondsPerSecond;
@@ -75,6 +85,9 @@ class QUILLMERE_EXPORT NSDate {
 
   std::int64_t microseconds_;
 };
+
+/// Writes `xmlDateString()`, "2024-01-05T09:30:00.250000Z": in UTC, as RFC 3339 has it.
+QUILLMERE_EXPORT std::ostream& operator<<(std::ostream& stream, NSDate date);
 
 }  // namespace quillmere
 

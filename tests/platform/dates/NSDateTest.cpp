@@ -21,6 +21,15 @@ TEST(NSDate, DescribesItselfInUTC) {
   EXPECT_EQ(seconds(-62135596800).description(), "0001-01-01 00:00:00 +0000");
 }
 
+TEST(NSDate, IsAnInstantOfTheSystemClockAndPrintsItself) {
+  using std::chrono::sys_days, std::chrono::year, std::chrono::microseconds;
+  const auto time = sys_days(year(1969) / 12 / 31) + microseconds(250'000);
+  const NSDate date = NSDate::dateWithSysTime(time);
+  EXPECT_EQ(date.microsecondsSince1970(), -86'399'750'000);
+  EXPECT_EQ(date.sysTime(), time);
+  EXPECT_EQ(::testing::PrintToString(date), "1969-12-31T00:00:00.250000Z");
+}
+
 TEST(NSDate, StaysAtTheEndsOfItsRange) {
   const auto last = NSDate::dateWithMicrosecondsSince1970(std::numeric_limits<std::int64_t>::max());
   const auto first =
