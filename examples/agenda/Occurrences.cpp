@@ -103,11 +103,8 @@ KBTRepetitionInstance firstNear(NSDate date, KBTCalRepetition& rule) {
 
 std::string reasonOf(const NSErrorPtr& error) {
   if (!error) return "events that repeat so often are not supported";  // SECONDLY
-  std::string reason = error->localizedDescription();
-  const auto suggestion = error->userInfo().find(quillmere::NSLocalizedRecoverySuggestionErrorKey);
-  if (suggestion == error->userInfo().end()) return reason;
-  const auto* text = std::get_if<std::string>(&suggestion->second);
-  return text ? reason + ": " + *text : reason;
+  const auto suggestion = error->localizedRecoverySuggestion();
+  return error->localizedDescription() + (suggestion ? ": " + *suggestion : "");
 }
 
 // Appends the dates from `first` on and before `end` that a rule gives, and maybe some earlier

@@ -77,7 +77,7 @@ class QUILLMERE_EXPORT KBTDavRequest {
 };
 
 /// User-info key of a response's body (an `NSData`), in the error that its status became.
-inline constexpr const char* KBTDavResponseDataKey = "ResponseData";
+inline constexpr const char* KBTDavResponseDataKey = NSErrorResponseDataKey;
 
 }  // namespace quillmere
 

@@ -6,6 +6,21 @@
 #include <utility>
 
 namespace quillmere {
+namespace {
+
+// Null where the key has no value, or one of another type.
+template <class Value>
+const Value* valueIn(const NSErrorUserInfo& userInfo, const char* key) {
+  const auto entry = userInfo.find(key);
+  return entry == userInfo.end() ? nullptr : std::get_if<Value>(&entry->second);
+}
+
+template <class Value>
+std::optional<Value> copied(const Value* value) {
+  return value ? std::optional(*value) : std::nullopt;
+}
+
+}  // namespace
 
 NSError::NSError(std::string domain, std::int64_t code, NSErrorUserInfo userInfo)
     : domain_(std::move(domain)), code_(code), userInfo_(std::move(userInfo)) {}
@@ -22,18 +37,26 @@ NSErrorPtr NSError::errorWithPOSIXCode(int code) {
 }
 
 std::string NSError::localizedDescription() const {
-  const auto entry = userInfo_.find(NSLocalizedDescriptionKey);
-  if (entry != userInfo_.end()) {
-    if (const auto* text = std::get_if<std::string>(&entry->second)) return *text;
-  }
+  if (const auto* text = valueIn<std::string>(userInfo_, NSLocalizedDescriptionKey)) return *text;
   return "The operation could not be completed. (" + domain_ + " error " + std::to_string(code_) +
          ".)";
 }
 
+std::optional<std::string> NSError::localizedRecoverySuggestion() const {
+  return copied(valueIn<std::string>(userInfo_, NSLocalizedRecoverySuggestionErrorKey));
+}
+
+std::optional<NSURL> NSError::failingURL() const {
+  const auto* text = valueIn<std::string>(userInfo_, NSURLErrorFailingURLStringErrorKey);
+  return text ? NSURL::URLWithString(*text) : std::nullopt;
+}
+
+std::optional<NSData> NSError::responseData() const {
+  return copied(valueIn<NSData>(userInfo_, NSErrorResponseDataKey));
+}
+
 NSErrorPtr NSError::underlyingError() const {
-  const auto entry = userInfo_.find(NSUnderlyingErrorKey);
-  if (entry == userInfo_.end()) return nullptr;
-  const auto* error = std::get_if<NSErrorPtr>(&entry->second);
+  const auto* error = valueIn<NSErrorPtr>(userInfo_, NSUnderlyingErrorKey);
   return error ? *error : nullptr;
 }
 

@@ -4,10 +4,12 @@
 #include <quillmere/platform/base/Export.h>
 #include <quillmere/platform/base/KSDiagnostics.h>
 #include <quillmere/platform/base/NSData.h>
+#include <quillmere/platform/net/NSURL.h>
 
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <variant>
 
@@ -29,6 +31,11 @@ inline constexpr const char* NSLocalizedRecoverySuggestionErrorKey =
     "NSLocalizedRecoverySuggestion";
 /// Key of the error that led to this one.
 inline constexpr const char* NSUnderlyingErrorKey = "NSUnderlyingError";
+/// Key of the URL that failed, as text without user and password; not there for one that is neither
+/// of http nor of https.
+inline constexpr const char* NSURLErrorFailingURLStringErrorKey = "NSErrorFailingURLStringKey";
+/// Key of the body of the response that the error is about (an `NSData`).
+inline constexpr const char* NSErrorResponseDataKey = "ResponseData";
 /// Keys of the place in the library's source that made the error: the file's name without folder,
 /// and the line, a number.
 inline constexpr const char* KSErrorFileKey = "KSErrorFile";
@@ -49,7 +56,18 @@ class QUILLMERE_EXPORT NSError {
   const NSErrorUserInfo& userInfo() const { return userInfo_; }
   /// The user info's text for people, or a text made of domain and code when there is none.
   std::string localizedDescription() const;
-  /// The user info's underlying error; null when there is none.
+  // These give what the user info has under the key that is named. Null when it has nothing there,
+  // or a value of another type.
+
+  /// What people can do about it: `NSLocalizedRecoverySuggestionErrorKey`.
+  std::optional<std::string> localizedRecoverySuggestion() const;
+  /// The URL that a session could not load: `NSURLErrorFailingURLStringErrorKey`. Null also for
+  /// text that makes no URL.
+  std::optional<NSURL> failingURL() const;
+  /// The body of the response whose status is the error: `NSErrorResponseDataKey`. Errors of
+  /// CalDAV requests have it; it may be empty.
+  std::optional<NSData> responseData() const;
+  /// The error that led to this one: `NSUnderlyingErrorKey`.
   NSErrorPtr underlyingError() const;
 
  protected:

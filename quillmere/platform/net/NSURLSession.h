@@ -45,10 +45,6 @@ enum NSURLErrorCode : std::int64_t {
   NSURLErrorServerCertificateNotYetValid = -1204,
 };
 
-/// Key of an error's user info: the URL that failed, without user and password; not there for one
-/// that is neither of http nor of https.
-inline constexpr const char* NSURLErrorFailingURLStringErrorKey = "NSErrorFailingURLStringKey";
-
 /// What a session does with every request.
 struct QUILLMERE_EXPORT NSURLSessionConfiguration {
   /// Cookies in memory, for the session's life; no cache, no stored credentials.

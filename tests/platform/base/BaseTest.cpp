@@ -33,6 +33,23 @@ TEST(NSError, TellsItsTextFromTheUserInfoOrFromDomainAndCode) {
       "D", 1, {{NSLocalizedDescriptionKey, "gone"}, {NSUnderlyingErrorKey, plain}});
   EXPECT_EQ(told->localizedDescription(), "gone");
   EXPECT_EQ(told->underlyingError(), plain);
+  const auto full =
+      NSError::errorWithDomain_code_userInfo("D", 2,
+                                             {{"NSLocalizedRecoverySuggestion", "wait"},
+                                              {"NSErrorFailingURLStringKey", "http://h/"},
+                                              {"ResponseData", NSData::dataWithBytes("body")}});
+  EXPECT_EQ(full->localizedRecoverySuggestion(), "wait");
+  EXPECT_EQ(full->failingURL().value().absoluteString(), "http://h/");
+  EXPECT_EQ(full->responseData().value().view(), "body");
+  const auto odd =
+      NSError::errorWithDomain_code_userInfo("D", 3,
+                                             {{"NSLocalizedRecoverySuggestion", std::int64_t{1}},
+                                              {"NSErrorFailingURLStringKey", ""},
+                                              {"ResponseData", "text"}});
+  for (const NSErrorPtr& without : {plain, odd}) {
+    EXPECT_FALSE(without->localizedRecoverySuggestion() || without->failingURL() ||
+                 without->responseData());
+  }
   EXPECT_EQ(NSError::errorWithPOSIXCode(ENOSPC)->localizedDescription(), "No space left on device");
 }
 
