@@ -227,7 +227,7 @@ TEST(KBTDavConnection, PutsAndDeletesResources) {
               ElementsAre("created \"1\" [new]", "created \"2\" [over]", "updated \"3\" [update]",
                           "failed KBTDavConnection 412 [refused]", "deleted [there]",
                           "deleted [gone]", "failed KBTDavConnection 403 [forbidden]"));
-  EXPECT_EQ(std::get<NSData>(f.host->error->userInfo().at("ResponseData")).view(), "no");
+  EXPECT_EQ(f.host->error->responseData().value().view(), "no");
   EXPECT_EQ(f.host->error->localizedDescription(), "forbidden");
   EXPECT_EQ(f.server.connectionCount(), 1U);
 }
@@ -338,6 +338,7 @@ TEST(KBTDavConnection, KnowsWhatItMayHold) {
   };
   EXPECT_EQ(kindsOf("<s><C:comp xmlns:C='x' name='VTODO'/></s>"), std::pair(false, true));
   EXPECT_EQ(kindsOf("<s><comp name='VEVENT'/>t<comp name='VTODO'/></s>"), std::pair(true, true));
+  EXPECT_EQ(kindsOf("<s><comp name='VTODO'/><comp name='VEVENT'/></s>"), std::pair(true, true));
   EXPECT_EQ(kindsOf("<s><comp name='VJOURNAL'/><other name='VEVENT'/><comp/></s>"),
             std::pair(false, false));
   const auto collection = collectionAt("http://127.0.0.1:1/c/");
@@ -346,6 +347,26 @@ TEST(KBTDavConnection, KnowsWhatItMayHold) {
   EXPECT_FALSE(collection->writable());
   collection->setWritable(true);
   EXPECT_TRUE(collection->writable());
+}
+
+TEST(KBTDavConnection, ReadsTheRowsOfAnyMultiStatus) {
+  struct Collection : KBTDavConnection {
+    using KBTDavConnection::_arrayForReportResponse_withKeys;
+  };
+  const auto rowsOf = [](const char* xml) {
+    const auto request = KBTDavRequest::initWithRequest_withCompletionSelector_context_internal(
+        NSMutableURLRequest(), nullptr, {}, false);
+    request->appendData(NSData::dataWithBytes(xml));
+    return Collection::_arrayForReportResponse_withKeys(*request, {"a", "b/c", "d"});
+  };
+  using Row = KBTDavResourceTexts;
+  EXPECT_THAT(
+      rowsOf("<m><response><propstat><prop><a>1</a><b><c>2</c></b><d/></prop></propstat></response>"
+             "<response><propstat><status>s</status></propstat></response><none/>"
+             "<other><propstat><prop/></propstat><propstat><prop><a>3</a></prop></propstat></other>"
+             "</m>"),
+      ElementsAre(Row{{"a", "1"}, {"b/c", "2"}}, Row{}));
+  EXPECT_THAT(rowsOf("no XML"), ElementsAre());
 }
 
 // Also of a class of the host's own.

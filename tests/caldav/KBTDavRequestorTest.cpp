@@ -10,6 +10,7 @@
 #include <quillmere/platform/base/makeObject.h>
 
 #include "tests/support/RawServer.h"
+#include "tests/support/ScopedLoop.h"
 #include "tests/support/ScriptedServer.h"
 #include "tests/support/SessionHost.h"
 
@@ -86,6 +87,17 @@ TEST(KBTDavRequestor, KeepsTheOrderInWhichRequestsWereIssued) {
   EXPECT_EQ(requestor->last->originalRequest().timeoutInterval(), 60.0);
   EXPECT_EQ(requestor->last->originalRequest().cachePolicy(),
             NSURLRequestReloadIgnoringLocalCacheData);
+  const std::weak_ptr<KBTDavRequest> watched = std::exchange(requestor->last, nullptr);
+  EXPECT_TRUE(watched.expired()) << "a record lasts as long as its request";
+}
+
+TEST(KBTDavRequestor, AnswersOnTheQueueThatWasCurrentWhenItWasMade) {
+  const testing::ScopedLoop loop;
+  ScriptedServer server;
+  const auto requestor = Requestor::make();
+  server.expect({.path = "/"}, {.body = "text"});
+  requestor->ask(server.url("/"), "x");
+  EXPECT_THAT(requestor->outcomesAfter(1), ElementsAre("x text"));
 }
 
 TEST(KBTDavRequestor, EveryStatusOutside200To299IsAnError) {

@@ -103,6 +103,9 @@ TEST(KBTDavCalendar, ChecksWithoutKeepingTheTag) {
   EXPECT_THAT(f.logUntil("checked"), ElementsAre("checked changes"));
   EXPECT_FALSE(f.calendar->isChecking());
   EXPECT_EQ(f.calendar->cachingString(), "1");
+  f.runTurns();
+  EXPECT_EQ(f.server.requests().size(), 1U);
+  EXPECT_THAT(f.host->take(), IsEmpty());
 }
 
 TEST(KBTDavCalendarDeathTest, AFailedOrCancelledCheckStopsTheProcess) {
@@ -297,6 +300,74 @@ TEST(KBTDavCalendar, CallbacksSeeTheStateThatHoldsThen) {
   f.calendar->fetchExternalChanges();
   EXPECT_THAT(f.logUntil("saved"), ElementsAre("began", "gone first", "fetched", "fetched",
                                                "checked none", "inserted (null) 1", "saved"));
+}
+
+TEST(KBTDavCalendar, ASaveIsOverWhenItsCallbackIsSent) {
+  Fixture f;
+  const auto item = Item::make("a", "", "A");
+  f.calendar->setObjects({item});
+  std::vector<std::string> tags;
+  f.host->onCallback = [&](const std::string& line) {
+    EXPECT_EQ(f.calendar->isSaving(), line != "saved" && !line.starts_with("name")) << line;
+    if (line.starts_with("updated") || line.starts_with("deleted")) {
+      EXPECT_TRUE(f.calendar->hasPendingChanges()) << line;
+    }
+    if (line != "saved") return;
+    tags.push_back(f.calendar->cachingString().value());
+    if (tags.size() == 1) f.calendar->deleteObject(item);
+    if (tags.size() == 2) f.calendar->insertObject(item);
+    if (tags.size() < 4) f.calendar->saveChanges();
+  };
+  const ExpectedRequest put{.method = "PUT", .path = "/c/a.ics", .body = "A"};
+  f.server.expect(put, {.fields = {{"ETag", "1"}}});
+  f.server.expect(tagRequest, tag("1"));
+  f.server.expect({.method = "DELETE", .path = "/c/a.ics"}, {.status = 204});
+  f.server.expect(tagRequest, tag("2"));
+  f.server.expect(put, {.status = 403});
+  f.server.expect(put, {.fields = {{"ETag", "2"}}});
+  f.server.expect(tagRequest, tag("3"));
+  f.calendar->updateObject(item);
+  f.calendar->saveChanges();
+  EXPECT_TRUE(runUntil([&] { return tags.size() == 4; }));
+  EXPECT_THAT(tags, ElementsAre("1", "2", "2", "3"));
+  EXPECT_THAT(f.host->take(),
+              ElementsAre("updated a 1", "saved", "deleted a", "saved",
+                          "failed a KBTDavConnection 403", "saved", "inserted a 2", "saved"));
+}
+
+// With nothing pending each answer ends the save.
+TEST(KBTDavCalendar, AResetDuringASaveEndsItWithEachAnswer) {
+  const struct {
+    std::vector<unsigned> statuses;
+    std::vector<std::string> log;
+    bool isLost;  // the last answer
+  } rows[] = {
+      {{201, 201, 201},
+       {"inserted a 1", "inserted b 1", "inserted c 1", "saved", "saved", "saved"},
+       false},
+      {{403, 201, 403}, {"failed a KBTDavConnection 403", "saved", "inserted b 1"}, true},
+  };
+  for (const auto& row : rows) {
+    Fixture f;
+    ::testing::internal::CaptureStderr();
+    std::string name = "a";
+    for (const unsigned status : row.statuses) {
+      f.calendar->insertObject(Item::make(name, "", "I"));
+      f.server.expect({.method = "PUT", .path = "/c/" + name + ".ics", .body = "I"},
+                      {.status = status, .fields = {{"ETag", "1"}}});
+      ++name[0];
+    }
+    for (int i = 0; i < 3 && !row.isLost; ++i) f.server.expect(tagRequest, tag("1"));
+    f.host->onCallback = [&](const std::string& line) {
+      if (!line.starts_with("name") && !line.starts_with("data")) f.calendar->resetChanges();
+    };
+    f.calendar->saveChanges();
+    EXPECT_TRUE(runUntil([&] { return f.host->log.size() == row.log.size(); }));
+    f.runTurns();
+    EXPECT_EQ(f.host->take(), row.log);
+    const std::string recorded = ::testing::internal::GetCapturedStderr();
+    EXPECT_EQ(recorded.find("NOTREACHED") != std::string::npos, row.isLost);
+  }
 }
 
 // What it reports is lost, and what it has to save it does not know. Servers refuse empty resources.

@@ -5,6 +5,7 @@
 
 #include "tests/support/RawServer.h"
 #include "tests/support/RecordingDelegate.h"
+#include "tests/support/ScopedLoop.h"
 #include "tests/support/ScriptedServer.h"
 #include "tests/support/SessionHost.h"
 
@@ -145,8 +146,10 @@ TEST(KBTURLCalendar, FetchesUnlessTheTagIsKnown) {
   f.server.expect(request("GET", HeaderField{"If-None-Match", "\"2\""}), answer(304));
   EXPECT_THAT(f.fetch(), ElementsAre("fetched"));
   EXPECT_EQ(f.calendar->cachingString(), std::nullopt);
-  f.server.expect(request("GET"), answer(503));
-  EXPECT_THAT(f.fetch(), ElementsAre("fetched URLCalendar 503"));
+  for (const unsigned status : {300U, 503U}) {
+    f.server.expect(request("GET"), answer(status));
+    EXPECT_THAT(f.fetch(), ElementsAre("fetched URLCalendar " + std::to_string(status)));
+  }
 
   // The objects are as they were; what comes next is compared with them.
   f.server.expect(request("GET"), answer(299, nullptr,
@@ -155,6 +158,13 @@ TEST(KBTURLCalendar, FetchesUnlessTheTagIsKnown) {
   EXPECT_THAT(f.fetch(), ElementsAre("began", "new c 20240101T000000Z", "gone b", "fetched"));
   f.server.expect(request("GET"), answer(200, nullptr, "<html>"));
   EXPECT_THAT(f.fetch(), ElementsAre("began", "gone a", "gone c", "fetched"));
+}
+
+TEST(KBTURLCalendar, ReportsOnTheQueueThatWasCurrentWhenItWasMade) {
+  const testing::ScopedLoop loop;
+  Fixture f;
+  f.server.expect(request("HEAD"), answer(200, "\"1\""));
+  EXPECT_THAT(f.check(), ElementsAre("checked changes"));
 }
 
 TEST(KBTURLCalendar, FollowsRedirects) {
@@ -200,7 +210,8 @@ TEST(KBTURLCalendar, SavesTheWholeDocument) {
       {std::nullopt, 201, "\"1\"", {"saved"}},
       {"\"0\"", 204, "W/\"1\"", {"saved"}},
       {"\"0\"", 304, "\"1\"", {"saved"}},
-      {"\"0\"", 412, "\"1\"", {"failed document URLCalendar 412", "saved"}},
+      {"\"0\"", 399, "\"1\"", {"saved"}},
+      {"\"0\"", 400, "\"1\"", {"failed document URLCalendar 400", "saved"}},
       // Without a tag there is no end.
       {"\"0\"", 201, nullptr, {}},
       {"\"0\"", 500, nullptr, {"failed document URLCalendar 500"}},
