@@ -12,7 +12,7 @@
 namespace benchmarks {
 
 /// A host that keeps the name and the version of every object, and nothing else.
-class RecordingHost : public quillmere::KBTSynchingCalendarDelegateBase {
+class RecordingHost : public quillmere::KBTSynchingCalendarDelegate {
  public:
   struct Object {
     std::string uniqueName;
@@ -56,12 +56,29 @@ class RecordingHost : public quillmere::KBTSynchingCalendarDelegateBase {
     return static_cast<const Object*>(object.get())->version;
   }
 
+  void synchingCalendar_setUniqueName_forObject(Calendar&, const string&,
+                                                const ClientObject&) override {}
   std::shared_ptr<quillmere::KBTICSDataSource> synchingCalendar_icsDataForObject(
       Calendar&, const ClientObject&) override {
     return nullptr;
   }
+  std::optional<quillmere::NSDate> synchingCalendarEarliestDate(Calendar&) override {
+    return std::nullopt;
+  }
+  std::optional<quillmere::NSDate> synchingCalendarLatestDate(Calendar&) override {
+    return std::nullopt;
+  }
+  void synchingCalendarBeganFetchExternalChanges(Calendar&) override {}
+  void synchingCalendar_deletionForObject(Calendar&, const ClientObject&) override {}
+  void synchingCalendarCompletedCheckForExternalChanges_changes(Calendar&, bool) override {}
+  void synchingCalendar_didInsert_versionString(Calendar&, const ClientObject&,
+                                                const string&) override {}
+  void synchingCalendar_didUpdate_versionString(Calendar&, const ClientObject&,
+                                                const string&) override {}
+  void synchingCalendar_didDelete(Calendar&, const ClientObject&) override {}
   void synchingCalendar_failedSavingObject_withError(Calendar&, const quillmere::KBTFailedObject&,
                                                      const Error&) override {}
+  void synchingCalendarCompletedSave(Calendar&) override {}
 
   std::vector<std::shared_ptr<Object>> objects_;
   bool hasFetched_ = false;

@@ -394,7 +394,7 @@ void measureCollection(const CannedServer& server) {
 // Many accounts.
 
 // Fetches all calendars of an account as soon as it is logged in.
-class AccountHost : public quillmere::KBTDavPrincipalDelegateBase {
+class AccountHost : public quillmere::KBTDavPrincipalDelegate {
  public:
   explicit AccountHost(std::function<void()> onCompletion)
       : onCompletion_(std::move(onCompletion)) {}
@@ -418,6 +418,16 @@ class AccountHost : public quillmere::KBTDavPrincipalDelegateBase {
       calendars_.back()->fetchExternalChanges();
     }
   }
+
+  // Nobody asks for these.
+  void calDavPrincipal_didReceiveFreebusy_withContext(
+      KBTDavPrincipal&, const std::vector<std::shared_ptr<quillmere::KBTFreeBusy>>&,
+      const std::any&) override {}
+  void calDavPrincipal_foundPrincipalInfo_withContext(
+      KBTDavPrincipal&, const std::vector<std::shared_ptr<quillmere::KBTPrincipalInfo>>&,
+      const std::any&) override {}
+  void calDavPrincipal_createdCalendar(KBTDavPrincipal&,
+                                       const std::shared_ptr<KBTDavConnection>&) override {}
 
  private:
   std::function<void()> onCompletion_;  // of a calendar's fetch

@@ -28,19 +28,22 @@ constexpr const char* declaration = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>"
 
 NSDate utc(const char* text) { return NSDate::initWithICSDateString(text).value(); }
 
-std::shared_ptr<KBTDavConnection> collectionAt(const std::string& url,
+std::shared_ptr<KBTDavPrincipal> principalAt(const std::string& url) {
+  return KBTDavPrincipal::initWithDelegate_username_andPassword_forServer(
+      nullptr, "alice", "secret", NSURL::URLWithString(url).value());
+}
+
+std::shared_ptr<KBTDavConnection> collectionOf(const std::shared_ptr<KBTDavPrincipal>& principal,
                                                const std::optional<HWXMLElement>& kinds = {}) {
-  const NSURL address = NSURL::URLWithString(url).value();
-  const auto principal = KBTDavPrincipal::initWithDelegate_username_andPassword_forServer(
-      nullptr, "alice", "secret", address);
   return KBTDavConnection::initWithCalendarName_description_URL_forPrincipal_supportedComponents(
-      "Work", std::nullopt, address, principal, kinds);
+      "Work", std::nullopt, principal->principalURL(), principal, kinds);
 }
 
 // A collection at /c/ of a scripted server, and its host.
 struct Fixture {
   ScriptedServer server;
-  std::shared_ptr<KBTDavConnection> collection = collectionAt(server.url("/c/"));
+  std::shared_ptr<KBTDavPrincipal> principal = principalAt(server.url("/c/"));
+  std::shared_ptr<KBTDavConnection> collection = collectionOf(principal);
   std::shared_ptr<CollectionHost> host = std::make_shared<CollectionHost>();
 
   Fixture() { collection->setDelegate(host); }
@@ -206,7 +209,7 @@ TEST(KBTDavConnection, PutsAndDeletesResources) {
   f.collection->createResource_withName_context(text, "two words", "new");
   put("/c/a@b.ics", {}, 201, {{"etag", "\"2\""}});
   f.collection->createResource_withName_allowOverwrite_context(text, "a@b", true, "over");
-  put("/c/x.ics", {{"If-Match:", "W/\"1\""}}, 204, {{"Etag", "\"3\""}});
+  put("/c/x.ics", {{"If-Match:", "W/\"1\""}}, 204, {{"Etag", "W/\"3\""}});
   f.collection->updateResource_withName_andETag_context(text, "x", "W/\"1\"", "update");
   put("/c/x.ics", {}, 412, {});
   f.collection->updateResource_withName_andETag_context(text, "x", std::nullopt, "refused");
@@ -224,7 +227,7 @@ TEST(KBTDavConnection, PutsAndDeletesResources) {
   remove({}, 403);
   f.collection->deleteResourceWithName_andETag_context("x", std::nullopt, "forbidden");
   EXPECT_THAT(f.eventsAfter(7),
-              ElementsAre("created \"1\" [new]", "created \"2\" [over]", "updated \"3\" [update]",
+              ElementsAre("created \"1\" [new]", "created \"2\" [over]", "updated W/\"3\" [update]",
                           "failed KBTDavConnection 412 [refused]", "deleted [there]",
                           "deleted [gone]", "failed KBTDavConnection 403 [forbidden]"));
   EXPECT_EQ(f.host->error->responseData().value().view(), "no");
@@ -232,36 +235,51 @@ TEST(KBTDavConnection, PutsAndDeletesResources) {
   EXPECT_EQ(f.server.connectionCount(), 1U);
 }
 
-TEST(KBTDavConnection, EveryRequestHasThePresetAuthorization) {
-  ScriptedServer server;
-  const NSURL url = NSURL::URLWithString(server.url("/c/")).value();
-  const auto principal = KBTDavPrincipal::initWithDelegate_username_andPassword_forServer(
-      nullptr, "alice", "secret", url);
-  principal->setAuthorization("Bearer x");
-  const auto collection = KBTDavConnection::initWithCalendarName_description_URL_forPrincipal(
-      "Work", "Mine", url, principal);
-  const auto host = std::make_shared<CollectionHost>();
-  collection->setDelegate(host);
-  const auto expect = [&](const char* method, const char* path, unsigned status) {
-    server.expect({.method = method,
-                   .path = path,
-                   .fields = {{"Authorization", "Bearer x"}},
-                   .body = testing::anyBody},
-                  {.status = status,
-                   .challenges = status == 401 ? std::vector<testing::Challenge>{{}}
-                                               : std::vector<testing::Challenge>{}});
-  };
-  expect("REPORT", "/c/", 207);
-  collection->multigetEventsForAddresses_context({}, "get");
-  expect("PUT", "/c/a.ics", 201);
-  collection->createResource_withName_context(NSData::dataWithBytes("x"), "a", "put");
-  expect("DELETE", "/c/a.ics", 204);
-  collection->deleteResourceWithName_andETag_context("a", std::nullopt, "delete");
-  expect("GET", "/c/a.ics", 401);
-  runUntil([&] { return host->events.size() == 3; });
-  EXPECT_THAT(host->events,
-              ElementsAre("events [get]", "deleted [delete]", "failed KBTDavConnection 401 [put]"));
-  EXPECT_THAT(server.finish(), ElementsAre());
+// The principal's, of both kinds.
+TEST(KBTDavConnection, RequestsHaveThePresetAuthorizationOrAnswerChallenges) {
+  Fixture f;
+  ExpectedRequest put{.method = "PUT", .path = "/c/a.ics", .body = "x"};
+  f.server.expect(put, {.status = 401, .challenges = {{}}});
+  put.credential = {{testing::AuthScheme::basic, "alice", "secret"}};
+  f.server.expect(put, {.status = 201, .fields = {{"ETag", "1"}}});
+  f.collection->createResource_withName_context(NSData::dataWithBytes("x"), "a", "asked");
+  EXPECT_EQ(f.eventsAfter().back(), "created 1 [asked]");
+  f.principal->setAuthorization("Bearer x");
+  const HeaderField preset{"Authorization", "Bearer x"};
+  f.server.expect({.method = "PUT", .path = "/c/a.ics", .fields = {preset}, .body = "x"});
+  f.server.expect({.path = "/c/a.ics", .fields = {preset}}, {.status = 401, .challenges = {{}}});
+  f.collection->createResource_withName_context(NSData::dataWithBytes("x"), "a", "preset");
+  EXPECT_EQ(f.eventsAfter(2).back(), "failed KBTDavConnection 401 [preset]");
+}
+
+// Nobody is told, and all goes on.
+TEST(KBTDavConnection, NeedsNoDelegate) {
+  Fixture f;
+  f.collection->setDelegate(nullptr);
+  const NSData text = NSData::dataWithBytes("x");
+  for (const unsigned status : {200U, 403U}) {
+    for (const char* method : {"PROPFIND", "REPORT", "REPORT"}) {
+      f.server.expect({.method = method, .path = "/c/", .body = testing::anyBody},
+                      {.status = status});
+    }
+    for (const char* method : {"PUT", "PUT", "DELETE"}) {
+      f.server.expect({.method = method, .path = "/c/a.ics", .body = testing::anyBody},
+                      {.status = status, .fields = {{"ETag", "1"}}});
+    }
+    f.server.expect({.method = "DELETE", .path = "/c/"}, {.status = status});
+    f.collection->reportCTagWithContext({});
+    f.collection->reportFreebusyFromDate_toDate_context(NSDate::date(), NSDate::date(), {});
+    f.collection->multigetEventsForAddresses_context({}, {});
+    f.collection->createResource_withName_context(text, "a", {});
+    f.collection->updateResource_withName_andETag_context(text, "a", {}, {});
+    f.collection->deleteResourceWithName_andETag_context("a", {}, {});
+    f.collection->removeCalendar();
+  }
+  EXPECT_TRUE(runUntil([&] { return f.server.requests().size() == 14; }));
+  f.collection->setDelegate(f.host);
+  f.server.expect({.method = "PROPFIND", .path = "/c/", .body = testing::anyBody}, {.status = 207});
+  f.collection->reportCTagWithContext("heard");
+  EXPECT_EQ(f.eventsAfter().back(), "ctag (null) [heard]");
 }
 
 TEST(KBTDavConnection, NamesMeanWhatTheyMeanInAnyAddress) {
@@ -333,7 +351,7 @@ TEST(KBTDavConnection, CancelEndsEverythingOnceAndSendsNothingMore) {
 TEST(KBTDavConnection, KnowsWhatItMayHold) {
   const auto kindsOf = [](const char* xml) {
     const auto document = HWXMLDocument::initWithData(NSData::dataWithBytes(xml));
-    const auto collection = collectionAt("http://127.0.0.1:1/c/", document->rootElement());
+    const auto collection = collectionOf(principalAt("http://h/c/"), document->rootElement());
     return std::pair(collection->canContainEvents(), collection->canContainTodos());
   };
   EXPECT_EQ(kindsOf("<s><C:comp xmlns:C='x' name='VTODO'/></s>"), std::pair(false, true));
@@ -341,7 +359,7 @@ TEST(KBTDavConnection, KnowsWhatItMayHold) {
   EXPECT_EQ(kindsOf("<s><comp name='VTODO'/><comp name='VEVENT'/></s>"), std::pair(true, true));
   EXPECT_EQ(kindsOf("<s><comp name='VJOURNAL'/><other name='VEVENT'/><comp/></s>"),
             std::pair(false, false));
-  const auto collection = collectionAt("http://127.0.0.1:1/c/");
+  const auto collection = collectionOf(principalAt("http://h/c/"));
   EXPECT_TRUE(collection->canContainEvents() && collection->canContainTodos());
   EXPECT_EQ(collection->description(), "Work") << "in place of none";
   EXPECT_FALSE(collection->writable());
@@ -369,34 +387,31 @@ TEST(KBTDavConnection, ReadsTheRowsOfAnyMultiStatus) {
   EXPECT_THAT(rowsOf("no XML"), ElementsAre());
 }
 
-// Also of a class of the host's own.
+// Also of a class of the host's own, and each of several.
 TEST(KBTDavConnection, KeepsItsDelegateWhenItIsGoneItself) {
   struct Collection : KBTDavConnection {
     using KBTDavConnection::KBTDavConnection, KBTDavConnection::openSession;
   };
-  const NSURL url = NSURL::URLWithString("http://127.0.0.1:1/c/").value();
-  const auto principal = KBTDavPrincipal::initWithDelegate_username_andPassword_forServer(
-      nullptr, "alice", "secret", url);
-  auto collection =
-      makeObject<Collection>("c", std::nullopt, url, principal, std::optional<HWXMLElement>());
-  collection->openSession();
-  auto host = std::make_shared<CollectionHost>();
-  const std::weak_ptr<CollectionHost> watched = host;
-  collection->setDelegate(std::move(host));
-  collection.reset();
-  EXPECT_FALSE(watched.expired());
+  const auto principal = principalAt("http://127.0.0.1:1/c/");
+  std::vector<std::weak_ptr<CollectionHost>> watched;
+  while (watched.size() < 3) {
+    const auto collection = makeObject<Collection>("c", std::nullopt, principal->principalURL(),
+                                                   principal, std::optional<HWXMLElement>());
+    collection->openSession();
+    auto host = std::make_shared<CollectionHost>();
+    watched.push_back(host);
+    collection->setDelegate(std::move(host));
+  }
+  for (const auto& host : watched) EXPECT_FALSE(host.expired());
   principal->invalidate();
-  EXPECT_TRUE(watched.expired());
+  for (const auto& host : watched) EXPECT_TRUE(host.expired());
 }
 
 TEST(KBTDavConnection, KeepsItsDelegatesUntilThePrincipalIsInvalid) {
   ScriptedServer server;
   server.expect({.method = "PROPFIND", .path = "/c/", .body = testing::anyBody}, {.held = true});
-  const NSURL url = NSURL::URLWithString(server.url("/c/")).value();
-  auto principal = KBTDavPrincipal::initWithDelegate_username_andPassword_forServer(
-      nullptr, "alice", "secret", url);
-  auto collection = KBTDavConnection::initWithCalendarName_description_URL_forPrincipal(
-      "c", std::nullopt, url, principal);
+  const auto principal = principalAt(server.url("/c/"));
+  auto collection = collectionOf(principal);
   auto host = std::make_shared<CollectionHost>();
   const std::weak_ptr<CollectionHost> first = host;
   collection->setDelegate(host);
@@ -420,6 +435,7 @@ TEST(KBTDavConnection, KeepsItsDelegatesUntilThePrincipalIsInvalid) {
   const std::weak_ptr<CollectionHost> third = late;
   collection->setDelegate(std::move(late));
   EXPECT_TRUE(third.expired()) << "none is taken afterwards";
+  collection->reportCTagWithContext("to nobody");
   const std::weak_ptr<KBTDavConnection> watched = collection;
   collection.reset();
   EXPECT_TRUE(runUntil([&] { return watched.expired(); }));

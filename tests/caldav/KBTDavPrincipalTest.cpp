@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 #include <quillmere/platform/base/makeObject.h>
 
+#include <regex>
+
 #include "tests/support/CollectionHost.h"
 #include "tests/support/PrincipalHost.h"
 #include "tests/support/ScriptedServer.h"
@@ -267,7 +269,8 @@ TEST(KBTDavPrincipal, AnAnswerWithoutPrincipalEndsTheLogin) {
       multistatus(response("/",
                            "<D:current-user-principal><D:unauthenticated/>"
                            "</D:current-user-principal>")),
-      multistatus(response("/", "<D:current-user-principal><D:href/></D:current-user-principal>")),
+      multistatus(
+          response("/", "<D:current-user-principal><D:href> </D:href></D:current-user-principal>")),
       // Only the first response and its first propstat are read.
       multistatus(response("/", "") + response("/",
                                                "<D:current-user-principal><D:href>/p/"
@@ -379,7 +382,10 @@ TEST(KBTDavPrincipal, ASecondLoginAddsToTheFirst) {
   f.loginAs(homeAndOutbox + addresses({"urn:uuid:1", "mailto:a@example.com"}) + proxy);
   EXPECT_EQ(f.principal->readWriteProxies().size(), 1U);
   // Its first propstat counts, whatever its status; and the outbox is still known.
-  const std::string later = "<D:group-membership/>" + addresses({"mailto:b@example.com"});
+  const std::string later =
+      "<D:group-membership/><C:calendar-home-set><D:href> </D:href></C:calendar-home-set>"
+      "<C:schedule-outbox-URL/>" +
+      addresses({"mailto:b@example.com"});
   EXPECT_THAT(
       f.loginTo(
           {.status = 207,
@@ -429,8 +435,11 @@ TEST(KBTDavPrincipal, ListsCalendars) {
           calendar("/c/alice/nameless/", "<D:displayname/>") +
           calendar("/c/alice/low/", "<D:displayname>Low</D:displayname>", "HTTP/1.1 200 ok") +
           calendar("", "<D:displayname>Nowhere</D:displayname>") +
-          "<D:response><D:href>/e/"
-          "</D:href><D:status>HTTP/1.1 200 OK</D:status></D:response>")};
+          "<D:response><D:href>/e/</D:href><D:status>HTTP/1.1 200 OK</D:status></D:response>"
+          "<D:response><D:href>/e/</D:href><D:propstat><D:status>HTTP/1.1 200 OK</D:status>"
+          "</D:propstat></D:response>" +
+          std::regex_replace(calendar("/e/", "<D:displayname>E</D:displayname>"),
+                             std::regex("D:response"), "D:responses"))};
   EXPECT_THAT(f.loginTo(found("/p/alice/", homeAndOutbox), listing), ElementsAre("logged in"));
   EXPECT_EQ(announced, 4U);
   const auto calendars = f.principal->calendars();
@@ -519,6 +528,8 @@ TEST(KBTDavPrincipal, AsksWhenSomebodyIsBusy) {
       {200, data, "freebusy 2 [busy]"},
       {500, data, "freebusy 2 [busy]"},  // whatever became of the request
       {200, answer("<C:calendar-data/>"), "freebusy 0 [busy]"},
+      {200, answer("<C:calendar-data>\n<x>FREEBUSY:20240105T090000Z/PT1H</x>\n</C:calendar-data>"),
+       "freebusy 1 [busy]"},
       {200, answer("<C:calendar-data>FREEBUSY:20240105T090000Z</C:calendar-data>"),
        failed + "unknown CalDav error"},
       {200, status("3.8;No authority"),
@@ -581,7 +592,8 @@ TEST(KBTDavPrincipal, SearchesPrincipals) {
   };
   const std::string rows =
       response("/p/bob/", "<D:displayname>Bob</D:displayname>" +
-                              addresses({"mailto:bob@example.com", "urn:uuid:b", "urn:uuid:c"})) +
+                              addresses({"mailto:b@example.com", "mailto:bob@example.com",
+                                         "urn:uuid:b", "urn:uuid:c"})) +
       response("carl", addresses({"/p/bob/", "mailto:carl@example.com"}), "HTTP/1.1 404 x") +
       response("/p/dora/", addresses({"mailto:BOB@example.com"})) + response("/p/e/", "") +
       "<D:response><D:href>/p/none/</D:href></D:response>";
@@ -629,10 +641,13 @@ TEST(KBTDavPrincipal, CreatesCalendars) {
   EXPECT_EQ(create("work", "/c/alice/work/", 201), "created W & K /c/alice/work/");
   EXPECT_EQ(create("two/", "/c/alice/two/", 405), "failed KBTDavConnection 405 method not allowed");
   EXPECT_EQ(create("", "/", 201), "created W & K /");
-  EXPECT_EQ(f.principal->calendars().size(), 2U);
+  ASSERT_EQ(f.principal->calendars().size(), 2U);
   EXPECT_EQ(announced, 0);
+  const std::weak_ptr<KBTDavConnection> watched = f.principal->calendars().front();
   EXPECT_EQ(f.principal->createCalendarAtPath_withName_andDescription("a\nb", "x", "y"), nullptr);
-  EXPECT_THAT(f.eventsAfter(), ElementsAre(MatchesRegex("failed NSURLErrorDomain -100[02] .*")));
+  EXPECT_THAT(f.eventsAfter(), ElementsAre(MatchesRegex("failed NSURLErrorDomain -1000 .*")));
+  f.principal->invalidate();
+  EXPECT_TRUE(watched.expired());
 }
 
 // Nothing of it needs to be known for a service to be asked for; it just fails.
@@ -640,9 +655,10 @@ TEST(KBTDavPrincipal, ServicesBeforeALoginFail) {
   Fixture f;
   f.principal->requestFreebusyForPrincipalURN_fromDate_toDate_context("mailto:b", NSDate::date(),
                                                                       NSDate::date(), {});
-  f.principal->createCalendarAtPath_withName_andDescription("work", "x", "y");
+  const auto calendar = f.principal->createCalendarAtPath_withName_andDescription("work", "x", "y");
   EXPECT_THAT(f.eventsAfter(2), ElementsAre("failed KBTDavConnection 3 unknown CalDav error",
-                                            MatchesRegex("failed NSURLErrorDomain -100[02] .*")));
+                                            MatchesRegex("failed NSURLErrorDomain -1002 .*")));
+  EXPECT_EQ(calendar->URL().absoluteString(), "work/");
 }
 
 }  // namespace

@@ -31,6 +31,7 @@ TEST(ResourceName, IsWhatItsAddressWasMadeFrom) {
       {"/c/urn%3auuid%3A1.ics", "urn%3Auuid:1"},
       {"/c/urn:uuid:1.ics", "urn%3Auuid:1"},
       {"/c/b%40c%3a1.ics", "b@c:1"},
+      {"/c/a+b-c.d1:e.ics", "a+b-c.d1%3Ae"},
       {"", ""},
       {"/", ""},
   };

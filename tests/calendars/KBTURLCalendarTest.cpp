@@ -5,7 +5,6 @@
 
 #include "tests/support/RawServer.h"
 #include "tests/support/RecordingDelegate.h"
-#include "tests/support/ScopedLoop.h"
 #include "tests/support/ScriptedServer.h"
 #include "tests/support/SessionHost.h"
 
@@ -46,17 +45,21 @@ Answer answer(unsigned status, const char* tag = nullptr, const std::string& bod
   return given;
 }
 
-// Answers challenges with alice's credential.
+// Answers challenges with alice's credential, once.
 class AskedHost : public RecordingDelegate {
  public:
   std::vector<std::string> asked;
   void synchingCalendar_didReceiveChallenge_completionHandler(
       KBTSynchingCalendar&, const std::shared_ptr<NSURLAuthenticationChallenge>& challenge,
       const NSURLSessionChallengeCompletionHandler& completionHandler) override {
-    asked.push_back(challenge->protectionSpace().authenticationMethod());
+    const auto failures = challenge->previousFailureCount();
+    asked.push_back(challenge->protectionSpace().authenticationMethod() + " " +
+                    std::to_string(failures) + " " +
+                    std::to_string(challenge->failureResponse()->statusCode()));
     completionHandler(NSURLSessionAuthChallengeUseCredential,
-                      NSURLCredential::credentialWithUser_password_persistence(
-                          "alice", "secret", NSURLCredentialPersistenceNone));
+                      failures ? nullptr
+                               : NSURLCredential::credentialWithUser_password_persistence(
+                                     "alice", "secret", NSURLCredentialPersistenceNone));
   }
 };
 
@@ -130,6 +133,8 @@ TEST(KBTURLCalendar, ACheckComparesTheTagWhateverTheStatus) {
 
 TEST(KBTURLCalendar, FetchesUnlessTheTagIsKnown) {
   Fixture f;
+  f.server.expect(request("HEAD"), answer(200));
+  EXPECT_THAT(f.check(), ElementsAre("checked none"));
   // Large enough to come in pieces.
   const std::string large = document + std::string(1'000'000, 'x') + "\r\n";
   f.server.expect(request("GET"), answer(200, "W/\"1\"", large));
@@ -143,6 +148,7 @@ TEST(KBTURLCalendar, FetchesUnlessTheTagIsKnown) {
   // The tag is the last answer's: also a failure's, and also none.
   f.server.expect(request("GET", condition), answer(404, "\"2\"", "<html>"));
   EXPECT_THAT(f.fetch(), ElementsAre("fetched URLCalendar 404"));
+  EXPECT_EQ(f.host->error->localizedDescription(), "not found");
   f.server.expect(request("GET", HeaderField{"If-None-Match", "\"2\""}), answer(304));
   EXPECT_THAT(f.fetch(), ElementsAre("fetched"));
   EXPECT_EQ(f.calendar->cachingString(), std::nullopt);
@@ -158,13 +164,6 @@ TEST(KBTURLCalendar, FetchesUnlessTheTagIsKnown) {
   EXPECT_THAT(f.fetch(), ElementsAre("began", "new c 20240101T000000Z", "gone b", "fetched"));
   f.server.expect(request("GET"), answer(200, nullptr, "<html>"));
   EXPECT_THAT(f.fetch(), ElementsAre("began", "gone a", "gone c", "fetched"));
-}
-
-TEST(KBTURLCalendar, ReportsOnTheQueueThatWasCurrentWhenItWasMade) {
-  const testing::ScopedLoop loop;
-  Fixture f;
-  f.server.expect(request("HEAD"), answer(200, "\"1\""));
-  EXPECT_THAT(f.check(), ElementsAre("checked changes"));
 }
 
 TEST(KBTURLCalendar, FollowsRedirects) {
@@ -278,9 +277,16 @@ TEST(KBTURLCalendar, PutsChallengesToItsDelegate) {
   f.calendar->setCachingString(std::nullopt);
   f.server.expect(request("GET"), {.status = 401, .fields = {{"WWW-Authenticate", "NTLM"}}});
   EXPECT_THAT(f.fetch(), ElementsAre("fetched URLCalendar 401"));
-  EXPECT_THAT(f.host->asked,
-              ElementsAre("NSURLAuthenticationMethodHTTPBasic",
-                          "NSURLAuthenticationMethodHTTPDigest", "NSURLAuthenticationMethodNTLM"));
+  f.server.expect(request("GET"), {.status = 401, .challenges = {{}}});
+  ExpectedRequest refused = request("GET");
+  refused.credential = {{AuthScheme::basic, "alice", "secret"}};
+  f.server.expect(refused, {.status = 401, .challenges = {{}}});
+  EXPECT_THAT(f.fetch(), ElementsAre("fetched URLCalendar 401"));
+  EXPECT_THAT(f.host->asked, ElementsAre("NSURLAuthenticationMethodHTTPBasic 0 401",
+                                         "NSURLAuthenticationMethodHTTPDigest 0 401",
+                                         "NSURLAuthenticationMethodNTLM 0 401",
+                                         "NSURLAuthenticationMethodHTTPBasic 0 401",
+                                         "NSURLAuthenticationMethodHTTPBasic 1 401"));
   // A delegate that does not answer, and none.
   const auto silent = std::make_shared<RecordingDelegate>();
   f.calendar->setDelegate(silent);

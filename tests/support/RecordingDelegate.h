@@ -43,6 +43,7 @@ class RecordingDelegate : public KBTSynchingCalendarDelegateBase {
   std::set<std::string> declined;                        // names answered with null
   std::map<std::string, std::shared_ptr<Item>> objects;  // as reported, by name
   std::vector<std::string> readers;  // icsData() of every reader handed over, in order
+  NSErrorPtr error;                  // of the last fetch
   std::function<void(const std::string& line)> onCallback = [](const std::string&) {};
 
   /// The lines since the last call.
@@ -89,7 +90,8 @@ class RecordingDelegate : public KBTSynchingCalendarDelegateBase {
     record("gone " + Item::of(object).name);
   }
   void synchingCalendarCompletedFetchExternalChanges_withError(KBTSynchingCalendar&,
-                                                               const NSErrorPtr& error) override {
+                                                               const NSErrorPtr& failure) override {
+    error = failure;
     record("fetched" + textOf(error));
   }
   void synchingCalendarCompletedCheckForExternalChanges_changes(KBTSynchingCalendar&,
