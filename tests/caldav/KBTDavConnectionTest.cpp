@@ -256,30 +256,25 @@ TEST(KBTDavConnection, RequestsHaveThePresetAuthorizationOrAnswerChallenges) {
 TEST(KBTDavConnection, NeedsNoDelegate) {
   Fixture f;
   f.collection->setDelegate(nullptr);
-  const NSData text = NSData::dataWithBytes("x");
-  for (const unsigned status : {200U, 403U}) {
-    for (const char* method : {"PROPFIND", "REPORT", "REPORT"}) {
-      f.server.expect({.method = method, .path = "/c/", .body = testing::anyBody},
-                      {.status = status});
-    }
-    for (const char* method : {"PUT", "PUT", "DELETE"}) {
-      f.server.expect({.method = method, .path = "/c/a.ics", .body = testing::anyBody},
+  const auto answer = [&](const char* method, const char* path) {
+    for (const unsigned status : {200U, 403U}) {
+      f.server.expect({.method = method, .path = path, .body = testing::anyBody},
                       {.status = status, .fields = {{"ETag", "1"}}});
     }
-    f.server.expect({.method = "DELETE", .path = "/c/"}, {.status = status});
-    f.collection->reportCTagWithContext({});
-    f.collection->reportFreebusyFromDate_toDate_context(NSDate::date(), NSDate::date(), {});
-    f.collection->multigetEventsForAddresses_context({}, {});
-    f.collection->createResource_withName_context(text, "a", {});
-    f.collection->updateResource_withName_andETag_context(text, "a", {}, {});
-    f.collection->deleteResourceWithName_andETag_context("a", {}, {});
-    f.collection->removeCalendar();
-  }
-  EXPECT_TRUE(runUntil([&] { return f.server.requests().size() == 14; }));
-  f.collection->setDelegate(f.host);
-  f.server.expect({.method = "PROPFIND", .path = "/c/", .body = testing::anyBody}, {.status = 207});
-  f.collection->reportCTagWithContext("heard");
-  EXPECT_EQ(f.eventsAfter().back(), "ctag (null) [heard]");
+  };
+  const NSDate now = NSDate::date();
+  for (const char* method : {"PROPFIND", "REPORT", "REPORT"}) answer(method, "/c/");
+  for (const char* method : {"PUT", "PUT", "DELETE"}) answer(method, "/c/a.ics");
+  for (int i = 0; i < 2; ++i) f.collection->reportCTagWithContext({});
+  for (int i = 0; i < 2; ++i) f.collection->reportFreebusyFromDate_toDate_context(now, now, {});
+  for (int i = 0; i < 2; ++i) f.collection->multigetEventsForAddresses_context({}, {});
+  for (int i = 0; i < 2; ++i) f.collection->createResource_withName_context({}, "a", {});
+  for (int i = 0; i < 2; ++i)
+    f.collection->updateResource_withName_andETag_context({}, "a", {}, {});
+  for (int i = 0; i < 2; ++i) f.collection->deleteResourceWithName_andETag_context("a", {}, {});
+  f.server.expect({.method = "DELETE", .path = "/c/"});
+  f.collection->removeCalendar();
+  EXPECT_TRUE(runUntil([&] { return f.server.requests().size() == 13; }));
 }
 
 TEST(KBTDavConnection, NamesMeanWhatTheyMeanInAnyAddress) {

@@ -171,16 +171,6 @@ TEST_F(DataCalendar, ADeletedObjectIsKnownUntilRightAfterItsCallback) {
   EXPECT_EQ(known, (std::vector<Log>{{"a", "b"}, {"b"}}));
 }
 
-TEST_F(DataCalendar, EachSendGoesToTheDelegateOfThatMoment) {
-  const auto other = std::make_shared<RecordingDelegate>();
-  calendar->setObjects({Item::make("a", "1")});
-  host->onCallback = [&](const std::string& line) {
-    if (line == "version of a") calendar->setDelegate(other);
-  };
-  EXPECT_EQ(fetch(event("UID:a\r\nDTSTAMP:2\r\n")), Log{"began"});
-  EXPECT_EQ(other->take(), (Log{"update a 2", "fetched"}));
-}
-
 TEST_F(DataCalendar, AnEndWithoutABeginFinishesAnItemWithAReaderWithoutLines) {
   const Log log = reports("UID:ignored\r\nEND:VEVENT\r\n" + event("UID:a\r\n"));
   ASSERT_EQ(log.size(), 2U);
@@ -279,16 +269,6 @@ TEST_F(DataCalendar, ChangesStayPendingUntilTheWriteHasSucceeded) {
   EXPECT_EQ(host->take(), Log{"saved"});
   EXPECT_FALSE(calendar->hasPendingChanges());
   EXPECT_FALSE(calendar->objectsByUniqueName().contains("a"));
-}
-
-TEST_F(DataCalendar, WithoutADelegateItReadsAndWritesAnEmptyDocument) {
-  calendar->setObjects({Item::make("a", "", "lines")});
-  host.reset();
-  calendar->document = event("UID:b\r\n");
-  calendar->fetchExternalChanges();
-  EXPECT_TRUE(calendar->objectsByUniqueName().empty());
-  calendar->saveChanges();
-  EXPECT_EQ(calendar->written.find("lines"), std::string::npos);
 }
 
 TEST_F(DataCalendar, TheDelegateMayCallBackFromEveryCallback) {

@@ -154,15 +154,6 @@ TEST(KBTDavCalendar, FetchesWhatDiffers) {
               ElementsAre("began", "gone same", "gone b@c", "gone new", "new no \"1\"", "fetched"));
 }
 
-// A listing that is no XML is an empty one.
-TEST(KBTDavCalendar, BelievesAPageForPeople) {
-  Fixture f;
-  f.calendar->setObjects({Item::make("a", "\"1\"")});
-  f.server.expect(tagRequest, tag("1"));
-  f.server.expect(report, {.status = 200, .body = "<html><br>"});
-  EXPECT_THAT(f.fetch(), ElementsAre("began", "gone a", "fetched"));
-}
-
 TEST(KBTDavCalendar, ListsWhatItIsAskedFor) {
   const NSDate from = NSDate::initWithICSDateString("20240101T000000Z").value();
   const NSDate to = NSDate::initWithICSDateString("20240201T000000Z").value();
@@ -201,24 +192,6 @@ TEST(KBTDavCalendar, AFailedListingLeavesTheNewTag) {
   f.server.expect(report, multistatus(resource("/c/b.ics", "\"1\"")));
   f.server.expect(report, {.status = 403});
   EXPECT_THAT(f.fetch(), ElementsAre("began", "gone a", "fetched KBTDavConnection 403"));
-}
-
-TEST(KBTDavCalendar, ASaveDuringASaveWritesAgainWhatIsPending) {
-  Fixture f;
-  f.calendar->insertObject(Item::make("a", "", "A"));
-  for (const char* etag : {"\"1\"", "\"2\""}) {
-    f.server.expect({.method = "PUT", .path = "/c/a.ics", .body = "A"},
-                    {.fields = {{"ETag", etag}}});
-  }
-  // Each answer finds nothing pending any more and asks for the tag.
-  f.server.expect(tagRequest, tag("1"));
-  f.server.expect(tagRequest, tag("2"));
-  f.calendar->saveChanges();
-  f.calendar->saveChanges();
-  runUntil([&] { return f.host->log.size() == 4; });
-  EXPECT_THAT(f.host->take(),
-              ElementsAre("inserted a \"1\"", "inserted a \"2\"", "saved", "saved"));
-  EXPECT_EQ(f.calendar->cachingString(), "2");
 }
 
 TEST(KBTDavCalendar, CancellingCompletesWhatIsInFlight) {
@@ -384,22 +357,6 @@ TEST(KBTDavCalendar, WithoutItsHostItKeepsWhatIsPending) {
   f.server.expect(report, multistatus(both));
   f.server.expect(report, multistatus(resource("/c/new.ics", "\"1\"")));
   EXPECT_THAT(f.fetch(), ElementsAre("began", "new new \"1\"", "fetched"));
-}
-
-// The collection keeps its delegate, the calendar, until the principal is invalid.
-TEST(KBTDavCalendar, LivesUntilThePrincipalIsInvalid) {
-  Fixture f;
-  const std::weak_ptr<KBTDavCalendar> watched = f.calendar;
-  f.server.expect(tagRequest, {.status = 500, .held = true});
-  f.calendar->fetchExternalChanges();
-  f.calendar = nullptr;
-  EXPECT_TRUE(runUntil([&] { return !f.server.requests().empty(); }));
-  EXPECT_FALSE(watched.expired());
-  f.server.release();
-  EXPECT_THAT(f.logUntil("fetched"), ElementsAre("fetched KBTDavConnection 500"));
-  EXPECT_FALSE(watched.expired());
-  f.principal->invalidate();
-  EXPECT_TRUE(watched.expired());
 }
 
 // One that is not the collection's delegate is no longer than its host keeps it.

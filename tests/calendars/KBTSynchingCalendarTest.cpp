@@ -177,23 +177,5 @@ TEST_F(SynchingCalendar, TheLastReferenceMayGoInACallback) {
   }
 }
 
-TEST_F(SynchingCalendar, AnObjectThatHoldsTheCalendarMayBeTheLastToDoSo) {
-  struct Holder : Item {
-    std::shared_ptr<KBTSynchingCalendar> calendar;
-  };
-  const std::weak_ptr<OpenCalendar> weak = calendar;
-  auto holder = std::make_shared<Holder>();
-  holder->name = "a";
-  holder->calendar = calendar;
-  calendar->insertObject(holder);
-  calendar->deleteObject(holder);
-  KBTSynchingCalendar& saving = *calendar;
-  holder.reset();
-  calendar.reset();
-  saving.saveChanges();
-  EXPECT_EQ(host->take(), Log{"saved"});
-  EXPECT_TRUE(weak.expired());
-}
-
 }  // namespace
 }  // namespace quillmere
