@@ -142,12 +142,12 @@ class QUILLMERE_EXPORT KBTSynchingCalendarDelegate {
       const NSURLSessionChallengeCompletionHandler& completionHandler);
 };
 
-/// A delegate for which everything that need not be told apart from nothing is done: no range of
-/// dates, and silence for what a host need not hear. A host that derives from it writes what is
-/// left: names, versions, new objects, their texts, and how a fetch and a save may fail.
+/// A delegate that leaves a host only what it must implement: names, versions, new objects and their
+/// texts, and how a fetch or a save has failed. It asks for no range of dates and hears nothing else.
 ///
-/// Whoever keeps an object's content overrides `updateForObject` and `deletionForObject` too, and
-/// whoever saves `didInsert` and `didUpdate`, whose versions a host gives back.
+/// A host that keeps what its objects say overrides `updateForObject` and `deletionForObject` as
+/// well, and one that saves `didInsert` and `didUpdate`, which tell the new versions, or, for the
+/// event store, `setUniqueName`.
 class QUILLMERE_EXPORT KBTSynchingCalendarDelegateBase : public KBTSynchingCalendarDelegate {
  public:
   void synchingCalendar_setUniqueName_forObject(KBTSynchingCalendar&, const std::string&,
