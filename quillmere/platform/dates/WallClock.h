@@ -12,8 +12,8 @@ namespace quillmere {
 /// zone a few times a year.
 class WallClock {
  public:
-  /// From this year on clocks are set by yearly rules alone, if at all, and so in the same way every
-  /// 400 years.
+  /// From this year on clocks are set by yearly rules alone, if at all, and so in the same way
+  /// every 400 years.
   static constexpr int firstYearOfRulesOnly = 2300;
 
   /// The default zone's, for this thread; good until the default zone changes.
