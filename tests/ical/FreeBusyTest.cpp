@@ -5,6 +5,7 @@
 #include <quillmere/ical/KBTFreeBusy.h>
 
 #include "tests/support/ScopedTimeZone.h"
+#include "tests/support/ScopedTranslation.h"
 
 namespace quillmere {
 namespace {
@@ -13,7 +14,8 @@ using Log = std::vector<std::string>;
 
 std::string textOf(std::optional<NSDate> date) { return date ? date->icsDateString() : "null"; }
 
-// "20240105T090000Z-20240105T100000Z", or "error TEXT" with the malformed period.
+// "20240105T090000Z-20240105T100000Z", or "error TEXT" with the malformed period, where texts are
+// translated.
 Log answer(const std::string& document) {
   NSErrorPtr error;
   const auto periods =
@@ -23,7 +25,7 @@ Log answer(const std::string& document) {
   if (error) {
     EXPECT_EQ(error->domain(), "KBTDavConnection");
     EXPECT_EQ(error->code(), 3);
-    EXPECT_EQ(error->localizedDescription(), "unknown CalDav error");
+    EXPECT_EQ(error->localizedDescription(), "etwas Unbekanntes");
     return {"error " + std::get<std::string>(error->userInfo().at(KBTFreeBusyMalformedPeriodKey))};
   }
   for (const auto& period : *periods) {
@@ -43,6 +45,7 @@ Log ranges(const std::string& value) {
 
 TEST(FreeBusy, TheTwoRulesDifferOnPiecesWithoutExactlyOneSlash) {
   const testing::ScopedTimeZone zone("America/New_York");
+  const testing::ScopedTranslation translation("unknown CalDav error", "etwas Unbekanntes");
   struct Case {
     const char* value;
     Log answer;
@@ -58,6 +61,9 @@ TEST(FreeBusy, TheTwoRulesDifferOnPiecesWithoutExactlyOneSlash) {
       same("20240105T100000Z/20240105T090000Z", {"20240105T100000Z-20240105T090000Z"}),
       same("20240105T090000Z/-PT1H", {"20240105T090000Z-null"}),
       same("soon/PT1H, /", {"null-null", "null-null"}),
+      same("20240105T090000Z/PT1H, 20240105T120000Z/20240105T130000Z,20240105T120000Z /PT1H",
+           {"20240105T090000Z-20240105T100000Z", "null-20240105T130000Z", "null-null"}),
+      {"20240105T090000Z/ PT1H", {"20240105T090000Z-null"}, {"20240105T090000Z-null"}},
       // A day is a day on the default zone's clock, hours are elapsed time.
       same("20240309T170000Z/P1D", {"20240309T170000Z-20240310T160000Z"}),
       same("20240309T170000Z/PT24H", {"20240309T170000Z-20240310T170000Z"}),
