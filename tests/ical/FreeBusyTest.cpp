@@ -112,7 +112,9 @@ TEST(KBTFreeBusy, MakesObjectsOfADerivedClass) {
       NSData::dataWithBytes("FREEBUSY:20240105T090000Z/PT1H\r\n"));
   ASSERT_TRUE(shifts);
   EXPECT_EQ(shifts->at(0)->owner, "nobody yet");
-  EXPECT_EQ(textOf(shifts->at(0)->end()), "20240105T100000Z");
+  EXPECT_EQ(shifts->at(0)->description(), "2024-01-05 09:00:00 +0000 to 2024-01-05 10:00:00 +0000");
+  const auto half = KBTFreeBusy::initWithStart_andEnd_isTentative(shifts->at(0)->end(), {}, true);
+  EXPECT_EQ(half->description(), "Tentative:2024-01-05 10:00:00 +0000 to (null)");
 }
 
 TEST(KBTCalFreeBusyRange, ReadsFromTheReadersPositionToItsEnd) {
