@@ -152,12 +152,10 @@ KBTRepetitionInstance addSeconds(std::int64_t seconds, KBTRepetitionInstance ins
 // of them is an addition and nothing more.
 void addSecondsOften(std::int64_t seconds, std::int64_t most, KBTRepetitionInstance& instance) {
   WallClock& clock = WallClock::current();
-  const std::int64_t from = wallTimeOf(instance);
-  const std::int64_t before = clock.instantOf(from);
-  if (clock.wallTimeAt(before) != from) return;
+  const std::int64_t before = clock.instantOf(wallTimeOf(instance));
   const std::int64_t steps = std::min(most, (clock.endOfSettingAt(before) - 1 - before) / seconds);
   if (steps < 1) return;
-  setWallTime(from + steps * seconds, instance);
+  setWallTime(clock.wallTimeAt(before + steps * seconds), instance);
   instance.occurrence += steps;
 }
 

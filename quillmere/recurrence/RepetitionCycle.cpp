@@ -17,7 +17,7 @@ bool RepetitionCycle::closesAt(const KBTRepetitionInstance& instance) {
   KBTRepetitionInstance sameYear = instance;
   sameYear.year = mark_.year;
   sameYear.occurrence = mark_.occurrence;
-  if (years != 0 && years % yearsPerCycle == 0 && sameYear == mark_) return true;
+  if (years % yearsPerCycle == 0 && sameYear == mark_) return true;
   if (years > yearsToNextMark_) {
     mark_ = instance;
     yearsToNextMark_ = std::max(2 * yearsToNextMark_, yearsPerCycle);

@@ -13,8 +13,8 @@ namespace quillmere {
 /// alike in every cycle after those of the past, so from there on the walk goes the same way again.
 class RepetitionCycle {
  public:
-  /// To be asked at every step. Whether the walk has come back; the place that it is compared with
-  /// moves on, at growing distances, since a walk may only turn into a cycle after some steps.
+  /// To be asked once at every step. Whether the walk has come back; the place that it is compared
+  /// with moves on, at growing distances, since a walk may only turn into a cycle after some steps.
   bool closesAt(const KBTRepetitionInstance& instance);
 
   /// Moves on by whole cycles of the walk, as many as `most` occurrences have and the calendar has

@@ -26,6 +26,7 @@ TEST(NSDate, StaysAtTheEndsOfItsRange) {
   const auto first =
       NSDate::dateWithMicrosecondsSince1970(std::numeric_limits<std::int64_t>::min());
   EXPECT_EQ(last.dateByAddingSeconds(1), last);
+  EXPECT_EQ(last.dateByAddingSeconds(-1).microsecondsSince1970(), 9223372036853775807);
   EXPECT_EQ(first.dateByAddingSeconds(9223372036855).microsecondsSince1970(), 224192);
   EXPECT_EQ(last.icsDateString(), "99991231T235959Z");
   EXPECT_EQ(first.icsDateString(), "00010101T000000Z");
