@@ -276,16 +276,13 @@ TEST(KBTCalRepetitionInstances, EndWithTheCalendar) {
       rule->setStartDate(last);
       EXPECT_EQ(textOf(rule->nextRepetitionInstance(rule->firstRepetitionInstance())), "end")
           << text;
-      rule->setIntervalCount(std::numeric_limits<std::int64_t>::max());
-      rule->setRecurrenceCount(std::numeric_limits<std::int64_t>::max());
-      rule->setStartDate(first);
-      auto instance = rule->firstRepetitionInstance();
-      for (int i = 0; i < 40; ++i) instance = rule->nextRepetitionInstance(instance);
-      EXPECT_EQ(textOf(instance), "end") << text;
     }
   }
   // Lengths that would overflow, if they were let, to something short.
   expectSeries({
+      {"FREQ=MONTHLY;INTERVAL=9223372036854775807", "20240131T100000", "20240131T1000 end"},
+      {"FREQ=YEARLY;INTERVAL=9223372036854775807;BYMONTH=1", "20240131T100000",
+       "20240131T1000 end"},
       {"FREQ=HOURLY;INTERVAL=5124095576030432", "20240131T100000", "20240131T1000 end"},
       {"FREQ=MINUTELY;INTERVAL=307445734561825861", "20240131T100000", "20240131T1000 end"},
       {"FREQ=WEEKLY;INTERVAL=2635249153387078803", "20240131T100000", "20240131T1000 end"},

@@ -22,15 +22,14 @@ inline std::string messageCatalogue(const std::string& text, const std::string& 
     return std::string(reinterpret_cast<const char*>(&value), sizeof value);
   };
   constexpr std::size_t header = 28;
-  constexpr std::size_t table = 16;
-  const std::string encoding = "Content-Type: text/plain; charset=UTF-8\n";
-  const std::string strings[] = {"", text, encoding, translation};
+  constexpr std::size_t table = 8;
+  const std::string strings[] = {text, translation};
   std::string tables, texts;
   for (const std::string& string : strings) {
     tables += word(string.size()) + word(header + 2 * table + texts.size());
     texts += string + '\0';
   }
-  return word(0x950412de) + word(0) + word(2) + word(header) + word(header + table) + word(0) +
+  return word(0x950412de) + word(0) + word(1) + word(header) + word(header + table) + word(0) +
          word(0) + tables + texts;
 }
 

@@ -37,8 +37,6 @@ TEST(NSDate, StaysAtTheEndsOfItsRange) {
     std::int64_t microseconds;
   } rows[] = {{1.6e-6, 2},
               {1.4e-6, 1},
-              {-1.4e-6, -1},
-              {-0.25, -250'000},
               {9223372036854.775808, last.microsecondsSince1970()},  // the first beyond the range
               {1e300, last.microsecondsSince1970()},
               {-INFINITY, first.microsecondsSince1970()},

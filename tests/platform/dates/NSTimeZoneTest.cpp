@@ -16,7 +16,8 @@ TEST(NSTimeZone, KnowsIANAAndWindowsNames) {
     const char* name;
   } cases[] = {
       {"Europe/Paris", "Europe/Paris"},
-      {"Etc/GMT+5", "Etc/GMT+5"},
+      {"Etc/GMT+9", "Etc/GMT+9"},
+      {"Etc/GMT+10", "Etc/GMT+10"},
       {"W. Europe Standard Time", "Europe/Berlin"},
       {"AUS Central Standard Time", "Australia/Darwin"},  // first of the table
       {"Yukon Standard Time", "America/Whitehorse"},      // last of the table
