@@ -349,6 +349,44 @@ void measureOthers(const Zone& zone) {
   printTimes(search, {.mostNanoseconds = 1e6});
 }
 
+// The longest walks that a stranger's rule can ask for: to the end of a count that no series
+// reaches, from the calendar's first year; after it, the search of a rule that never matches.
+void measureWorst(const Zone& zone) {
+  const std::string everyDay =
+      ";BYMONTHDAY=1,2,3,4,5,6,7,8,9,10,11,12,13,14,15,16,17,18,19,20,21,22,23,24,25,26,27,28,29,"
+      "30,31";
+  const std::string everyMonth = ";BYMONTH=1,2,3,4,5,6,7,8,9,10,11,12";
+  const struct {
+    const char* name;
+    std::string rule;
+  } worst[] = {
+      {"MINUTELY", "MINUTELY"},
+      {"MINUTELY;INTERVAL=61", "MINUTELY;INTERVAL=61"},
+      {"HOURLY;INTERVAL=4001", "HOURLY;INTERVAL=4001"},
+      {"HOURLY;INTERVAL=9600", "HOURLY;INTERVAL=9600"},
+      {"DAILY", "DAILY"},
+      {"WEEKLY, every day", "WEEKLY;BYDAY=SU,MO,TU,WE,TH,FR,SA"},
+      {"MONTHLY, every day", "MONTHLY" + everyDay},
+      {"MONTHLY, set positions", "MONTHLY;BYDAY=MO,TU,WE,TH,FR;BYSETPOS=1,2,3,4,5,-1,-2,-3,-4,-5"},
+      {"YEARLY, every day", "YEARLY" + everyMonth + everyDay},
+      {"YEARLY;BYMONTH=2;BYMONTHDAY=30", "YEARLY;BYMONTH=2;BYMONTHDAY=30"},
+      {"YEARLY;BYMONTH=2,4,6,9,11;BYMONTHDAY=31", "YEARLY;BYMONTH=2,4,6,9,11;BYMONTHDAY=31"},
+      {"YEARLY;INTERVAL=7;BYMONTH=2;BYMONTHDAY=30", "YEARLY;INTERVAL=7;BYMONTH=2;BYMONTHDAY=30"},
+  };
+  for (const auto& each : worst) {
+    const auto series = zone.series(each.rule.c_str());
+    series->setStartDate(zone.dateAt(civil_second(1, 1, 31, start.hour())));
+    series->setRecurrenceCount(std::numeric_limits<std::int64_t>::max());
+    Race race;
+    const auto& end = race.add(std::string("endDate, ") + each.name, 1, [&] {
+      require(!series->endDate(), "a series has reached its count");
+      return nullptr;
+    });
+    race.run();
+    printTimes(end, {.mostNanoseconds = 200e6});
+  }
+}
+
 }  // namespace
 
 int main() {
@@ -361,4 +399,5 @@ int main() {
     if (rule.fieldsByHand) measureFields(rule, zone);
   }
   measureOthers(zone);
+  measureWorst(zone);
 }

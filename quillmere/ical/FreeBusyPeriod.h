@@ -18,7 +18,7 @@
 namespace quillmere {
 
 /// A date that does not parse is null, and so is an end counted from a null start or to a date
-/// outside the calendar's years.
+/// outside the calendar's years. Nothing is trimmed.
 struct FreeBusyPeriod {
   std::optional<NSDate> start;
   std::optional<NSDate> end;

@@ -15,7 +15,8 @@ namespace quillmere {
 /// A time range out of a FREEBUSY value (RFC 5545 section 3.8.2.6) that a host already has.
 /// Immutable.
 ///
-/// Unlike `KBTFreeBusy`, this skips a piece that does not have exactly one "/".
+/// Unlike `KBTFreeBusy`, this skips a piece that does not have exactly one "/". A date that does
+/// not parse is null in its range; nothing is trimmed, so a blank after a comma is enough.
 class QUILLMERE_EXPORT KBTCalFreeBusyRange {
  public:
   /// The ranges of one value, which is the text after the colon. The result may be empty.
@@ -27,6 +28,10 @@ class QUILLMERE_EXPORT KBTCalFreeBusyRange {
   static std::vector<std::shared_ptr<KBTCalFreeBusyRange>> freeBusyRangesFromCalObject(
       KBTCalObject& reader);
 
+  /// Each is null where the value has a date that does not parse, and the end also when it is
+  /// counted from a null start, by a text that is no duration, or to outside of the calendar's
+  /// years. A host looks at both before it uses either, and does not take a range without them for
+  /// free time.
   std::optional<NSDate> start() const { return start_; }
   std::optional<NSDate> end() const { return end_; }
 

@@ -1,6 +1,7 @@
 #include <quillmere/ical/FreeBusyPeriod.h>
 #include <quillmere/ical/KBTCalObject.h>
 #include <quillmere/ical/KBTFreeBusy.h>
+#include <quillmere/platform/base/KSStringTable.h>
 
 #include <cstdint>
 #include <string_view>
@@ -14,7 +15,7 @@ constexpr std::int64_t unknownErrorCode = 3;
 NSErrorPtr malformedPeriod(std::string_view text) {
   return NSError::errorWithDomain_code_userInfo(
       KBTDavConnectionErrorDomain, unknownErrorCode,
-      {{NSLocalizedDescriptionKey, "unknown CalDav error"},
+      {{NSLocalizedDescriptionKey, KSLocalizedString("unknown CalDav error")},
        {KBTFreeBusyMalformedPeriodKey, std::string(text)}});
 }
 

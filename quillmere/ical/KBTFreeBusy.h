@@ -25,8 +25,9 @@ class QUILLMERE_EXPORT KBTFreeBusy {
   /// Reads every FREEBUSY line (RFC 5545 section 3.8.2.6) of a document, whichever component it is
   /// in. The result has the periods in document order and may be empty. FREE and BUSY-UNAVAILABLE
   /// periods are periods like the others. A line whose value is not UTF-8 has none. A date that
-  /// does not parse is null in its period, and so is an end that a duration puts outside of the
-  /// calendar's years.
+  /// does not parse is null in its period; nothing is trimmed, so a blank after a comma is enough.
+  /// An end is null as well when it is counted from a null start, or when a duration puts it
+  /// outside of the calendar's years.
   ///
   /// A period without "/" makes the answer malformed. Then the result is null, and `*error`, unless
   /// `error` is null, is set to an error of `KBTDavConnectionErrorDomain`, code 3, with the
@@ -53,6 +54,9 @@ class QUILLMERE_EXPORT KBTFreeBusy {
                                                                        std::optional<NSDate> end,
                                                                        bool tentative);
 
+  /// Each is null where the answer has a date that does not parse, and the end also where it cannot
+  /// be counted (see above). A host looks at both before it uses either, and does not take a period
+  /// without them for free time.
   std::optional<NSDate> start() const { return start_; }
   std::optional<NSDate> end() const { return end_; }
   /// Whether the line's FBTYPE is exactly "BUSY-TENTATIVE".

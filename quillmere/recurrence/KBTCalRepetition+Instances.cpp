@@ -2,6 +2,7 @@
 #include <quillmere/platform/dates/CivilDate.h>
 #include <quillmere/platform/dates/WallClock.h>
 #include <quillmere/recurrence/KBTCalRepetition.h>
+#include <quillmere/recurrence/RepetitionCycle.h>
 
 #include <algorithm>
 #include <bit>
@@ -72,14 +73,19 @@ KBTRepetitionInstance addDays(std::int64_t days, const KBTRepetitionInstance& in
   int month = instance.month;
   int length = instance.daysInMonth;
   while (day > length) {
-    day -= length;
-    constexpr int december = 12;
-    if (month == december) {
-      month = 0;
-      ++year;
+    if (day > daysPerCycle) {
+      year += (day - 1) / daysPerCycle * yearsPerCycle;
+      day = (day - 1) % daysPerCycle + 1;
+    } else {
+      day -= length;
+      constexpr int december = 12;
+      if (month == december) {
+        month = 0;
+        ++year;
+      }
+      ++month;
+      length = daysInMonth(year, month);
     }
-    ++month;
-    length = daysInMonth(year, month);
     if (!isInCalendar(year)) day = 0;
   }
   const int weekday = instance.weekday + static_cast<int>(days % daysPerWeek);
@@ -142,21 +148,15 @@ KBTRepetitionInstance addSeconds(std::int64_t seconds, KBTRepetitionInstance ins
   return instance;
 }
 
-// Takes up to `most` such steps at once where that leads to the same instance, for a stranger's
-// count may ask for thousands of millions of them: within some days at whose ends clocks agree.
-// (Two settings of the clocks that make up for each other have never come closer than that.)
+// Takes up to `most` such steps at once, as far as the clock keeps its setting, for until then each
+// of them is an addition and nothing more.
 void addSecondsOften(std::int64_t seconds, std::int64_t most, KBTRepetitionInstance& instance) {
-  constexpr std::int64_t span = 3 * secondsPerDay;
   WallClock& clock = WallClock::current();
-  const std::int64_t from = wallTimeOf(instance);
-  const std::int64_t before = clock.instantOf(from);
-  for (std::int64_t steps = std::min(most, span / seconds); steps > 1; steps /= 2) {
-    const std::int64_t wallTime = clock.wallTimeAt(before + steps * seconds);
-    if (wallTime - from != steps * seconds) continue;
-    setWallTime(wallTime, instance);
-    instance.occurrence += steps;
-    return;
-  }
+  const std::int64_t before = clock.instantOf(wallTimeOf(instance));
+  const std::int64_t steps = std::min(most, (clock.endOfSettingAt(before) - 1 - before) / seconds);
+  if (steps < 1) return;
+  setWallTime(clock.wallTimeAt(before + steps * seconds), instance);
+  instance.occurrence += steps;
 }
 
 }  // namespace
@@ -223,11 +223,15 @@ std::int64_t KBTCalRepetition::daysToNextInWeeks(int weekday) const {
   return rest != 0 ? std::countr_zero(rest) + 1 : weeks + std::countr_zero(week) - place;
 }
 
+// A search that comes back to where it was finds nothing for good.
 KBTRepetitionInstance KBTCalRepetition::nextInMonths(KBTRepetitionInstance instance) const {
-  bool isFound = _findMonthMatchAfterDay_instance(instance.day, instance);
-  while (!isFound && addYearsAndMonths(0, intervalCount_, instance)) {
-    isFound = _findMonthMatchAfterDay_instance(0, instance);
-  }
+  if (_findMonthMatchAfterDay_instance(instance.day, instance)) return instance;
+  RepetitionCycle cycle;
+  do {
+    if (!addYearsAndMonths(0, intervalCount_, instance)) return instance;
+    if (_findMonthMatchAfterDay_instance(0, instance)) return instance;
+  } while (!cycle.closesAt(instance));
+  instance.day = 0;
   return instance;
 }
 
@@ -236,6 +240,7 @@ KBTRepetitionInstance KBTCalRepetition::nextInYears(KBTRepetitionInstance instan
     addYearsAndMonths(intervalCount_, 0, instance);
     return instance;
   }
+  RepetitionCycle cycle;
   unsigned afterDay = instance.day;
   for (;;) {
     const unsigned month = instance.month;
@@ -243,10 +248,14 @@ KBTRepetitionInstance KBTCalRepetition::nextInYears(KBTRepetitionInstance instan
     if (isMonthOfRule && _findMonthMatchAfterDay_instance(afterDay, instance)) return instance;
     afterDay = 0;
     const std::uint64_t laterMonths = monthOfYearMask_ >> month >> 1;
-    const bool isInCalendar =
+    const bool goesOn =
         laterMonths != 0 ? addYearsAndMonths(0, std::countr_zero(laterMonths) + 1, instance)
-                         : addYearsAndMonths(intervalCount_, 1 - int{instance.month}, instance);
-    if (!isInCalendar) return instance;
+                         : addYearsAndMonths(intervalCount_, 1 - int{instance.month}, instance) &&
+                               !cycle.closesAt(instance);
+    if (!goesOn) {
+      instance.day = 0;
+      return instance;
+    }
   }
 }
 
@@ -360,12 +369,16 @@ bool KBTCalRepetition::findSetPosition(unsigned day, KBTRepetitionInstance& inst
   return isFound;
 }
 
+// The count is a stranger's, up to 2^63 - 1: many steps are taken at once where that leads to the
+// same instance.
 KBTRepetitionInstance KBTCalRepetition::lastInstanceOfCount() const {
   KBTRepetitionInstance instance = firstRepetitionInstance();
+  RepetitionCycle cycle;
   while (instance.day != 0 && instance.occurrence + 1 < endCount_) {
-    if (frequency_ < DAILY) {
-      addSecondsOften(stepInSeconds(), endCount_ - 2 - instance.occurrence, instance);
-    }
+    const std::int64_t left = endCount_ - 1 - instance.occurrence;
+    if (frequency_ == DAILY) return addDays(boundedProduct(left, intervalCount_), instance);
+    if (cycle.closesAt(instance) && cycle.skip(left, instance)) continue;
+    if (frequency_ < DAILY) addSecondsOften(stepInSeconds(), left - 1, instance);
     instance = nextRepetitionInstance(instance);
   }
   return instance;

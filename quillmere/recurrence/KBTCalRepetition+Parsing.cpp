@@ -25,10 +25,10 @@ std::optional<std::int64_t> weekdayNumber(string_view abbreviation) {
   return found - dayAbbreviations.begin();
 }
 
-// The number at the start of a text, after blanks: an optional sign and digits; 0 when there are
-// none. It stays at the end of what 64 bits hold.
+// The number at the start of a text, after white space: an optional sign and digits; 0 when there
+// are none. It stays at the end of what 64 bits hold.
 std::int64_t integerValue(string_view text) {
-  text.remove_prefix(std::min(text.find_first_not_of(" \t"), text.size()));
+  text.remove_prefix(std::min(text.find_first_not_of(" \t\n\v\f\r"), text.size()));
   const bool isNegative = text.starts_with('-');
   if (isNegative || text.starts_with('+')) text.remove_prefix(1);
   std::uint64_t magnitude = 0;

@@ -64,9 +64,10 @@ class QUILLMERE_EXPORT KBTCalRepetition : public HWObject {
   using Numbers = std::vector<std::int64_t>;
 
   /// The rule of an RRULE value, with or without "RRULE:" before it. Keys and keywords are
-  /// case-sensitive and white space is not trimmed. An empty part, as after a trailing ";", is an
-  /// error. Of UNTIL only the date counts: the series ends with that day in the default zone. With
-  /// both UNTIL and COUNT, whichever comes first ends it. An unknown WKST counts as none.
+  /// case-sensitive and white space is not trimmed, except before numbers. An empty part, as after
+  /// a trailing ";", is an error. Of UNTIL only the date counts: the series ends with that day in
+  /// the default zone. With both UNTIL and COUNT, whichever comes first ends it. An unknown WKST
+  /// counts as none.
   ///
   /// Null on failure. Then `*error`, unless `error` is null, is an error of `KBTErrorDomain`; an
   /// error that it held before becomes the underlying one. SECONDLY gives null without an error.
@@ -120,8 +121,9 @@ class QUILLMERE_EXPORT KBTCalRepetition : public HWObject {
   void setRecurrenceCount(std::int64_t recurrenceCount);
 
   /// The end date as it was set, or, when a count ends the series, the date of the last occurrence,
-  /// for which this walks the whole series. Null when there is neither an end date nor a count,
-  /// and, with a count alone, when there is no start date or the series ends before its count.
+  /// which is looked for at every call: in some tens of milliseconds at most. Null when there is
+  /// neither an end date nor a count, and, with a count alone, when there is no start date or the
+  /// series ends before its count.
   std::optional<NSDate> endDate() const;
   /// The series ends with that day in the default zone; an occurrence at midnight after it is the
   /// last that may come. Drops the count. Null takes away count and end date.
@@ -169,7 +171,7 @@ class QUILLMERE_EXPORT KBTCalRepetition : public HWObject {
 
   /// The occurrence after `instance`, which must be one of this rule. After an end marker comes an
   /// end marker. The time this takes grows with the months between the two; a rule that cannot
-  /// match is searched to the end of the calendar, once.
+  /// match is searched until the calendar comes round, about a millisecond at most.
   KBTRepetitionInstance nextRepetitionInstance(const KBTRepetitionInstance& instance) const;
 
   /// The first occurrence whose calendar day is that of `date` or later; the time of day does not

@@ -5,6 +5,7 @@
 #include <quillmere/ical/KBTFreeBusy.h>
 
 #include "tests/support/ScopedTimeZone.h"
+#include "tests/support/ScopedTranslation.h"
 
 namespace quillmere {
 namespace {
@@ -13,17 +14,19 @@ using Log = std::vector<std::string>;
 
 std::string textOf(std::optional<NSDate> date) { return date ? date->icsDateString() : "null"; }
 
-// "20240105T090000Z-20240105T100000Z", or "error TEXT" with the malformed period.
+// "20240105T090000Z-20240105T100000Z", or "error TEXT" with the malformed period, where texts are
+// translated.
 Log answer(const std::string& document) {
-  NSErrorPtr error;
+  const NSErrorPtr before = NSError::errorWithPOSIXCode(1);
+  NSErrorPtr error = before;
   const auto periods =
       KBTFreeBusy::freeBusyInfoFromICSData(NSData::dataWithBytes(document), &error);
-  EXPECT_EQ(periods.has_value(), error == nullptr);
+  EXPECT_EQ(periods.has_value(), error == before);
   Log log;
-  if (error) {
+  if (!periods) {
     EXPECT_EQ(error->domain(), "KBTDavConnection");
     EXPECT_EQ(error->code(), 3);
-    EXPECT_EQ(error->localizedDescription(), "unknown CalDav error");
+    EXPECT_EQ(error->localizedDescription(), "etwas Unbekanntes");
     return {"error " + std::get<std::string>(error->userInfo().at(KBTFreeBusyMalformedPeriodKey))};
   }
   for (const auto& period : *periods) {
@@ -43,6 +46,7 @@ Log ranges(const std::string& value) {
 
 TEST(FreeBusy, TheTwoRulesDifferOnPiecesWithoutExactlyOneSlash) {
   const testing::ScopedTimeZone zone("America/New_York");
+  const testing::ScopedTranslation translation("unknown CalDav error", "etwas Unbekanntes");
   struct Case {
     const char* value;
     Log answer;
@@ -58,13 +62,15 @@ TEST(FreeBusy, TheTwoRulesDifferOnPiecesWithoutExactlyOneSlash) {
       same("20240105T100000Z/20240105T090000Z", {"20240105T100000Z-20240105T090000Z"}),
       same("20240105T090000Z/-PT1H", {"20240105T090000Z-null"}),
       same("soon/PT1H, /", {"null-null", "null-null"}),
+      same("20240105T090000Z/PT1H, 20240105T120000Z/20240105T130000Z,20240105T120000Z /PT1H",
+           {"20240105T090000Z-20240105T100000Z", "null-20240105T130000Z", "null-null"}),
       // A day is a day on the default zone's clock, hours are elapsed time.
       same("20240309T170000Z/P1D", {"20240309T170000Z-20240310T160000Z"}),
       same("20240309T170000Z/PT24H", {"20240309T170000Z-20240310T170000Z"}),
       same("20240105T090000Z/P2147483647D", {"20240105T090000Z-null"}),
       {"20240105T090000Z", {"error 20240105T090000Z"}, {}},
       {"20240105T090000Z/PT1H,", {"error "}, {"20240105T090000Z-20240105T100000Z"}},
-      {"20240105T090000Z/PT1H,oops,20240105T120000Z/PT1H",
+      {"20240105T090000Z/PT1H,oops,more,20240105T120000Z/PT1H",
        {"error oops"},
        {"20240105T090000Z-20240105T100000Z", "20240105T120000Z-20240105T130000Z"}},
       {"20240105T090000Z/PT1H/PT2H", {"20240105T090000Z-20240105T110000Z"}, {}},
@@ -106,7 +112,9 @@ TEST(KBTFreeBusy, MakesObjectsOfADerivedClass) {
       NSData::dataWithBytes("FREEBUSY:20240105T090000Z/PT1H\r\n"));
   ASSERT_TRUE(shifts);
   EXPECT_EQ(shifts->at(0)->owner, "nobody yet");
-  EXPECT_EQ(textOf(shifts->at(0)->end()), "20240105T100000Z");
+  EXPECT_EQ(shifts->at(0)->description(), "2024-01-05 09:00:00 +0000 to 2024-01-05 10:00:00 +0000");
+  const auto half = KBTFreeBusy::initWithStart_andEnd_isTentative(shifts->at(0)->end(), {}, true);
+  EXPECT_EQ(half->description(), "Tentative:2024-01-05 10:00:00 +0000 to (null)");
 }
 
 TEST(KBTCalFreeBusyRange, ReadsFromTheReadersPositionToItsEnd) {

@@ -152,6 +152,7 @@ TEST(KBTCalObject, ParametersAreRaw) {
       // A backslash hides the ":" after it and stays where it is.
       {"K;A=b\\:c:v", {{"A", "b\\:c"}}, "v"},
       {"K;A=b\\\\:c", {{"A", "b\\\\"}}, "c"},
+      {"K;A=b\\c:", {{"A", "b\\c"}}, ""},
       // No ":" to the end of the data.
       {"K;A=1\\", {{"A", "1\\"}}, ""},
       {"K;", {}, ""},

@@ -116,10 +116,15 @@ TEST(KBTMutableCalObject, FoldsAfterSixtyAndThenAfterSeventyUnits) {
   EXPECT_EQ(written(x60 + "x"), x60 + "\r\n x");
   EXPECT_EQ(written(x60 + x70), x60 + "\r\n " + x70) << "no empty piece";
 
-  const std::string longKey(1000, 'K');
-  const auto writer = writerOf();
-  writer->appendKey_stringValue(longKey, x60);
-  EXPECT_EQ(textOf(*writer), longKey + ":" + x60 + "\r\n") << "the key does not count";
+  for (const std::size_t length : {511, 512, 1000, 1023, 1500, 100'000}) {
+    const std::string key(length, 'K');
+    const auto writer = writerOf();
+    writer->appendKey_stringValue(key, x60);
+    writer->appendKey_stringValue(key, x60 + x70 + x70);
+    EXPECT_EQ(textOf(*writer),
+              key + ":" + x60 + "\r\n" + key + ":" + x60 + "\r\n " + x70 + "\r\n " + x70 + "\r\n")
+        << "the key does not count";
+  }
 }
 
 TEST(KBTMutableCalObject, EachByteThatIsNotUTF8CountsOneAndIsWrittenAsItIs) {

@@ -235,8 +235,6 @@ TEST(KBTCalRepetitionInstances, FindsTheFirstOnOrAfterADay) {
     EXPECT_EQ(textOf(rule->repetitionInstanceAtOrAfterDate(localDate(row.date))), row.found)
         << row.rule << " from " << row.date;
   }
-  const Rule rule = ruleFrom("FREQ=DAILY", "20240131T100000");
-  EXPECT_EQ(rule->repetitionInstanceAtOrAfterDate(localDate("20740131T100000")).occurrence, 18263);
 }
 
 TEST(KBTCalRepetitionInstances, MoveByDays) {
@@ -246,9 +244,9 @@ TEST(KBTCalRepetitionInstances, MoveByDays) {
     const char* day;
     int weekday;
   } rows[] = {
-      {0, "20240131T1000", 3},       {1, "20240201T1000", 4},
-      {30, "20240301T1000", 5},      {-1, "20240131T1000", 3},
-      {146'097, "24240131T1000", 3}, {std::numeric_limits<std::int64_t>::max(), "end", 0},
+      {1, "20240201T1000", 4},       {30, "20240301T1000", 5},
+      {-1, "20240131T1000", 3},      {146'097, "24240131T1000", 3},
+      {292'163, "28231231T1000", 0}, {std::numeric_limits<std::int64_t>::max(), "end", 0},
   };
   for (const auto& row : rows) {
     KBTRepetitionInstance instance = rule->firstRepetitionInstance();
@@ -278,16 +276,13 @@ TEST(KBTCalRepetitionInstances, EndWithTheCalendar) {
       rule->setStartDate(last);
       EXPECT_EQ(textOf(rule->nextRepetitionInstance(rule->firstRepetitionInstance())), "end")
           << text;
-      rule->setIntervalCount(std::numeric_limits<std::int64_t>::max());
-      rule->setRecurrenceCount(std::numeric_limits<std::int64_t>::max());
-      rule->setStartDate(first);
-      auto instance = rule->firstRepetitionInstance();
-      for (int i = 0; i < 40; ++i) instance = rule->nextRepetitionInstance(instance);
-      EXPECT_EQ(textOf(instance), "end") << text;
     }
   }
   // Lengths that would overflow, if they were let, to something short.
   expectSeries({
+      {"FREQ=MONTHLY;INTERVAL=9223372036854775807", "20240131T100000", "20240131T1000 end"},
+      {"FREQ=YEARLY;INTERVAL=9223372036854775807;BYMONTH=1", "20240131T100000",
+       "20240131T1000 end"},
       {"FREQ=HOURLY;INTERVAL=5124095576030432", "20240131T100000", "20240131T1000 end"},
       {"FREQ=MINUTELY;INTERVAL=307445734561825861", "20240131T100000", "20240131T1000 end"},
       {"FREQ=WEEKLY;INTERVAL=2635249153387078803", "20240131T100000", "20240131T1000 end"},

@@ -2,9 +2,11 @@
 
 #include <gtest/gtest.h>
 #include <quillmere/recurrence/KBTCalRepetition.h>
+#include <quillmere/recurrence/RepetitionCycle.h>
 
 #include <functional>
 #include <locale>
+#include <random>
 
 #include "tests/support/ScopedTimeZone.h"
 #include "tests/support/Series.h"
@@ -77,6 +79,11 @@ TEST(KBTCalRepetition, IsMadeOfItsParts) {
     EXPECT_EQ(rule->rrule(), row.written);
     EXPECT_EQ(error, nullptr);
   }
+  constexpr auto withoutLists = KBTCalRepetition::initWithFrequency_interval_end_error;
+  EXPECT_EQ(withoutLists(daily, 3, nullptr, nullptr)->rrule(), "FREQ=DAILY;INTERVAL=3");
+  NSErrorPtr error;
+  EXPECT_EQ(withoutLists(daily, 0, nullptr, &error), nullptr);
+  EXPECT_EQ(error->code(), KBTIntervalError);
 }
 
 // By the codes and texts of a written rule; lists are put in words here.
@@ -153,16 +160,6 @@ TEST(KBTCalRepetitionDeathTest, StopsOnWhatMustNotBeCalled) {
               "must not be called");
 }
 
-TEST(KBTCalRepetition, TheShortInitializerLeavesOutAllLists) {
-  const auto make = [](std::int64_t interval, NSErrorPtr* error) {
-    return KBTCalRepetition::initWithFrequency_interval_end_error(daily, interval, nullptr, error);
-  };
-  NSErrorPtr error;
-  EXPECT_EQ(make(3, &error)->rrule(), "FREQ=DAILY;INTERVAL=3");
-  EXPECT_EQ(make(0, &error), nullptr);
-  EXPECT_EQ(error->code(), KBTIntervalError);
-}
-
 TEST(KBTCalRepetition, CountAndEndDateReplaceEachOther) {
   const ScopedTimeZone zone("America/New_York");
   const Rule rule = ruleOf("FREQ=DAILY");
@@ -213,9 +210,12 @@ TEST(KBTCalRepetition, SettersKeepWhatTheyCannotReplace) {
 
 TEST(KBTCalRepetition, TheEndOfACountedSeriesIsItsLastOccurrence) {
   const ScopedTimeZone zone("America/New_York");
+  const NSCalendar calendar = NSCalendar::currentCalendar();
+  const auto afterCycles = calendar.dateFromComponents({122024, 1, 31, 10, 0, 0});
   const struct {
     const char* rule;
     std::optional<NSDate> end;
+    const char* start = "20240131T100000";
   } rows[] = {
       {"FREQ=DAILY;COUNT=1", localDate("20240131T100000")},
       {"FREQ=DAILY;COUNT=2", localDate("20240201T100000")},
@@ -228,9 +228,24 @@ TEST(KBTCalRepetition, TheEndOfACountedSeriesIsItsLastOccurrence) {
       {"FREQ=HOURLY;COUNT=60000",
        localDate("20240131T100000").dateByAddingSeconds(std::int64_t{60'006} * 3600)},
       {"FREQ=MINUTELY;INTERVAL=1440;COUNT=3", localDate("20240202T100000")},
+      // In 300 times 400 years.
+      {"FREQ=HOURLY;COUNT=1051778401", afterCycles},
+      {"FREQ=MINUTELY;COUNT=63106704001", afterCycles},
+      {"FREQ=DAILY;COUNT=43829101", afterCycles},
+      {"FREQ=DAILY;INTERVAL=43829100;COUNT=2", afterCycles},
+      {"FREQ=WEEKLY;COUNT=6261301", afterCycles},
+      {"FREQ=MONTHLY;INTERVAL=2;BYMONTHDAY=31;COUNT=480001", afterCycles},
+      {"FREQ=YEARLY;COUNT=120001", afterCycles},
+      // The same places came again before clocks were changed in March.
+      {"FREQ=YEARLY;BYMONTH=2,3;BYDAY=2SU;COUNT=3201",
+       calendar.dateFromComponents({3000, 2, 9, 3, 30, 0}), "14000209T023000"},
+      // The last year of the calendar.
+      {"FREQ=YEARLY;COUNT=142660", calendar.dateFromComponents({144683, 1, 31, 10, 0, 0})},
+      {"FREQ=YEARLY;COUNT=142661", std::nullopt},
+      {"FREQ=DAILY;INTERVAL=9223372036854775807;COUNT=9223372036854775807", std::nullopt},
   };
   for (const auto& row : rows) {
-    const Rule rule = ruleFrom(row.rule, "20240131T100000");
+    const Rule rule = ruleFrom(row.rule, row.start);
     EXPECT_EQ(rule->endDate(), row.end) << row.rule;
   }
   const Rule negative = ruleFrom("FREQ=DAILY", "20240131T100000");
@@ -242,18 +257,71 @@ TEST(KBTCalRepetition, TheEndOfACountedSeriesIsItsLastOccurrence) {
   EXPECT_EQ(seriesOf(*negative, 3), "20240131T1000 end");
 }
 
-// Many steps taken at once must lead where single ones do, however clocks were set on the way.
-TEST(KBTCalRepetition, CountsManyShortStepsAsItTakesThem) {
-  for (const char* zoneName : {"America/New_York", "Australia/Lord_Howe", "America/Sao_Paulo"}) {
-    const ScopedTimeZone zone(zoneName);
-    for (const char* text : {"FREQ=MINUTELY;INTERVAL=7", "FREQ=HOURLY", "FREQ=HOURLY;INTERVAL=5"}) {
-      const Rule rule = ruleFrom(text, "20170131T100000");
-      KBTRepetitionInstance instance = rule->firstRepetitionInstance();
-      for (int i = 0; i < 20'000; ++i) instance = rule->nextRepetitionInstance(instance);
-      rule->setRecurrenceCount(20'001);
-      EXPECT_EQ(rule->endDate(), KBTCalRepetition::dateForInstance(instance))
-          << text << " in " << zoneName;
-    }
+// Many steps taken at once must lead where single ones do, however clocks were set on the way and
+// whenever the walk comes round.
+TEST(KBTCalRepetition, CountsManyStepsAsItTakesThem) {
+  constexpr const char* rules[] = {"MINUTELY",
+                                   "HOURLY",
+                                   "HOURLY",
+                                   "DAILY",
+                                   "WEEKLY",
+                                   "WEEKLY;WKST=WE;BYDAY=TU,WE",
+                                   "MONTHLY",
+                                   "MONTHLY;BYMONTHDAY=29,31,-31",
+                                   "MONTHLY;BYDAY=5MO",
+                                   "MONTHLY;BYDAY=-1SU",
+                                   "MONTHLY;BYDAY=TU,SA;BYSETPOS=5,-5",
+                                   "YEARLY",
+                                   "YEARLY;BYMONTH=3,11",
+                                   "YEARLY;BYMONTH=2;BYMONTHDAY=29",
+                                   "YEARLY;BYMONTH=2;BYDAY=5SU",
+                                   "YEARLY;BYMONTH=2,4,3;BYDAY=2SU"};
+  constexpr int intervals[] = {1, 2, 5, 12, 30, 97, 400, 773, 1200, 8766};
+  constexpr const char* zones[] = {"America/New_York", "Australia/Lord_Howe", "America/Sao_Paulo",
+                                   "America/Nuuk", "Africa/Cairo"};
+  std::mt19937 random(8);
+  const auto oneOf = [&random](const auto& all) { return all[random() % std::size(all)]; };
+  for (int round = 0; round < 10'000; ++round) {
+    const ScopedTimeZone zone(oneOf(zones));
+    const Rule rule = ruleOf(std::string("FREQ=") + oneOf(rules) +
+                             ";INTERVAL=" + std::to_string(oneOf(intervals)));
+    const std::int64_t month = (round % 4 == 0 ? 1850 : 2250) * 12 + random() % 1200;
+    rule->setStartDate(NSCalendar::currentCalendar().dateFromComponents(
+        {0, month, random() % 31 + 1, random() % 4, random() % 60, random() % 60}));
+    const std::int64_t last = random() % (1U << random() % 12);
+    KBTRepetitionInstance instance = rule->firstRepetitionInstance();
+    while (instance.occurrence != last) instance = rule->nextRepetitionInstance(instance);
+    rule->setRecurrenceCount(last + 1);
+    ASSERT_EQ(rule->endDate(), KBTCalRepetition::dateForInstance(instance))
+        << rule->rrule() << " from " << rule->startDate()->description() << " in "
+        << NSTimeZone::defaultTimeZone().name();
+  }
+}
+
+// Rules are a stranger's text: whatever they ask for, a walk is short.
+TEST(KBTCalRepetition, TakesFewStepsThroughAnyRule) {
+  const ScopedTimeZone zone("America/New_York");
+  const struct {
+    const char* rule;
+    std::uint64_t most;
+  } rows[] = {
+      {"MINUTELY", 3'000},
+      {"HOURLY;INTERVAL=4001", 300'000},
+      {"DAILY;INTERVAL=7", 0},
+      {"WEEKLY;BYDAY=SU,MO,TU,WE,TH,FR,SA", 600'000},
+      {"MONTHLY;INTERVAL=11;BYMONTHDAY=1,2,3,4,5,6,7,8,9", 200'000},
+      // These never match.
+      {"MONTHLY;INTERVAL=12;BYMONTHDAY=31", 1'500},
+      {"YEARLY;BYMONTH=2;BYMONTHDAY=30,31", 1'500},
+      {"YEARLY;INTERVAL=7;BYMONTH=2,4,6,9,11;BYMONTHDAY=31", 10'000},
+      {"YEARLY;INTERVAL=100;BYMONTH=2;BYMONTHDAY=29", 50},
+  };
+  for (const auto& row : rows) {
+    const Rule rule =
+        ruleFrom(std::string("FREQ=") + row.rule + ";COUNT=9223372036854775807", "20230228T100000");
+    const std::uint64_t before = RepetitionCycle::stepsOfThread();
+    EXPECT_EQ(rule->endDate(), std::nullopt) << row.rule;
+    EXPECT_LE(RepetitionCycle::stepsOfThread() - before, row.most) << row.rule;
   }
 }
 

@@ -39,6 +39,12 @@ constexpr std::int64_t boundedAmount(std::int64_t amount) {
   return std::clamp(amount, -largest, largest);
 }
 
+/// The product of two amounts that are positive, held within the same bounds.
+constexpr std::int64_t boundedProduct(std::int64_t a, std::int64_t b) {
+  constexpr std::int64_t largest = boundedAmount(std::numeric_limits<std::int64_t>::max());
+  return a > largest / b ? largest : a * b;
+}
+
 /// Rounds down; `divisor` is positive.
 constexpr std::int64_t floorDivide(std::int64_t number, std::int64_t divisor) {
   return number / divisor - (number % divisor < 0 ? 1 : 0);

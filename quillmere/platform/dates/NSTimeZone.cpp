@@ -90,6 +90,20 @@ std::optional<std::string_view> lookUp(const Alias (&table)[Count], std::string_
   return found->second;
 }
 
+// What the database's folder also holds: names for whatever this machine is set to, and every zone
+// once more, with and without leap seconds.
+constexpr std::string_view machineFiles[] = {"localtime", "posixrules"};
+constexpr std::string_view copiesFolders[] = {"posix/", "right/"};
+
+// In lower case, since a file system may not tell cases apart.
+bool isNameOfZone(std::string name) {
+  for (char& c : name) c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+  return std::find(std::begin(machineFiles), std::end(machineFiles), name) ==
+             std::end(machineFiles) &&
+         std::none_of(std::begin(copiesFolders), std::end(copiesFolders),
+                      [&name](std::string_view folder) { return name.starts_with(folder); });
+}
+
 // The name comes from a document and becomes a path below the zone database, so nothing that could
 // lead out of it or mean something else to the loader is let through.
 bool isZoneFile(const std::string& name) {
@@ -101,6 +115,7 @@ bool isZoneFile(const std::string& name) {
   const bool isPlainPath = !name.empty() && name.front() != '/' && name.back() != '/' &&
                            name.find("//") == std::string::npos;
   if (!isPlainPath || !std::all_of(name.begin(), name.end(), allowed)) return false;
+  if (!isNameOfZone(name)) return false;
   const char* folder = std::getenv("TZDIR");
   std::error_code error;
   return std::filesystem::is_regular_file(

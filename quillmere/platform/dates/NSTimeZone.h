@@ -17,8 +17,9 @@ class QUILLMERE_EXPORT NSTimeZone {
  public:
   /// The zone of that name: of a file in the system's zone database, so an IANA name such as
   /// "Europe/Paris", or else a Windows name ("W. Europe Standard Time"), which Outlook and Exchange
-  /// write, by CLDR's mapping. Null for any other text. The first use of a zone on a thread reads
-  /// its file.
+  /// write, by CLDR's mapping. Null for any other text, also for "localtime" and "posixrules",
+  /// which are other zones on other machines, and for the copies of zones below "posix/" and
+  /// "right/". The first use of a zone on a thread reads its file.
   static std::optional<NSTimeZone> timeZoneWithName(std::string_view name);
 
   /// The zone that a published table gives for an abbreviation such as "PST" or "CEST". Null for

@@ -22,10 +22,9 @@ std::int64_t secondsOf(const cctz::civil_second& civil) { return civil - cctz::c
 // clock around it. A table of yearly rules ends after 400 years, and then begins again.
 std::int64_t cyclesAfterTable(const cctz::time_zone& zone, std::int64_t instant) {
   constexpr std::int64_t secondsPerCycle = daysPerCycle * secondsPerDay;
-  constexpr int firstYearOfRulesOnly = 2300;
   cctz::time_zone::civil_transition last;
   if (!zone.prev_transition(pointAt(instant + 1), &last)) return 0;
-  if (last.to.year() < firstYearOfRulesOnly) return 0;
+  if (last.to.year() < WallClock::firstYearOfRulesOnly) return 0;
   const std::int64_t end = zone.lookup(last.from - 1).pre.time_since_epoch().count();
   return ((instant - end) / secondsPerCycle + 1) * secondsPerCycle;
 }

@@ -12,6 +12,10 @@ namespace quillmere {
 /// zone a few times a year.
 class WallClock {
  public:
+  /// From this year on clocks are set by yearly rules alone, if at all, and so in the same way
+  /// every 400 years.
+  static constexpr int firstYearOfRulesOnly = 2300;
+
   /// The default zone's, for this thread; good until the default zone changes.
   static WallClock& current();
 
@@ -25,6 +29,13 @@ class WallClock {
   std::int64_t wallTimeAt(std::int64_t instant) {
     if (instant < begin_ || instant >= end_) findSpanAt(instant);
     return instant + offset_;
+  }
+
+  /// The instant at which the setting ends that the clock has at `instant`: that of the next one,
+  /// or far beyond the calendar.
+  std::int64_t endOfSettingAt(std::int64_t instant) {
+    if (instant < begin_ || instant >= end_) findSpanAt(instant);
+    return end_;
   }
 
  private:

@@ -1,7 +1,6 @@
 // The small pieces of the base layer: data, errors, texts, UUIDs and scans.
 
 #include <gtest/gtest.h>
-#include <libintl.h>
 #include <quillmere/platform/base/ByteScan.h>
 #include <quillmere/platform/base/CFUUID.h>
 #include <quillmere/platform/base/KSStringTable.h>
@@ -9,12 +8,9 @@
 #include <quillmere/platform/base/NSError.h>
 
 #include <cerrno>
-#include <clocale>
-#include <cstdlib>
-#include <filesystem>
 #include <random>
 
-#include "tests/support/TemporaryFolder.h"
+#include "tests/support/ScopedTranslation.h"
 
 namespace quillmere {
 namespace {
@@ -47,42 +43,13 @@ TEST(NSError, TellsItsTextFromTheUserInfoOrFromDomainAndCode) {
   EXPECT_EQ(NSError::errorWithPOSIXCode(ENOSPC)->localizedDescription(), "No space left on device");
 }
 
-// A message catalogue with one text, as msgfmt writes it: header, a table each for the texts and
-// their translations (length and offset), and the texts.
-std::string messageCatalogue(const std::string& text, const std::string& translation) {
-  const auto word = [](std::size_t number) {
-    const auto value = static_cast<std::uint32_t>(number);
-    return std::string(reinterpret_cast<const char*>(&value), sizeof value);
-  };
-  constexpr std::size_t header = 28;
-  constexpr std::size_t table = 16;
-  const std::string encoding = "Content-Type: text/plain; charset=UTF-8\n";
-  const std::string strings[] = {"", text, encoding, translation};
-  std::string tables, texts;
-  for (const std::string& string : strings) {
-    tables += word(string.size()) + word(header + 2 * table + texts.size());
-    texts += string + '\0';
-  }
-  return word(0x950412de) + word(0) + word(2) + word(header) + word(header + table) + word(0) +
-         word(0) + tables + texts;
-}
-
 TEST(KSLocalizedString, IsTheHostsTranslationOrTheEnglishText) {
   constexpr const char* english = "Unknown value \"%@\" for FREQ";
   EXPECT_EQ(KSLocalizedString(english, "daily"), "Unknown value \"daily\" for FREQ");
   EXPECT_EQ(KSLocalizedString("a %@ b %@", "x"), "a x b %@");
 
-  const testing::TemporaryFolder folder;
-  std::filesystem::create_directories(folder / "de/LC_MESSAGES");
-  testing::writeFile(folder / "de/LC_MESSAGES/Quillmere.mo",
-                     messageCatalogue(english, "Unbekannter Wert für FREQ: %@"));
-  ::bindtextdomain("Quillmere", (folder / "").c_str());
-  ASSERT_TRUE(::setlocale(LC_ALL, "C.UTF-8"));
-  ::setenv("LANGUAGE", "de", 1);
-  const std::string translated = KSLocalizedString(english, "daily");
-  ::unsetenv("LANGUAGE");
-  ::setlocale(LC_ALL, "C");
-  EXPECT_EQ(translated, "Unbekannter Wert für FREQ: daily");
+  const testing::ScopedTranslation translation(english, "Unbekannter Wert für FREQ: %@");
+  EXPECT_EQ(KSLocalizedString(english, "daily"), "Unbekannter Wert für FREQ: daily");
 }
 
 TEST(CFUUID, IsRandomOfVersionFourAndUpperCase) {

@@ -35,15 +35,26 @@ TEST(NSDate, StaysAtTheEndsOfItsRange) {
   const auto first =
       NSDate::dateWithMicrosecondsSince1970(std::numeric_limits<std::int64_t>::min());
   EXPECT_EQ(last.dateByAddingSeconds(1), last);
+  EXPECT_EQ(last.dateByAddingSeconds(-1).microsecondsSince1970(), 9223372036853775807);
   EXPECT_EQ(first.dateByAddingSeconds(9223372036855).microsecondsSince1970(), 224192);
   EXPECT_EQ(last.icsDateString(), "99991231T235959Z");
   EXPECT_EQ(first.icsDateString(), "00010101T000000Z");
   EXPECT_EQ(first.dateByAddingSeconds(-1), first);
   EXPECT_EQ(seconds(0).dateByAddingSeconds(std::numeric_limits<std::int64_t>::min()), first);
-  EXPECT_EQ(NSDate::dateWithTimeIntervalSince1970(1e300), last);
-  EXPECT_EQ(NSDate::dateWithTimeIntervalSince1970(-INFINITY), first);
-  EXPECT_EQ(NSDate::dateWithTimeIntervalSince1970(NAN), seconds(0));
-  EXPECT_EQ(NSDate::dateWithTimeIntervalSince1970(-0.25).timeIntervalSince1970(), -0.25);
+  const struct {
+    double seconds;
+    std::int64_t microseconds;
+  } rows[] = {{1.6e-6, 2},
+              {1.4e-6, 1},
+              {9223372036854.775808, last.microsecondsSince1970()},  // the first beyond the range
+              {1e300, last.microsecondsSince1970()},
+              {-INFINITY, first.microsecondsSince1970()},
+              {NAN, 0}};
+  for (const auto& row : rows) {
+    EXPECT_EQ(NSDate::dateWithTimeIntervalSince1970(row.seconds).microsecondsSince1970(),
+              row.microseconds);
+  }
+  EXPECT_EQ(seconds(-1).timeIntervalSince1970(), -1);
   EXPECT_TRUE(first.xmlDateString().ends_with(".224192Z")) << first.xmlDateString();
 }
 

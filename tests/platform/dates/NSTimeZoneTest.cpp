@@ -2,8 +2,10 @@
 #include <quillmere/platform/dates/NSTimeZone.h>
 
 #include <cstdlib>
+#include <filesystem>
 
 #include "tests/support/ScopedTimeZone.h"
+#include "tests/support/TemporaryFolder.h"
 
 namespace quillmere {
 namespace {
@@ -14,7 +16,8 @@ TEST(NSTimeZone, KnowsIANAAndWindowsNames) {
     const char* name;
   } cases[] = {
       {"Europe/Paris", "Europe/Paris"},
-      {"Etc/GMT+5", "Etc/GMT+5"},
+      {"Etc/GMT+9", "Etc/GMT+9"},
+      {"Etc/GMT+10", "Etc/GMT+10"},
       {"W. Europe Standard Time", "Europe/Berlin"},
       {"AUS Central Standard Time", "Australia/Darwin"},  // first of the table
       {"Yukon Standard Time", "America/Whitehorse"},      // last of the table
@@ -38,6 +41,26 @@ TEST(NSTimeZone, RefusesEveryOtherName) {
   using std::string_view;
   EXPECT_EQ(NSTimeZone::timeZoneWithName(string_view("Europe/Paris\0", 13)), std::nullopt);
   EXPECT_EQ(NSTimeZone::timeZoneWithName(std::string(1 << 20, 'A')), std::nullopt);
+}
+
+// The zone database holds other files, too. A file system may not tell cases apart.
+TEST(NSTimeZone, RefusesWhatIsNoZonesOwnFile) {
+  for (const char* name : {"localtime", "posixrules", "posix/Europe/Paris", "right/Europe/Paris",
+                           "./localtime", "Europe/../localtime", "/etc/localtime"}) {
+    EXPECT_EQ(NSTimeZone::timeZoneWithName(name), std::nullopt) << name;
+  }
+  const testing::TemporaryFolder folder;
+  std::filesystem::create_directories(folder / "Right");
+  for (const char* name : {"LOCALTIME", "PosixRuleZ", "Right/Paris", "Rightly"}) {
+    std::filesystem::copy_file("/usr/share/zoneinfo/Europe/Paris", folder / name);
+  }
+  ::setenv("TZDIR", (folder / "").c_str(), 1);
+  const auto isZone = [](const char* name) {
+    return NSTimeZone::timeZoneWithName(name).has_value();
+  };
+  EXPECT_TRUE(isZone("PosixRuleZ") && isZone("Rightly"));
+  EXPECT_FALSE(isZone("LOCALTIME") || isZone("Right/Paris"));
+  ::unsetenv("TZDIR");
 }
 
 TEST(NSTimeZone, KnowsAbbreviationsExactly) {

@@ -38,7 +38,8 @@ constexpr const char* zones[] = {"UTC",
                                  "Pacific/Apia",
                                  "Africa/Freetown",
                                  "Antarctica/Troll",
-                                 "Europe/Dublin"};
+                                 "Europe/Dublin",
+                                 "Asia/Tokyo"};
 
 TEST(WallClock, AgreesWithTheZoneAnywhere) {
   std::mt19937_64 random(4);
