@@ -13,7 +13,7 @@
 namespace quillmere {
 namespace {
 
-using testing::FileCall, testing::FileFault, testing::Item, testing::readFile,
+using testing::FileCall, testing::FileFault, testing::FileMoment, testing::Item, testing::readFile,
     testing::RecordingDelegate, testing::TemporaryFolder, testing::writeFile;
 using Log = std::vector<std::string>;
 
@@ -136,6 +136,56 @@ TEST_F(FileCalendar, ItsOwnSaveIsNoExternalChange) {
   other->setDelegate(host);
   other->fetchExternalChanges();
   EXPECT_EQ(host->take(), (Log{"began", "new a 1", "fetched"}));
+}
+
+TEST_F(FileCalendar, SeesWhatAnotherProgramWritesMeanwhile) {
+  enum class Does { replaces, writes, makes, removes };
+  struct Case {
+    const char* what;
+    FileCall during;
+    Does others;
+    bool isSaved;
+    bool isFailing;
+  };
+  const Case cases[] = {
+      {"replaced before it is read", FileCall::open, Does::replaces, false, false},
+      {"written to while it is read", FileCall::read, Does::writes, false, false},
+      {"replaced while it is read", FileCall::read, Does::replaces, false, false},
+      {"replaced after a save", FileCall::rename, Does::replaces, true, false},
+      {"replaced during a save that fails", FileCall::write, Does::replaces, true, true},
+      {"made when it could not be opened", FileCall::open, Does::makes, false, true},
+      {"gone when it was to be opened", FileCall::open, Does::removes, false, true},
+  };
+  for (const Case& c : cases) {
+    const auto own = KBTFileCalendar::initWithPath(path);
+    own->setDelegate(host);
+    own->insertObject(Item::make("a", "1", eventDocument("1")));
+    const auto putYounger = [&](const std::string& at) {
+      writeFile(at, eventDocument("2"));
+      touch(at, someDate + std::int64_t{100} * 365 * 86'400 * 1'000'000);
+    };
+    writeFile(path, eventDocument("1"));
+    touch(path, someDate);
+    if (c.others == Does::makes) std::filesystem::remove(path);
+    const FileMoment moment(c.during, [&] {
+      if (c.others == Does::removes) {
+        std::filesystem::remove(path);
+      } else if (c.others == Does::replaces) {
+        putYounger(folder / "other");
+        std::filesystem::rename(folder / "other", path);
+      } else {
+        putYounger(path);
+      }
+    });
+    {
+      const FileFault fault(c.isSaved ? FileCall::fsync : FileCall::open, c.isFailing ? 1 : 0, EIO);
+      c.isSaved ? own->saveChanges() : own->fetchExternalChanges();
+    }
+    host->take();
+    if (c.others == Does::removes) writeFile(path, eventDocument("2")), touch(path, someDate);
+    own->fetchExternalChanges();
+    EXPECT_EQ(host->take().front(), "began") << c.what;
+  }
 }
 
 TEST_F(FileCalendar, AFailedWriteIsReportedAsASaveAndLeavesTheOldFile) {
