@@ -259,8 +259,36 @@ TEST(EventDatabase, LeavesForeignFilesAsTheyAre) {
   query(folder / "other id", "PRAGMA application_id = 7; CREATE TABLE t(a)");
   query(folder / "hollow",
         "PRAGMA application_id = 1366115702; PRAGMA user_version = 1; CREATE TABLE t(a)");
-  { const EventHost host(folder / "later version"); }
-  query(folder / "later version", "PRAGMA user_version = 99");
+  // Ours, but for one thing.
+  const auto rewrite = [](const std::string& from, const std::string& to) {
+    return "PRAGMA writable_schema = ON; UPDATE sqlite_master SET sql = replace(sql, '" + from +
+           "', '" + to + "')";
+  };
+  const std::string endless = " AS WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i FROM n) ";
+  const std::pair<const char*, std::string> changed[] = {
+      {"later version", "PRAGMA user_version = 99"},
+      {"earlier version", "PRAGMA user_version = -1"},
+      {"half made", "PRAGMA user_version = 0"},
+      {"trigger", "CREATE TRIGGER t AFTER INSERT ON events BEGIN DELETE FROM calendars; END"},
+      {"endless view", "CREATE VIEW v" + endless + "SELECT i FROM n"},
+      {"view for a table", "DROP TABLE exceptions; CREATE VIEW exceptions" + endless +
+                               "SELECT i AS series, i AS occurrence FROM n"},
+      {"computed column", "ALTER TABLE events ADD COLUMN long ANY AS (hex(zeroblob(100000000)))"},
+      {"check", rewrite("title TEXT)", "title TEXT CHECK(length(hex(zeroblob(100000000)))))")},
+      {"collation", rewrite("NOT NULL UNIQUE", "NOT NULL COLLATE nocase UNIQUE")},
+      {"fewer indexes", "DROP INDEX events_in_time"},
+      {"expression index", "CREATE INDEX i ON events(hex(zeroblob(100000000)))"},
+      {"another table", "CREATE TABLE sessions(id)"},
+      {"false schema",
+       "CREATE TABLE t AS SELECT * FROM sqlite_master; PRAGMA writable_schema = ON;"
+       "UPDATE sqlite_master SET name = 'sqlite_schema', tbl_name = 'sqlite_schema',"
+       " sql = replace(sql, 'TABLE t', 'TABLE sqlite_schema') WHERE name = 't'"}};
+  std::vector<std::string> refused;
+  for (const auto& [name, sql] : changed) {
+    { const EventHost host(folder / name); }
+    ASSERT_EQ(query(folder / name, sql.c_str()), "");
+    refused.emplace_back(name);
+  }
   // With a log that would be written back as soon as somebody read and closed the database.
   query(folder / "live", "PRAGMA journal_mode = WAL; CREATE TABLE t(a)");
   sqlite3* live = nullptr;
@@ -269,11 +297,22 @@ TEST(EventDatabase, LeavesForeignFilesAsTheyAre) {
   fs::copy(folder / "live", folder / "crashed");
   fs::copy(folder / "live-wal", folder / "crashed-wal");
   sqlite3_close(live);
+  {
+    const EventHost host(folder / "ours");
+    query(folder / "ours", "CREATE TRIGGER t AFTER INSERT ON events BEGIN SELECT 1; END");
+    for (const char* suffix : {"", "-wal", "-shm"}) {
+      fs::copy(folder / "ours" + suffix, folder / "trigger in the log" + suffix);
+    }
+  }
   ASSERT_EQ(::mkfifo((folder / "pipe").c_str(), 0600), 0);
   fs::create_directory(folder / "directory");
 
-  for (const char* name : {"text", "long text", "magic only", "other's", "other id", "hollow",
-                           "later version", "crashed", "pipe", "directory", "no/such/folder"}) {
+  for (const char* name :
+       {"text", "long text", "magic only", "other's", "other id", "hollow", "crashed",
+        "trigger in the log", "pipe", "directory", "no/such/folder"}) {
+    refused.emplace_back(name);
+  }
+  for (const std::string& name : refused) {
     const bool isFile = fs::is_regular_file(folder / name);
     const std::string before = isFile ? readFile(folder / name) : "";
     const std::size_t entries = folder.entryCount();
@@ -286,6 +325,34 @@ TEST(EventDatabase, LeavesForeignFilesAsTheyAre) {
     EXPECT_EQ(folder.entryCount(), entries) << name;
   }
   EXPECT_EQ(query(folder / "crashed", "SELECT a FROM t"), "1");
+}
+
+TEST(EventDatabase, OpensWhatEarlierProgramsHaveLeft) {
+  const TemporaryFolder folder;
+  const EventHost host(folder / "live");
+  ASSERT_EQ(host.save(anEvent(host)), nullptr);
+  query(folder / "live",
+        "ANALYZE; CREATE TABLE t(a INTEGER PRIMARY KEY AUTOINCREMENT); DROP TABLE t");
+  // With a log that was never written back.
+  for (const char* suffix : {"", "-wal"}) {
+    fs::copy(folder / "live" + suffix, folder / "crashed" + suffix);
+  }
+  const EventHost crashed(folder / "crashed");
+  EXPECT_THAT(crashed.events(january, february), SizeIs(1));
+  EXPECT_EQ(query(folder / "crashed",
+                  "SELECT group_concat(name) FROM sqlite_master"
+                  " WHERE name LIKE 'sqlite_s%'"),
+            "sqlite_stat1,sqlite_sequence");
+  // What another program adds meanwhile is not carried out.
+  query(folder / "crashed",
+        "CREATE TRIGGER t AFTER INSERT ON events BEGIN DELETE FROM calendars; END");
+  ASSERT_EQ(crashed.save(anEvent(crashed)), nullptr);
+  EXPECT_THAT(crashed.events(january, february), SizeIs(2));
+  // The text of the schema, of which no released database may differ.
+  EXPECT_EQ(query(folder / "live",
+                  "SELECT group_concat(length(sql)) FROM sqlite_master"
+                  " WHERE name NOT LIKE 'sqlite_%'"),
+            "126,578,200,101,103,61");
 }
 
 TEST(EventDatabase, IsReadWhereItCannotBeWritten) {
