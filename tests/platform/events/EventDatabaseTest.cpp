@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <quillmere/platform/base/HWPreference.h>
+#include <quillmere/platform/events/ChangeWatch.h>
 #include <quillmere/platform/events/EKEventStore.h>
+#include <quillmere/platform/events/EventRecord.h>
 #include <quillmere/platform/notifications/NSNotificationCenter.h>
 #include <sqlite3.h>
 #include <sys/resource.h>
@@ -13,6 +15,7 @@
 
 #include <csignal>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <random>
 #include <set>
@@ -21,6 +24,37 @@
 
 #include "tests/platform/events/EventHost.h"
 #include "tests/support/TemporaryFolder.h"
+
+namespace {
+
+std::function<void()> insteadOfSleep;         // once
+std::vector<unsigned>* timerWaits = nullptr;  // of timers, which then ring at once
+
+}  // namespace
+
+// These stand in for the C library's and GLib's.
+extern "C" {
+
+int usleep(useconds_t microseconds) {
+  if (insteadOfSleep) {
+    std::exchange(insteadOfSleep, nullptr)();
+    return 0;
+  }
+  const timespec time{microseconds / 1'000'000, microseconds % 1'000'000 * 1000};
+  return ::nanosleep(&time, nullptr);
+}
+
+guint g_timeout_add_full(gint priority, guint milliseconds, GSourceFunc function, gpointer data,
+                         GDestroyNotify drop) {
+  if (timerWaits) timerWaits->push_back(milliseconds);
+  GSource* const source = g_timeout_source_new(timerWaits ? 0 : milliseconds);
+  g_source_set_priority(source, priority);
+  g_source_set_callback(source, function, data, drop);
+  const guint identifier = g_source_attach(source, nullptr);
+  g_source_unref(source);
+  return identifier;
+}
+}
 
 namespace quillmere {
 namespace {
@@ -259,6 +293,7 @@ TEST(EventDatabase, LeavesForeignFilesAsTheyAre) {
   query(folder / "other id", "PRAGMA application_id = 7; CREATE TABLE t(a)");
   query(folder / "hollow",
         "PRAGMA application_id = 1366115702; PRAGMA user_version = 1; CREATE TABLE t(a)");
+  query(folder / "no version", "PRAGMA application_id = 1366115702; PRAGMA user_version = -1");
   // Ours, but for one thing.
   const auto rewrite = [](const std::string& from, const std::string& to) {
     return "PRAGMA writable_schema = ON; UPDATE sqlite_master SET sql = replace(sql, '" + from +
@@ -267,7 +302,6 @@ TEST(EventDatabase, LeavesForeignFilesAsTheyAre) {
   const std::string endless = " AS WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i FROM n) ";
   const std::pair<const char*, std::string> changed[] = {
       {"later version", "PRAGMA user_version = 99"},
-      {"earlier version", "PRAGMA user_version = -1"},
       {"half made", "PRAGMA user_version = 0"},
       {"trigger", "CREATE TRIGGER t AFTER INSERT ON events BEGIN DELETE FROM calendars; END"},
       {"endless view", "CREATE VIEW v" + endless + "SELECT i FROM n"},
@@ -308,7 +342,7 @@ TEST(EventDatabase, LeavesForeignFilesAsTheyAre) {
   fs::create_directory(folder / "directory");
 
   for (const char* name :
-       {"text", "long text", "magic only", "other's", "other id", "hollow", "crashed",
+       {"text", "long text", "magic only", "other's", "other id", "hollow", "no version", "crashed",
         "trigger in the log", "pipe", "directory", "no/such/folder"}) {
     refused.emplace_back(name);
   }
@@ -387,6 +421,9 @@ TEST(EventDatabase, IsReadWhereItCannotBeWritten) {
     ASSERT_NE(error->underlyingError(), nullptr);
     EXPECT_EQ(error->underlyingError()->code(), EACCES);
   });
+  writeFile(path + "-wal", "");  // somebody writes it
+  inAnothersHands(
+      0444, [&] { EXPECT_EQ(EKEventStore::initWithDatabasePath_error(path, nullptr), nullptr); });
   fs::permissions(folder / "folder", fs::perms(0755));
 }
 
@@ -410,6 +447,7 @@ TEST(EventDatabase, GoesOnAfterItMayNotGrow) {
     ::setrlimit(RLIMIT_FSIZE, &before);
     ASSERT_NE(error, nullptr);
     EXPECT_EQ(error->domain(), EKErrorDomain);
+    EXPECT_EQ(error->underlyingError()->code(), SQLITE_IOERR_WRITE);
     EXPECT_THAT(host.events(january, february), SizeIs(saved));
     ASSERT_EQ(save(), nullptr);
     ++saved;
@@ -457,6 +495,69 @@ TEST(EventDatabase, FindsAnIdentifierInEachCalendar) {
   ASSERT_EQ(host.remove(items()[0]), nullptr);
   ASSERT_THAT(items(), SizeIs(1));
   EXPECT_EQ(items()[0]->title(), "second");
+
+  // Any number may stand in a damaged database.
+  query(path, "UPDATE events SET start = -9223372036854775807, end = 9223372036854775807");
+  EXPECT_EQ(items()[0]->startDate(), firstDate);
+  EXPECT_EQ(items()[0]->endDate(), lastDate);
+}
+
+TEST(EventDatabase, KeepsFractionsOfASecondAndNoEmptySeries) {
+  const TemporaryFolder folder;
+  const EventHost host(folder / "events");
+  const NSDate start = dateAfter(january, 250'000);
+  const Event event = host.newEvent("a", start, start);
+  event->setTimeZone(testing::zone("Europe/Paris"));
+  event->setRecurrenceRule("FREQ=DAILY;UNTIL=20240110T000000Z");
+  ASSERT_EQ(host.save(event), nullptr);
+  auto events = host.events(january, february);
+  EXPECT_EQ(events.at(1)->startDate(), start.dateByAddingSeconds(86'400));
+  ASSERT_EQ(host.remove(events[2], EKSpan::futureEvents), nullptr);
+  events = host.events(january, february);
+  ASSERT_THAT(events, SizeIs(2));
+  EXPECT_EQ(events[0]->recurrenceRule(), "FREQ=DAILY;UNTIL=20240102T235959Z");
+  for (const Event& each : events) ASSERT_EQ(host.remove(each), nullptr);
+  EXPECT_EQ(query(folder / "events", "SELECT count(*) FROM events"), "0");
+}
+
+// The other connection has the file until the store waits for it the first time.
+TEST(EventDatabase, WaitsToBeAloneWhenItChangesTheMode) {
+  const TemporaryFolder folder;
+  { const EventHost host(folder / "events"); }
+  query(folder / "events", "PRAGMA journal_mode = DELETE");
+  sqlite3* other = nullptr;
+  ASSERT_EQ(sqlite3_open((folder / "events").c_str(), &other), SQLITE_OK);
+  sqlite3_exec(other, "BEGIN; SELECT * FROM calendars", nullptr, nullptr, nullptr);
+  insteadOfSleep = [&] { sqlite3_exec(other, "COMMIT", nullptr, nullptr, nullptr); };
+  EXPECT_NE(EKEventStore::initWithDatabasePath_error(folder / "events", nullptr), nullptr);
+  EXPECT_FALSE(insteadOfSleep) << "it has not waited";
+  sqlite3_close(other);
+}
+
+// Milliseconds until each timer since `waits` was emptied.
+TEST(ChangeWatch, AsksEverMoreSeldomUntilItKnows) {
+  const TemporaryFolder folder;
+  writeFile(folder / "file", "");
+  bool isKnown = false;
+  int asked = 0;
+  const ChangeWatch watch(folder / "file", [&] { return ++asked, isKnown; });
+  std::vector<unsigned> waited;
+  timerWaits = &waited;
+  const std::vector<unsigned> all = {5, 10, 20, 40, 80, 160, 320, 640, 1280, 2560};
+  for (int round = 0; round != 2; ++round) {
+    waited.clear();
+    asked = 0;
+    std::ofstream(folder / "file") << "a";
+    EXPECT_TRUE(runUntil([&] { return asked == 11; }));
+    EXPECT_EQ(waited, all);
+  }
+  waited.clear();
+  asked = 0;
+  isKnown = true;
+  std::ofstream(folder / "file", std::ios::app) << "b";
+  EXPECT_TRUE(runUntil([&] { return asked == 1; }));
+  EXPECT_THAT(waited, IsEmpty());
+  timerWaits = nullptr;
 }
 
 TEST(EventDatabase, IsTheUsersOwnUnlessTheHostSaysAnother) {
@@ -483,6 +584,16 @@ TEST(EventDatabase, IsTheUsersOwnUnlessTheHostSaysAnother) {
   const std::string path = folder / "data/quillmere/events.sqlite";
   EXPECT_EQ(query(path, "SELECT count(*) FROM calendars"), "1");
   EXPECT_EQ(fs::status(path).permissions(), fs::perms(0600));
+
+  inASession([&] {
+    ::setenv("HOME", (folder / "home").c_str(), 1);
+    ::setenv("XDG_DATA_HOME", "relative", 1);  // which does not count
+    fs::current_path(folder / "");
+    saveTo("");
+  });
+  EXPECT_EQ(
+      query(folder / "home/.local/share/quillmere/events.sqlite", "SELECT count(*) FROM calendars"),
+      "1");
 
   // A store that cannot be opened says so, and has nothing.
   writeFile(path, "damaged");

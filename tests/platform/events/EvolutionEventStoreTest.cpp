@@ -41,6 +41,37 @@ TEST(EvolutionEventStore, TellsOtherStoresOfChanges) {
   EXPECT_TRUE(runUntil([&] { return posted >= 2; }));
 }
 
+TEST(EvolutionEventStore, TellsOfCalendarsThatOthersChange) {
+  const EventHost host;
+  const auto other = EKEventStore::init();
+  const auto calendar = EKCalendar::calendar();
+  int posted = 0;
+  const auto observation =
+      NSNotificationCenter::defaultCenter().addObserverForName_object_usingBlock(
+          EKEventStoreChangedNotification, other, [&](const NSNotification&) { ++posted; });
+  for (const auto change :
+       {&EKEventStore::saveCalendar_commit_error, &EKEventStore::saveCalendar_commit_error,
+        &EKEventStore::removeCalendar_commit_error}) {
+    runUntil([end = NSDate::date().dateByAddingSeconds(1)] { return NSDate::date() > end; });
+    posted = 0;
+    calendar->setTitle(calendar->title().value_or("") + "x");
+    ASSERT_TRUE(((*host.store).*change)(calendar, true, nullptr));
+    EXPECT_TRUE(runUntil([&] { return posted != 0; }));
+  }
+}
+
+TEST(EvolutionEventStore, RefusesChangesOfACalendarThatIsOnlyRead) {
+  const EventHost host;
+  for (const auto& calendar : host.store->calendarsForEntityType(EKEntityType::event)) {
+    if (calendar->calendarIdentifier() != "birthdays") continue;
+    const auto event = host.newEvent("a", january, january);
+    event->setCalendar(calendar);
+    EXPECT_EQ(host.save(event)->code(), EKErrorCalendarReadOnly);
+    return;
+  }
+  ADD_FAILURE() << "every session has the contacts' birthdays";
+}
+
 TEST(EvolutionEventStore, MayEndOnAnyThread) {
   const EventHost host;
   const auto event = host.newEvent("a", january, january);
@@ -79,6 +110,7 @@ TEST(EvolutionEventStore, PassesOverEventsThatAreNone) {
       {"RRULE:FREQ=DAILY\r\n", {}},
       {start + "DTEND:20240105T080000Z\r\n", {"20240105T090000Z-20240105T090000Z a"}},
       {start + "DURATION:-PT1H\r\n", {"20240105T090000Z-20240105T090000Z a"}},
+      {start + "DURATION:PT1H\r\n", {"20240105T090000Z-20240105T100000Z a"}},
       {start + "RRULE:FREQ=SOMETIMES\r\n", {"20240105T090000Z-20240105T090000Z a"}},
   };
   for (const Case& c : cases) {
@@ -93,6 +125,11 @@ TEST(EvolutionEventStore, PassesOverEventsThatAreNone) {
         host.store->calendarItemsWithExternalIdentifier(host.calendar->calendarIdentifier()),
         SizeIs(c.expected.size()))
         << c.lines;
+    if (c.expected.empty()) continue;
+    const auto event = host.events(january, february)[0];
+    event->setEndDate(utc("20240105T120000Z"));
+    ASSERT_EQ(host.save(event), nullptr);
+    EXPECT_EQ(host.listing(january, february)[0], "20240105T090000Z-20240105T120000Z a");
   }
 }
 
@@ -117,6 +154,27 @@ TEST(EvolutionEventStore, FindsItemsInEveryCalendarThatCanBeOpened) {
                   event->calendarItemExternalIdentifier(), &error),
               SizeIs(2));
   EXPECT_EQ(error, nullptr);
+
+  // When that is the only one nothing is known.
+  const auto all = host.store->calendarsForEntityType(EKEntityType::event);
+  const auto enableOthers = [&](gboolean isEnabled) {
+    for (const auto& calendar : all) {
+      const std::string& identifier = calendar->calendarIdentifier();
+      if (identifier == e_source_get_uid(closed.get())) continue;
+      const GObjectPtr<ESource> source(
+          e_source_registry_ref_source(registry.get(), identifier.c_str()));
+      e_source_set_enabled(source.get(), isEnabled);
+      EXPECT_TRUE(e_source_write_sync(source.get(), nullptr, nullptr));
+    }
+    const std::size_t expected = isEnabled ? all.size() : 1;
+    EXPECT_TRUE(runUntil([&] {
+      return host.store->calendarsForEntityType(EKEntityType::event).size() == expected;
+    }));
+  };
+  enableOthers(FALSE);
+  EXPECT_THAT(host.store->calendarItemsWithExternalIdentifier("a", &error), IsEmpty());
+  EXPECT_NE(error, nullptr);
+  enableOthers(TRUE);
   const GObjectPtr<ESource> added(
       e_source_registry_ref_source(registry.get(), e_source_get_uid(closed.get())));
   EXPECT_TRUE(e_source_remove_sync(added.get(), nullptr, nullptr));
