@@ -139,52 +139,50 @@ TEST_F(FileCalendar, ItsOwnSaveIsNoExternalChange) {
 }
 
 TEST_F(FileCalendar, SeesWhatAnotherProgramWritesMeanwhile) {
-  enum class Does { replaces, writes, makes, removes };
+  const auto putYounger = [&](const std::string& at) {
+    writeFile(at, eventDocument("2"));
+    touch(at, std::int64_t{2} * someDate);
+  };
+  const auto write = [&] { putYounger(path); };
+  const auto replace = [&] {
+    putYounger(folder / "other");
+    std::filesystem::rename(folder / "other", path);
+  };
+  const auto remove = [&] { std::filesystem::remove(path); };
   struct Case {
     const char* what;
     FileCall during;
-    Does others;
-    bool isSaved;
-    bool isFailing;
+    std::function<void()> work, before, after;
+    bool isSaved = false, isFailing = false;
   };
   const Case cases[] = {
-      {"replaced before it is read", FileCall::open, Does::replaces, false, false},
-      {"written to while it is read", FileCall::read, Does::writes, false, false},
-      {"replaced while it is read", FileCall::read, Does::replaces, false, false},
-      {"replaced after a save", FileCall::rename, Does::replaces, true, false},
-      {"replaced during a save that fails", FileCall::write, Does::replaces, true, true},
-      {"made when it could not be opened", FileCall::open, Does::makes, false, true},
-      {"gone when it was to be opened", FileCall::open, Does::removes, false, true},
+      {"replaced before it is read", FileCall::open, replace},
+      {"replaced while it is read", FileCall::read, replace},
+      {"written to while it is read", FileCall::read, write},
+      {"made when it could not be opened", FileCall::open, write, remove, {}, false, true},
+      {"gone for a moment when it was to be opened",
+       FileCall::open,
+       remove,
+       {},
+       write,
+       false,
+       true},
+      {"replaced after a save", FileCall::rename, replace, {}, {}, true},
+      {"replaced during a save that fails", FileCall::write, replace, {}, {}, true, true},
   };
   for (const Case& c : cases) {
-    const auto own = KBTFileCalendar::initWithPath(path);
-    own->setDelegate(host);
-    own->insertObject(Item::make("a", "1", eventDocument("1")));
-    const auto putYounger = [&](const std::string& at) {
-      writeFile(at, eventDocument("2"));
-      touch(at, someDate + std::int64_t{100} * 365 * 86'400 * 1'000'000);
-    };
+    calendar->setCachingString(std::nullopt);
     writeFile(path, eventDocument("1"));
     touch(path, someDate);
-    if (c.others == Does::makes) std::filesystem::remove(path);
-    const FileMoment moment(c.during, [&] {
-      if (c.others == Does::removes) {
-        std::filesystem::remove(path);
-      } else if (c.others == Does::replaces) {
-        putYounger(folder / "other");
-        std::filesystem::rename(folder / "other", path);
-      } else {
-        putYounger(path);
-      }
-    });
+    if (c.before) c.before();
     {
+      const FileMoment moment(c.during, c.work);
       const FileFault fault(c.isSaved ? FileCall::fsync : FileCall::open, c.isFailing ? 1 : 0, EIO);
-      c.isSaved ? own->saveChanges() : own->fetchExternalChanges();
+      c.isSaved ? calendar->saveChanges() : calendar->fetchExternalChanges();
     }
     host->take();
-    if (c.others == Does::removes) writeFile(path, eventDocument("2")), touch(path, someDate);
-    own->fetchExternalChanges();
-    EXPECT_EQ(host->take().front(), "began") << c.what;
+    if (c.after) c.after(), touch(path, someDate);
+    EXPECT_EQ(fetch().front(), "began") << c.what;
   }
 }
 

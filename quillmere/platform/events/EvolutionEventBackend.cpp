@@ -1,4 +1,5 @@
 #include <libecal/libecal.h>
+#include <quillmere/platform/dates/CivilDate.h>
 #include <quillmere/platform/events/EvolutionComponent.h>
 #include <quillmere/platform/events/EvolutionEventBackend.h>
 #include <quillmere/platform/events/Recurrence.h>
@@ -170,10 +171,13 @@ class EvolutionEventBackend : public EventBackend,
     const std::lock_guard lock(mutex_);
     from = std::clamp(from, firstDate, lastDate);
     to = std::clamp(to, firstDate, lastDate);
+    // The service takes wall times for UTC: those of floating and all-day events.
+    const NSDate earliest = std::max(from.dateByAddingSeconds(-secondsPerDay), firstDate);
+    const NSDate latest = std::min(to.dateByAddingSeconds(secondsPerDay), lastDate);
     // An event at the very beginning, without length, is found by the second before it.
     const std::string query = "(occur-in-time-range? (make-time \"" +
-                              from.dateByAddingSeconds(-1).icsDateString() + "\") (make-time \"" +
-                              to.icsDateString() + "\"))";
+                              earliest.dateByAddingSeconds(-1).icsDateString() +
+                              "\") (make-time \"" + latest.icsDateString() + "\"))";
     Outcome outcome;
     GSList* list = nullptr;
     const bool isRead = ask(calendar, Repeated::asOnce, outcome, [&](ECalClient* client) {
