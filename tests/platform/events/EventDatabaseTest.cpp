@@ -506,6 +506,9 @@ TEST(EventDatabase, KeepsFractionsOfASecondAndNoEmptySeries) {
   ASSERT_THAT(events, SizeIs(2));
   EXPECT_GT(events[0]->lastModifiedDate(), event->lastModifiedDate());
   EXPECT_EQ(events[0]->recurrenceRule(), "FREQ=DAILY;UNTIL=20240102T235959Z");
+  const auto cut = events[0]->lastModifiedDate();
+  ASSERT_EQ(host.save(events[0], EKSpan::futureEvents), nullptr);
+  EXPECT_GT(events[0]->lastModifiedDate(), cut);
   for (const Event& each : events) ASSERT_EQ(host.remove(each), nullptr);
   EXPECT_EQ(query(folder / "events", "SELECT count(*) FROM events"), "0");
 }

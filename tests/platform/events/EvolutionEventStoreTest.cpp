@@ -281,7 +281,7 @@ TEST(EvolutionEventStore, GoesOnWhenItsServiceHasDied) {
        [&](const EventHost& host) {
          const auto event = all(host)[0];
          event->setRecurrenceRule("FREQ=DAILY;COUNT=3");
-         const auto error = host.save(event);
+         NSErrorPtr error = host.save(event);
          if (error) return error;
          const auto second = all(host)[1];
          second->setTitle("split");
