@@ -35,7 +35,9 @@ class Outcome {
   bool isNotFound() const {
     return g_error_matches(error_, E_CAL_CLIENT_ERROR, E_CAL_CLIENT_ERROR_OBJECT_NOT_FOUND);
   }
-  // The service has died: the bus knows nobody of its name, or its successor has no such object.
+  // The service has died: the bus knows nobody of its name, or its successor has no such object, or the
+  // proxy has heard of its end and sends nothing, for which GLib has but the code of any failure. What
+  // the service itself answers with that code was not carried out either.
   bool isUndelivered() const {
     return isOneOf(G_DBUS_ERROR, {G_DBUS_ERROR_SERVICE_UNKNOWN, G_DBUS_ERROR_NAME_HAS_NO_OWNER,
                                   G_DBUS_ERROR_UNKNOWN_OBJECT, G_DBUS_ERROR_UNKNOWN_METHOD}) ||
