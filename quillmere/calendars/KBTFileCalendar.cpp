@@ -58,15 +58,20 @@ void KBTFileCalendar::fetchExternalChanges() {
 }
 
 std::shared_ptr<KBTCalObject> KBTFileCalendar::_getCalendarData() {
-  auto document = NSData::dataWithContentsOfFile(path_);
-  lastModified_ = _checkDate();
+  // The date of the bytes that are read: a file that takes the place of this one, or is written to,
+  // while it is read is younger. What cannot be opened has a date as well, unless it has come or gone
+  // meanwhile.
+  const auto before = _checkDate();
+  lastModified_.reset();
+  auto document = NSData::dataWithContentsOfFile(path_, &lastModified_);
+  if (!lastModified_ && before == _checkDate()) lastModified_ = before;
   return KBTCalObject::initWithData(std::move(document));
 }
 
 void KBTFileCalendar::_writeCalendarData(const NSData& document) {
-  // A failed write is reported as a completed save, by contract.
-  NSFileManager::writeData_toFileAtomically(document, path_);
+  // A failed write is reported as a completed save, by contract; the date is then the old file's.
   lastModified_ = _checkDate();
+  NSFileManager::writeData_toFileAtomically(document, path_, &lastModified_);
   _wroteCalendarData(nullptr);
 }
 

@@ -37,7 +37,8 @@ class QUILLMERE_EXPORT KBTFileCalendar : public KBTDataCalendar {
   /// Whether the other is a file calendar with the same path text.
   bool isEqualToCalendar(const KBTSynchingCalendar& other) const override;
 
-  /// The file's modification date when it was last read or written; null before that.
+  /// The modification date of the bytes that were last read or written; null before that. So a file
+  /// that another program replaces during a fetch or a save is younger.
   std::optional<std::string> cachingString() const override;
   /// Takes any ISO 8601 date and time with seconds, a fraction or not, and "Z" or an offset such as
   /// "+01:00". Null, or any other text, counts as never read.

@@ -13,7 +13,7 @@
 namespace quillmere {
 namespace {
 
-using testing::FileCall, testing::FileFault, testing::Item, testing::readFile,
+using testing::FileCall, testing::FileFault, testing::FileMoment, testing::Item, testing::readFile,
     testing::RecordingDelegate, testing::TemporaryFolder, testing::writeFile;
 using Log = std::vector<std::string>;
 
@@ -136,6 +136,54 @@ TEST_F(FileCalendar, ItsOwnSaveIsNoExternalChange) {
   other->setDelegate(host);
   other->fetchExternalChanges();
   EXPECT_EQ(host->take(), (Log{"began", "new a 1", "fetched"}));
+}
+
+TEST_F(FileCalendar, SeesWhatAnotherProgramWritesMeanwhile) {
+  const auto putYounger = [&](const std::string& at) {
+    writeFile(at, eventDocument("2"));
+    touch(at, std::int64_t{2} * someDate);
+  };
+  const auto write = [&] { putYounger(path); };
+  const auto replace = [&] {
+    putYounger(folder / "other");
+    std::filesystem::rename(folder / "other", path);
+  };
+  const auto remove = [&] { std::filesystem::remove(path); };
+  struct Case {
+    const char* what;
+    FileCall during;
+    std::function<void()> work, before, after;
+    bool isSaved = false, isFailing = false;
+  };
+  const Case cases[] = {
+      {"replaced before it is read", FileCall::open, replace},
+      {"replaced while it is read", FileCall::read, replace},
+      {"written to while it is read", FileCall::read, write},
+      {"made when it could not be opened", FileCall::open, write, remove, {}, false, true},
+      {"gone for a moment when it was to be opened",
+       FileCall::open,
+       remove,
+       {},
+       write,
+       false,
+       true},
+      {"replaced after a save", FileCall::rename, replace, {}, {}, true},
+      {"replaced during a save that fails", FileCall::write, replace, {}, {}, true, true},
+  };
+  for (const Case& c : cases) {
+    calendar->setCachingString(std::nullopt);
+    writeFile(path, eventDocument("1"));
+    touch(path, someDate);
+    if (c.before) c.before();
+    {
+      const FileMoment moment(c.during, c.work);
+      const FileFault fault(c.isSaved ? FileCall::fsync : FileCall::open, c.isFailing ? 1 : 0, EIO);
+      c.isSaved ? calendar->saveChanges() : calendar->fetchExternalChanges();
+    }
+    host->take();
+    if (c.after) c.after(), touch(path, someDate);
+    EXPECT_EQ(fetch().front(), "began") << c.what;
+  }
 }
 
 TEST_F(FileCalendar, AFailedWriteIsReportedAsASaveAndLeavesTheOldFile) {

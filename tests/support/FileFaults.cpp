@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdarg>
+#include <utility>
 
 namespace quillmere::testing {
 namespace {
@@ -21,6 +22,16 @@ struct Pending {
 
 Pending pending{FileCall::write, 0, 0};
 unsigned long writeLimit = 0;
+
+FileCall moment{};
+std::function<void()> momentsWork;
+
+// The call's result, after what is to happen then.
+template <class Result>
+Result then(FileCall call, Result result) {
+  if (momentsWork && call == moment) std::exchange(momentsWork, nullptr)();
+  return result;
+}
 
 Replacement replacement;
 unsigned permissionsWhenWritten = 0;
@@ -41,6 +52,13 @@ FileFault::~FileFault() { pending.callsLeft = 0; }
 
 bool FileFault::happened() { return pending.callsLeft == 0; }
 
+FileMoment::FileMoment(FileCall call, std::function<void()> work) {
+  moment = call;
+  momentsWork = std::move(work);
+}
+
+FileMoment::~FileMoment() { momentsWork = nullptr; }
+
 const Replacement& lastReplacement() { return replacement; }
 
 void limitWrites(unsigned long bytes) { writeLimit = bytes; }
@@ -49,26 +67,32 @@ void limitWrites(unsigned long bytes) { writeLimit = bytes; }
 
 using quillmere::testing::fails;
 using quillmere::testing::FileCall;
+using quillmere::testing::then;
 
 extern "C" {
 
 int open(const char* path, int flags, ...) {
-  if (fails(FileCall::open)) return -1;
+  if (fails(FileCall::open)) return then(FileCall::open, -1);
   va_list arguments;
   va_start(arguments, flags);
   const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
   va_end(arguments);
-  return static_cast<int>(syscall(SYS_openat, AT_FDCWD, path, flags, mode));
+  return then(FileCall::open, static_cast<int>(syscall(SYS_openat, AT_FDCWD, path, flags, mode)));
+}
+
+ssize_t read(int file, void* bytes, size_t count) {
+  return then(FileCall::read, syscall(SYS_read, file, bytes, count));
 }
 
 ssize_t write(int file, const void* bytes, size_t count) {
-  if (fails(FileCall::write)) return -1;
+  if (fails(FileCall::write)) return errno == 0 ? 0 : -1;
   struct stat status {};
   if (fstat(file, &status) == 0 && S_ISREG(status.st_mode)) {
     quillmere::testing::permissionsWhenWritten = status.st_mode & 07777U;
   }
   const unsigned long limit = quillmere::testing::writeLimit;
-  return syscall(SYS_write, file, bytes, limit ? std::min(count, limit) : count);
+  return then(FileCall::write,
+              syscall(SYS_write, file, bytes, limit ? std::min(count, limit) : count));
 }
 
 int fchown(int file, uid_t owner, gid_t group) noexcept {
@@ -101,6 +125,6 @@ int rename(const char* from, const char* to) noexcept {
   if (fails(FileCall::rename)) return -1;
   const long result = syscall(SYS_renameat, AT_FDCWD, from, AT_FDCWD, to);
   if (result == 0) quillmere::testing::noteReplacement(from);
-  return static_cast<int>(result);
+  return then(FileCall::rename, static_cast<int>(result));
 }
 }

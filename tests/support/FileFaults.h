@@ -1,6 +1,7 @@
 #ifndef QUILLMERE_TESTS_SUPPORT_FILEFAULTS_H
 #define QUILLMERE_TESTS_SUPPORT_FILEFAULTS_H
 
+#include <functional>
 #include <string>
 
 namespace quillmere::testing {
@@ -9,6 +10,7 @@ namespace quillmere::testing {
 /// The test program's own definitions stand in for the C library's.
 enum class FileCall {
   open,
+  read,
   write,
   fchown,
   getxattr,
@@ -21,7 +23,7 @@ enum class FileCall {
 
 class FileFault {
  public:
-  /// The `nth` call (1 is the next) fails with `error`, an errno value.
+  /// The `nth` call (1 is the next) fails with `error`, an errno value; a write with 0 takes no byte.
   FileFault(FileCall call, int nth, int error);
   FileFault(const FileFault&) = delete;
   FileFault& operator=(const FileFault&) = delete;
@@ -29,6 +31,16 @@ class FileFault {
 
   /// Whether that call was made.
   static bool happened();
+};
+
+/// Carries out `work` once, right after the next open, also one that fails, read, write or rename:
+/// what another process does just then.
+class FileMoment {
+ public:
+  FileMoment(FileCall call, std::function<void()> work);
+  FileMoment(const FileMoment&) = delete;
+  FileMoment& operator=(const FileMoment&) = delete;
+  ~FileMoment();
 };
 
 /// What the last successful rename moved, and the permissions that file had when it was first

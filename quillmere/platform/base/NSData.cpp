@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <quillmere/platform/base/FileDescriptor.h>
 #include <quillmere/platform/base/LargePages.h>
+#include <quillmere/platform/base/ModificationDate.h>
 #include <quillmere/platform/base/NSData.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -43,13 +44,14 @@ NSData NSData::dataWithString(std::string text) {
   return {std::shared_ptr<const char>(std::move(owner), first), length};
 }
 
-std::optional<NSData> NSData::dataWithContentsOfFile(const std::string& path) {
+std::optional<NSData> NSData::dataWithContentsOfFile(const std::string& path,
+                                                     std::optional<NSDate>* modificationDate) {
   // O_NONBLOCK: opening a pipe that nobody writes to must not wait.
   const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   struct stat status {};
-  if (!file.isOpen() || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
-    return std::nullopt;
-  }
+  if (!file.isOpen() || ::fstat(file.get(), &status) != 0) return std::nullopt;
+  if (modificationDate) *modificationDate = modificationDateOf(status);
+  if (!S_ISREG(status.st_mode)) return std::nullopt;
 
   const auto expected = static_cast<std::size_t>(status.st_size);
   auto buffer = std::make_shared_for_overwrite<char[]>(expected);

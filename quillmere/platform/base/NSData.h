@@ -12,6 +12,8 @@
 
 namespace quillmere {
 
+class NSDate;
+
 /// Immutable bytes. Copying shares the buffer, which lives as long as any copy; so a pointer into
 /// `bytes()` is good as long as one `NSData` over the buffer is kept.
 class QUILLMERE_EXPORT NSData {
@@ -33,7 +35,12 @@ class QUILLMERE_EXPORT NSData {
   /// Reads a whole file. Null when `path` cannot be opened or read or is not a regular file (a pipe
   /// or a device might never end). Throws std::bad_alloc when it does not fit into memory: to a
   /// calendar, null would be an empty file.
-  static std::optional<NSData> dataWithContentsOfFile(const std::string& path);
+  ///
+  /// `modificationDate`, unless null, is set to the date that what was opened had before the first
+  /// byte was read (as by `NSFileManager::modificationDateOfItemAtPath`), and left alone when
+  /// nothing could be opened.
+  static std::optional<NSData> dataWithContentsOfFile(
+      const std::string& path, std::optional<NSDate>* modificationDate = nullptr);
 
   /// First byte; of no use, and possibly null, when there are no bytes.
   const char* bytes() const { return bytes_.get(); }

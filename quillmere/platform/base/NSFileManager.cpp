@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <quillmere/platform/base/FileDescriptor.h>
+#include <quillmere/platform/base/ModificationDate.h>
 #include <quillmere/platform/base/NSFileManager.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
@@ -118,7 +119,8 @@ bool flushDirectory(const fs::path& directory) {
 }
 
 // Zero, or the errno value of the step that failed.
-int replaceFile(const fs::path& target, std::string_view bytes) {
+int replaceFile(const fs::path& target, std::string_view bytes,
+                std::optional<NSDate>* modificationDate) {
   struct stat old {};
   const bool replacing = ::stat(target.c_str(), &old) == 0;
   if (!replacing && errno != ENOENT) return errno;
@@ -128,18 +130,19 @@ int replaceFile(const fs::path& target, std::string_view bytes) {
   constexpr mode_t ownerOnly = 0600;  // until the old permissions are set
   constexpr mode_t everyone = 0666;   // less the umask
   TemporaryFile temporary(target, replacing ? ownerOnly : everyone);
-  const bool done = temporary.isOpen() && writeFully(temporary.descriptor(), bytes) &&
-                    (!replacing || takeOverAttributes(temporary.descriptor(), target, old)) &&
-                    ::fsync(temporary.descriptor()) == 0 && temporary.renameTo(target) &&
-                    flushDirectory(target.parent_path());
-  return done ? 0 : errno;
+  struct stat written {};
+  const bool replaced = temporary.isOpen() && writeFully(temporary.descriptor(), bytes) &&
+                        (!replacing || takeOverAttributes(temporary.descriptor(), target, old)) &&
+                        ::fsync(temporary.descriptor()) == 0 &&
+                        ::fstat(temporary.descriptor(), &written) == 0 &&
+                        temporary.renameTo(target);
+  if (replaced && modificationDate) *modificationDate = modificationDateOf(written);
+  return replaced && flushDirectory(target.parent_path()) ? 0 : errno;
 }
 
 }  // namespace
 
-std::optional<NSDate> NSFileManager::modificationDateOfItemAtPath(const std::string& path) {
-  struct stat status {};
-  if (::stat(path.c_str(), &status) != 0) return std::nullopt;
+NSDate modificationDateOf(const struct stat& status) {
   // Dates beyond these have no text form that could be kept between runs.
   constexpr std::int64_t firstSecond = -62'135'596'800;  // 1 January of year 1
   constexpr std::int64_t lastSecond = 253'402'300'799;   // 31 December 9999, 23:59:59
@@ -149,11 +152,18 @@ std::optional<NSDate> NSFileManager::modificationDateOfItemAtPath(const std::str
                                                status.st_mtim.tv_nsec / 1000);
 }
 
-NSErrorPtr NSFileManager::writeData_toFileAtomically(const NSData& data, const std::string& path) {
+std::optional<NSDate> NSFileManager::modificationDateOfItemAtPath(const std::string& path) {
+  struct stat status {};
+  if (::stat(path.c_str(), &status) != 0) return std::nullopt;
+  return modificationDateOf(status);
+}
+
+NSErrorPtr NSFileManager::writeData_toFileAtomically(const NSData& data, const std::string& path,
+                                                     std::optional<NSDate>* modificationDate) {
   std::error_code linkError;
   const fs::path target = followLinks(path, linkError);
   if (linkError) return NSError::errorWithPOSIXCode(linkError.value());
-  const int code = replaceFile(target, data.view());
+  const int code = replaceFile(target, data.view(), modificationDate);
   return code == 0 ? nullptr : NSError::errorWithPOSIXCode(code);
 }
 

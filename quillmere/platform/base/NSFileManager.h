@@ -29,7 +29,11 @@ class QUILLMERE_EXPORT NSFileManager {
   /// Returns null, or an error of `NSPOSIXErrorDomain`. When it fails before the rename, the old
   /// file is as it was and no temporary file is left; an error of the last flush alone is reported
   /// although the new bytes are in place. A target that is no regular file is refused.
-  static NSErrorPtr writeData_toFileAtomically(const NSData& data, const std::string& path);
+  ///
+  /// `modificationDate`, unless null, is set to the date of the new file, taken before anybody else
+  /// can reach it, and left alone when the old file was not replaced.
+  static NSErrorPtr writeData_toFileAtomically(const NSData& data, const std::string& path,
+                                               std::optional<NSDate>* modificationDate = nullptr);
 };
 
 }  // namespace quillmere

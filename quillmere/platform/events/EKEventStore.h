@@ -55,8 +55,9 @@ struct QUILLMERE_EXPORT EKEventPredicate {
 /// The database is meant for any number of processes at once. Every save and every removal is one
 /// transaction, which is on the disk when the operation returns (WAL, `synchronous=FULL`) and of
 /// which nothing is there when the process ends earlier. A process that finds the database busy
-/// waits for ten seconds before it reports an error. A file that is not such a database, is damaged
-/// or was written by a later version is refused and left as it is.
+/// waits for ten seconds before it reports an error. A file that is not such a database, is damaged,
+/// was written by a later version or has other tables, indexes, views or triggers is refused and left
+/// as it is.
 ///
 /// Three preferences (`HWPreference`) are read when a store is made:
 ///   - "EKEventStoreBackend": "sqlite", "evolution", or "auto", which is Evolution where the library

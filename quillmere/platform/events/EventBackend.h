@@ -31,7 +31,8 @@ class EventError : public std::exception {
 };
 
 /// A place where calendars and events are kept. Any thread may use it; every change is complete and
-/// lasting when the operation returns, and has not happened when it throws an `EventError`.
+/// lasting when the operation returns, and has not happened when it throws an `EventError`; of a
+/// service that died over it, nobody knows.
 class EventBackend {
  public:
   using Sink = std::function<void(EventRecord)>;

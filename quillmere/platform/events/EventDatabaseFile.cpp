@@ -15,6 +15,7 @@
 #include <cstdlib>
 #include <iterator>
 #include <string_view>
+#include <vector>
 
 namespace quillmere {
 namespace {
@@ -79,28 +80,68 @@ std::string frozenURI(const std::string& path) {
 
 void configure(SQLiteDatabase& database) {
   sqlite3_busy_timeout(database.handle(), busyMilliseconds);
-  sqlite3_db_config(database.handle(), SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
+  // Nothing that a file brings along is to be carried out: our own schema has neither of these.
+  const std::pair<int, int> settings[] = {{SQLITE_DBCONFIG_DEFENSIVE, 1},
+                                          {SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0},
+                                          {SQLITE_DBCONFIG_ENABLE_TRIGGER, 0},
+                                          {SQLITE_DBCONFIG_ENABLE_VIEW, 0}};
+  for (const auto& [setting, value] : settings) {
+    sqlite3_db_config(database.handle(), setting, value, nullptr);
+  }
   database.execute(
-      "PRAGMA foreign_keys = ON; PRAGMA synchronous = FULL;"
-      "PRAGMA trusted_schema = OFF; PRAGMA cell_size_check = ON");
+      "PRAGMA foreign_keys = ON; PRAGMA synchronous = FULL; PRAGMA cell_size_check = ON");
+}
+
+// What a database says of its tables, indexes, views and triggers, besides the tables that SQLite makes
+// by itself. The name of the table that is asked cannot be taken by another one, unlike sqlite_schema.
+std::vector<std::string> schemaOf(SQLiteDatabase& database) {
+  std::vector<std::string> schema;
+  auto row = database.statement(
+      "SELECT type || quote(name) || quote(tbl_name) || quote(sql) FROM sqlite_master"
+      " WHERE type <> 'table' OR coalesce(sql, '') NOT IN ("
+      "  'CREATE TABLE sqlite_sequence(name,seq)',"
+      "  'CREATE TABLE sqlite_stat1(tbl,idx,stat)',"
+      "  'CREATE TABLE sqlite_stat4(tbl,idx,neq,nlt,ndlt,sample)')"
+      " ORDER BY 1");
+  while (row.step()) schema.push_back(row.text(0));
+  return schema;
+}
+
+void makeSteps(SQLiteDatabase& database, std::int64_t first, std::int64_t last) {
+  for (std::int64_t next = first; next < last; ++next) database.execute(eventSchemaSteps[next]);
+}
+
+constexpr auto latestVersion = static_cast<std::int64_t>(std::size(eventSchemaSteps));
+
+std::vector<std::string> ownSchema(std::int64_t version) {
+  SQLiteDatabase database(":memory:", SQLITE_OPEN_READWRITE);
+  makeSteps(database, 0, version);
+  return schemaOf(database);
+}
+
+// The version of the database, whose schema must be that version's to the letter: a table with a check,
+// a computed column or a collation of its own, an index over an expression, a view in a table's place
+// would have somebody else's statements carried out.
+std::int64_t requireOwnSchema(SQLiteDatabase& database, const std::string& path) {
+  const std::int64_t version = database.pragma("PRAGMA user_version");
+  if (version < 0 || version > latestVersion) refuse(path, "was written by a later version");
+  static const auto latest = ownSchema(latestVersion);
+  if (schemaOf(database) != (version == latestVersion ? latest : ownSchema(version))) {
+    refuse(path, "has tables of another kind than events'");
+  }
+  return version;
 }
 
 // Several processes may come here at once.
 void bringUpToDate(SQLiteDatabase& database, const std::string& path) {
-  const auto version = [&] {
-    auto row = database.statement("PRAGMA user_version");
-    return row.step() ? row.integer(0) : 0;
-  };
-  constexpr auto latest = static_cast<std::int64_t>(std::size(eventSchemaSteps));
-  if (version() < 0 || version() > latest) refuse(path, "was written by a later version");
-  if (version() == latest) return;
-
-  SQLiteTransaction transaction(database, SQLiteTransaction::Kind::writing);
-  for (std::int64_t next = version(); next < latest; ++next) {
-    database.execute(eventSchemaSteps[next]);
+  {
+    const SQLiteTransaction transaction(database, SQLiteTransaction::Kind::reading);
+    if (requireOwnSchema(database, path) == latestVersion) return;
   }
+  SQLiteTransaction transaction(database, SQLiteTransaction::Kind::writing);
+  makeSteps(database, requireOwnSchema(database, path), latestVersion);
   database.execute("PRAGMA application_id = " + std::to_string(eventApplicationId));
-  database.execute("PRAGMA user_version = " + std::to_string(latest));
+  database.execute("PRAGMA user_version = " + std::to_string(latestVersion));
   transaction.commit();
 }
 
@@ -148,16 +189,23 @@ std::unique_ptr<SQLiteDatabase> EventDatabaseFile::open() const {
     bringUpToDate(*database, path_);
     return database;
   }
+  const bool hasLog = ::access((path_ + "-wal").c_str(), F_OK) == 0;
   auto database = isFrozen(path_) ? std::make_unique<SQLiteDatabase>(
                                         frozenURI(path_), SQLITE_OPEN_READONLY | SQLITE_OPEN_URI)
                                   : std::make_unique<SQLiteDatabase>(path_, flags);
   configure(*database);
+  // A log that somebody has left is not written into a file that is refused.
+  const auto keepLog = [&](bool isKept) {
+    sqlite3_db_config(database->handle(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, int{isKept}, nullptr);
+  };
+  keepLog(hasLog);
   bringUpToDate(*database, path_);
   // What is damaged is found before the mode is changed, which writes to the file.
   for (const char* sql : {"SELECT id FROM calendars LIMIT 1", "SELECT id FROM events LIMIT 1",
                           "SELECT series FROM exceptions LIMIT 1"}) {
     database->statement(sql).run();
   }
+  keepLog(false);
   if (sqlite3_db_readonly(database->handle(), "main") == 0) switchToLog(*database, path_);
   return database;
 }

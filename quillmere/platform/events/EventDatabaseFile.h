@@ -30,7 +30,7 @@ class EventDatabaseFile {
   bool isInMemory() const { return path_ == ":memory:"; }
 
   /// The database with the latest schema. It must end before this object. Throws an `EventError`
-  /// when it is damaged or of a later version; then nothing has been written.
+  /// when it is damaged, of a later version or of another schema; then nothing has been written.
   std::unique_ptr<SQLiteDatabase> open() const;
 
  private:

@@ -1,10 +1,12 @@
 #include <libecal/libecal.h>
+#include <quillmere/platform/dates/CivilDate.h>
 #include <quillmere/platform/events/EvolutionComponent.h>
 #include <quillmere/platform/events/EvolutionEventBackend.h>
 #include <quillmere/platform/events/Recurrence.h>
 
 #include <algorithm>
 #include <cstdlib>
+#include <initializer_list>
 #include <list>
 #include <map>
 #include <memory>
@@ -19,17 +21,31 @@ namespace {
 // calendar that is not there yet fails by itself.
 constexpr guint32 withoutWaiting = ~guint32{0};
 
+constexpr const char* registryService = "org.gnome.evolution.dataserver.Sources5";
+
 // Takes a `GError` in, and throws it when the call has failed.
 class Outcome {
  public:
   Outcome() = default;
   Outcome(const Outcome&) = delete;
   Outcome& operator=(const Outcome&) = delete;
-  ~Outcome() { g_clear_error(&error_); }
+  ~Outcome() { clear(); }
 
   GError** operator&() { return &error_; }  // as the argument of the call
   bool isNotFound() const {
     return g_error_matches(error_, E_CAL_CLIENT_ERROR, E_CAL_CLIENT_ERROR_OBJECT_NOT_FOUND);
+  }
+  // The service has died: the bus knows nobody of its name, or its successor has no such object, or the
+  // proxy has heard of its end and sends nothing, for which GLib has but the code of any failure. What
+  // the service itself answers with that code was not carried out either.
+  bool isUndelivered() const {
+    return isOneOf(G_DBUS_ERROR, {G_DBUS_ERROR_SERVICE_UNKNOWN, G_DBUS_ERROR_NAME_HAS_NO_OWNER,
+                                  G_DBUS_ERROR_UNKNOWN_OBJECT, G_DBUS_ERROR_UNKNOWN_METHOD}) ||
+           isOneOf(G_IO_ERROR, {G_IO_ERROR_FAILED});
+  }
+  // The service has died before it answered, and may have done what it was asked for.
+  bool isUnanswered() const {
+    return isOneOf(G_DBUS_ERROR, {G_DBUS_ERROR_NO_REPLY, G_DBUS_ERROR_DISCONNECTED});
   }
   void require(bool isGood) const {
     if (isGood) return;
@@ -44,8 +60,14 @@ class Outcome {
     throw EventError(isReadOnly ? EKErrorCalendarReadOnly : EKErrorInternalFailure,
                      "Evolution's event store: " + text + ".", underlying);
   }
+  void clear() { g_clear_error(&error_); }
 
  private:
+  bool isOneOf(GQuark domain, std::initializer_list<int> codes) const {
+    return std::any_of(codes.begin(), codes.end(),
+                       [&](int code) { return g_error_matches(error_, domain, code) != FALSE; });
+  }
+
   GError* error_ = nullptr;
 };
 
@@ -132,17 +154,18 @@ class EvolutionEventBackend : public EventBackend,
       e_source_backend_set_backend_name(extension, "local");
     }
     e_source_set_display_name(source.get(), calendar.title.value_or("").c_str());
-    outcome.require(isNew ? e_source_registry_commit_source_sync(registry_.get(), source.get(),
-                                                                 nullptr, &outcome)
-                          : e_source_write_sync(source.get(), nullptr, &outcome));
+    askRegistry([&](GError** error) {
+      return isNew ? e_source_registry_commit_source_sync(registry_.get(), source.get(), nullptr,
+                                                          error)
+                   : e_source_write_sync(source.get(), nullptr, error);
+    });
     if (isNew) waitFor(calendar.identifier);
   }
 
   void removeCalendar(const std::string& identifier) override {
     const std::lock_guard lock(mutex_);
     const GObjectPtr<ESource> source = requireSource(identifier);
-    Outcome outcome;
-    outcome.require(e_source_remove_sync(source.get(), nullptr, &outcome));
+    askRegistry([&](GError** error) { return e_source_remove_sync(source.get(), nullptr, error); });
     calendars_.erase(identifier);
   }
 
@@ -150,20 +173,23 @@ class EvolutionEventBackend : public EventBackend,
     const std::lock_guard lock(mutex_);
     from = std::clamp(from, firstDate, lastDate);
     to = std::clamp(to, firstDate, lastDate);
-    ECalClient* const client = clientOf(calendar);
+    // The service takes wall times for UTC: those of floating and all-day events.
+    const NSDate earliest = std::max(from.dateByAddingSeconds(-secondsPerDay), firstDate);
+    const NSDate latest = std::min(to.dateByAddingSeconds(secondsPerDay), lastDate);
     // An event at the very beginning, without length, is found by the second before it.
     const std::string query = "(occur-in-time-range? (make-time \"" +
-                              from.dateByAddingSeconds(-1).icsDateString() + "\") (make-time \"" +
-                              to.icsDateString() + "\"))";
+                              earliest.dateByAddingSeconds(-1).icsDateString() +
+                              "\") (make-time \"" + latest.icsDateString() + "\"))";
     Outcome outcome;
     GSList* list = nullptr;
-    const bool isRead =
-        e_cal_client_get_object_list_sync(client, query.c_str(), &list, nullptr, &outcome);
+    const bool isRead = ask(calendar, Repeated::asOnce, outcome, [&](ECalClient* client) {
+      return e_cal_client_get_object_list_sync(client, query.c_str(), &list, nullptr, &outcome);
+    });
     const std::unique_ptr<GSList, ComponentListFree> components(list);
     outcome.require(isRead);
     std::set<std::string> series;
     for (const GSList* at = list; at; at = at->next) {
-      auto event = recordOfComponent(static_cast<ICalComponent*>(at->data), client);
+      auto event = recordOfComponent(static_cast<ICalComponent*>(at->data), clientOf(calendar));
       if (!event) continue;
       event->calendar = calendar;
       if (event->isDetached || event->recurrenceRule) {
@@ -173,7 +199,7 @@ class EvolutionEventBackend : public EventBackend,
       }
     }
     for (const std::string& identifier : series) {
-      expand(client, itemOf(client, calendar, identifier), from, to, sink);
+      expand(itemOf(calendar, identifier), calendar, from, to, sink);
     }
   }
 
@@ -185,15 +211,14 @@ class EvolutionEventBackend : public EventBackend,
     std::optional<EventError> failure;
     for (const CalendarRecord& calendar : calendars()) {
       const std::lock_guard lock(mutex_);
-      ECalClient* client = nullptr;
       try {
-        client = clientOf(calendar.identifier);
+        clientOf(calendar.identifier);
       } catch (const EventError& thrown) {
         failure = thrown;
         continue;
       }
       isAnyOpen = true;
-      Item item = itemOf(client, calendar.identifier, identifier);
+      Item item = itemOf(calendar.identifier, identifier);
       if (!item.component) continue;
       if (!item.event.recurrenceRule) {
         sink(std::move(item.event));
@@ -207,25 +232,24 @@ class EvolutionEventBackend : public EventBackend,
   void saveEvent(const EventRecord* stored, EventRecord& event, EKSpan span) override {
     const std::lock_guard lock(mutex_);
     if (event.recurrenceRule) requireRecurrenceRule(event);
-    ECalClient* const client = clientOf(event.calendar);
-    addZone(client, event);
+    addZone(event);
     if (!stored) {
       const GObjectPtr<ICalComponent> component(i_cal_component_new_vevent());
       i_cal_component_set_uid(component.get(), event.identifier.c_str());
       writeDifferences(component.get(), {}, event);
-      event.identifier = create(client, component.get());
+      event.identifier = create(event.calendar, component.get());
     } else {
       const Item item = requireItem(*stored);
       if (!item.event.recurrenceRule) {
         saveWhole(item, *stored, event);
       } else if (span == EKSpan::thisEvent) {
-        saveOccurrence(client, item, *stored, event);
+        saveOccurrence(item, *stored, event);
       } else {
         saveFutureOccurrences(item, *stored, event);
       }
     }
     if (!event.isDetached) event.occurrenceDate = event.start;
-    const Item saved = itemOf(client, event.calendar, event.identifier);
+    const Item saved = itemOf(event.calendar, event.identifier);
     const Occurrence* const own = detachedAt(saved, *event.occurrenceDate);
     const auto& modified = own ? own->event.lastModified : saved.event.lastModified;
     event.lastModified = modified ? modified : NSDate::date();
@@ -234,20 +258,17 @@ class EvolutionEventBackend : public EventBackend,
   void removeEvent(const EventRecord& stored, EKSpan span) override {
     const std::lock_guard lock(mutex_);
     const Item item = requireItem(stored);
-    ECalClient* const client = clientOf(stored.calendar);
     const NSDate date = *stored.occurrenceDate;
     const bool isWhole =
         !item.event.recurrenceRule || (span == EKSpan::futureEvents && !hasEarlier(item, date));
     if (isWhole) {
-      remove(client, stored.identifier, "", E_CAL_OBJ_MOD_ALL);
+      remove(stored, "", E_CAL_OBJ_MOD_ALL);
       return;
     }
-    remove(client, stored.identifier, nameOf(item, date),
+    remove(stored, nameOf(item, date),
            span == EKSpan::thisEvent ? E_CAL_OBJ_MOD_THIS : E_CAL_OBJ_MOD_THIS_AND_FUTURE);
-    const Item left = itemOf(client, stored.calendar, stored.identifier);
-    if (left.component && !hasEarlier(left, lastDate)) {
-      remove(client, stored.identifier, "", E_CAL_OBJ_MOD_ALL);
-    }
+    const Item left = itemOf(stored.calendar, stored.identifier);
+    if (left.component && !hasEarlier(left, lastDate)) remove(stored, "", E_CAL_OBJ_MOD_ALL);
   }
 
   void setChangeHandler(std::function<void()> handler) override {
@@ -311,6 +332,55 @@ class EvolutionEventBackend : public EventBackend,
     return calendars_.emplace(identifier, std::move(calendar)).first->second.client.get();
   }
 
+  // Whether a request that is carried out twice comes to the same as once.
+  enum class Repeated : std::uint8_t { asOnce, isMore };
+
+  // Puts a request to a calendar, and once more over a new connection, for which the bus starts the
+  // service again, when the service has died. What has not reached it may be repeated whatever it is.
+  // Of what has, and was not answered, that may be repeated which comes to the same as once: a
+  // question, a time zone, a component written over the one that is there, a removal. A new component
+  // could be there twice then: see `create`. Whether the last answer was a good one.
+  template <class Request>
+  bool ask(const std::string& calendar, Repeated repeated, Outcome& outcome,
+           const Request& request) {
+    if (request(clientOf(calendar))) return true;
+    const bool isUndelivered = outcome.isUndelivered();
+    if (!isUndelivered && !outcome.isUnanswered()) return false;
+    calendars_.erase(calendar);
+    if (!isUndelivered && repeated == Repeated::isMore) return false;
+    outcome.clear();
+    if (!request(clientOf(calendar))) return false;
+    handler_();  // what has changed in between was not heard of
+    return true;
+  }
+
+  // Puts a request to the registry of calendars, which hears by itself, a moment later, that its
+  // service was started again. A request to a service that is not there has not been carried out.
+  template <class Request>
+  static void askRegistry(const Request& request) {
+    constexpr int mostTries = 200;
+    for (int tries = 1;; ++tries) {
+      Outcome outcome;
+      if (request(&outcome)) return;
+      outcome.require(outcome.isUndelivered() && tries != mostTries);
+      if (tries == 1) startRegistryService();
+      g_usleep(10'000);
+    }
+  }
+
+  static void startRegistryService() {
+    Outcome outcome;
+    const GObjectPtr<GDBusConnection> bus(g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, &outcome));
+    outcome.require(bus != nullptr);
+    const std::unique_ptr<GVariant, decltype(&g_variant_unref)> answer(
+        g_dbus_connection_call_sync(bus.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                    "org.freedesktop.DBus", "StartServiceByName",
+                                    g_variant_new("(su)", registryService, 0U), nullptr,
+                                    G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &outcome),
+        &g_variant_unref);
+    outcome.require(answer != nullptr);
+  }
+
   // The process that serves calendars hears of a new one by itself, a moment later.
   void waitFor(const std::string& identifier) {
     constexpr int mostTries = 500;
@@ -333,8 +403,8 @@ class EvolutionEventBackend : public EventBackend,
   }
 
   // The changed occurrences, and the others as Evolution works them out.
-  static void expand(ECalClient* client, const Item& item, NSDate from, NSDate to,
-                     const Sink& sink) {
+  void expand(const Item& item, const std::string& calendar, NSDate from, NSDate to,
+              const Sink& sink) {
     for (const Occurrence& detached : item.detached) {
       if (isInRange(detached.event, from, to)) sink(detached.event);
     }
@@ -342,7 +412,7 @@ class EvolutionEventBackend : public EventBackend,
     // One that began before the range may reach into it.
     const std::int64_t length = microsecondsBetween(*item.event.start, *item.event.end);
     const NSDate earliest = std::max(dateAfter(from, -length).dateByAddingSeconds(-1), firstDate);
-    forEachInstance(client, item, earliest, to, [&](NSDate start, NSDate end) {
+    forEachInstance(item, calendar, earliest, to, [&](NSDate start, NSDate end) {
       if (detachedAt(item, start)) return;
       EventRecord event = item.event;
       event.exceptionDates.clear();
@@ -354,8 +424,8 @@ class EvolutionEventBackend : public EventBackend,
 
   using InstanceVisitor = std::function<void(NSDate start, NSDate end)>;
 
-  static void forEachInstance(ECalClient* client, const Item& item, NSDate from, NSDate to,
-                              const InstanceVisitor& visit) {
+  void forEachInstance(const Item& item, const std::string& calendar, NSDate from, NSDate to,
+                       const InstanceVisitor& visit) {
     struct Walk {
       const Item& item;
       const InstanceVisitor& visit;
@@ -373,7 +443,7 @@ class EvolutionEventBackend : public EventBackend,
     Outcome outcome;
     const bool isAll = e_cal_recur_generate_instances_sync(
         item.component.get(), begin.get(), end.get(), next, &walk, &e_cal_client_tzlookup_cb,
-        client, defaultZone(), nullptr, &outcome);
+        clientOf(calendar), defaultZone(), nullptr, &outcome);
     outcome.require(isAll || walk.count == mostOccurrences);
   }
 
@@ -395,27 +465,30 @@ class EvolutionEventBackend : public EventBackend,
                     : occurrenceName(item.event, occurrence);
   }
 
-  static void addZone(ECalClient* client, const EventRecord& event) {
+  void addZone(const EventRecord& event) {
     ICalTimezone* const zone = evolutionZone(event);
     if (!zone) return;
     Outcome outcome;
-    outcome.require(e_cal_client_add_timezone_sync(client, zone, nullptr, &outcome));
+    outcome.require(ask(event.calendar, Repeated::asOnce, outcome, [&](ECalClient* client) {
+      return e_cal_client_add_timezone_sync(client, zone, nullptr, &outcome);
+    }));
   }
 
-  static Item itemOf(ECalClient* client, const std::string& calendar,
-                     const std::string& identifier) {
+  Item itemOf(const std::string& calendar, const std::string& identifier) {
     Item item;
     Outcome outcome;
     GSList* list = nullptr;
-    const bool isFound =
-        e_cal_client_get_objects_for_uid_sync(client, identifier.c_str(), &list, nullptr, &outcome);
+    const bool isFound = ask(calendar, Repeated::asOnce, outcome, [&](ECalClient* client) {
+      return e_cal_client_get_objects_for_uid_sync(client, identifier.c_str(), &list, nullptr,
+                                                   &outcome);
+    });
     const std::unique_ptr<GSList, ComponentListFree> components(list);
     if (!isFound && outcome.isNotFound()) return item;
     outcome.require(isFound);
     for (const GSList* at = list; at; at = at->next) {
       ICalComponent* const inner =
           e_cal_component_get_icalcomponent(static_cast<ECalComponent*>(at->data));
-      auto event = recordOfComponent(inner, client);
+      auto event = recordOfComponent(inner, clientOf(calendar));
       if (!event) continue;
       event->calendar = calendar;
       GObjectPtr<ICalComponent> component(i_cal_component_clone(inner));
@@ -438,8 +511,7 @@ class EvolutionEventBackend : public EventBackend,
   // The event, or whole series, that a fetched event is part of. Another may have removed the
   // occurrence that was fetched, or moved the series away from it.
   Item requireItem(const EventRecord& stored) {
-    ECalClient* const client = clientOf(stored.calendar);
-    Item item = itemOf(client, stored.calendar, stored.identifier);
+    Item item = itemOf(stored.calendar, stored.identifier);
     if (!item.component) {
       throw EventError(EKErrorInternalFailure, "The event is no longer in the store.");
     }
@@ -448,7 +520,8 @@ class EvolutionEventBackend : public EventBackend,
     if (!item.event.recurrenceRule) {
       isLeft = !stored.recurrenceRule || date == item.event.start;
     } else if (!isLeft) {
-      forEachInstance(client, item, date.dateByAddingSeconds(-1), date.dateByAddingSeconds(1),
+      forEachInstance(item, stored.calendar, date.dateByAddingSeconds(-1),
+                      date.dateByAddingSeconds(1),
                       [&](NSDate start, NSDate) { isLeft = isLeft || start == date; });
     }
     if (!isLeft) throw EventError(EKErrorInternalFailure, "The occurrence is no longer there.");
@@ -487,28 +560,40 @@ class EvolutionEventBackend : public EventBackend,
     return first;
   }
 
-  // The identifier, for which the calendar may have taken another.
-  static std::string create(ECalClient* client, ICalComponent* component) {
+  // The identifier, for which the calendar may have taken another. So a request without an answer is
+  // not repeated: either what is new is found under the identifier that it was given, or nobody knows.
+  std::string create(const std::string& calendar, ICalComponent* component) {
     Outcome outcome;
     char* given = nullptr;
-    outcome.require(e_cal_client_create_object_sync(client, component, E_CAL_OPERATION_FLAG_NONE,
-                                                    &given, nullptr, &outcome));
+    const bool isMade = ask(calendar, Repeated::isMore, outcome, [&](ECalClient* client) {
+      return e_cal_client_create_object_sync(client, component, E_CAL_OPERATION_FLAG_NONE, &given,
+                                             nullptr, &outcome);
+    });
     const std::unique_ptr<char, decltype(&g_free)> identifier(given, &g_free);
-    return given ? given : i_cal_component_get_uid(component);
+    const std::string wanted = i_cal_component_get_uid(component);
+    outcome.require(isMade || (outcome.isUnanswered() && itemOf(calendar, wanted).component));
+    return given ? given : wanted;
   }
 
-  static void modify(ECalClient* client, ICalComponent* component, ECalObjModType mod) {
+  void modify(const std::string& calendar, ICalComponent* component, ECalObjModType mod) {
     Outcome outcome;
-    outcome.require(e_cal_client_modify_object_sync(client, component, mod,
-                                                    E_CAL_OPERATION_FLAG_NONE, nullptr, &outcome));
+    outcome.require(ask(calendar, Repeated::asOnce, outcome, [&](ECalClient* client) {
+      return e_cal_client_modify_object_sync(client, component, mod, E_CAL_OPERATION_FLAG_NONE,
+                                             nullptr, &outcome);
+    }));
   }
 
-  static void remove(ECalClient* client, const std::string& identifier,
-                     const std::string& occurrence, ECalObjModType mod) {
+  // What is not there when it is to be removed for the second time was removed the first time.
+  void remove(const EventRecord& stored, const std::string& occurrence, ECalObjModType mod) {
     Outcome outcome;
-    outcome.require(e_cal_client_remove_object_sync(
-        client, identifier.c_str(), occurrence.empty() ? nullptr : occurrence.c_str(), mod,
-        E_CAL_OPERATION_FLAG_NONE, nullptr, &outcome));
+    int requests = 0;
+    const bool isRemoved = ask(stored.calendar, Repeated::asOnce, outcome, [&](ECalClient* client) {
+      ++requests;
+      return e_cal_client_remove_object_sync(client, stored.identifier.c_str(),
+                                             occurrence.empty() ? nullptr : occurrence.c_str(), mod,
+                                             E_CAL_OPERATION_FLAG_NONE, nullptr, &outcome);
+    });
+    outcome.require(isRemoved || (requests == 2 && outcome.isNotFound()));
   }
 
   static GObjectPtr<ICalComponent> copyOf(const GObjectPtr<ICalComponent>& component) {
@@ -517,14 +602,13 @@ class EvolutionEventBackend : public EventBackend,
 
   // An event that is not repeated.
   void saveWhole(const Item& item, const EventRecord& stored, EventRecord& event) {
-    ECalClient* const client = clientOf(event.calendar);
     writeDifferences(item.component.get(), stored, event);
     event = merged(stored, event, item.event);
     if (event.calendar == stored.calendar) {
-      modify(client, item.component.get(), E_CAL_OBJ_MOD_ALL);
+      modify(event.calendar, item.component.get(), E_CAL_OBJ_MOD_ALL);
     } else {
-      event.identifier = create(client, item.component.get());
-      remove(clientOf(stored.calendar), stored.identifier, "", E_CAL_OBJ_MOD_ALL);
+      event.identifier = create(event.calendar, item.component.get());
+      remove(stored, "", E_CAL_OBJ_MOD_ALL);
     }
   }
 
@@ -533,8 +617,7 @@ class EvolutionEventBackend : public EventBackend,
     return event;
   }
 
-  static void saveOccurrence(ECalClient* client, const Item& item, const EventRecord& stored,
-                             EventRecord& event) {
+  void saveOccurrence(const Item& item, const EventRecord& stored, EventRecord& event) {
     requireChangeOfOneOccurrence(stored, event);
     const NSDate date = *stored.occurrenceDate;
     const Occurrence* const detached = detachedAt(item, date);
@@ -545,7 +628,7 @@ class EvolutionEventBackend : public EventBackend,
       writeOccurrence(component.get(), item.event, date);
     }
     writeDifferences(component.get(), withoutRule(stored), withoutRule(event));
-    modify(client, component.get(), E_CAL_OBJ_MOD_THIS);
+    modify(stored.calendar, component.get(), E_CAL_OBJ_MOD_THIS);
     event = merged(stored, event, current);
     event.isDetached = true;
   }
@@ -555,8 +638,6 @@ class EvolutionEventBackend : public EventBackend,
   // not tell the new identifier. What is new is written before the old is ended, so that a failure in
   // between loses nothing of it.
   void saveFutureOccurrences(const Item& item, const EventRecord& stored, EventRecord& event) {
-    ECalClient* const client = clientOf(stored.calendar);
-    ECalClient* const target = clientOf(event.calendar);
     const NSDate date = *stored.occurrenceDate;
     const bool isWhole = !hasEarlier(item, date);
     const bool isNew = !isWhole || event.calendar != stored.calendar;
@@ -568,14 +649,13 @@ class EvolutionEventBackend : public EventBackend,
     const bool isEachNew = isNew || !event.hasTimesOf(stored) || !changed.recurrenceRule;
     if (isNew) {
       i_cal_component_set_uid(series.get(), changed.identifier.c_str());
-      changed.identifier = create(target, series.get());
+      changed.identifier = create(event.calendar, series.get());
     } else {
       for (const Occurrence& detached : item.detached) {
         if (!isEachNew) break;
-        remove(client, stored.identifier, occurrenceName(detached.component.get()),
-               E_CAL_OBJ_MOD_ONLY_THIS);
+        remove(stored, occurrenceName(detached.component.get()), E_CAL_OBJ_MOD_ONLY_THIS);
       }
-      modify(client, series.get(), E_CAL_OBJ_MOD_ALL);
+      modify(stored.calendar, series.get(), E_CAL_OBJ_MOD_ALL);
     }
 
     EventRecord saved = occurrenceOf(changed, change.moved(date));
@@ -593,12 +673,12 @@ class EvolutionEventBackend : public EventBackend,
         saved.recurrenceRule = changed.recurrenceRule;
         saved.occurrenceDate = change.moved(old);
       }
-      modify(target, component.get(), E_CAL_OBJ_MOD_THIS);
+      modify(event.calendar, component.get(), E_CAL_OBJ_MOD_THIS);
     }
     if (isNew && isWhole) {
-      remove(client, stored.identifier, "", E_CAL_OBJ_MOD_ALL);
+      remove(stored, "", E_CAL_OBJ_MOD_ALL);
     } else if (isNew) {
-      remove(client, stored.identifier, nameOf(item, date), E_CAL_OBJ_MOD_THIS_AND_FUTURE);
+      remove(stored, nameOf(item, date), E_CAL_OBJ_MOD_THIS_AND_FUTURE);
     }
     event = std::move(saved);
   }

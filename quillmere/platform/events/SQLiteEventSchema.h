@@ -9,7 +9,8 @@ namespace quillmere {
 /// What the file's header says that it is (SQLite's application_id): "QmEv".
 inline constexpr std::int64_t eventApplicationId = 0x516D4576;
 
-/// The step to each version of the schema from the one before it, the first from an empty file.
+/// The step to each version of the schema from the one before it, the first from an empty file. A
+/// database whose schema differs by a letter or a space is refused: what was released stays as it is.
 ///
 /// Times are microseconds since 1970: those of an event with a time zone (form 0) count UTC, those
 /// of a floating event (form 1) or an all-day event (form 2) the wall time.

@@ -140,9 +140,11 @@ TEST(AtomicWrite, LeavesAWholeFileWhicheverCallFails) {
     int calls;
     int callsAfterRename = 0;
     bool mayFail = false;
-  } cases[] = {{FileCall::open, 2, 1},  {FileCall::write, 3},        {FileCall::fchown, 1, 0, true},
-               {FileCall::getxattr, 1}, {FileCall::fremovexattr, 1}, {FileCall::fchmod, 1},
-               {FileCall::fsync, 2, 1}, {FileCall::rename, 1}};
+    int error = EIO;
+  } cases[] = {
+      {FileCall::open, 2, 1},         {FileCall::write, 3},    {FileCall::write, 3, 0, false, 0},
+      {FileCall::fchown, 1, 0, true}, {FileCall::getxattr, 1}, {FileCall::fremovexattr, 1},
+      {FileCall::fchmod, 1},          {FileCall::fsync, 2, 1}, {FileCall::rename, 1}};
   for (const auto& c : cases) {
     int n = 0;
     for (bool happened = true; happened;) {
@@ -153,7 +155,7 @@ TEST(AtomicWrite, LeavesAWholeFileWhicheverCallFails) {
       testing::limitWrites(3);
       NSErrorPtr error;
       {
-        const FileFault fault(c.call, n, EIO);
+        const FileFault fault(c.call, n, c.error);
         error = writeTo(folder / "a.ics", "new bytes");
         happened = FileFault::happened();
       }

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <quillmere/platform/base/HWPreference.h>
 #include <quillmere/platform/events/EKEventStore.h>
+#include <quillmere/platform/events/EventRecord.h>
 #include <quillmere/platform/notifications/NSNotificationCenter.h>
 
 #include <random>
@@ -128,6 +129,13 @@ TEST(EventStore, RefusesWhatCannotBeStored) {
       {"too early",
        [](EKEvent& e) { e.setStartDate(NSDate::dateWithTimeIntervalSince1970(-1e300)); },
        EKErrorStartDateTooFarInFuture},
+      {"at the end", [](EKEvent& e) { e.setEndDate(lastDate); }, EKErrorStartDateTooFarInFuture},
+      {"an hourly search", [](EKEvent& e) { e.setRecurrenceRule("FREQ=HOURLY;byday=MO"); },
+       EKErrorInternalFailure},
+      {"another calendar", [](EKEvent& e) { e.setRecurrenceRule("RSCALE=HEBREW;FREQ=YEARLY"); },
+       EKErrorInternalFailure},
+      {"half a rule", [](EKEvent& e) { e.setRecurrenceRule(std::string("FREQ=DAILY\0;", 12)); },
+       EKErrorInternalFailure},
       {"no rule", [](EKEvent& e) { e.setRecurrenceRule("FREQ=SOMETIMES"); },
        EKErrorInternalFailure},
       {"an endless search", [](EKEvent& e) { e.setRecurrenceRule("FREQ=SECONDLY;BYMONTHDAY=30"); },
@@ -153,15 +161,25 @@ TEST(EventStore, RefusesWhatCannotBeStored) {
 
 TEST(EventStore, GivesAnEventWithoutEndOne) {
   const ScopedTimeZone here("Europe/Paris");
-  for (const bool isAllDay : {false, true}) {
+  struct Case {
+    bool isAllDay;
+    const char* start;
+    std::optional<const char*> end;
+    const char* expected;
+  };
+  const Case cases[] = {
+      {false, "20240105T090000Z", std::nullopt, "20240105T090000Z-20240105T090000Z a"},
+      {true, "20240105T090000Z", std::nullopt, "20240104T230000Z-20240105T230000Z a"},
+      {true, "20240104T230000Z", std::nullopt, "20240104T230000Z-20240105T230000Z a"},
+      {true, "20240105T090000Z", "20240106T000000Z", "20240104T230000Z-20240106T230000Z a"},
+  };
+  for (const Case& c : cases) {
     const EventHost host;
-    const Event event = host.newEvent("a", utc("20240105T090000Z"), january);
-    event->setEndDate(std::nullopt);
-    event->setAllDay(isAllDay);
+    const Event event = host.newEvent("a", utc(c.start), january);
+    event->setEndDate(c.end ? std::optional(utc(*c.end)) : std::nullopt);
+    event->setAllDay(c.isAllDay);
     ASSERT_EQ(host.save(event), nullptr);
-    EXPECT_THAT(host.listing(january, february),
-                ElementsAre(isAllDay ? "20240104T230000Z-20240105T230000Z a"
-                                     : "20240105T090000Z-20240105T090000Z a"));
+    EXPECT_THAT(host.listing(january, february), ElementsAre(c.expected));
     EXPECT_EQ(event->endDate(), host.events(january, february)[0]->endDate());
   }
 }
@@ -194,7 +212,12 @@ TEST(EventStore, KeepsWhatTimesMeanInOtherZones) {
     }
     const ScopedTimeZone there("America/New_York");
     EXPECT_THAT(host.listing(january, utc("20250101T000000Z")), ElementsAre(c.inNewYork)) << c.what;
-    EXPECT_EQ(host.events(january, utc("20250101T000000Z"))[0]->isAllDay(), c.isAllDay);
+    const Event event = host.events(january, utc("20250101T000000Z"))[0];
+    EXPECT_EQ(event->isAllDay(), c.isAllDay);
+    EXPECT_THAT(host.events(*event->startDate(), event->startDate()->dateByAddingSeconds(1)),
+                SizeIs(1));
+    EXPECT_THAT(host.events(event->endDate()->dateByAddingSeconds(-1), *event->endDate()),
+                SizeIs(1));
   }
 }
 
@@ -219,6 +242,7 @@ TEST(EventStore, ExpandsARecurringEventInItsOwnZone) {
     EXPECT_EQ(occurrence->calendarItemExternalIdentifier(),
               event->calendarItemExternalIdentifier());
     EXPECT_TRUE(occurrence->hasRecurrenceRules());
+    EXPECT_THAT(occurrence->exceptionDates(), IsEmpty());
     EXPECT_EQ(occurrence->occurrenceDate(), occurrence->startDate());
   }
   const Events items =
@@ -226,6 +250,85 @@ TEST(EventStore, ExpandsARecurringEventInItsOwnZone) {
   ASSERT_THAT(items, SizeIs(1));
   EXPECT_EQ(items[0]->startDate(), utc("20240328T080000Z"));
   EXPECT_THAT(items[0]->exceptionDates(), ElementsAre(utc("20240330T080000Z")));
+}
+
+// A day may have 23 or 25 hours, which an all-day event has too, and an event by the clock has not.
+TEST(EventStore, KeepsTheLengthOfOccurrencesWhenTheClockIsSet) {
+  const ScopedTimeZone here("Europe/Paris");
+  struct Case {
+    bool isAllDay;
+    const char *start, *end;
+    std::vector<std::string> expected;
+  };
+  const Case cases[] = {
+      {true,
+       "20241025T220000Z",
+       "20241026T220000Z",
+       {"20241025T220000Z-20241026T220000Z a", "20241026T220000Z-20241027T230000Z a",
+        "20241027T230000Z-20241028T230000Z a"}},
+      {false,
+       "20240331T000000Z",
+       "20240331T030000Z",
+       {"20240331T000000Z-20240331T030000Z a", "20240331T230000Z-20240401T020000Z a",
+        "20240401T230000Z-20240402T020000Z a"}},
+  };
+  for (const Case& c : cases) {
+    if (!c.isAllDay && EventHost::usesEvolution()) continue;  // which takes the wall's time there
+    const EventHost host;
+    const Event event = host.newEvent("a", utc(c.start), utc(c.end));
+    event->setTimeZone(zone("Europe/Paris"));
+    event->setAllDay(c.isAllDay);
+    event->setRecurrenceRule("FREQ=DAILY;COUNT=3");
+    ASSERT_EQ(host.save(event), nullptr);
+    EXPECT_EQ(host.listing(january, utc("20250101T000000Z")), c.expected);
+    for (const Event& each : host.events(january, utc("20250101T000000Z"))) {
+      EXPECT_THAT(host.events(each->endDate()->dateByAddingSeconds(-1), *each->endDate()),
+                  SizeIs(1));
+    }
+  }
+}
+
+// By the wall's clock it is over before it begins.
+TEST(EventStore, FindsAFloatingEventThoughTheClockIsSetBackInIt) {
+  const ScopedTimeZone here("Europe/Paris");
+  const EventHost host;
+  const Event event = host.newEvent("a", utc("20241027T003000Z"), utc("20241027T011500Z"));
+  event->setTimeZone(std::nullopt);
+  ASSERT_EQ(host.save(event), nullptr);
+  EXPECT_THAT(host.events(utc("20241027T000000Z"), utc("20241027T010000Z")), SizeIs(1));
+}
+
+TEST(EventStore, ChangesOneFieldAlone) {
+  const ScopedTimeZone here("UTC");
+  const std::function<void(EKEvent&)> changes[] = {
+      [](EKEvent& e) { e.setTitle(std::nullopt); },
+      [](EKEvent& e) { e.setNotes(std::nullopt); },
+      [](EKEvent& e) { e.setNotes("others"); },
+      [](EKEvent& e) { e.setAllDay(true); },
+      [](EKEvent& e) { e.setTimeZone(zone("Europe/Paris")); },
+      [](EKEvent& e) { e.setTimeZone(std::nullopt); },
+      [](EKEvent& e) { e.setAlarms({}); },
+      [](EKEvent& e) { e.addAlarm({60}); },
+      [](EKEvent& e) { e.setStartDate(e.startDate()->dateByAddingSeconds(3600)); },
+      [](EKEvent& e) { e.setEndDate(e.endDate()->dateByAddingSeconds(3600)); },
+  };
+  const auto fields = [](const EKEvent& e) {
+    return std::tuple(e.title(), e.notes(), e.isAllDay(), e.alarms(), e.startDate(), e.endDate(),
+                      e.isAllDay() ? std::nullopt : e.timeZone());
+  };
+  for (const auto& change : changes) {
+    const EventHost host;
+    const Event event = host.newEvent("a", utc("20240105T000000Z"), utc("20240106T000000Z"));
+    event->setNotes("notes");
+    event->setAlarms({{-600}});
+    ASSERT_EQ(host.save(event), nullptr);
+    change(*event);
+    const auto expected = fields(*event);
+    ASSERT_EQ(host.save(event), nullptr);
+    EXPECT_EQ(fields(*event), expected);
+    EXPECT_EQ(event->occurrenceDate(), event->startDate());
+    EXPECT_EQ(fields(*host.events(january, february).at(0)), expected) << &change - changes;
+  }
 }
 
 // Whether a window is looked at alone or cut from the whole, the occurrences are the same.
@@ -260,6 +363,7 @@ TEST(EventStore, EndsARuleThatCountsHoursOrLess) {
   const std::pair<const char*, std::size_t> cases[] = {
       {"FREQ=MINUTELY;INTERVAL=30;UNTIL=20240101T100000Z", 3},
       {"FREQ=SECONDLY;INTERVAL=1800;COUNT=4", 4},
+      {"FREQ=DAILY;UNTIL=20231201T000000Z", 1},
       {"FREQ=HOURLY", 100'000}};  // a rule for every second would give more than fit into memory
   for (const auto& [rule, count] : cases) {
     const EventHost host;
@@ -274,6 +378,7 @@ TEST(EventStore, ChangesOneOccurrenceAlone) {
   Event event = host.events(january, february)[1];
   move(*event, "20240110T090000Z", "20240110T093000Z");
   ASSERT_EQ(saveAs(host, event, "moved"), nullptr);
+  EXPECT_TRUE(event->isDetached());
 
   // It stays where it is when it is saved again, and is still of the series.
   event = host.events(january, february)[2];
@@ -289,24 +394,40 @@ TEST(EventStore, ChangesOneOccurrenceAlone) {
       host.store->calendarItemsWithExternalIdentifier(event->calendarItemExternalIdentifier()),
       SizeIs(1));
 
-  event->setRecurrenceRule("FREQ=YEARLY");
-  EXPECT_EQ(host.save(event)->code(), EKErrorInvalidSpan);
+  const std::function<void(EKEvent&)> changes[] = {
+      [](EKEvent& e) { e.setRecurrenceRule("FREQ=YEARLY"); },
+      [](EKEvent& e) { e.setExceptionDates({january}); },
+      [](EKEvent& e) { e.setCalendar(EKCalendar::calendar()); }};
+  for (const auto& change : changes) {
+    event = host.events(january, february)[0];
+    change(*event);
+    const NSErrorPtr error = host.save(event);
+    ASSERT_NE(error, nullptr);
+    EXPECT_EQ(error->code(), EKErrorInvalidSpan);
+  }
 }
 
 TEST(EventStore, ChangesASeriesFromAnOccurrenceOn) {
   struct Case {
-    std::size_t changed;  // which occurrence
+    std::size_t removed, changed;  // which occurrence
     std::vector<std::string> expected;
     bool isNewSeries;
   };
   const std::string third = "20240103T090000Z-20240103T100000Z daily";
-  // The second occurrence is left out, the fourth was moved; both follow.
+  // An occurrence is left out, the fourth was moved; both follow.
   const Case cases[] = {
       {0,
+       0,
+       {"20240103T103000Z-20240103T123000Z new", "20240104T103000Z-20240104T123000Z new",
+        "20240120T090000Z-20240120T100000Z moved (was 20240105T103000Z)"},
+       false},
+      {1,
+       0,
        {"20240102T103000Z-20240102T123000Z new", "20240104T103000Z-20240104T123000Z new",
         "20240120T090000Z-20240120T100000Z moved (was 20240105T103000Z)"},
        false},
       {1,
+       1,
        {"20240101T090000Z-20240101T100000Z daily", "20240104T103000Z-20240104T123000Z new",
         "20240120T090000Z-20240120T100000Z moved (was 20240105T103000Z)"},
        true},
@@ -316,7 +437,7 @@ TEST(EventStore, ChangesASeriesFromAnOccurrenceOn) {
     const std::string identifier =
         dailySeries(host, "FREQ=DAILY;COUNT=4")->calendarItemExternalIdentifier();
     Events events = host.events(january, february);
-    ASSERT_EQ(host.remove(events[1]), nullptr);
+    ASSERT_EQ(host.remove(events[c.removed]), nullptr);
     move(*events[3], "20240120T090000Z", "20240120T100000Z");
     ASSERT_EQ(saveAs(host, events[3], "moved"), nullptr);
 
@@ -327,6 +448,9 @@ TEST(EventStore, ChangesASeriesFromAnOccurrenceOn) {
     ASSERT_EQ(saveAs(host, event, "new", EKSpan::futureEvents), nullptr);
     EXPECT_EQ(host.listing(january, february), c.expected);
     EXPECT_EQ(event->calendarItemExternalIdentifier() != identifier, c.isNewSeries);
+    const Events items =
+        host.store->calendarItemsWithExternalIdentifier(event->calendarItemExternalIdentifier());
+    EXPECT_THAT(items.at(0)->exceptionDates(), SizeIs(c.isNewSeries ? 0 : 1));
     EXPECT_EQ(event->startDate(), event->occurrenceDate());
   }
 }
@@ -362,28 +486,15 @@ TEST(EventStore, ChangesASeriesWithoutAZoneFromAnOccurrenceOn) {
       ASSERT_EQ(host.save(event), nullptr);
       ASSERT_EQ(saveAs(host, host.events(january, end)[2], "b", EKSpan::futureEvents), nullptr);
       EXPECT_EQ(host.listing(january, end), c.inNewYork);
+      const auto rule = host.events(january, end)[0]->recurrenceRule().value();
+      if (!EventHost::usesEvolution()) {
+        EXPECT_EQ(rule,
+                  c.isAllDay ? "FREQ=DAILY;UNTIL=20240310" : "FREQ=DAILY;UNTIL=20240311T085959");
+      }
     }
     const ScopedTimeZone there("Europe/Paris");
     EXPECT_EQ(host.listing(january, end), c.inParis);
   }
-}
-
-TEST(EventStore, RemovesOccurrencesAndTheSeriesWithTheLast) {
-  const EventHost host;
-  dailySeries(host, "FREQ=DAILY;COUNT=3");
-  Events events = host.events(january, february);
-  ASSERT_EQ(host.remove(events[1]), nullptr);
-  // The item found by its identifier is the first that is left.
-  const auto item = [&] {
-    return host.store->calendarItemsWithExternalIdentifier(
-        events[0]->calendarItemExternalIdentifier());
-  };
-  ASSERT_EQ(host.remove(item()[0]), nullptr);
-  EXPECT_EQ(item()[0]->startDate(), utc("20240103T090000Z"));
-  ASSERT_EQ(host.remove(item()[0]), nullptr);
-  EXPECT_THAT(item(), IsEmpty());
-  EXPECT_NE(host.remove(events[0]), nullptr);
-  EXPECT_NE(host.save(events[0]), nullptr);
 }
 
 // The days in January and the titles' first letters.
@@ -468,6 +579,18 @@ TEST(EventStore, FindsASeriesByItsFirstOccurrenceThoughItWasChanged) {
     }
     EXPECT_EQ(host.listing(january, february), c.expected) << c.isSaved;
   }
+
+  // What was changed may stand for a day that a new rule does not give.
+  const EventHost host;
+  const Event first = dailySeries(host, "FREQ=DAILY;COUNT=10");
+  ASSERT_EQ(saveAs(host, host.events(january, february)[1], "edited"), nullptr);
+  const Event whole = host.events(january, february)[0];
+  whole->setRecurrenceRule("FREQ=WEEKLY;COUNT=3");
+  ASSERT_EQ(host.save(whole, EKSpan::futureEvents), nullptr);
+  ASSERT_EQ(host.remove(host.events(january, february)[0]), nullptr);
+  const Events items =
+      host.store->calendarItemsWithExternalIdentifier(first->calendarItemExternalIdentifier());
+  EXPECT_EQ(items.at(0)->title(), "edited");
 }
 
 TEST(EventStore, RefusesAnOccurrenceThatIsNoLongerThere) {
@@ -518,9 +641,11 @@ TEST(EventStore, MakesAnEventRecurringAndSingleAgain) {
   const Events weekly = host.events(january, february);
   ASSERT_THAT(weekly, SizeIs(4));
   ASSERT_EQ(saveAs(host, weekly[2], "changed"), nullptr);
+  ASSERT_EQ(host.remove(weekly[1]), nullptr);
   weekly[0]->setRecurrenceRule(std::nullopt);
   ASSERT_EQ(host.save(weekly[0], EKSpan::futureEvents), nullptr);
-  EXPECT_THAT(host.events(january, february), SizeIs(1));
+  ASSERT_THAT(host.events(january, february), SizeIs(1));
+  EXPECT_THAT(host.events(january, february)[0]->exceptionDates(), IsEmpty());
   EXPECT_THAT(host.events(february, utc("20300101T000000Z")), IsEmpty());
 }
 
@@ -536,6 +661,18 @@ TEST(EventStore, KeepsWhatAnotherHasChangedMeanwhile) {
   EXPECT_THAT(host.listing(january, february),
               ElementsAre("20240105T080000Z-20240105T100000Z mine"));
   EXPECT_EQ(mine->notes(), "theirs");
+
+  const EventHost other;
+  dailySeries(other, "FREQ=DAILY;COUNT=3");
+  const Event second = other.events(january, february)[1];
+  ASSERT_EQ(saveAs(other, other.events(january, february)[1], "theirs"), nullptr);
+  ASSERT_EQ(saveAs(other, second, "mine", EKSpan::futureEvents), nullptr);
+  EXPECT_EQ(shortListing(other), "01d 02t 03m");
+  // A rule of its own counts as it says.
+  const Event third = other.events(january, february)[2];
+  third->setRecurrenceRule("FREQ=WEEKLY;COUNT=2");
+  ASSERT_EQ(other.save(third, EKSpan::futureEvents), nullptr);
+  EXPECT_EQ(shortListing(other), "01d 02t 03m 10m");
 }
 
 TEST(EventStore, HasCalendarsWithTheirEvents) {
@@ -544,28 +681,33 @@ TEST(EventStore, HasCalendarsWithTheirEvents) {
   const auto other = EKCalendar::calendar();
   other->setTitle("other");
   ASSERT_TRUE(host.store->saveCalendar_commit_error(other, true, nullptr));
-  other->setTitle("another");
+  other->setTitle("Zoo");  // which stands before what begins with a small letter
   ASSERT_TRUE(host.store->saveCalendar_commit_error(other, true, nullptr));
-  EXPECT_EQ(host.store->calendarsForEntityType(EKEntityType::event).size(), before + 1);
+  const auto calendars = host.store->calendarsForEntityType(EKEntityType::event);
+  EXPECT_EQ(calendars.size(), before + 1);
+  EXPECT_TRUE(std::is_sorted(calendars.begin(), calendars.end(),
+                             [](const auto& a, const auto& b) { return a->title() < b->title(); }));
   EXPECT_THAT(host.store->calendarsForEntityType(EKEntityType::reminder), IsEmpty());
   const std::string identifier = other->calendarIdentifier();
-  EXPECT_EQ(host.store->calendarWithIdentifier(identifier)->title(), "another");
+  EXPECT_EQ(host.store->calendarWithIdentifier(identifier)->title(), "Zoo");
   EXPECT_EQ(host.store->calendarWithIdentifier("unknown"), nullptr);
 
   const Event event = host.newEvent("a", january, january);
   ASSERT_EQ(host.save(event), nullptr);
   event->setCalendar(other);
   ASSERT_EQ(host.save(event), nullptr);
+  dailySeries(host, "FREQ=DAILY;COUNT=3");
+  const Event series = host.events(january, february).at(0);
+  series->setCalendar(other);
+  ASSERT_EQ(host.save(series, EKSpan::futureEvents), nullptr);
   EXPECT_THAT(host.events(january, february), IsEmpty());
   const auto all = host.store->predicateForEventsWithStartDate_endDate_calendars(january, february,
                                                                                  std::nullopt);
   const Events found = host.store->eventsMatchingPredicate(all);
-  EXPECT_EQ(std::count_if(found.begin(), found.end(),
-                          [&](const Event& each) {
-                            return each->calendarItemExternalIdentifier() ==
-                                   event->calendarItemExternalIdentifier();
-                          }),
-            1);
+  EXPECT_EQ(std::count_if(
+                found.begin(), found.end(),
+                [&](const Event& e) { return e->calendar()->calendarIdentifier() == identifier; }),
+            1 + 3);
   ASSERT_TRUE(host.store->removeCalendar_commit_error(other, true, nullptr));
   EXPECT_THAT(
       host.store->calendarItemsWithExternalIdentifier(event->calendarItemExternalIdentifier()),
@@ -573,6 +715,9 @@ TEST(EventStore, HasCalendarsWithTheirEvents) {
   NSErrorPtr error;
   EXPECT_FALSE(host.store->removeCalendar_commit_error(other, true, &error));
   EXPECT_EQ(error->code(), EKErrorNoCalendar);
+  const Event late = host.newEvent("late", january, january);
+  late->setCalendar(other);
+  EXPECT_EQ(host.save(late)->code(), EKErrorNoCalendar);
 }
 
 TEST(EventStore, AnswersAccessRequestsLater) {
@@ -604,11 +749,22 @@ TEST(EventStore, PostsItsOwnChangesTogether) {
             EXPECT_EQ(notification.object, host.store);
             ++posted;
           });
-  for (int i = 0; i < 5; ++i) host.save(host.newEvent("a", january, january));
+  for (int i = 0; i < 9; ++i) host.save(host.newEvent("a", january, january));
   EXPECT_EQ(posted, 0);
   EXPECT_TRUE(runUntil([&] { return posted != 0; }));
-  host.remove(host.events(january, february)[0]);
+  const Events same = host.events(january, february);
+  EXPECT_TRUE(std::is_sorted(same.begin(), same.end(), [](const Event& a, const Event& b) {
+    return a->calendarItemExternalIdentifier() < b->calendarItemExternalIdentifier();
+  }));
+  host.remove(same[0]);
   EXPECT_TRUE(runUntil([&] { return posted == 2; }));
+  const auto calendar = EKCalendar::calendar();
+  for (const auto change :
+       {&EKEventStore::saveCalendar_commit_error, &EKEventStore::removeCalendar_commit_error}) {
+    posted = 0;
+    EXPECT_TRUE(((*host.store).*change)(calendar, true, nullptr));
+    EXPECT_TRUE(runUntil([&] { return posted != 0; }));
+  }
 }
 
 }  // namespace

@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <quillmere/platform/base/HWPreference.h>
+#include <quillmere/platform/events/ChangeWatch.h>
 #include <quillmere/platform/events/EKEventStore.h>
+#include <quillmere/platform/events/EventRecord.h>
 #include <quillmere/platform/notifications/NSNotificationCenter.h>
 #include <sqlite3.h>
 #include <sys/resource.h>
@@ -13,6 +15,7 @@
 
 #include <csignal>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <random>
 #include <set>
@@ -21,6 +24,24 @@
 
 #include "tests/platform/events/EventHost.h"
 #include "tests/support/TemporaryFolder.h"
+
+namespace {
+
+std::vector<unsigned>* timerWaits = nullptr;  // of timers, which then ring at once
+
+}  // namespace
+
+// Stands in for GLib's.
+extern "C" guint g_timeout_add_full(gint priority, guint milliseconds, GSourceFunc function,
+                                    gpointer data, GDestroyNotify drop) {
+  if (timerWaits) timerWaits->push_back(milliseconds);
+  GSource* const source = g_timeout_source_new(timerWaits ? 0 : milliseconds);
+  g_source_set_priority(source, priority);
+  g_source_set_callback(source, function, data, drop);
+  const guint identifier = g_source_attach(source, nullptr);
+  g_source_unref(source);
+  return identifier;
+}
 
 namespace quillmere {
 namespace {
@@ -259,8 +280,36 @@ TEST(EventDatabase, LeavesForeignFilesAsTheyAre) {
   query(folder / "other id", "PRAGMA application_id = 7; CREATE TABLE t(a)");
   query(folder / "hollow",
         "PRAGMA application_id = 1366115702; PRAGMA user_version = 1; CREATE TABLE t(a)");
-  { const EventHost host(folder / "later version"); }
-  query(folder / "later version", "PRAGMA user_version = 99");
+  query(folder / "no version", "PRAGMA application_id = 1366115702; PRAGMA user_version = -1");
+  // Ours, but for one thing.
+  const auto rewrite = [](const std::string& from, const std::string& to) {
+    return "PRAGMA writable_schema = ON; UPDATE sqlite_master SET sql = replace(sql, '" + from +
+           "', '" + to + "')";
+  };
+  const std::string endless = " AS WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i FROM n) ";
+  const std::pair<const char*, std::string> changed[] = {
+      {"later version", "PRAGMA user_version = 99"},
+      {"half made", "PRAGMA user_version = 0"},
+      {"trigger", "CREATE TRIGGER t AFTER INSERT ON events BEGIN DELETE FROM calendars; END"},
+      {"endless view", "CREATE VIEW v" + endless + "SELECT i FROM n"},
+      {"view for a table", "DROP TABLE exceptions; CREATE VIEW exceptions" + endless +
+                               "SELECT i AS series, i AS occurrence FROM n"},
+      {"computed column", "ALTER TABLE events ADD COLUMN long ANY AS (hex(zeroblob(100000000)))"},
+      {"check", rewrite("title TEXT)", "title TEXT CHECK(length(hex(zeroblob(100000000)))))")},
+      {"collation", rewrite("NOT NULL UNIQUE", "NOT NULL COLLATE nocase UNIQUE")},
+      {"fewer indexes", "DROP INDEX events_in_time"},
+      {"expression index", "CREATE INDEX i ON events(hex(zeroblob(100000000)))"},
+      {"another table", "CREATE TABLE sessions(id)"},
+      {"false schema",
+       "CREATE TABLE t AS SELECT * FROM sqlite_master; PRAGMA writable_schema = ON;"
+       "UPDATE sqlite_master SET name = 'sqlite_schema', tbl_name = 'sqlite_schema',"
+       " sql = replace(sql, 'TABLE t', 'TABLE sqlite_schema') WHERE name = 't'"}};
+  std::vector<std::string> refused;
+  for (const auto& [name, sql] : changed) {
+    { const EventHost host(folder / name); }
+    ASSERT_EQ(query(folder / name, sql.c_str()), "");
+    refused.emplace_back(name);
+  }
   // With a log that would be written back as soon as somebody read and closed the database.
   query(folder / "live", "PRAGMA journal_mode = WAL; CREATE TABLE t(a)");
   sqlite3* live = nullptr;
@@ -269,11 +318,22 @@ TEST(EventDatabase, LeavesForeignFilesAsTheyAre) {
   fs::copy(folder / "live", folder / "crashed");
   fs::copy(folder / "live-wal", folder / "crashed-wal");
   sqlite3_close(live);
+  {
+    const EventHost host(folder / "ours");
+    query(folder / "ours", "CREATE TRIGGER t AFTER INSERT ON events BEGIN SELECT 1; END");
+    for (const char* suffix : {"", "-wal", "-shm"}) {
+      fs::copy(folder / "ours" + suffix, folder / "trigger in the log" + suffix);
+    }
+  }
   ASSERT_EQ(::mkfifo((folder / "pipe").c_str(), 0600), 0);
   fs::create_directory(folder / "directory");
 
-  for (const char* name : {"text", "long text", "magic only", "other's", "other id", "hollow",
-                           "later version", "crashed", "pipe", "directory", "no/such/folder"}) {
+  for (const char* name :
+       {"text", "long text", "magic only", "other's", "other id", "hollow", "no version", "crashed",
+        "trigger in the log", "pipe", "directory", "no/such/folder"}) {
+    refused.emplace_back(name);
+  }
+  for (const std::string& name : refused) {
     const bool isFile = fs::is_regular_file(folder / name);
     const std::string before = isFile ? readFile(folder / name) : "";
     const std::size_t entries = folder.entryCount();
@@ -286,6 +346,36 @@ TEST(EventDatabase, LeavesForeignFilesAsTheyAre) {
     EXPECT_EQ(folder.entryCount(), entries) << name;
   }
   EXPECT_EQ(query(folder / "crashed", "SELECT a FROM t"), "1");
+}
+
+TEST(EventDatabase, OpensWhatEarlierProgramsHaveLeft) {
+  const TemporaryFolder folder;
+  const EventHost host(folder / "live");
+  ASSERT_EQ(host.save(anEvent(host)), nullptr);
+  query(folder / "live",
+        "ANALYZE; CREATE TABLE t(a INTEGER PRIMARY KEY AUTOINCREMENT); DROP TABLE t");
+  // With a log that was never written back.
+  for (const char* suffix : {"", "-wal"}) {
+    fs::copy(folder / "live" + suffix, folder / "crashed" + suffix);
+  }
+  const EventHost crashed(folder / "crashed");
+  EXPECT_THAT(crashed.events(january, february), SizeIs(1));
+  EXPECT_EQ(query(folder / "crashed",
+                  "SELECT group_concat(name) FROM sqlite_master"
+                  " WHERE name LIKE 'sqlite_s%'"),
+            "sqlite_stat1,sqlite_sequence");
+  writeFile(folder / "empty", "");
+  EXPECT_NE(EKEventStore::initWithDatabasePath_error(folder / "empty", nullptr), nullptr);
+  // What another program adds meanwhile is not carried out.
+  query(folder / "crashed",
+        "CREATE TRIGGER t AFTER INSERT ON events BEGIN DELETE FROM calendars; END");
+  ASSERT_EQ(crashed.save(anEvent(crashed)), nullptr);
+  EXPECT_THAT(crashed.events(january, february), SizeIs(2));
+  // The text of the schema, of which no released database may differ.
+  EXPECT_EQ(query(folder / "live",
+                  "SELECT group_concat(length(sql)) FROM sqlite_master"
+                  " WHERE name NOT LIKE 'sqlite_%'"),
+            "126,578,200,101,103,61");
 }
 
 TEST(EventDatabase, IsReadWhereItCannotBeWritten) {
@@ -320,6 +410,9 @@ TEST(EventDatabase, IsReadWhereItCannotBeWritten) {
     ASSERT_NE(error->underlyingError(), nullptr);
     EXPECT_EQ(error->underlyingError()->code(), EACCES);
   });
+  writeFile(path + "-wal", "");  // somebody writes it
+  inAnothersHands(
+      0444, [&] { EXPECT_EQ(EKEventStore::initWithDatabasePath_error(path, nullptr), nullptr); });
   fs::permissions(folder / "folder", fs::perms(0755));
 }
 
@@ -343,6 +436,7 @@ TEST(EventDatabase, GoesOnAfterItMayNotGrow) {
     ::setrlimit(RLIMIT_FSIZE, &before);
     ASSERT_NE(error, nullptr);
     EXPECT_EQ(error->domain(), EKErrorDomain);
+    EXPECT_EQ(error->underlyingError()->code(), SQLITE_IOERR_WRITE);
     EXPECT_THAT(host.events(january, february), SizeIs(saved));
     ASSERT_EQ(save(), nullptr);
     ++saved;
@@ -390,6 +484,53 @@ TEST(EventDatabase, FindsAnIdentifierInEachCalendar) {
   ASSERT_EQ(host.remove(items()[0]), nullptr);
   ASSERT_THAT(items(), SizeIs(1));
   EXPECT_EQ(items()[0]->title(), "second");
+
+  // Any number may stand in a damaged database.
+  query(path, "UPDATE events SET start = -9223372036854775807, end = 9223372036854775807");
+  EXPECT_EQ(items()[0]->startDate(), firstDate);
+  EXPECT_EQ(items()[0]->endDate(), lastDate);
+}
+
+TEST(EventDatabase, KeepsFractionsOfASecondAndNoEmptySeries) {
+  const TemporaryFolder folder;
+  const EventHost host(folder / "events");
+  const NSDate start = dateAfter(january, 250'000);
+  const Event event = host.newEvent("a", start, start);
+  event->setTimeZone(testing::zone("Europe/Paris"));
+  event->setRecurrenceRule("FREQ=DAILY;UNTIL=20240110T000000Z");
+  ASSERT_EQ(host.save(event), nullptr);
+  auto events = host.events(january, february);
+  EXPECT_EQ(events.at(1)->startDate(), start.dateByAddingSeconds(86'400));
+  ASSERT_EQ(host.remove(events[2], EKSpan::futureEvents), nullptr);
+  events = host.events(january, february);
+  ASSERT_THAT(events, SizeIs(2));
+  EXPECT_GT(events[0]->lastModifiedDate(), event->lastModifiedDate());
+  EXPECT_EQ(events[0]->recurrenceRule(), "FREQ=DAILY;UNTIL=20240102T235959Z");
+  const auto cut = events[0]->lastModifiedDate();
+  ASSERT_EQ(host.save(events[0], EKSpan::futureEvents), nullptr);
+  EXPECT_GT(events[0]->lastModifiedDate(), cut);
+  for (const Event& each : events) ASSERT_EQ(host.remove(each), nullptr);
+  EXPECT_EQ(query(folder / "events", "SELECT count(*) FROM events"), "0");
+}
+
+TEST(ChangeWatch, AsksEverMoreSeldomUntilItKnows) {
+  const TemporaryFolder folder;
+  writeFile(folder / "file", "");
+  std::size_t most = 0;
+  std::size_t asked = 0;
+  const ChangeWatch watch(folder / "file", [&] { return ++asked == most; });
+  std::vector<unsigned> waited;
+  timerWaits = &waited;
+  const std::vector<unsigned> all = {5, 10, 20, 40, 80, 160, 320, 640, 1280, 2560};
+  for (const std::size_t count : {all.size() + 1, all.size() + 1, std::size_t{3}}) {
+    waited.clear();
+    asked = 0;
+    most = count;
+    std::ofstream(folder / "file", std::ios::app) << "a";
+    EXPECT_TRUE(runUntil([&] { return asked == count; }));
+    EXPECT_THAT(waited, ::testing::ElementsAreArray(all.data(), count - 1));
+  }
+  timerWaits = nullptr;
 }
 
 TEST(EventDatabase, IsTheUsersOwnUnlessTheHostSaysAnother) {
@@ -416,6 +557,16 @@ TEST(EventDatabase, IsTheUsersOwnUnlessTheHostSaysAnother) {
   const std::string path = folder / "data/quillmere/events.sqlite";
   EXPECT_EQ(query(path, "SELECT count(*) FROM calendars"), "1");
   EXPECT_EQ(fs::status(path).permissions(), fs::perms(0600));
+
+  inASession([&] {
+    ::setenv("HOME", (folder / "home").c_str(), 1);
+    ::setenv("XDG_DATA_HOME", "relative", 1);  // which does not count
+    fs::current_path(folder / "");
+    saveTo("");
+  });
+  EXPECT_EQ(
+      query(folder / "home/.local/share/quillmere/events.sqlite", "SELECT count(*) FROM calendars"),
+      "1");
 
   // A store that cannot be opened says so, and has nothing.
   writeFile(path, "damaged");

@@ -8,7 +8,10 @@
 #include <quillmere/platform/events/EvolutionComponent.h>
 #include <quillmere/platform/notifications/NSNotificationCenter.h>
 
+#include <atomic>
 #include <csignal>
+#include <memory>
+#include <optional>
 
 #include "tests/platform/events/EventHost.h"
 
@@ -28,14 +31,32 @@ TEST(EvolutionEventStore, TellsOtherStoresOfChanges) {
   const auto observation =
       NSNotificationCenter::defaultCenter().addObserverForName_object_usingBlock(
           EKEventStoreChangedNotification, other, [&](const NSNotification&) { ++posted; });
-  // What is on its way when a store is made tells nothing of what comes later.
-  runUntil([end = NSDate::date().dateByAddingSeconds(1)] { return NSDate::date() > end; });
-  posted = 0;
   const auto event = host.newEvent("a", january, january);
-  ASSERT_EQ(host.save(event), nullptr);
-  EXPECT_TRUE(runUntil([&] { return posted == 1; }));
-  ASSERT_EQ(host.remove(event), nullptr);
-  EXPECT_TRUE(runUntil([&] { return posted >= 2; }));
+  const auto calendar = EKCalendar::calendar();
+  const auto saveCalendar = [&] {
+    calendar->setTitle(calendar->title().value_or("") + "x");
+    return host.store->saveCalendar_commit_error(calendar, true, nullptr);
+  };
+  const std::function<bool()> changes[] = {
+      [&] { return !host.save(event); }, [&] { return !host.remove(event); }, saveCalendar,
+      saveCalendar,
+      [&] { return host.store->removeCalendar_commit_error(calendar, true, nullptr); }};
+  for (const auto& change : changes) {
+    // What is on its way tells nothing of what comes now.
+    runUntil([end = NSDate::date().dateByAddingSeconds(1)] { return NSDate::date() > end; });
+    posted = 0;
+    EXPECT_TRUE(change());
+    EXPECT_TRUE(runUntil([&] { return posted != 0; })) << &change - changes;
+  }
+}
+
+TEST(EvolutionEventStore, RefusesChangesOfACalendarThatIsOnlyRead) {
+  const EventHost host;
+  const auto event = host.newEvent("a", january, january);
+  event->setCalendar(host.store->calendarWithIdentifier("birthdays"));
+  const NSErrorPtr error = host.save(event);
+  ASSERT_NE(error, nullptr);
+  EXPECT_EQ(error->code(), EKErrorCalendarReadOnly);
 }
 
 TEST(EvolutionEventStore, MayEndOnAnyThread) {
@@ -76,6 +97,7 @@ TEST(EvolutionEventStore, PassesOverEventsThatAreNone) {
       {"RRULE:FREQ=DAILY\r\n", {}},
       {start + "DTEND:20240105T080000Z\r\n", {"20240105T090000Z-20240105T090000Z a"}},
       {start + "DURATION:-PT1H\r\n", {"20240105T090000Z-20240105T090000Z a"}},
+      {start + "DURATION:PT1H\r\n", {"20240105T090000Z-20240105T100000Z a"}},
       {start + "RRULE:FREQ=SOMETIMES\r\n", {"20240105T090000Z-20240105T090000Z a"}},
   };
   for (const Case& c : cases) {
@@ -90,6 +112,11 @@ TEST(EvolutionEventStore, PassesOverEventsThatAreNone) {
         host.store->calendarItemsWithExternalIdentifier(host.calendar->calendarIdentifier()),
         SizeIs(c.expected.size()))
         << c.lines;
+    if (c.expected.empty()) continue;
+    const auto event = host.events(january, february)[0];
+    event->setEndDate(utc("20240105T120000Z"));
+    ASSERT_EQ(host.save(event), nullptr);
+    EXPECT_EQ(host.listing(january, february)[0], "20240105T090000Z-20240105T120000Z a");
   }
 }
 
@@ -114,9 +141,195 @@ TEST(EvolutionEventStore, FindsItemsInEveryCalendarThatCanBeOpened) {
                   event->calendarItemExternalIdentifier(), &error),
               SizeIs(2));
   EXPECT_EQ(error, nullptr);
+
+  // When that is the only one nothing is known.
+  const auto all = host.store->calendarsForEntityType(EKEntityType::event);
+  const auto enableOthers = [&](gboolean isEnabled) {
+    for (const auto& calendar : all) {
+      const std::string& identifier = calendar->calendarIdentifier();
+      if (identifier == e_source_get_uid(closed.get())) continue;
+      const GObjectPtr<ESource> source(
+          e_source_registry_ref_source(registry.get(), identifier.c_str()));
+      e_source_set_enabled(source.get(), isEnabled);
+      EXPECT_TRUE(e_source_write_sync(source.get(), nullptr, nullptr));
+    }
+    const std::size_t expected = isEnabled ? all.size() : 1;
+    EXPECT_TRUE(runUntil([&] {
+      return host.store->calendarsForEntityType(EKEntityType::event).size() == expected;
+    }));
+  };
+  enableOthers(FALSE);
+  EXPECT_THAT(host.store->calendarItemsWithExternalIdentifier("a", &error), IsEmpty());
+  EXPECT_NE(error, nullptr);
+  enableOthers(TRUE);
   const GObjectPtr<ESource> added(
       e_source_registry_ref_source(registry.get(), e_source_get_uid(closed.get())));
   EXPECT_TRUE(e_source_remove_sync(added.get(), nullptr, nullptr));
+}
+
+// The process that has a name on the session's bus; 0 when nobody has.
+pid_t processOf(const char* name) {
+  const GObjectPtr<GDBusConnection> bus(g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr));
+  const std::unique_ptr<GVariant, decltype(&g_variant_unref)> answer(
+      g_dbus_connection_call_sync(bus.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                  "org.freedesktop.DBus", "GetConnectionUnixProcessID",
+                                  g_variant_new("(s)", name), nullptr, G_DBUS_CALL_FLAGS_NONE, -1,
+                                  nullptr, nullptr),
+      &g_variant_unref);
+  guint32 process = 0;
+  if (answer) g_variant_get(answer.get(), "(u)", &process);
+  return static_cast<pid_t>(process);
+}
+
+void killService(const char* name) {
+  const pid_t process = processOf(name);
+  ASSERT_NE(process, 0) << name;
+  ASSERT_EQ(::kill(process, SIGKILL), 0);
+  ASSERT_TRUE(runUntil([&] { return processOf(name) == 0; }));
+}
+
+// As if the service had died after it did what it was asked for by `method`, the next time, and before
+// it said so.
+class LostAnswer {
+ public:
+  explicit LostAnswer(const char* method) : method_(method) {
+    filter_ = g_dbus_connection_add_filter(bus_.get(), &LostAnswer::pass, this, nullptr);
+  }
+  LostAnswer(const LostAnswer&) = delete;
+  LostAnswer& operator=(const LostAnswer&) = delete;
+  ~LostAnswer() {
+    g_dbus_connection_remove_filter(bus_.get(), filter_);
+    EXPECT_TRUE(isLost_) << method_;
+  }
+
+ private:
+  // On the connection's thread.
+  static GDBusMessage* pass(GDBusConnection*, GDBusMessage* message, gboolean isIncoming,
+                            void* data) {
+    auto& lost = *static_cast<LostAnswer*>(data);
+    if (lost.isLost_) return message;
+    if (!isIncoming && g_strcmp0(g_dbus_message_get_member(message), lost.method_) == 0) {
+      lost.serial_ = g_dbus_message_get_serial(message);
+    }
+    if (!isIncoming || lost.serial_ == 0 ||
+        g_dbus_message_get_reply_serial(message) != lost.serial_) {
+      return message;
+    }
+    lost.isLost_ = true;
+    GDBusMessage* const error = g_dbus_message_copy(message, nullptr);
+    g_object_unref(message);
+    g_dbus_message_set_message_type(error, G_DBUS_MESSAGE_TYPE_ERROR);
+    g_dbus_message_set_error_name(error, "org.freedesktop.DBus.Error.NoReply");
+    g_dbus_message_set_body(error, g_variant_new("(s)", "no reply"));
+    return error;
+  }
+
+  const char* method_;
+  const GObjectPtr<GDBusConnection> bus_{g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr)};
+  guint filter_ = 0;
+  guint32 serial_ = 0;
+  std::atomic<bool> isLost_ = false;
+};
+
+TEST(EvolutionEventStore, GoesOnWhenItsServiceHasDied) {
+  const auto isInParis = [](const testing::Event& event) {
+    event->setTimeZone(testing::zone("Europe/Paris"));
+    return event;
+  };
+  struct Case {
+    const char* what;
+    const char* method;
+    std::function<NSErrorPtr(const EventHost&)> work;
+    std::size_t left;
+  };
+  const auto all = [](const EventHost& host) { return host.events(january, february); };
+  const Case cases[] = {
+      {"new", "CreateObjects",
+       [](const EventHost& host) {
+         const auto event = host.newEvent("a", january, january);
+         event->setRecurrenceRule("FREQ=DAILY;COUNT=3");
+         return host.save(event);
+       },
+       3},
+      {"in a zone", "AddTimezone",
+       [&](const EventHost& host) {
+         return host.save(isInParis(host.newEvent("b", january, january)));
+       },
+       4},
+      {"read", "GetObjectList",
+       [&](const EventHost& host) {
+         EXPECT_THAT(all(host), SizeIs(4));
+         return nullptr;
+       },
+       4},
+      {"changed occurrence", "ModifyObjects",
+       [&](const EventHost& host) {
+         const auto event = all(host)[2];
+         event->setTitle("changed");
+         return host.save(event);
+       },
+       4},
+      {"found and removed", "RemoveObjects",
+       [&](const EventHost& host) {
+         const auto items = host.store->calendarItemsWithExternalIdentifier(
+             all(host)[3]->calendarItemExternalIdentifier());
+         return items.empty() ? NSError::errorWithPOSIXCode(1)
+                              : host.remove(items[0], EKSpan::futureEvents);
+       },
+       1},
+      {"moved series", "CreateObjects",
+       [&](const EventHost& host) {
+         const auto event = all(host)[0];
+         event->setRecurrenceRule("FREQ=DAILY;COUNT=3");
+         NSErrorPtr error = host.save(event);
+         if (error) return error;
+         const auto second = all(host)[1];
+         second->setTitle("split");
+         return host.save(second, EKSpan::futureEvents);
+       },
+       3},
+  };
+  for (const bool isDone : {false, true}) {
+    const EventHost host;
+    for (const Case& c : cases) {
+      std::optional<LostAnswer> lost;
+      if (isDone) {
+        lost.emplace(c.method);
+      } else {
+        killService("org.gnome.evolution.dataserver.Calendar8");
+      }
+      EXPECT_EQ(c.work(host), nullptr) << c.what << isDone;
+      lost.reset();
+      EXPECT_THAT(all(host), SizeIs(c.left)) << c.what << isDone;
+    }
+  }
+}
+
+TEST(EvolutionEventStore, TellsOfChangesAgainWhenItsServiceHasDied) {
+  const EventHost host;
+  killService("org.gnome.evolution.dataserver.Calendar8");
+  int posted = 0;
+  const auto observation =
+      NSNotificationCenter::defaultCenter().addObserverForName_object_usingBlock(
+          EKEventStoreChangedNotification, host.store, [&](const NSNotification&) { ++posted; });
+  EXPECT_THAT(host.events(january, february), IsEmpty());
+  EXPECT_TRUE(runUntil([&] { return posted != 0; })) << "something may have been missed";
+  posted = 0;
+  add(host, "UID:theirs\r\nDTSTART:20240105T090000Z\r\n");
+  EXPECT_TRUE(runUntil([&] { return posted != 0; }));
+}
+
+TEST(EvolutionEventStore, ChangesCalendarsWhenTheirServiceHasDied) {
+  const EventHost host;
+  const auto calendar = EKCalendar::calendar();
+  NSErrorPtr error;
+  for (const char* title : {"new", "renamed"}) {
+    calendar->setTitle(title);
+    EXPECT_TRUE(host.store->saveCalendar_commit_error(calendar, true, &error)) << title;
+    killService("org.gnome.evolution.dataserver.Sources5");
+  }
+  EXPECT_TRUE(host.store->removeCalendar_commit_error(calendar, true, &error));
+  EXPECT_EQ(error, nullptr);
 }
 
 TEST(EvolutionWithoutBus, ReportsErrors) {
@@ -124,15 +337,9 @@ TEST(EvolutionWithoutBus, ReportsErrors) {
   ASSERT_EQ(host.save(host.newEvent("a", january, january)), nullptr);
 
   GDBusConnection* const bus = g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr);
-  GVariant* const answer = g_dbus_connection_call_sync(
-      bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-      "GetConnectionUnixProcessID", g_variant_new("(s)", "org.freedesktop.DBus"), nullptr,
-      G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
-  ASSERT_NE(answer, nullptr);
-  guint32 process = 0;
-  g_variant_get(answer, "(u)", &process);
-  g_variant_unref(answer);
-  ASSERT_EQ(::kill(static_cast<pid_t>(process), SIGKILL), 0);
+  const pid_t process = processOf("org.freedesktop.DBus");
+  ASSERT_NE(process, 0);
+  ASSERT_EQ(::kill(process, SIGKILL), 0);
   ASSERT_TRUE(runUntil([&] { return g_dbus_connection_is_closed(bus) != FALSE; }));
   g_object_unref(bus);
 

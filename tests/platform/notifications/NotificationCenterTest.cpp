@@ -1,3 +1,4 @@
+#include <gio/gio.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <quillmere/platform/base/FileDescriptor.h>
@@ -41,6 +42,7 @@ TEST(NotificationCenter, CallsWhoAskedForNameAndObject) {
   const auto a = observe("a", "a", nullptr);
   auto ofOne = observe("one", std::nullopt, one);
   auto aOfTwo = observe("a of two", "a", two);
+  const auto ofNobody = observe("nobody", std::nullopt, std::make_shared<int>(3));
 
   center.postNotificationName_object_userInfo("a", one, {});
   center.postNotificationName_object_userInfo("a", two, {});
@@ -168,6 +170,56 @@ TEST(DistributedNotificationCenter, BringsOthersExactlyWhatWasSent) {
   post(here, {"unheard", std::nullopt, {}});
   EXPECT_TRUE(reaches(here, there));
   EXPECT_EQ(heard.size(), 4U);
+}
+
+TEST(DistributedNotificationCenter, HearsOnlyWhatIsOneOfItsSignals) {
+  const SessionBus bus;
+  NSDistributedNotificationCenter here;
+  NSDistributedNotificationCenter there;
+  ASSERT_TRUE(reaches(here, there));
+  GDBusConnection* const other = g_dbus_connection_new_for_address_sync(
+      std::getenv("DBUS_SESSION_BUS_ADDRESS"),
+      static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                        G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+      nullptr, nullptr, nullptr);
+  ASSERT_NE(other, nullptr);
+  std::vector<NSDistributedNotification> heard;
+  const auto observation = there.addObserverForName_object_usingBlock(
+      std::nullopt, std::nullopt, [&](const NSDistributedNotification& notification) {
+        if (notification.name != "ping") heard.push_back(notification);
+      });
+  const char* const interface = "org.quillmere.NotificationCenter";
+  struct Case {
+    GDBusMessageType type;
+    const char *interface, *member, *body;
+  };
+  const Case cases[] = {
+      {G_DBUS_MESSAGE_TYPE_SIGNAL, interface, "Other", "(@ay [97], @aay [], @a(ayv) [])"},
+      {G_DBUS_MESSAGE_TYPE_SIGNAL, "org.other.Center", "Posted", "(@ay [98], @aay [], @a(ayv) [])"},
+      {G_DBUS_MESSAGE_TYPE_METHOD_CALL, interface, "Posted", "(@ay [99], @aay [], @a(ayv) [])"},
+      {G_DBUS_MESSAGE_TYPE_SIGNAL, interface, "Posted", "('d', @aay [], @a(ayv) [])"},
+      {G_DBUS_MESSAGE_TYPE_SIGNAL, interface, "Posted", nullptr},
+      // What a later version may say besides.
+      {G_DBUS_MESSAGE_TYPE_SIGNAL, interface, "Posted",
+       "(@ay [101], @aay [], @a(ayv) [([117], <@u 5>), ([120], <@x 7>)])"},
+  };
+  // To each connection by its name: what is sent to all comes only to those who asked for it.
+  for (const Case& c : cases) {
+    for (int number = 0; number != 9; ++number) {
+      GDBusMessage* const message = g_dbus_message_new_method_call(
+          (":1." + std::to_string(number)).c_str(), "/org/quillmere/NotificationCenter",
+          c.interface, c.member);
+      g_dbus_message_set_message_type(message, c.type);
+      if (c.body) g_dbus_message_set_body(message, g_variant_new_parsed(c.body));
+      g_dbus_connection_send_message(other, message, G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr,
+                                     nullptr);
+      g_object_unref(message);
+    }
+  }
+  EXPECT_TRUE(runUntil([&] { return !heard.empty() && heard.back().name == "e"; }));
+  EXPECT_THAT(heard, ::testing::SizeIs(1));
+  EXPECT_EQ(heard.back().userInfo, (NSNotificationUserInfo{{"x", std::int64_t{7}}}));
+  g_object_unref(other);
 }
 
 TEST(DistributedNotificationCenter, ServesItsProcessWithoutABus) {
