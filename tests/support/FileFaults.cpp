@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdarg>
+#include <utility>
 
 namespace quillmere::testing {
 namespace {
@@ -21,6 +22,7 @@ struct Pending {
 
 Pending pending{FileCall::write, 0, 0};
 unsigned long writeLimit = 0;
+std::function<void()> readAction;
 
 Replacement replacement;
 unsigned permissionsWhenWritten = 0;
@@ -45,6 +47,8 @@ const Replacement& lastReplacement() { return replacement; }
 
 void limitWrites(unsigned long bytes) { writeLimit = bytes; }
 
+void beforeNextRead(std::function<void()> action) { readAction = std::move(action); }
+
 }  // namespace quillmere::testing
 
 using quillmere::testing::fails;
@@ -59,6 +63,11 @@ int open(const char* path, int flags, ...) {
   const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
   va_end(arguments);
   return static_cast<int>(syscall(SYS_openat, AT_FDCWD, path, flags, mode));
+}
+
+ssize_t read(int file, void* bytes, size_t count) {
+  if (const auto action = std::exchange(quillmere::testing::readAction, nullptr)) action();
+  return fails(FileCall::read) ? -1 : syscall(SYS_read, file, bytes, count);
 }
 
 ssize_t write(int file, const void* bytes, size_t count) {

@@ -1,6 +1,7 @@
 #ifndef QUILLMERE_TESTS_SUPPORT_FILEFAULTS_H
 #define QUILLMERE_TESTS_SUPPORT_FILEFAULTS_H
 
+#include <functional>
 #include <string>
 
 namespace quillmere::testing {
@@ -9,6 +10,7 @@ namespace quillmere::testing {
 /// The test program's own definitions stand in for the C library's.
 enum class FileCall {
   open,
+  read,
   write,
   fchown,
   getxattr,
@@ -41,6 +43,9 @@ const Replacement& lastReplacement();
 
 /// The longest count of bytes that one write takes; the rest is left to the caller. 0: no limit.
 void limitWrites(unsigned long bytes);
+
+/// What happens right before the next read, once.
+void beforeNextRead(std::function<void()> action);
 
 }  // namespace quillmere::testing
 
