@@ -146,19 +146,23 @@ TEST(NSOperationQueue, LetsGoOfOperationsBeforeAndWithTheirContext) {
   }
 }
 
-TEST_F(LoopTest, OperationsDoNotWaitForIdleTimes) {
-  GSource* const idle = g_idle_source_new();
+TEST_F(LoopTest, OperationsAreCarriedOutInTurnWithOtherEventsAndBeforeIdleTimes) {
   const auto note = [](void* data) -> gboolean {
-    static_cast<Log*>(data)->emplace_back("idle");
+    (*static_cast<std::function<void()>*>(data))();
     return G_SOURCE_REMOVE;
   };
-  g_source_set_callback(idle, note, &log, nullptr);
-  g_source_attach(idle, own.context);
-  g_source_unref(idle);
+  std::function<void()> event = [this] { log.emplace_back("event"); };
+  std::function<void()> idle = [this] { log.emplace_back("idle"); };
+  for (auto* const noted : {&idle, &event}) {
+    GSource* const source = g_idle_source_new();
+    if (noted == &event) g_source_set_priority(source, G_PRIORITY_DEFAULT);
+    g_source_set_callback(source, note, noted, nullptr);
+    g_source_attach(source, own.context);
+    g_source_unref(source);
+  }
   add("operation");
-  g_main_context_iteration(own.context, FALSE);
-  g_main_context_iteration(own.context, FALSE);
-  EXPECT_EQ(log, (Log{"operation", "idle"}));
+  while (g_main_context_iteration(own.context, FALSE)) continue;
+  EXPECT_EQ(log, (Log{"event", "operation", "idle"}));
 }
 
 TEST(Alarm, WaitsForWholeMillisecondsAndNeverTooFew) {
@@ -192,7 +196,11 @@ TEST_F(LoopTest, AnAlarmRingsOnceForEachTimeThatIsSet) {
   EXPECT_EQ(ringsOf(g_get_monotonic_time() + 3'600'000'000), 0);
   EXPECT_EQ(ringsOf(Alarm::never), 0);
   alarm->setTime(g_get_monotonic_time() + 1000);
-  while (rings == 0) g_main_context_iteration(own.context, TRUE);
+  g_main_context_iteration(own.context, TRUE);
+  EXPECT_EQ(rings, 1) << "when the loop has slept until then, once";
+  alarm->setTime(0);
+  alarm.reset();
+  EXPECT_FALSE(g_main_context_pending(own.context));
 
   alarm.emplace(own.context, [&] {
     if (++rings < 3) alarm->setTime(0);

@@ -83,14 +83,37 @@ TEST(AuthenticateHeader, TakesLongFieldsInLinearTime) {
   EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(30));
 }
 
-TEST(NSURLProtectionSpace, HasNoRealmThatIsNotText) {
-  const auto realm = [](const char* bytes) {
-    return NSURLProtectionSpace::initWithHost_port_protocol_realm_authenticationMethod(
-               "h", 80, "http", bytes, NSURLAuthenticationMethodHTTPBasic)
-        .realm();
+TEST(AuthenticateHeader, KnowsADeadEnd) {
+  const std::pair<const char*, bool> table[] = {{"Digest realm=r", true},
+                                                {"Bearer, Digest", true},
+                                                {"Digest nonce=n", false},
+                                                {"Digest nonce=n, algorithm=x", false},
+                                                {"Digest, Basic", false},
+                                                {"Bearer", false},
+                                                {"", false}};
+  for (const auto& [header, is] : table) {
+    EXPECT_EQ(isDeadEnd(parseAuthenticateHeader(header)), is) << header;
+  }
+}
+
+TEST(NSURLProtectionSpace, IsOfAServerOrOfAProxyAndHasNoRealmThatIsNotText) {
+  using Space = NSURLProtectionSpace;
+  const auto of = [](const auto& init, const char* realm) {
+    return init("h", 81, "https", realm, NSURLAuthenticationMethodHTTPBasic);
   };
-  EXPECT_EQ(realm("Käse"), "Käse");
-  EXPECT_EQ(realm("K\xE4se"), std::nullopt);
+  const Space server = of(Space::initWithHost_port_protocol_realm_authenticationMethod, "Käse");
+  const Space proxy = of(Space::initWithProxyHost_port_type_realm_authenticationMethod, "K\xE4se");
+  EXPECT_EQ(server.realm(), "Käse");
+  EXPECT_EQ(proxy.realm(), std::nullopt);
+  EXPECT_FALSE(server.isProxy());
+  EXPECT_TRUE(proxy.isProxy());
+  for (const Space& space : {server, proxy}) {
+    EXPECT_EQ(space.host(), "h");
+    EXPECT_EQ(space.port(), 81U);
+    EXPECT_EQ(space.protocol(), "https");
+    EXPECT_EQ(space.authenticationMethod(), NSURLAuthenticationMethodHTTPBasic);
+  }
+  EXPECT_NE(of(Space::initWithHost_port_protocol_realm_authenticationMethod, "\xFF"), proxy);
 }
 
 }  // namespace
