@@ -41,48 +41,23 @@ TEST(OrderedMap, IsWholeAgainBeforeAValueIsDestroyed) {
   EXPECT_EQ(map.keys(), Names{"left by b"});
 }
 
-TEST(OrderedMap, TellsWhatIsNewAndKeepsAnOldPlace) {
-  OrderedSet set;
-  EXPECT_TRUE(set.empty());
-  for (const char* name : {"b", "", "a"}) EXPECT_TRUE(set.insert(name));
-  EXPECT_FALSE(set.insert("b"));
-  EXPECT_FALSE(set.contains("c"));
-  EXPECT_TRUE(set.contains(""));
-  EXPECT_EQ(set.names(), (Names{"b", "", "a"}));
-  set.erase("b");
-  set.erase("b");
-  EXPECT_EQ(set.size(), 2U);
-  EXPECT_TRUE(set.insert("b"));
-  EXPECT_EQ(set.names(), (Names{"", "a", "b"}));
-  set.clear();
-  EXPECT_TRUE(set.empty());
-  EXPECT_FALSE(set.contains("a"));
-  EXPECT_TRUE(set.insert("a"));
-}
-
 TEST(OrderedMap, TellsAllKeysApartByTheirHash) {
   std::set<std::size_t> hashes;
   std::size_t count = 0;
-  const auto add = [&](std::string_view key) {
-    hashes.insert(seededHash(key));
-    ++count;
-  };
   for (std::size_t length = 0; length != 100; ++length) {
-    const std::string zeros(length, '\0');
-    add(zeros);
-    for (std::size_t at = 0; at != length; ++at) {
-      add(std::string(zeros).replace(at, 1, "x"));  // at every place of a word, and of every word
+    for (std::size_t at = 0; at <= length;
+         ++at) {  // of each word, every byte; and no byte but zeros
+      hashes.insert(
+          seededHash(std::string(length, '\0').replace(at, at < length, "x", at < length)));
+      ++count;
     }
   }
   EXPECT_EQ(hashes.size(), count);
-  EXPECT_EQ(seededHash("name"), seededHash(std::string("name")));
 }
 
 TEST(OrderedMap, AgreesWithAListOverRandomOperations) {
   std::mt19937 random(2);
   OrderedMap<unsigned> map;
-  EXPECT_EQ(map.find("name 1"), nullptr);
-  EXPECT_TRUE(map.empty());
   std::vector<std::pair<std::string, unsigned>> list;
   for (int step = 0; step < 20000; ++step) {
     const std::string key = "name " + std::to_string(random() % 60);

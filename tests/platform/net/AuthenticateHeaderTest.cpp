@@ -2,8 +2,6 @@
 #include <quillmere/platform/net/AuthenticateHeader.h>
 #include <quillmere/platform/net/NSURLProtectionSpace.h>
 
-#include <chrono>
-
 namespace quillmere {
 namespace {
 
@@ -70,9 +68,9 @@ TEST(AuthenticateHeader, RaisesTheStrongestThatCanBeAnswered) {
   }
 }
 
-TEST(AuthenticateHeader, TakesLongFieldsInLinearTime) {
+// In linear time: a square would outlast every time limit.
+TEST(AuthenticateHeader, TakesLongFields) {
   constexpr std::size_t size = 1 << 20;
-  const auto begin = std::chrono::steady_clock::now();
   for (const string_view piece : {"a ", "a=", "a b=", "\"", "\\", "=", "a,", "a b, "}) {
     string header = "Basic ";
     while (header.size() < size) header += piece;
@@ -80,7 +78,6 @@ TEST(AuthenticateHeader, TakesLongFieldsInLinearTime) {
   }
   const string qualities(size, ',');
   challengeToRaise(parseAuthenticateHeader("Digest nonce=n, qop=\"" + qualities + '"'));
-  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(30));
 }
 
 TEST(AuthenticateHeader, KnowsADeadEnd) {
@@ -98,22 +95,16 @@ TEST(AuthenticateHeader, KnowsADeadEnd) {
 
 TEST(NSURLProtectionSpace, IsOfAServerOrOfAProxyAndHasNoRealmThatIsNotText) {
   using Space = NSURLProtectionSpace;
-  const auto of = [](const auto& init, const char* realm) {
-    return init("h", 81, "https", realm, NSURLAuthenticationMethodHTTPBasic);
-  };
-  const Space server = of(Space::initWithHost_port_protocol_realm_authenticationMethod, "Käse");
-  const Space proxy = of(Space::initWithProxyHost_port_type_realm_authenticationMethod, "K\xE4se");
-  EXPECT_EQ(server.realm(), "Käse");
-  EXPECT_EQ(proxy.realm(), std::nullopt);
-  EXPECT_FALSE(server.isProxy());
-  EXPECT_TRUE(proxy.isProxy());
-  for (const Space& space : {server, proxy}) {
-    EXPECT_EQ(space.host(), "h");
-    EXPECT_EQ(space.port(), 81U);
-    EXPECT_EQ(space.protocol(), "https");
+  for (const bool isProxy : {false, true}) {
+    const auto init = isProxy ? Space::initWithProxyHost_port_type_realm_authenticationMethod
+                              : Space::initWithHost_port_protocol_realm_authenticationMethod;
+    const Space space = init("h", 81, "https", "Käse", NSURLAuthenticationMethodHTTPBasic);
+    EXPECT_EQ(space.host() + std::to_string(space.port()) + space.protocol(), "h81https");
+    EXPECT_EQ(space.realm(), "Käse");
     EXPECT_EQ(space.authenticationMethod(), NSURLAuthenticationMethodHTTPBasic);
+    EXPECT_EQ(space.isProxy(), isProxy);
+    EXPECT_EQ(init("h", 80, "http", "K\xE4se", "").realm(), std::nullopt);
   }
-  EXPECT_NE(of(Space::initWithHost_port_protocol_realm_authenticationMethod, "\xFF"), proxy);
 }
 
 }  // namespace

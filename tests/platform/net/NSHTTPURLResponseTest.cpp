@@ -29,21 +29,16 @@ TEST(NSHTTPURLResponse, PutsStatusCodesInWords) {
 
 TEST(NSHTTPURLResponse, JoinsFieldsOfANameAndReadsTheLength) {
   const std::pair<const char*, std::uint64_t> table[] = {
-      {"", 0}, {"x", 0}, {"12", 12}, {"18446744073709551615", ~std::uint64_t{0}}, {"7, 7", 7}};
-  for (const auto& [text, length] : table) {
+      {"content-LENGTH", 12}, {"Content-Lengt", 0}, {"Content-Length:", 0}};
+  for (const auto& [name, length] : table) {
     const auto response = NSHTTPURLResponse::initWithURL_statusCode_HTTPVersion_headerFields(
         NSURL::URLWithString("http://h/").value(), 201, "HTTP/2",
-        {{"A", "1"}, {"content-LENGTH", text}, {"a", "2"}});
-    EXPECT_EQ(response->expectedContentLength(), length) << text;
+        {{"A", "1"}, {name, "12"}, {"a", "2"}});
+    EXPECT_EQ(response->expectedContentLength(), length) << name;
     EXPECT_EQ(response->valueForHTTPHeaderField("a"), "1, 2");
     EXPECT_EQ(response->valueForHTTPHeaderField("B"), std::nullopt);
     EXPECT_EQ(response->HTTPVersion(), "HTTP/2");
-    EXPECT_EQ(response->statusCode(), 201);
-    EXPECT_EQ(response->URL().absoluteString(), "http://h/");
   }
-  const auto bare = NSHTTPURLResponse::initWithURL_statusCode_HTTPVersion_headerFields(
-      NSURL::URLWithString("http://h/").value(), 200, "HTTP/1.1", {});
-  EXPECT_EQ(bare->expectedContentLength(), 0U);
 }
 
 }  // namespace
