@@ -5,12 +5,10 @@
 #include <quillmere/platform/base/AtomicOptional.h>
 #include <quillmere/platform/base/ByteScan.h>
 #include <quillmere/platform/base/CFUUID.h>
-#include <quillmere/platform/base/HWObject.h>
 #include <quillmere/platform/base/HWPreference.h>
 #include <quillmere/platform/base/KSDiagnostics.h>
 #include <quillmere/platform/base/KSStringTable.h>
 #include <quillmere/platform/base/LargePages.h>
-#include <quillmere/platform/base/NSBundle.h>
 #include <quillmere/platform/base/NSData.h>
 #include <quillmere/platform/base/NSError.h>
 #include <quillmere/platform/base/NSKeyValueObserving.h>
@@ -28,7 +26,6 @@
 #include <random>
 #include <regex>
 #include <set>
-#include <sstream>
 
 #include "tests/support/FileFaults.h"
 #include "tests/support/TemporaryFolder.h"
@@ -135,14 +132,6 @@ TEST(HWPreference, IsWhatTheHostSetsOrTheEnvironmentSays) {
   ::unsetenv(key);
 }
 
-TEST(NSBundle, KnowsWhatTheHostSaysOfItself) {
-  EXPECT_EQ(NSBundle::mainBundle().objectForInfoDictionaryKey("Test"), std::nullopt);
-  for (const char* value : {"1", "2"}) {
-    NSBundle::mainBundle().setObject_forInfoDictionaryKey(value, "Test");
-    EXPECT_EQ(NSBundle::mainBundle().objectForInfoDictionaryKey("Test"), value);
-  }
-}
-
 TEST(KSDiagnostics, NameThePlaceAndStopOrGoOn) {
   const KSSourceLocation place{"a.cpp", 7};
   const auto abortion = ::testing::KilledBySignal(SIGABRT);
@@ -154,15 +143,6 @@ TEST(KSDiagnostics, NameThePlaceAndStopOrGoOn) {
   };
   EXPECT_EXIT(record(), ::testing::ExitedWithCode(0), "^a\\.cpp:7: od\n(.*\\[0x.*\n)+");
   EXPECT_EQ(KSSourceLocation::current().line, __LINE__);
-}
-
-TEST(HWObject, NamesItsClassAndAddress) {
-  struct Named : HWObject {
-    string className() const override { return "Name"; }
-  } object;
-  std::ostringstream self;
-  self << "<Name: " << &object << ">";
-  EXPECT_EQ(object.debugDictionary(), (HWDebugDictionary{{"self", self.str()}}));
 }
 
 TEST(AtomicOptional, HoldsAValueOrNone) {
@@ -294,7 +274,7 @@ TEST(ByteScan, FindsWhatAPlainLoopFinds) {
   for (int round = 0; round < 20000; ++round) {
     string text(random() % 70, 'x');
     for (char& byte : text) {
-      if (random() % 30 == 0) byte = ":;\x80\xFF\0\x7F:<"[random() % 8];
+      if (random() % 30 == 0) byte = ":;\x80\xFF\0\x7F: "[random() % 8];
     }
     const char* const from = text.data();
     const char* const end = from + text.size();

@@ -26,11 +26,11 @@ TEST(AuthenticateHeader, TellsTheChallengesOfAField) {
     string_view header, challenges;
   } table[] = {
       {"Basic realm=\"a b\"", "basic {realm=a b}"},
-      {"BASIC Realm = plain , Charset=\"UTF-8\"", "basic {charset=UTF-8} {realm=plain}"},
+      {"BASIC\tRealm\t=\tplain , Charset=\"UTF-8\"", "basic {charset=UTF-8} {realm=plain}"},
       {"Basic realm=\"a, \\\"b\\\\\", Digest nonce=\"n==\", qop=\"auth,auth-int\"",
        "basic {realm=a, \"b\\}|digest {nonce=n==} {qop=auth,auth-int}"},
       {"Negotiate YII/+.~-_==, Basic realm=x", "negotiate YII/+.~-_==|basic {realm=x}"},
-      {"Basic realm=a, realm=b", "basic {realm=b}"},
+      {"NTLM abc= ,Basic realm=a, realm=b", "ntlm abc=|basic {realm=b}"},
       {" , ", ""},
       {"realm=\"no scheme\"", ""},
       {"Basic realm=\"ends so\\", "basic {realm=ends so}"},

@@ -2,6 +2,7 @@
 #include <malloc.h>
 #include <quillmere/platform/net/NSURL.h>
 
+#include <clocale>
 #include <string>
 #include <vector>
 
@@ -148,16 +149,18 @@ TEST(NSURL, EncodesOnTheWireWhatMayNotTravel) {
       {"http://h/\"<>\\^`{|}[]", "http://h/%22%3C%3E%5C%5E%60%7B%7C%7D%5B%5D"},
       {"http://h/-._~!$&'()*+,;=:@/?/?", "http://h/-._~!$&'()*+,;=:@/?/?"},
       {"http://h/a/../../b/./c", "http://h/b/c"},
-      {"http://user:secret@h:81/", "http://h:81/"},
+      {"http://user:se@cret@h:81/", "http://h:81/"},
       {"http://evil\\@h/", "http://h/"},
       {"http://münchen.example/", "http://xn--mnchen-3ya.example/"},  // in the C locale too
       {"http://stra%C3%9Fe.example/", "http://xn--strae-oqa.example/"},
       {"http://[fe80::1%25eth0]:8/", "http://[fe80::1%25eth0]:8/"},
   };
+  const locale_t locale = ::uselocale(locale_t{});
   for (const auto& [text, expected] : table) {
     EXPECT_EQ(urlOf(text).wireString(), expected) << text;
     EXPECT_TRUE(urlOf(text).isHTTP()) << text;
   }
+  EXPECT_EQ(::uselocale(locale_t{}), locale) << "the thread's own again";
 }
 
 TEST(NSURL, IsHTTPOnlyWithAServerToAsk) {
