@@ -218,16 +218,21 @@ TEST(HWXMLReading, LeadsToElementsAndTexts) {
   EXPECT_EQ(comp->attributeNamed("name"), "\"V\n\t  ") << "raw white space is blanks";
   EXPECT_EQ(comp->attributeNamed("D:name"), "other");
   EXPECT_EQ(comp->attributeNamed("empty"), "");
-  EXPECT_EQ(comp->attributeNamed("none"), std::nullopt);
+  EXPECT_EQ(comp->attributeNamed("ame"), std::nullopt);
+  EXPECT_EQ(comp->textData(), std::nullopt);
   EXPECT_FALSE(comp->lastChild());
   EXPECT_EQ(comp->text(), std::nullopt);
 }
 
-TEST(HWXMLReading, KeepsTheDocumentWhileAnElementLives) {
-  auto document = read("<a><b>" + string(1000, 'x') + "</b></a>");
-  const auto element = document->rootElement().firstChildNamed("b");
+TEST(HWXMLReading, KeepsTheDocumentWhileAnElementOrTextLives) {
+  auto document = read("<a><p:q:b>" + string(1000, 'x') + "</p:q:b></a>");
+  auto element = document->rootElement().firstChildNamed("b");
   document.reset();
+  EXPECT_EQ(element->name(), "b");
   EXPECT_EQ(element->text(), string(1000, 'x'));
+  const auto text = element->textData();
+  element.reset();
+  EXPECT_EQ(text->view(), string(1000, 'x'));
 }
 
 TEST(HWXMLReading, ReadsBackWhatItWritesOfADocument) {
