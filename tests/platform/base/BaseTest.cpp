@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 #include <libintl.h>
-#include <quillmere/platform/base/AtomicOptional.h>
 #include <quillmere/platform/base/ByteScan.h>
 #include <quillmere/platform/base/CFUUID.h>
 #include <quillmere/platform/base/HWPreference.h>
@@ -13,9 +12,6 @@
 #include <quillmere/platform/base/NSError.h>
 #include <quillmere/platform/base/NSKeyValueObserving.h>
 #include <quillmere/platform/base/UTF8.h>
-#include <sys/mman.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
 #include <array>
 #include <cerrno>
@@ -29,17 +25,6 @@
 
 #include "tests/support/FileFaults.h"
 #include "tests/support/TemporaryFolder.h"
-
-namespace {
-
-std::string_view advised;  // where large pages were asked for last
-
-}  // namespace
-
-extern "C" int madvise(void* start, std::size_t length, int advice) noexcept {
-  if (advice == MADV_HUGEPAGE) advised = {static_cast<char*>(start), length};
-  return static_cast<int>(::syscall(SYS_madvise, start, length, advice));
-}
 
 namespace quillmere {
 namespace {
@@ -85,30 +70,12 @@ TEST(NSData, ReadsAFileThatChangesMeanwhileOrIsReadWithFaults) {
   }
 }
 
-TEST(LargePages, AreAskedForWhereABufferHoldsSome) {
-  constexpr std::size_t page = std::size_t{2} << 20;
-  string buffer(4 * page, 'x');
-  void* start = buffer.data();
-  std::size_t space = buffer.size();
-  auto* const first = static_cast<char*>(std::align(page, page, start, space));
-  const std::size_t rows[][3] = {// start, length, and how much is asked for
-                                 {0, page, page},
-                                 {0, 2 * page + 5, 2 * page},
-                                 {1, 2 * page - 1, page},
-                                 {1, 2 * page - 2, 0}};
-  for (const auto& [from, length, expected] : rows) {
-    advised = {};
-    preferLargePages(first + from, length);
-    EXPECT_EQ(advised.size(), expected) << from << " " << length;
-    EXPECT_TRUE(advised.empty() || advised.data() == first + (from > 0 ? page : 0));
-  }
+TEST(LargePages, RoomIsMadeForStrangersWithinReason) {
   constexpr std::uint64_t most = std::uint64_t{256} << 20;
   for (const std::uint64_t length : {std::uint64_t{1000}, most, ~std::uint64_t{0}}) {
-    string reserved;
-    advised = {};
-    reserveForStranger(reserved, length);
-    EXPECT_EQ(reserved.capacity(), std::min(length, most));
-    EXPECT_EQ(advised.empty(), length < page);
+    string buffer;
+    reserveForStranger(buffer, length);
+    EXPECT_EQ(buffer.capacity(), std::min(length, most));
   }
 }
 
@@ -143,14 +110,6 @@ TEST(KSDiagnostics, NameThePlaceAndStopOrGoOn) {
   };
   EXPECT_EXIT(record(), ::testing::ExitedWithCode(0), "^a\\.cpp:7: od\n(.*\\[0x.*\n)+");
   EXPECT_EQ(KSSourceLocation::current().line, __LINE__);
-}
-
-TEST(AtomicOptional, HoldsAValueOrNone) {
-  AtomicOptional<int> optional;
-  for (const std::optional<int> value : {std::optional(1), {}}) {
-    optional.set(value);
-    EXPECT_EQ(optional.get(), value);
-  }
 }
 
 // What handlers do may change who hears, and who tells.
