@@ -15,7 +15,6 @@ class CurlClient {
   struct Outcome {
     CURLcode code = CURLE_OK;
     long status = 0;
-    std::vector<std::string> heads;  // the lines of all answers, without their ends
     std::string body;
   };
 
@@ -46,8 +45,6 @@ class CurlClient {
       set(CURLOPT_COPYPOSTFIELDS, body.c_str());
     }
     set(CURLOPT_CUSTOMREQUEST, method.c_str());
-    set(CURLOPT_HEADERFUNCTION, &CurlClient::onHeader);
-    set(CURLOPT_HEADERDATA, &outcome);
     set(CURLOPT_WRITEFUNCTION, &CurlClient::onBody);
     set(CURLOPT_WRITEDATA, &outcome);
     outcome.code = curl_easy_perform(curl_.get());
@@ -56,12 +53,6 @@ class CurlClient {
   }
 
  private:
-  static std::size_t onHeader(const char* bytes, std::size_t, std::size_t count, void* outcome) {
-    std::string line(bytes, count);
-    line.erase(line.find_last_not_of("\r\n") + 1);
-    static_cast<Outcome*>(outcome)->heads.push_back(line);
-    return count;
-  }
   static std::size_t onBody(const char* bytes, std::size_t, std::size_t count, void* outcome) {
     static_cast<Outcome*>(outcome)->body.append(bytes, count);
     return count;

@@ -1,34 +1,22 @@
 #include "tests/support/CuttingProxy.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
-#include <quillmere/platform/base/FileDescriptor.h>
-#include <sys/eventfd.h>
-#include <sys/socket.h>
 
 #include <algorithm>
 #include <array>
 #include <list>
 #include <mutex>
 #include <optional>
-#include <stdexcept>
 #include <thread>
 #include <utility>
 #include <vector>
+
+#include "tests/support/LoopbackServer.h"
 
 namespace quillmere::testing {
 namespace {
 
 using Direction = CuttingProxy::Direction;
-
-sockaddr_in loopback(std::uint16_t port) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return address;
-}
 
 // A connection: one end is gone when the other is only read until it ends, too. Closing that with
 // bytes unread would take back what was written to it.
@@ -57,30 +45,16 @@ void sendAll(int socket, std::string_view bytes) {
 
 }  // namespace
 
-class CuttingProxy::Loop {
+class CuttingProxy::Loop : public LoopbackServer {
  public:
   explicit Loop(std::uint16_t serverPort)
-      : server_(loopback(serverPort)),
-        listener_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)),
-        bell_(::eventfd(0, EFD_CLOEXEC)) {
-    sockaddr_in address = loopback(0);
-    socklen_t size = sizeof address;
-    auto* name = reinterpret_cast<sockaddr*>(&address);
-    if (::bind(listener_.get(), name, size) != 0 || ::listen(listener_.get(), SOMAXCONN) != 0 ||
-        ::getsockname(listener_.get(), name, &size) != 0 || !bell_.isOpen()) {
-      throw std::runtime_error("the proxy does not start");
-    }
-    port_ = ntohs(address.sin_port);
-    thread_ = std::thread([this] { run(); });
-  }
+      : server_(loopback(serverPort)), thread_([this] { run(); }) {}
   Loop(const Loop&) = delete;
   Loop& operator=(const Loop&) = delete;
   ~Loop() {
-    ::eventfd_write(bell_.get(), 1);
+    ring();
     thread_.join();
   }
-
-  std::uint16_t port() const { return port_; }
 
   void cutAfter(std::size_t bytes, Direction direction) {
     const std::lock_guard lock(mutex_);
@@ -103,7 +77,7 @@ class CuttingProxy::Loop {
  private:
   void run() {
     for (;;) {
-      std::vector<pollfd> polled{{bell_.get(), POLLIN, 0}, {listener_.get(), POLLIN, 0}};
+      std::vector<pollfd> polled{{bell.get(), POLLIN, 0}, {listener.get(), POLLIN, 0}};
       std::vector<std::pair<Pair*, Direction>> sources;
       for (Pair& pair : pairs_) {
         for (const auto direction : {Direction::toServer, Direction::toClient}) {
@@ -119,13 +93,13 @@ class CuttingProxy::Loop {
         if (polled[i + 2].revents != 0 && pair->from(direction)) pass(*pair, direction);
       }
       std::erase_if(pairs_, [](const Pair& pair) { return !pair.client && !pair.server; });
-      if (polled[1].revents != 0) accept();
+      if (polled[1].revents != 0) acceptOne();
     }
   }
 
-  void accept() {
+  void acceptOne() {
     Pair& pair = pairs_.emplace_back();
-    pair.client.emplace(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    pair.client.emplace(accept());
     pair.server.emplace(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (::connect(pair.server->get(), reinterpret_cast<const sockaddr*>(&server_),
                   sizeof server_) != 0) {
@@ -154,10 +128,6 @@ class CuttingProxy::Loop {
   }
 
   const sockaddr_in server_;
-  const FileDescriptor listener_;
-  const FileDescriptor bell_;  // ends the thread
-  std::uint16_t port_ = 0;
-  std::thread thread_;
   std::list<Pair> pairs_;  // of the thread
 
   mutable std::mutex mutex_;  // of all below
@@ -165,6 +135,8 @@ class CuttingProxy::Loop {
   std::size_t cutAfter_ = 0;
   Direction cutDirection_ = Direction::toServer;
   bool hasCut_ = false;
+
+  std::thread thread_;
 };
 
 CuttingProxy::CuttingProxy(std::uint16_t serverPort) : loop_(std::make_unique<Loop>(serverPort)) {}
@@ -172,7 +144,7 @@ CuttingProxy::CuttingProxy(std::uint16_t serverPort) : loop_(std::make_unique<Lo
 CuttingProxy::~CuttingProxy() = default;
 
 std::string CuttingProxy::url(std::string_view path) const {
-  return "http://127.0.0.1:" + std::to_string(loop_->port()) + std::string(path);
+  return "http://127.0.0.1:" + std::to_string(loop_->port) + std::string(path);
 }
 
 void CuttingProxy::cutAfter(std::size_t bytes, Direction direction) {

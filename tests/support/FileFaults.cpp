@@ -22,6 +22,7 @@ struct Pending {
 
 Pending pending{FileCall::write, 0, 0};
 unsigned long writeLimit = 0;
+std::function<void()> readAction;
 
 FileCall moment{};
 std::function<void()> momentsWork;
@@ -63,6 +64,8 @@ const Replacement& lastReplacement() { return replacement; }
 
 void limitWrites(unsigned long bytes) { writeLimit = bytes; }
 
+void beforeNextRead(std::function<void()> action) { readAction = std::move(action); }
+
 }  // namespace quillmere::testing
 
 using quillmere::testing::fails;
@@ -82,6 +85,13 @@ int open(const char* path, int flags, ...) {
 
 ssize_t read(int file, void* bytes, size_t count) {
   return then(FileCall::read, syscall(SYS_read, file, bytes, count));
+}
+
+ssize_t read(int file, void* bytes, size_t count) {
+  if (const auto action = std::exchange(quillmere::testing::readAction, nullptr)) action();
+  constexpr size_t mostAtOnce =
+      4096;  // short reads are no fault, and whoever reads must expect them
+  return fails(FileCall::read) ? -1 : syscall(SYS_read, file, bytes, std::min(count, mostAtOnce));
 }
 
 ssize_t write(int file, const void* bytes, size_t count) {

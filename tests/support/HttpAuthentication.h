@@ -19,16 +19,11 @@ class Authenticator {
   std::string faultOf(const ReceivedRequest& request, const Credential& credential);
 
  private:
-  struct Issued {
-    Challenge challenge;
-    unsigned long uses = 0;  // the nonce count last seen
-  };
-
   std::string issue(const Challenge& challenge);
   std::string digestFaultOf(const ReceivedRequest& request, const std::string& authorization,
                             const Credential& credential);
 
-  std::map<std::string, Issued> byNonce_;
+  std::map<std::string, Challenge> byNonce_;  // of those that were not yet answered
   unsigned nonceCount_ = 0;
 };
 

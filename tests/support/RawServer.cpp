@@ -1,57 +1,34 @@
 #include "tests/support/RawServer.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <poll.h>
-#include <sys/eventfd.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <list>
 #include <mutex>
-#include <stdexcept>
+#include <optional>
 #include <thread>
-#include <utility>
+
+#include "tests/support/LoopbackServer.h"
 
 namespace quillmere::testing {
 namespace {
 
-class Descriptor {
- public:
-  explicit Descriptor(int number) : number_(number) {}
-  Descriptor(Descriptor&& other) noexcept : number_(std::exchange(other.number_, -1)) {}
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  ~Descriptor() { close(); }
-
-  int number() const { return number_; }
-  bool isOpen() const { return number_ >= 0; }
-  void close() {
-    if (isOpen()) ::close(std::exchange(number_, -1));
-  }
-  // Closes, so that the other side's next call fails.
-  void reset() {
-    const linger now{1, 0};
-    ::setsockopt(number_, SOL_SOCKET, SO_LINGER, &now, sizeof now);
-    close();
-  }
-
- private:
-  int number_;
-};
-
 // One connection and how far its steps have come.
 class Player {
  public:
-  Player(Descriptor socket, RawServer::Steps steps)
-      : socket_(std::move(socket)), steps_(std::move(steps)) {}
+  Player(int socket, RawServer::Steps steps)
+      : socket_(std::in_place, socket), steps_(std::move(steps)) {}
 
-  int descriptor() const { return socket_.number(); }
-  bool isOpen() const { return socket_.isOpen(); }
+  int descriptor() const { return socket_->get(); }
+  bool isOpen() const { return socket_.has_value(); }
 
-  void reset() { socket_.reset(); }
+  // Closes, so that the client's next call fails.
+  void reset() {
+    const linger now{1, 0};
+    if (isOpen()) ::setsockopt(descriptor(), SOL_SOCKET, SO_LINGER, &now, sizeof now);
+    socket_.reset();
+  }
 
   // What to poll for. The client's end of the stream is of interest always.
   short events() const {
@@ -65,7 +42,7 @@ class Player {
     if ((events & POLLIN) != 0) {
       read();
     } else if ((events & (POLLRDHUP | POLLHUP | POLLERR | POLLNVAL)) != 0) {
-      socket_.close();
+      socket_.reset();
     }
   }
 
@@ -107,7 +84,7 @@ class Player {
       case RawStep::Kind::close:
         // Closing a socket with bytes unread would break the connection, so the rest is read until
         // the client ends it, too.
-        ::shutdown(socket_.number(), SHUT_WR);
+        ::shutdown(descriptor(), SHUT_WR);
         return true;
       case RawStep::Kind::reset:
         reset();
@@ -118,9 +95,9 @@ class Player {
 
   bool send(std::string_view bytes) {
     const ssize_t count =
-        ::send(socket_.number(), bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+        ::send(descriptor(), bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
     if (count < 0) {
-      if (errno != EAGAIN && errno != EINTR) socket_.close();
+      if (errno != EAGAIN && errno != EINTR) socket_.reset();
       return false;
     }
     written_ += static_cast<std::size_t>(count);
@@ -129,15 +106,15 @@ class Player {
 
   void read() {
     char bytes[65536];
-    const ssize_t count = ::recv(socket_.number(), bytes, sizeof bytes, MSG_DONTWAIT);
+    const ssize_t count = ::recv(descriptor(), bytes, sizeof bytes, MSG_DONTWAIT);
     if (count > 0) {
       received_.append(bytes, static_cast<std::size_t>(count));
     } else if (count == 0 || (errno != EAGAIN && errno != EINTR)) {
-      socket_.close();
+      socket_.reset();
     }
   }
 
-  Descriptor socket_;
+  std::optional<FileDescriptor> socket_;
   RawServer::Steps steps_;
   std::size_t stepsDone_ = 0;
   std::size_t written_ = 0;  // of the current step
@@ -146,24 +123,9 @@ class Player {
 
 }  // namespace
 
-class RawServer::Loop {
+class RawServer::Loop : public LoopbackServer {
  public:
-  Loop()
-      : listener_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)),
-        bell_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    auto* name = reinterpret_cast<sockaddr*>(&address);
-    if (::bind(listener_.number(), name, size) != 0 ||
-        ::listen(listener_.number(), SOMAXCONN) != 0 ||
-        ::getsockname(listener_.number(), name, &size) != 0 || !bell_.isOpen()) {
-      throw std::runtime_error("the raw test server does not start");
-    }
-    port_ = ntohs(address.sin_port);
-    thread_ = std::thread([this] { run(); });
-  }
+  Loop() : thread_([this] { run(); }) {}
   Loop(const Loop&) = delete;
   Loop& operator=(const Loop&) = delete;
   ~Loop() {
@@ -171,8 +133,6 @@ class RawServer::Loop {
     if (problemsTaken_) return;
     for (const std::string& problem : problems_) ADD_FAILURE() << problem;
   }
-
-  std::uint16_t port() const { return port_; }
 
   void play(Steps steps) {
     const std::lock_guard lock(mutex_);
@@ -192,8 +152,6 @@ class RawServer::Loop {
   }
 
  private:
-  void ring() const { ::eventfd_write(bell_.number(), 1); }
-
   void stop() {
     if (!thread_.joinable()) return;
     {
@@ -202,10 +160,7 @@ class RawServer::Loop {
       ring();
     }
     thread_.join();
-    listener_.close();
-    for (Player& player : players_) {
-      if (player.isOpen()) player.reset();
-    }
+    for (Player& player : players_) player.reset();
     for (std::size_t i = players_.size(); i < scripts_.size(); ++i) {
       problems_.push_back("connection " + std::to_string(i + 1) + " was never made");
     }
@@ -215,7 +170,7 @@ class RawServer::Loop {
     std::unique_lock lock(mutex_);
     while (!stopping_) {
       std::vector<Player*> open;
-      std::vector<pollfd> polled{{bell_.number(), POLLIN, 0}, {listener_.number(), POLLIN, 0}};
+      std::vector<pollfd> polled{{bell.get(), POLLIN, 0}, {listener.get(), POLLIN, 0}};
       for (Player& player : players_) {
         player.advance(permits_);
         if (!player.isOpen()) continue;
@@ -226,28 +181,24 @@ class RawServer::Loop {
       ::poll(polled.data(), polled.size(), -1);
       lock.lock();
       eventfd_t rings = 0;
-      ::eventfd_read(bell_.number(), &rings);
+      ::eventfd_read(bell.get(), &rings);
       for (std::size_t i = 0; i < open.size(); ++i) open[i]->handle(polled[i + 2].revents);
-      if (polled[1].revents != 0) accept();
+      if (polled[1].revents != 0) acceptOne();
     }
   }
 
-  void accept() {
-    Descriptor socket(::accept4(listener_.number(), nullptr, nullptr, SOCK_CLOEXEC));
-    if (!socket.isOpen()) return;
+  void acceptOne() {
+    const int socket = accept();
+    if (socket < 0) return;
     if (const auto index = players_.size(); index < scripts_.size()) {
-      players_.emplace_back(std::move(socket), scripts_[index]);
+      players_.emplace_back(socket, scripts_[index]);
     } else {
       problems_.push_back("a connection more than the " + std::to_string(index) + " listed");
-      socket.reset();
+      Player(socket, {}).reset();
     }
   }
 
-  Descriptor listener_;
-  const Descriptor bell_;  // wakes the thread
-  std::uint16_t port_ = 0;
   bool problemsTaken_ = false;
-  std::thread thread_;
 
   mutable std::mutex mutex_;  // of all below
   std::vector<Steps> scripts_;
@@ -255,13 +206,15 @@ class RawServer::Loop {
   std::size_t permits_ = 0;
   bool stopping_ = false;
   std::vector<std::string> problems_;
+
+  std::thread thread_;
 };
 
 RawServer::RawServer() : loop_(std::make_unique<Loop>()) {}
 
 RawServer::~RawServer() = default;
 
-std::uint16_t RawServer::port() const { return loop_->port(); }
+std::uint16_t RawServer::port() const { return loop_->port; }
 
 std::string RawServer::url(std::string_view path) const {
   return "http://127.0.0.1:" + std::to_string(port()) + std::string(path);

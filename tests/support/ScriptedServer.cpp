@@ -56,9 +56,11 @@ bool isFor(const ReceivedRequest& request, const ExpectedRequest& expected) {
 }
 
 // What differs but method, path and credential.
-std::vector<std::string> differences(const ReceivedRequest& request,
-                                     const ExpectedRequest& expected) {
-  std::vector<std::string> faults;
+std::string differences(const ReceivedRequest& request, const ExpectedRequest& expected) {
+  std::string faults;
+  const auto note = [&](const std::string& fault) {
+    faults += (faults.empty() ? "" : "; ") + fault;
+  };
   std::vector<std::string> names;
   for (const HeaderField& field : expected.fields) {
     if (!contains(names, field.name)) names.push_back(field.name);
@@ -74,14 +76,14 @@ std::vector<std::string> differences(const ReceivedRequest& request,
     const auto received = fieldsNamed(request.fields, isIt);
     const auto wanted = fieldsNamed(expected.fields, isIt);
     if (received != wanted) {
-      faults.push_back("fields are " + textOf(received) + "; expected " + textOf(wanted));
+      note("fields are " + textOf(received) + "; expected " + textOf(wanted));
     }
   }
   auto absent = expected.absent;
   if (!expected.credential && !contains(names, "Authorization"))
     absent.emplace_back("Authorization");
   for (const HeaderField& field : request.fields) {
-    if (contains(absent, field.name)) faults.push_back("must not have " + textOf({field}));
+    if (contains(absent, field.name)) note("must not have " + textOf({field}));
   }
   if (expected.noOtherFields) {
     std::vector<std::string> usual{"Host", "Content-Length", "User-Agent"};
@@ -91,12 +93,11 @@ std::vector<std::string> differences(const ReceivedRequest& request,
     };
     const auto received = fieldsNamed(request.fields, isSpecial);
     if (received != expected.fields) {
-      faults.push_back("fields in all are " + textOf(received) + "; expected " +
-                       textOf(expected.fields));
+      note("fields in all are " + textOf(received) + "; expected " + textOf(expected.fields));
     }
   }
   if (expected.body && request.body != *expected.body) {
-    faults.push_back("body is " + excerpt(request.body) + ", expected " + excerpt(*expected.body));
+    note("body is " + excerpt(request.body) + ", expected " + excerpt(*expected.body));
   }
   return faults;
 }
@@ -304,21 +305,15 @@ class ScriptedServer::Dialogue {
     }
     const Exchange exchange = std::move(script_.front());
     script_.pop_front();
-    auto faults = differences(request, exchange.request);
+    std::string faults = differences(request, exchange.request);
     if (exchange.request.credential) {
-      auto fault = authenticator_.faultOf(request, *exchange.request.credential);
-      if (!fault.empty()) faults.push_back(std::move(fault));
+      faults += authenticator_.faultOf(request, *exchange.request.credential);
     }
-    if (!faults.empty()) {
-      std::string text;
-      for (const std::string& fault : faults) text += (text.empty() ? "" : "; ") + fault;
-      return refuse(request, text);
-    }
+    if (!faults.empty()) return refuse(request, faults);
     Answer answer = exchange.answer;
     for (auto& value : authenticator_.issue(answer.challenges)) {
       answer.fields.push_back({"WWW-Authenticate", std::move(value)});
     }
-    if (answer.closes) answer.fields.push_back({"Connection", "close"});
     return answer;
   }
 

@@ -32,7 +32,7 @@ struct Challenge {
 };
 
 /// What a request must prove to know: for Digest by the right answer to a challenge this server
-/// gave and has not called stale since, with a nonce count that has grown.
+/// gave and has not called stale since, given once.
 struct Credential {
   AuthScheme scheme = AuthScheme::basic;
   std::string user;
@@ -56,13 +56,12 @@ struct ExpectedRequest {
   bool noOtherFields = false;
 };
 
-/// What is answered. Only "Content-Length" is added, and "Connection" where the connection closes.
+/// What is answered. Only "Content-Length" is added.
 struct Answer {
   unsigned status = 200;
   std::vector<HeaderField> fields;
   std::string body;
   std::vector<Challenge> challenges;  // "WWW-Authenticate" fields, after `fields`
-  bool closes = false;                // announced by "Connection: close"
   bool held = false;                  // until `release()`
 };
 

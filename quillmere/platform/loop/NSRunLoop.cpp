@@ -19,14 +19,15 @@ thread_local Run* innermostRun = nullptr;
 
 bool NSRunLoop::runUntilDate(std::optional<NSDate> date) const {
   GMainContext* context = ContextAccess::contextOf(queue_);
-  Run run{&queue_, innermostRun};
-  innermostRun = &run;
   bool isOver = false;
   Alarm alarm(context, [&isOver] { isOver = true; });
   if (date) {
-    const gint64 wait = date->microsecondsSince1970() - NSDate::date().microsecondsSince1970();
-    alarm.setTime(g_get_monotonic_time() + std::max<gint64>(wait, 0));
+    const NSDate now = NSDate::date();
+    const gint64 wait = std::max(*date, now).microsecondsSince1970() - now.microsecondsSince1970();
+    alarm.setTime(g_get_monotonic_time() + wait);
   }
+  Run run{&queue_, innermostRun};  // from here on nothing throws
+  innermostRun = &run;
   while (!run.isStopped && !isOver) g_main_context_iteration(context, TRUE);
   innermostRun = run.outer;
   return run.isStopped;

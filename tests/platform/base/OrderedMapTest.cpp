@@ -50,7 +50,7 @@ TEST(OrderedMap, AgreesWithAListOverRandomOperations) {
                                      [&](const auto& entry) { return entry.first == key; });
     if (random() % 2) {
       const auto value = static_cast<unsigned>(random());
-      map.set(key, value);
+      EXPECT_EQ(map.set(key, value), inList == list.end());
       if (inList == list.end()) {
         list.emplace_back(key, value);
       } else {
@@ -61,6 +61,7 @@ TEST(OrderedMap, AgreesWithAListOverRandomOperations) {
       if (inList != list.end()) list.erase(inList);
     }
     ASSERT_EQ(map.size(), list.size());
+    ASSERT_EQ(map.empty(), list.empty());
     if (step % 100 != 0) continue;
     const Names keys = map.keys();
     ASSERT_TRUE(std::equal(keys.begin(), keys.end(), list.begin(), list.end(),

@@ -2,7 +2,7 @@
 #include <malloc.h>
 #include <quillmere/platform/net/NSURL.h>
 
-#include <chrono>
+#include <clocale>
 #include <string>
 #include <vector>
 
@@ -61,6 +61,7 @@ TEST(NSURL, ResolvesNamesAndAddressesWithoutEncodingThem) {
       {"100%.ics", "http://h/c/100%.ics"},
       {"a?b.ics", "http://h/c/a?b.ics"},
       {"urn:x.ics", "urn:x.ics"},
+      {"a+b.c-1:x", "a+b.c-1:x"},
       {"2024:x.ics", "http://h/c/2024:x.ics"},  // a scheme begins with a letter
       {"HTTP://Other/x/../y", "HTTP://Other/y"},
       {"//u:p@h:81", "http://u:p@h:81"},
@@ -69,13 +70,23 @@ TEST(NSURL, ResolvesNamesAndAddressesWithoutEncodingThem) {
   for (const auto& [text, expected] : table) {
     EXPECT_EQ(resolved(text, "http://h/c/old#f"), expected) << text;
   }
-  EXPECT_EQ(resolved("x", "http://h"), "http://h/x");
-  EXPECT_EQ(resolved("", "http://h/c?q#f"), "http://h/c?q");
-  EXPECT_EQ(resolved("c", "urn:a:b"), "urn:c");
-  EXPECT_EQ(resolved("/.//x", "urn:a"), "urn:/.//x") << "not the host x";
-  EXPECT_EQ(resolved("c", "a/b"), "a/c");
-  EXPECT_EQ(resolved("./../c", "b"), "c") << "neither has a root";
-  EXPECT_EQ(resolved("..", "b"), "(null)") << "nothing is left";
+  const char* others[][3] = {
+      {"x", "http://h", "http://h/x"},
+      {"", "http://h/./c?q#f", "http://h/./c?q"},
+      {"?x", "http://h/c?q", "http://h/c?x"},
+      {"c", "urn:a:b", "urn:c"},
+      {"c", "urn:", "urn:c"},
+      {"/.//x", "urn:a", "urn:/.//x"},  // not the host x
+      {"c", "a/b", "a/c"},
+      // Neither has a root.
+      {"./../c", "b", "c"},
+      {"a/../c", "b", "/c"},
+      {"..", "b", "(null)"},
+      {".", "b", "(null)"},
+  };
+  for (const auto& [text, base, expected] : others) {
+    EXPECT_EQ(resolved(text, base), expected) << text << " " << base;
+  }
 }
 
 TEST(NSURL, IsNoneForTextThatCannotBeOne) {
@@ -131,20 +142,25 @@ TEST(NSURL, EncodesOnTheWireWhatMayNotTravel) {
       {"HTTP://h?q", "http://h/?q"},
       {"https://h:443/c/two words.ics#f g", "https://h:443/c/two%20words.ics"},
       {"http://h/Fête/🗓?ü=[a b]", "http://h/F%C3%AAte/%F0%9F%97%93?%C3%BC=%5Ba%20b%5D"},
-      {"http://h/a%40b%2f%zz%4", "http://h/a%40b%2f%25zz%254"},
+      {"http://h/a%40b%2f%zz%4x%4", "http://h/a%40b%2f%25zz%254x%254"},
+      {"http://h/%40", "http://h/%40"},
+      {"http://h#f", "http://h/"},
+      {"http://a.b-c_d~e/", "http://a.b-c_d~e/"},
       {"http://h/\"<>\\^`{|}[]", "http://h/%22%3C%3E%5C%5E%60%7B%7C%7D%5B%5D"},
       {"http://h/-._~!$&'()*+,;=:@/?/?", "http://h/-._~!$&'()*+,;=:@/?/?"},
       {"http://h/a/../../b/./c", "http://h/b/c"},
-      {"http://user:secret@h:81/", "http://h:81/"},
+      {"http://user:se@cret@h:81/", "http://h:81/"},
       {"http://evil\\@h/", "http://h/"},
       {"http://münchen.example/", "http://xn--mnchen-3ya.example/"},  // in the C locale too
       {"http://stra%C3%9Fe.example/", "http://xn--strae-oqa.example/"},
       {"http://[fe80::1%25eth0]:8/", "http://[fe80::1%25eth0]:8/"},
   };
+  ::uselocale(LC_GLOBAL_LOCALE);
   for (const auto& [text, expected] : table) {
     EXPECT_EQ(urlOf(text).wireString(), expected) << text;
     EXPECT_TRUE(urlOf(text).isHTTP()) << text;
   }
+  EXPECT_EQ(::uselocale(locale_t{}), LC_GLOBAL_LOCALE) << "as before";
 }
 
 TEST(NSURL, IsHTTPOnlyWithAServerToAsk) {
@@ -161,9 +177,9 @@ TEST(NSURL, IsHTTPOnlyWithAServerToAsk) {
   }
 }
 
-TEST(NSURL, TakesLongTextsInLinearTime) {
+// In linear time: a square would outlast every time limit.
+TEST(NSURL, TakesLongTexts) {
   constexpr std::size_t size = 1 << 20;
-  const auto begin = std::chrono::steady_clock::now();
   for (const string_view piece : {"../", "a/", "a/../", "//", "@", "%", "[", "é"}) {
     string text;
     while (text.size() < size) text += piece;
@@ -171,7 +187,6 @@ TEST(NSURL, TakesLongTextsInLinearTime) {
     urlOf("http://h/" + text).wireString();
     urlOf("http://" + text).wireString();
   }
-  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(30));
 }
 
 // What the user info says; the last "@" ends it.
