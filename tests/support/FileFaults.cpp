@@ -22,7 +22,6 @@ struct Pending {
 
 Pending pending{FileCall::write, 0, 0};
 unsigned long writeLimit = 0;
-std::function<void()> readAction;
 
 FileCall moment{};
 std::function<void()> momentsWork;
@@ -64,8 +63,6 @@ const Replacement& lastReplacement() { return replacement; }
 
 void limitWrites(unsigned long bytes) { writeLimit = bytes; }
 
-void beforeNextRead(std::function<void()> action) { readAction = std::move(action); }
-
 }  // namespace quillmere::testing
 
 using quillmere::testing::fails;
@@ -84,14 +81,9 @@ int open(const char* path, int flags, ...) {
 }
 
 ssize_t read(int file, void* bytes, size_t count) {
-  return then(FileCall::read, syscall(SYS_read, file, bytes, count));
-}
-
-ssize_t read(int file, void* bytes, size_t count) {
-  if (const auto action = std::exchange(quillmere::testing::readAction, nullptr)) action();
-  constexpr size_t mostAtOnce =
-      4096;  // short reads are no fault, and whoever reads must expect them
-  return fails(FileCall::read) ? -1 : syscall(SYS_read, file, bytes, std::min(count, mostAtOnce));
+  constexpr size_t most = 4096;  // less than asked for is no fault: whoever reads must expect it
+  if (fails(FileCall::read)) return -1;
+  return then(FileCall::read, syscall(SYS_read, file, bytes, std::min(count, most)));
 }
 
 ssize_t write(int file, const void* bytes, size_t count) {

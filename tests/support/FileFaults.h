@@ -54,9 +54,6 @@ const Replacement& lastReplacement();
 /// The longest count of bytes that one write takes; the rest is left to the caller. 0: no limit.
 void limitWrites(unsigned long bytes);
 
-/// What happens right before the next read, once.
-void beforeNextRead(std::function<void()> action);
-
 }  // namespace quillmere::testing
 
 #endif
