@@ -46,9 +46,8 @@ std::optional<std::string> NSError::localizedRecoverySuggestion() const {
   return copied(valueIn<std::string>(userInfo_, NSLocalizedRecoverySuggestionErrorKey));
 }
 
-std::optional<NSURL> NSError::failingURL() const {
-  const auto* text = valueIn<std::string>(userInfo_, NSURLErrorFailingURLStringErrorKey);
-  return text ? NSURL::URLWithString(*text) : std::nullopt;
+std::optional<std::string> NSError::failingURLString() const {
+  return copied(valueIn<std::string>(userInfo_, NSURLErrorFailingURLStringErrorKey));
 }
 
 std::optional<NSData> NSError::responseData() const {

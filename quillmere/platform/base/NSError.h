@@ -4,7 +4,6 @@
 #include <quillmere/platform/base/Export.h>
 #include <quillmere/platform/base/KSDiagnostics.h>
 #include <quillmere/platform/base/NSData.h>
-#include <quillmere/platform/net/NSURL.h>
 
 #include <cstdint>
 #include <map>
@@ -32,7 +31,7 @@ inline constexpr const char* NSLocalizedRecoverySuggestionErrorKey =
 /// Key of the error that led to this one.
 inline constexpr const char* NSUnderlyingErrorKey = "NSUnderlyingError";
 /// Key of the URL that failed, as text without user and password; not there for one that is neither
-/// of http nor of https.
+/// of http nor of https, and for one too long to be sent.
 inline constexpr const char* NSURLErrorFailingURLStringErrorKey = "NSErrorFailingURLStringKey";
 /// Key of the body of the response that the error is about (an `NSData`).
 inline constexpr const char* NSErrorResponseDataKey = "ResponseData";
@@ -61,9 +60,9 @@ class QUILLMERE_EXPORT NSError {
 
   /// What people can do about it: `NSLocalizedRecoverySuggestionErrorKey`.
   std::optional<std::string> localizedRecoverySuggestion() const;
-  /// The URL that a session could not load: `NSURLErrorFailingURLStringErrorKey`. Null also for
-  /// text that makes no URL.
-  std::optional<NSURL> failingURL() const;
+  /// The URL that a session could not load, as it was on the wire:
+  /// `NSURLErrorFailingURLStringErrorKey`.
+  std::optional<std::string> failingURLString() const;
   /// The body of the response whose status is the error: `NSErrorResponseDataKey`. Errors of
   /// CalDAV requests have it; it may be empty.
   std::optional<NSData> responseData() const;

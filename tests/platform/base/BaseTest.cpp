@@ -174,11 +174,12 @@ TEST(NSError, TellsItsTextFromTheUserInfoOrFromDomainAndCode) {
                                               {"NSErrorFailingURLStringKey", "http://h/"},
                                               {"ResponseData", NSData::dataWithBytes("body")}});
   EXPECT_EQ(full->localizedRecoverySuggestion(), "wait");
-  EXPECT_EQ(full->failingURL().value().absoluteString(), "http://h/");
+  EXPECT_EQ(full->failingURLString(), "http://h/");
   EXPECT_EQ(full->responseData().value().view(), "body");
   const auto odd = NSError::errorWithDomain_code_userInfo(
       "D", 3, {{"NSErrorFailingURLStringKey", ""}, {"ResponseData", "text"}});
-  EXPECT_FALSE(odd->localizedRecoverySuggestion() || odd->failingURL() || odd->responseData());
+  EXPECT_FALSE(odd->localizedRecoverySuggestion() || odd->failingURLString() ||
+               odd->responseData());
   EXPECT_EQ(NSError::errorWithPOSIXCode(ENOSPC)->localizedDescription(), "No space left on device");
 }
 
