@@ -33,7 +33,7 @@ std::shared_ptr<CurlLoop> CurlLoop::loopOf(const NSOperationQueue& queue) {
   return loop;
 }
 
-CurlLoop::CurlLoop(const NSOperationQueue& queue) : queue_(queue) {}
+CurlLoop::CurlLoop(NSOperationQueue queue) : queue_(std::move(queue)) {}
 
 CurlLoop::~CurlLoop() {
   while (!clients_.empty()) remove(clients_.begin()->first);

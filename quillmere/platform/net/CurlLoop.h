@@ -61,7 +61,7 @@ class CurlLoop : public std::enable_shared_from_this<CurlLoop> {
   GMainContext* context() const;
 
  protected:
-  explicit CurlLoop(const NSOperationQueue& queue);
+  explicit CurlLoop(NSOperationQueue queue);
 
  private:
   struct Source {

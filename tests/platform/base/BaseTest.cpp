@@ -177,7 +177,7 @@ TEST(NSError, TellsItsTextFromTheUserInfoOrFromDomainAndCode) {
   EXPECT_EQ(full->failingURLString(), "http://h/");
   EXPECT_EQ(full->responseData().value().view(), "body");
   const auto odd = NSError::errorWithDomain_code_userInfo(
-      "D", 3, {{"NSErrorFailingURLStringKey", ""}, {"ResponseData", "text"}});
+      "D", 3, {{"NSErrorFailingURLStringKey", plain}, {"ResponseData", "text"}});
   EXPECT_FALSE(odd->localizedRecoverySuggestion() || odd->failingURLString() ||
                odd->responseData());
   EXPECT_EQ(NSError::errorWithPOSIXCode(ENOSPC)->localizedDescription(), "No space left on device");
