@@ -23,6 +23,8 @@ namespace quillmere {
 /// reads nothing and writes nowhere. docs/behaviours.md lists what may surprise you.
 class QUILLMERE_EXPORT KBTDataCalendar : public KBTSynchingCalendar {
  public:
+  /// A calendar without hooks. A subclass would inherit it and get an object that is none of its own,
+  /// so it deletes this one, as the library's do, or declares another.
   static std::shared_ptr<KBTDataCalendar> init();
 
   void fetchExternalChanges() override;
