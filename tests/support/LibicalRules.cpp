@@ -7,6 +7,7 @@
 #include <memory>
 #include <random>
 #include <set>
+#include <utility>
 #include <vector>
 
 #include "tests/support/ScopedTimeZone.h"
@@ -154,9 +155,8 @@ std::string differenceFromLibical(std::uint64_t seed) {
     }
     instance = rule->nextRepetitionInstance(instance);
   }
-  const bool isEndComparable = rule->recurrenceCount() != 0 &&
-                               static_cast<std::size_t>(rule->recurrenceCount()) == expected.size();
-  if (isEndComparable && instance.day != 0) return random.text() + ": goes on";
+  const bool isEnded = std::cmp_equal(rule->recurrenceCount(), expected.size());
+  if (isEnded && instance.day != 0) return random.text() + ": goes on";
   return {};
 }
 
