@@ -9,9 +9,8 @@ using std::string_view;
 constexpr string_view document =
     "BEGIN:VCALENDAR\r\n"
     "BEGIN:VEVENT\r\nUID:1\r\nEND:VEVENT\r\n"
-    "BEGIN:VEVENT\r\nUID:2\r\nBEGIN:VALARM\r\nACTION:DISPLAY\r\nEND:VALARM\r\nLOCATION:x\r\nEND:"
-    "VEVENT\r\n"
-    "END:VCALENDAR\r\n";
+    "BEGIN:VEVENT\r\nUID:2\r\nBEGIN:VALARM\r\nACTION:DISPLAY\r\nEND:VALARM\r\nLOCATION:x\r\n"
+    "END:VEVENT\r\nEND:VCALENDAR\r\n";
 
 // An entry for the n-th "BEGIN:VEVENT" line.
 std::shared_ptr<KBTCalObjectEntry> entry(int n, string_view text = document) {
@@ -34,8 +33,6 @@ TEST(KBTCalObjectEntry, ReadsFromItsBeginLineToItsEndLineAfterItsParentIsGone) {
   const auto reader = entry(1);
   EXPECT_EQ(keysOf(*reader), "BEGIN UID END ");
   EXPECT_FALSE(reader->nextLine()) << "it stays at its end";
-  reader->reset();
-  EXPECT_EQ(keysOf(*reader), "BEGIN UID END ");
 }
 
 TEST(KBTCalObjectEntry, AnyEndLineEndsIt) {
@@ -66,11 +63,8 @@ TEST(KBTCalObjectEntry, CopiesItsTextAndIsThenAtItsEnd) {
   reader->nextLine();
   EXPECT_EQ(reader->icsData().view(), event) << "also from the middle";
   EXPECT_TRUE(reader->isAtEnd());
-  EXPECT_FALSE(reader->nextLine());
-  EXPECT_EQ(reader->icsData().view(), event) << "asked twice";
   EXPECT_EQ(entry(2)->icsData().view(),
             "BEGIN:VEVENT\r\nUID:2\r\nBEGIN:VALARM\r\nACTION:DISPLAY\r\nEND:VALARM\r\n");
-  EXPECT_EQ(entry(1, "BEGIN:VEVENT\r\nUID:1")->icsData().view(), "BEGIN:VEVENT\r\nUID:1");
 }
 
 }  // namespace

@@ -10,28 +10,23 @@ using std::string_view;
 using testing::ScopedTimeZone;
 using Text = std::optional<std::string>;
 
-struct Line {
-  Text key;
-  Text value;
-  friend bool operator==(const Line&, const Line&) = default;
-  friend std::ostream& operator<<(std::ostream& out, const Line& line) {
-    return out << '<' << line.key.value_or("(null)") << "|" << line.value.value_or("(null)") << '>';
-  }
-};
-
 Text copied(std::optional<string_view> text) { return text ? Text(*text) : std::nullopt; }
 
 std::shared_ptr<KBTCalObject> readerOf(string_view text) {
   return KBTCalObject::initWithData(NSData::dataWithBytes(text));
 }
 
-std::vector<Line> linesOf(KBTCalObject& reader) {
-  std::vector<Line> lines;
-  while (reader.nextLine()) lines.push_back({copied(reader.key()), copied(reader.value())});
+// "<key|value>" of each line.
+std::string linesOf(string_view text) {
+  const auto reader = readerOf(text);
+  std::string lines;
+  while (reader->nextLine()) {
+    const auto key = reader->key(), value = reader->value();
+    lines.append("<").append(key.value_or("null")).append("|");
+    lines.append(value.value_or("null")).append(">");
+  }
   return lines;
 }
-
-std::vector<Line> linesOf(string_view text) { return linesOf(*readerOf(text)); }
 
 // On the first line.
 std::shared_ptr<KBTCalObject> onLine(string_view text) {
@@ -42,11 +37,39 @@ std::shared_ptr<KBTCalObject> onLine(string_view text) {
 
 Text valueOf(string_view text) { return copied(onLine(text)->value()); }
 
-TEST(KBTCalObject, ReadsKeysAndValuesWhateverEndsTheLine) {
-  const std::vector<Line> expected{{"BEGIN", "VEVENT"}, {"Uid", "a:b;c"}, {"END", ""}};
-  EXPECT_EQ(linesOf("BEGIN:VEVENT\nUid:a:b;c\nEND:\n"), expected);
-  EXPECT_EQ(linesOf("BEGIN:VEVENT\rUid:a:b;c\rEND:\r"), expected);
-  EXPECT_EQ(linesOf("BEGIN:VEVENT\r\nUid:a:b;c\r\nEND:"), expected);
+TEST(KBTCalObject, ReadsLines) {
+  const struct {
+    const char* document;
+    const char* lines;
+  } cases[] = {
+      {"BEGIN:VEVENT\nUid:a:b;c\nEND:\n", "<BEGIN|VEVENT><Uid|a:b;c><END|>"},
+      {"BEGIN:VEVENT\rUid:a:b;c\rEND:\r", "<BEGIN|VEVENT><Uid|a:b;c><END|>"},
+      {"BEGIN:VEVENT\r\nUid:a:b;c\r\nEND:", "<BEGIN|VEVENT><Uid|a:b;c><END|>"},
+      // A line without ":" and ";" has no end of its own, blank lines included: it is part of the
+      // next key.
+      {"junk\r\nmore\r\nUID:1\r\n", "<junk\r\nmore\r\nUID|1>"},
+      {"UID:1\r\nno colon at all\r\n", "<UID|1><no colon at all\r\n|>"},
+      {"A:1\r\r\nB:2\r\n", "<A|1><\r\nB|2>"},
+      // Only CR LF SPACE is unfolded.
+      {"D:abc\r\n  def", "<D|abc def>"},
+      {"D:a\r\n b\r\n \r\n c\r\n ", "<D|abc>"},
+      {"D:abc\r def\r", "<D|abc\r def>"},
+      {"D:abc\r\n d\n e\r\n f", "<D|abcd\n ef>"},
+      {"D:abc\r\n\tdef:x\r\n", "<D|abc><\tdef|x>"},
+      // Keys and parameters are not unfolded, and no line ending ends them.
+      {"ATTEN\r\n DEE:v", "<ATTEN\r\n DEE|v>"},
+      {"K;A=1\r\nL:w", "<K|w>"},
+      // A fold inside a character is mended, where it is one.
+      {"D:\xF0\x9F\r\n \x97\x93", "<D|\xF0\x9F\x97\x93>"},
+      {"D:\xC3\n \xA9", "<D|null>"},
+      // Text that is not UTF-8 is null, also where unescaping would put a character together.
+      {"K\xFF:v\r\nK:v\xFF\r\nK:ok\r\n", "<null|v><K|null><K|ok>"},
+      {"S:\xC3\\\xA9", "<S|null>"},
+      {"\xEF\xBB\xBFK:v\r\n", "<\xEF\xBB\xBFK|v>"},
+  };
+  for (const auto& c : cases) EXPECT_EQ(linesOf(c.document), c.lines);
+  EXPECT_EQ(valueOf(string_view("S:a\0b\r\n", 7)), std::string("a\0b", 3));
+  EXPECT_EQ(onLine("K;A=\xFF;\xFE=1;B=2:v")->modifiers(), (KBTCalModifiers{{"B", "2"}}));
 }
 
 TEST(KBTCalObject, HasNoLinesOverNoBytes) {
@@ -60,71 +83,23 @@ TEST(KBTCalObject, HasNoLinesOverNoBytes) {
   }
 }
 
-// A line without ":" and ";" has no end of its own, blank lines included: it is part of the next
-// key.
-TEST(KBTCalObject, ALineWithoutAColonRunsOnIntoTheNextKey) {
-  EXPECT_EQ(linesOf("\r\nEND:VEVENT\r\n"), (std::vector<Line>{{"\r\nEND", "VEVENT"}}));
-  EXPECT_EQ(linesOf("junk\r\nmore\r\nUID:1\r\n"),
-            (std::vector<Line>{{"junk\r\nmore\r\nUID", "1"}}));
-  EXPECT_EQ(linesOf("UID:1\r\nno colon at all\r\n"),
-            (std::vector<Line>{{"UID", "1"}, {"no colon at all\r\n", ""}}));
-  EXPECT_EQ(linesOf("\r"), (std::vector<Line>{{"\r", ""}}));
-  EXPECT_EQ(linesOf("A:1\r\r\nB:2\r\n"), (std::vector<Line>{{"A", "1"}, {"\r\nB", "2"}}));
-}
-
-TEST(KBTCalObject, OnlyCRLFSpaceIsUnfolded) {
-  EXPECT_EQ(valueOf("D:abc\r\n  def"), "abc def");
-  EXPECT_EQ(valueOf("D:a\r\n b\r\n \r\n c"), "abc");
-  EXPECT_EQ(valueOf("D:abc\n def\n"), "abc\n def");
-  EXPECT_EQ(valueOf("D:abc\r def\r"), "abc\r def");
-  EXPECT_EQ(valueOf("D:abc\r\n d\n e\r\n f"), "abcd\n ef");
-  EXPECT_EQ(linesOf("D:abc\r\n\tdef:x\r\n"), (std::vector<Line>{{"D", "abc"}, {"\tdef", "x"}}));
-  EXPECT_EQ(linesOf("D:abc\r\n "), (std::vector<Line>{{"D", "abc"}}));
-  // Keys and parameters are not unfolded, and no line ending ends them.
-  EXPECT_EQ(linesOf("ATTEN\r\n DEE:v"), (std::vector<Line>{{"ATTEN\r\n DEE", "v"}}));
-  EXPECT_EQ(linesOf("K;A=1\r\nL:w"), (std::vector<Line>{{"K", "w"}}));
-}
-
-TEST(KBTCalObject, AFoldInsideACharacterIsMended) {
-  EXPECT_EQ(valueOf("D:caf\xC3\r\n \xA9!\r\n"), "caf\xC3\xA9!");
-  EXPECT_EQ(valueOf("D:\xF0\x9F\r\n \x97\x93"), "\xF0\x9F\x97\x93");
-  EXPECT_EQ(valueOf("D:\xC3\n \xA9"), std::nullopt) << "that fold is not one";
-}
-
 TEST(KBTCalObject, UnescapesEachCharacterOnce) {
   const struct {
     const char* written;
     const char* read;
   } cases[] = {
-      {"a\\,b\\nc", "a,b\nc"}, {"\\t\\r\\;\\,", "\t\r;,"},
-      {"\\\\n", "\\n"},        {"\\\\\\n", "\\\n"},
-      {"\\N\\T\\R", "NTR"},    {"\\x\\:", "x:"},
-      {"end\\", "end\\"},      {"\\", "\\"},
-      {"\\\\", "\\"},          {"\\\xC3\xA9t\\n", "\xC3\xA9t\n"},
-      {"a\\\r\n nb", "a\nb"},  {"\\\r\n \r\n n", "\n"},
+      {"a\\,b\\nc", "a,b\nc"},
+      {"\\t\\r\\;\\,", "\t\r;,"},
+      {"\\\\n", "\\n"},
+      {"\\\\\\n", "\\\n"},
+      {"\\N\\T\\R", "NTR"},
+      {"end\\", "end\\"},
+      {"\\\xC3\xA9t\\n", "\xC3\xA9t\n"},
+      {"\\\r\n \r\n n", "\n"},
   };
   for (const auto& c : cases) {
     EXPECT_EQ(valueOf(std::string("S:") + c.written + "\r\n"), c.read) << c.written;
   }
-}
-
-TEST(KBTCalObject, TextThatIsNotUTF8IsNull) {
-  EXPECT_EQ(linesOf("K\xFF:v\r\nK:v\xFF\r\nK:ok\r\n"),
-            (std::vector<Line>{{std::nullopt, "v"}, {"K", std::nullopt}, {"K", "ok"}}));
-  // Not even when unescaping would put the halves of a character together.
-  EXPECT_EQ(valueOf("S:\xC3\\\xA9"), std::nullopt);
-  const auto reader = onLine("K;A=\xFF;\xFE=1;B=2:v\r\n");
-  EXPECT_EQ(reader->modifiers(), (KBTCalModifiers{{"B", "2"}}));
-}
-
-TEST(KBTCalObject, NulBytesAndMarksAreCharacters) {
-  const string_view text("S:a\0b\r\n", 7);
-  EXPECT_EQ(valueOf(text), std::string("a\0b", 3));
-  EXPECT_EQ(linesOf("\xEF\xBB\xBF"
-                    "BEGIN:VCALENDAR\r\n"),
-            (std::vector<Line>{{"\xEF\xBB\xBF"
-                                "BEGIN",
-                                "VCALENDAR"}}));
 }
 
 TEST(KBTCalObject, ParametersAreRaw) {
@@ -134,10 +109,7 @@ TEST(KBTCalObject, ParametersAreRaw) {
     const char* value;
   } cases[] = {
       {"K:v", {}, "v"},
-      {"K;A=1:v", {{"A", "1"}}, "v"},
       {"K;A=1;A=2:v", {{"A", "2"}}, "v"},
-      {"K;a=x:v", {{"a", "x"}}, "v"},
-      {"K;TZID=\"Europe/Paris\":v", {{"TZID", "\"Europe/Paris\""}}, "v"},
       // Quotation marks protect neither ":" nor ";".
       {"K;CN=\"a:b\":v", {{"CN", "\"a"}}, "b\":v"},
       {"K;CN=\"a;b=c\":v", {{"CN", "\"a"}, {"b", "c\""}}, "v"},
@@ -147,12 +119,10 @@ TEST(KBTCalObject, ParametersAreRaw) {
       {"K;A=1;:v", {{"A", "1"}}, "v"},
       {"K;=1:v", {{"", "1"}}, "v"},
       {"K;A=1;FLAG:v", {{"A", "1"}, {"FLAG", ""}}, "v"},
-      {"K;A=1 : v", {{"A", "1 "}}, " v"},
       {"K;CN=a\r\n b;X=1:v", {{"CN", "a\r\n b"}, {"X", "1"}}, "v"},
       // A backslash hides the ":" after it and stays where it is.
       {"K;A=b\\:c:v", {{"A", "b\\:c"}}, "v"},
       {"K;A=b\\\\:c", {{"A", "b\\\\"}}, "c"},
-      {"K;A=b\\c:", {{"A", "b\\c"}}, ""},
       // No ":" to the end of the data.
       {"K;A=1\\", {{"A", "1\\"}}, ""},
       {"K;", {}, ""},
@@ -177,9 +147,6 @@ TEST(KBTCalObject, AKeyAskedForAfterTheParametersHoldsTheirText) {
     reader->modifiers();
     EXPECT_EQ(reader->key(), key);
   }
-  const auto dated = onLine("D;A=1:20240101T000000Z");
-  dated->valueAsDateIsFullDay();
-  EXPECT_EQ(dated->key(), "D;A=1");
   EXPECT_EQ(onLine("K\\:v")->key(), "K\\") << "a backslash hides nothing in a key";
 
   const auto reader = onLine("K;A=1:v");
@@ -195,8 +162,6 @@ TEST(KBTCalObject, ResetGoesBackAndKeepsTheLineUntilTheNext) {
   EXPECT_TRUE(reader->isAtEnd());
   const KBTCalModifiers lastOnes{{"Q", "2"}};
   EXPECT_EQ(reader->key(), "B") << "a failed step changes nothing";
-  EXPECT_EQ(reader->modifiers(), lastOnes);
-  reader->nextLine();
   EXPECT_EQ(reader->modifiers(), lastOnes);
   reader->reset();
   EXPECT_FALSE(reader->isAtEnd());
@@ -223,25 +188,18 @@ TEST(KBTCalObject, ReadsDatesInTheirZones) {
   } cases[] = {
       {"D:20240101T090000Z", "20240101T090000Z"},
       {"D:20240101T090000", "20240101T090000Z"},
-      {"D;TZID=Europe/Paris:20240101T090000", "20240101T080000Z"},
       {"D;TZID=Europe/Paris:20240701T090000", "20240701T070000Z"},
       {"D;TZID=W. Europe Standard Time:20240701T090000", "20240701T070000Z"},
       {"D;TZID=PST:20240101T090000", "20240101T170000Z"},
-      {"D;TZID=Asia/Kathmandu:20240101T090000", "20240101T031500Z"},
       // EST is a name as well, of a zone without summer time; names come first.
       {"D;TZID=EST:20240701T090000", "20240701T140000Z"},
       // "Z" does not protect a value from its TZID.
       {"D;TZID=Europe/Paris:20240101T090000Z", "20240101T080000Z"},
       // Quotation marks belong to the name, which is then unknown, and the default zone is taken.
       {"D;TZID=\"Europe/Paris\":20240101T090000", "20240101T000000Z"},
-      {"D;TZID=Mars/Olympus:20240101T090000", "20240101T000000Z"},
       // The offset is the one at 06:30 UTC: winter time's, although it was summer time in New York.
       {"D;TZID=America/New_York:20240310T063000", "20240310T113000Z"},
-      // 02:30 came twice in Paris; at 02:30 UTC both had passed, so it is not the first of them.
-      {"D;TZID=Europe/Paris:20241027T023000", "20241027T013000Z"},
       {"D;VALUE=date:20240101T090000Z", "20240101T090000Z"},
-      {"D;VALUE=\"DATE\":20240101T090000Z", "20240101T090000Z"},
-      {"D;TZID=America/New_York:99991231T235959", "99991231T235959Z"},
   };
   for (const auto& c : cases) EXPECT_EQ(dateOf(c.line, false), c.date) << c.line;
 
@@ -257,19 +215,13 @@ TEST(KBTCalObject, ReadsDurations) {
     const char* text;
     std::optional<NSDateComponents> components;
   } cases[] = {
-      {"PT1H30M", NSDateComponents{.hour = 1, .minute = 30}},
       {"P1Y2M3DT4H5M6S", NSDateComponents{1, 2, 3, 4, 5, 6}},
       {"p1y2m3dt4h5m6s", NSDateComponents{1, 2, 3, 4, 5, 6}},
       {"PT1H2DT3M", NSDateComponents{.day = 2, .hour = 1, .minute = 3}},
       {"P5TH", NSDateComponents{.hour = 0}},
       {"P2W3D", NSDateComponents{.day = 3}},
-      {"PD", NSDateComponents{.day = 0}},
-      {"PT1H2H", NSDateComponents{.hour = 2}},
-      {"P1 5D", NSDateComponents{.day = 5}},
       {"P-1D", NSDateComponents{.day = 1}},
       {"P2147483648D", NSDateComponents{.day = -2147483648LL}},
-      {"P99999999999999999999D", NSDateComponents{.day = 1661992959}},
-      {"+P1D", std::nullopt},
       {"", std::nullopt},
       {"1D", std::nullopt},
   };
@@ -282,8 +234,8 @@ TEST(KBTCalObject, ReadsDurations) {
 TEST(KBTCalObject, LongAndHostileDocumentsAreReadInOnePass) {
   const std::string megabytes(8 << 20, 'x');
   EXPECT_EQ(valueOf("S:" + megabytes)->size(), megabytes.size());
-  EXPECT_EQ(linesOf(megabytes).size(), 1U);
-  EXPECT_EQ(linesOf("K;" + megabytes).size(), 1U);
+  EXPECT_EQ(linesOf(megabytes), "<" + megabytes + "|>");
+  EXPECT_EQ(linesOf("K;" + megabytes), "<K|>");
   EXPECT_EQ(valueOf("S:" + std::string(8 << 20, '\\'))->size(), std::size_t{4 << 20});
 
   std::string folded = "S:";

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <functional>
 #include <iostream>
+#include <tuple>
 #include <vector>
 
 namespace quillmere::testing {
@@ -24,21 +25,15 @@ bool isInside(string_view part, string_view whole) {
                           notAfter(part.data() + part.size(), whole.data() + whole.size()));
 }
 
-struct Line {
-  std::optional<std::string> key;
-  std::optional<std::string> value;
-  std::vector<std::pair<std::string, std::string>> modifiers;
-  friend bool operator==(const Line&, const Line&) = default;
-};
+using Text = std::optional<std::string>;
+// Key, value and parameters.
+using Line = std::tuple<Text, Text, std::vector<std::pair<std::string, std::string>>>;
 
-std::optional<std::string> copied(std::optional<string_view> text) {
-  return text ? std::optional<std::string>(*text) : std::nullopt;
-}
+Text copied(std::optional<string_view> text) { return text ? Text(*text) : std::nullopt; }
 
 Line currentLine(KBTCalObject& reader) {
-  Line line{copied(reader.key()), copied(reader.value()), {}};
-  for (const auto& [name, value] : reader.modifiers()) line.modifiers.emplace_back(name, value);
-  return line;
+  const auto key = copied(reader.key()), value = copied(reader.value());
+  return {key, value, {reader.modifiers().begin(), reader.modifiers().end()}};
 }
 
 void checkCurrentLine(KBTCalObject& reader, string_view document) {

@@ -23,14 +23,10 @@ inline std::string messageCatalogue(const std::string& text, const std::string& 
   };
   constexpr std::size_t header = 28;
   constexpr std::size_t table = 8;
-  const std::string strings[] = {text, translation};
-  std::string tables, texts;
-  for (const std::string& string : strings) {
-    tables += word(string.size()) + word(header + 2 * table + texts.size());
-    texts += string + '\0';
-  }
+  constexpr std::size_t texts = header + 2 * table;
   return word(0x950412de) + word(0) + word(1) + word(header) + word(header + table) + word(0) +
-         word(0) + tables + texts;
+         word(0) + word(text.size()) + word(texts) + word(translation.size()) +
+         word(texts + text.size() + 1) + text + '\0' + translation + '\0';
 }
 
 /// Has the library's string table translate one text for the length of a scope.
