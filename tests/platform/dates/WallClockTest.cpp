@@ -3,6 +3,7 @@
 #include <quillmere/platform/dates/CivilTime.h>
 #include <quillmere/platform/dates/WallClock.h>
 
+#include <functional>
 #include <random>
 
 #include "tests/support/ScopedTimeZone.h"
@@ -29,56 +30,47 @@ void expectSame(std::int64_t time) {
 
 // The zones differ in how they end: by yearly rules, in either hemisphere, by rules for each year
 // up to 2087, by none.
-constexpr const char* zones[] = {"UTC",
-                                 "America/New_York",
-                                 "Australia/Lord_Howe",
-                                 "America/Sao_Paulo",
-                                 "Africa/Casablanca",
-                                 "Asia/Gaza",
-                                 "Pacific/Apia",
-                                 "Africa/Freetown",
-                                 "Antarctica/Troll",
-                                 "Europe/Dublin",
-                                 "Asia/Tokyo"};
+void inEachZone(const std::function<void()>& check) {
+  for (const char* name : {"UTC", "America/New_York", "Australia/Lord_Howe", "America/Sao_Paulo",
+                           "Africa/Casablanca", "Asia/Gaza", "Pacific/Apia", "Africa/Freetown",
+                           "Antarctica/Troll", "Europe/Dublin", "Asia/Tokyo"}) {
+    const testing::ScopedTimeZone zone(name);
+    check();
+    if (::testing::Test::HasFatalFailure()) FAIL() << name;
+  }
+}
 
 TEST(WallClock, AgreesWithTheZoneAnywhere) {
   std::mt19937_64 random(4);
-  for (const char* name : zones) {
-    const testing::ScopedTimeZone zone(name);
+  inEachZone([&random] {
     for (const int lastYear : {2040, 2500, 144'683}) {
       std::uniform_int_distribution<std::int64_t> times(
           -std::int64_t{36'600} * secondsPerDay,
           std::int64_t{lastYear - 1970} * 365 * secondsPerDay);
       for (int i = 0; i < 1000; ++i) expectSame(times(random));
     }
-    if (HasFatalFailure()) FAIL() << name;
-  }
+  });
 }
 
 // In half hours through every setting of the clocks in some years, forwards, and in leaps that pass
 // over several.
 TEST(WallClock, AgreesWithTheZoneOnWalks) {
   constexpr std::int64_t halfAnHour = 30 * secondsPerMinute;
-  const struct {
+  struct Walk {
     int year;
     int years;
     std::int64_t step;
-  } walks[] = {{1940, 5, halfAnHour},
-               {2005, 15, halfAnHour},
-               {2436, 4, halfAnHour},
-               {2398, 4, halfAnHour},
-               {2030, 900, 40 * secondsPerDay + 1},
-               {1850, 800, 170 * secondsPerDay},
-               {2300, 900, 300 * secondsPerDay + 7}};
-  for (const char* name : zones) {
-    const testing::ScopedTimeZone zone(name);
-    for (const auto& walk : walks) {
-      const std::int64_t begin = dayNumber({walk.year, 1, 1}) * secondsPerDay;
-      const std::int64_t end = dayNumber({walk.year + walk.years, 1, 1}) * secondsPerDay;
-      for (std::int64_t time = begin; time < end; time += walk.step) expectSame(time);
-      if (HasFatalFailure()) FAIL() << name << " from " << walk.year;
+  };
+  inEachZone([] {
+    for (const auto& [year, years, step] :
+         {Walk{1940, 5, halfAnHour}, Walk{2005, 15, halfAnHour}, Walk{2436, 4, halfAnHour},
+          Walk{2398, 4, halfAnHour}, Walk{2030, 900, 40 * secondsPerDay + 1},
+          Walk{1850, 800, 170 * secondsPerDay}, Walk{2300, 900, 300 * secondsPerDay + 7}}) {
+      const std::int64_t begin = dayNumber({year, 1, 1}) * secondsPerDay;
+      const std::int64_t end = dayNumber({year + years, 1, 1}) * secondsPerDay;
+      for (std::int64_t time = begin; time < end; time += step) expectSame(time);
     }
-  }
+  });
 }
 
 // Coming from afar to the very second of a setting, and into the hour that it repeats.
