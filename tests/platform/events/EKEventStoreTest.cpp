@@ -680,6 +680,10 @@ TEST(EventStore, AnswersAccessRequestsLater) {
     if (isDenied) preference->setStringValue("denied");
     const auto store = EKEventStore::initWithDatabasePath_error(":memory:", nullptr);
     preference->setStringValue(std::nullopt);
+    NSErrorPtr error;
+    EXPECT_NE(store->saveCalendar_commit_error(EKCalendar::calendar(), true, &error), isDenied);
+    EXPECT_TRUE(!isDenied || error->code() == EKErrorEventStoreNotAuthorized);
+    EXPECT_THAT(store->calendarsForEntityType(EKEntityType::event), SizeIs(isDenied ? 0 : 1));
     std::vector<bool> answers;
     for (const EKEntityType type : {EKEntityType::event, EKEntityType::reminder}) {
       store->requestAccessToEntityType_completion(type, [&](bool granted, const NSErrorPtr& error) {
