@@ -144,23 +144,18 @@ TEST_F(FileCalendar, SeesWhatAnotherProgramWritesMeanwhile) {
   struct Case {
     const char* what;
     FileCall during;
-    std::function<void()> work, before, after;
+    std::function<void()> work;
     bool isSaved = false, isFailing = false;
+    std::function<void()> before, after;
   };
   const Case cases[] = {
       {"replaced before it is read", FileCall::open, replace},
       {"replaced while it is read", FileCall::read, replace},
       {"written to while it is read", FileCall::read, write},
-      {"made when it could not be opened", FileCall::open, write, remove, {}, false, true},
-      {"gone for a moment when it was to be opened",
-       FileCall::open,
-       remove,
-       {},
-       write,
-       false,
-       true},
-      {"replaced after a save", FileCall::rename, replace, {}, {}, true},
-      {"replaced during a save that fails", FileCall::write, replace, {}, {}, true, true},
+      {"made when it could not be opened", FileCall::open, write, false, true, remove},
+      {"gone when it was to be opened", FileCall::open, remove, false, true, {}, write},
+      {"replaced after a save", FileCall::rename, replace, true},
+      {"replaced during a save that fails", FileCall::write, replace, true, true},
   };
   for (const Case& c : cases) {
     calendar->setCachingString(std::nullopt);

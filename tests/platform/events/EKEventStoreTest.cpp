@@ -41,9 +41,7 @@ void move(EKEvent& event, const char* start, const char* end) {
 
 TEST(EventStore, KeepsEveryFieldOfAnEvent) {
   const EventHost host;
-  constexpr std::size_t longLength = 10'000'000;
-  std::string longText;
-  longText.resize(longLength, 'x');
+  const std::string longText(10'000'000, 'x');
   std::vector<std::optional<std::string>> texts = {std::nullopt, "a", "\xc3\xa9;,\\\n\"b",
                                                    longText};
   // What iCalendar, in which Evolution keeps events, cannot tell apart or say.
@@ -423,13 +421,10 @@ TEST(EventStore, ChangesASeriesWithoutAZoneFromAnOccurrenceOn) {
   };
   // In New York 10 March has 23 hours.
   const Case cases[] = {
-      {true,
-       "0309T0500-0310T0500 a, 0310T0500-0311T0400 a, 0311T0400-0312T0400 b, 0312T0400-0313T0400 b",
-       "0308T2300-0309T2300 a, 0309T2300-0310T2300 a, 0310T2300-0311T2300 b, 0311T2300-0312T2300 "
-       "b"},
-      {false, "0309T1400-1500 a, 0310T1300-1400 a, 0311T1300-1400 b, 0312T1300-1400 b",
-       "0309T0800-0900 a, 0310T0800-0900 a, 0311T0800-0900 b, 0312T0800-0900 "
-       "b"},
+      {true, "0309T0500-0310T0500 a, 0310T0500-0311T0400 a, 0311T0400-0312T0400 b",
+       "0308T2300-0309T2300 a, 0309T2300-0310T2300 a, 0310T2300-0311T2300 b"},
+      {false, "0309T1400-1500 a, 0310T1300-1400 a, 0311T1300-1400 b",
+       "0309T0800-0900 a, 0310T0800-0900 a, 0311T0800-0900 b"},
   };
   for (const Case& c : cases) {
     const EventHost host;
@@ -438,13 +433,12 @@ TEST(EventStore, ChangesASeriesWithoutAZoneFromAnOccurrenceOn) {
       const Event event = host.newEvent("a", utc("20240309T140000Z"), utc("20240309T150000Z"));
       event->setTimeZone(std::nullopt);
       event->setAllDay(c.isAllDay);
-      event->setRecurrenceRule("FREQ=DAILY;COUNT=4");
+      event->setRecurrenceRule("FREQ=DAILY;COUNT=3");
       ASSERT_EQ(host.save(event), nullptr);
       ASSERT_EQ(saveAs(host, host.events(january, nextYear)[2], "b", futureEvents), nullptr);
       EXPECT_EQ(host.listing(january, nextYear), c.inNewYork);
-      const auto rule = host.events(january, nextYear)[0]->recurrenceRule().value();
       if (!EventHost::usesEvolution()) {
-        EXPECT_EQ(rule,
+        EXPECT_EQ(host.events(january, nextYear)[0]->recurrenceRule(),
                   c.isAllDay ? "FREQ=DAILY;UNTIL=20240310" : "FREQ=DAILY;UNTIL=20240311T085959");
       }
     }
@@ -519,12 +513,9 @@ TEST(EventStore, FindsASeriesByItsFirstOccurrenceThoughItWasChanged) {
     ASSERT_THAT(items, SizeIs(1));
     EXPECT_EQ(items[0]->title(), "edited");
     EXPECT_EQ(items[0]->startDate(), utc("20240105T120000Z"));
-    if (c.isSaved) {
-      move(*items[0], "20240105T130000Z", "20240105T133000Z");
-      ASSERT_EQ(saveAs(host, items[0], "n", c.span), nullptr);
-    } else {
-      ASSERT_EQ(host.remove(items[0], c.span), nullptr);
-    }
+    move(*items[0], "20240105T130000Z", "20240105T133000Z");
+    ASSERT_EQ(c.isSaved ? saveAs(host, items[0], "n", c.span) : host.remove(items[0], c.span),
+              nullptr);
     EXPECT_EQ(host.listing(), c.expected) << c.isSaved;
   }
 
@@ -615,9 +606,8 @@ TEST(EventStore, KeepsWhatAnotherHasChangedMeanwhile) {
 TEST(EventStore, HasCalendarsWithTheirEvents) {
   const EventHost host;
   const std::size_t before = host.store->calendarsForEntityType(EKEntityType::event).size();
-  const auto other = EKCalendar::calendar();
-  other->setTitle("other");
-  ASSERT_TRUE(host.store->saveCalendar_commit_error(other, true, nullptr));
+  const EventHost another(host.store);
+  const auto other = another.calendar;
   other->setTitle("Zoo");  // which stands before what begins with a small letter
   ASSERT_TRUE(host.store->saveCalendar_commit_error(other, true, nullptr));
   const auto calendars = host.store->calendarsForEntityType(EKEntityType::event);
@@ -625,8 +615,7 @@ TEST(EventStore, HasCalendarsWithTheirEvents) {
   EXPECT_TRUE(std::is_sorted(calendars.begin(), calendars.end(),
                              [](const auto& a, const auto& b) { return a->title() < b->title(); }));
   EXPECT_THAT(host.store->calendarsForEntityType(EKEntityType::reminder), IsEmpty());
-  const std::string identifier = other->calendarIdentifier();
-  EXPECT_EQ(host.store->calendarWithIdentifier(identifier)->title(), "Zoo");
+  EXPECT_EQ(host.store->calendarWithIdentifier(other->calendarIdentifier())->title(), "Zoo");
   EXPECT_EQ(host.store->calendarWithIdentifier("unknown"), nullptr);
 
   const Event event = host.newEvent("a", january, january);
@@ -640,11 +629,8 @@ TEST(EventStore, HasCalendarsWithTheirEvents) {
   EXPECT_THAT(host.events(), IsEmpty());
   const auto all = host.store->predicateForEventsWithStartDate_endDate_calendars(january, february,
                                                                                  std::nullopt);
-  const Events found = host.store->eventsMatchingPredicate(all);
-  EXPECT_EQ(std::count_if(
-                found.begin(), found.end(),
-                [&](const Event& e) { return e->calendar()->calendarIdentifier() == identifier; }),
-            1 + 3);
+  EXPECT_THAT(another.events(), SizeIs(1 + 3));
+  EXPECT_THAT(host.store->eventsMatchingPredicate(all), SizeIs(1 + 3));
   ASSERT_TRUE(host.store->removeCalendar_commit_error(other, true, nullptr));
   EXPECT_THAT(host.items(event), IsEmpty());
   NSErrorPtr error;
@@ -655,15 +641,15 @@ TEST(EventStore, HasCalendarsWithTheirEvents) {
   EXPECT_EQ(host.save(late)->code(), EKErrorNoCalendar);
 }
 
-TEST(EventStore, AnswersAccessRequestsLater) {
+TEST(EventStore, GrantsAccessLaterOrRefusesEverything) {
   for (const bool isDenied : {false, true}) {
     const auto preference = HWPreference::preferenceForKey("EKEventStoreAccess");
     if (isDenied) preference->setStringValue("denied");
     const auto store = EKEventStore::initWithDatabasePath_error(":memory:", nullptr);
     preference->setStringValue(std::nullopt);
-    NSErrorPtr error;
-    EXPECT_NE(store->saveCalendar_commit_error(EKCalendar::calendar(), true, &error), isDenied);
-    EXPECT_TRUE(!isDenied || error->code() == EKErrorEventStoreNotAuthorized);
+    NSErrorPtr refusal;
+    EXPECT_NE(store->saveCalendar_commit_error(EKCalendar::calendar(), true, &refusal), isDenied);
+    EXPECT_TRUE(!isDenied || refusal->code() == EKErrorEventStoreNotAuthorized);
     EXPECT_THAT(store->calendarsForEntityType(EKEntityType::event), SizeIs(isDenied ? 0 : 1));
     std::vector<bool> answers;
     for (const EKEntityType type : {EKEntityType::event, EKEntityType::reminder}) {
