@@ -6,7 +6,6 @@
 #include <quillmere/platform/base/HWPreference.h>
 #include <quillmere/platform/loop/NSOperationQueue.h>
 #include <quillmere/platform/notifications/NSDistributedNotificationCenter.h>
-#include <sqlite3.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -391,12 +390,7 @@ TEST_F(LocalCalendar, ReadersShowEightLines) {
 class LocalCalendarInDatabase : public LocalCalendar {
  protected:
   static void run(const std::string& sql) {
-    sqlite3* database = nullptr;
-    ASSERT_EQ(sqlite3_open((dataFolder() / "quillmere/events.sqlite").c_str(), &database),
-              SQLITE_OK);
-    EXPECT_EQ(sqlite3_exec(database, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK)
-        << sqlite3_errmsg(database);
-    sqlite3_close(database);
+    EXPECT_EQ(testing::query(dataFolder() / "quillmere/events.sqlite", sql), "");
   }
 };
 

@@ -49,30 +49,12 @@ namespace {
 
 namespace fs = std::filesystem;
 using testing::ChangeCount, testing::Event, testing::EventHost, testing::january, testing::february,
-    testing::readFile, testing::runUntil, testing::TemporaryFolder, testing::utc,
+    testing::query, testing::readFile, testing::runUntil, testing::TemporaryFolder, testing::utc,
     testing::writeFile;
 using ::testing::HasSubstr, ::testing::IsEmpty, ::testing::SizeIs;
 
 Event anEvent(const EventHost& host, const std::string& title = "a") {
   return host.newEvent(title, utc("20240105T090000Z"), utc("20240105T100000Z"));
-}
-
-// The first column of the first row; SQLite itself, beside the store.
-std::string query(const std::string& path, const char* sql) {
-  sqlite3* database = nullptr;
-  std::string result;
-  const auto take = [](void* text, int, char** columns, char**) {
-    if (columns[0]) *static_cast<std::string*>(text) = columns[0];
-    return 0;
-  };
-  char* error = nullptr;
-  if (sqlite3_open(path.c_str(), &database) != SQLITE_OK ||
-      sqlite3_exec(database, sql, take, &result, &error) != SQLITE_OK) {
-    result = error ? error : "not opened";
-  }
-  sqlite3_free(error);
-  sqlite3_close(database);
-  return result;
 }
 
 // A process that works until it is told to end or is killed. It begins when it is told to, since a
@@ -236,19 +218,13 @@ TEST(EventDatabase, MayEndOnAnyThread) {
   const TemporaryFolder folder;
   const std::string path = folder / "events";
   const EventHost host(path);
-  sqlite3* other = nullptr;
-  ASSERT_EQ(sqlite3_open(path.c_str(), &other), SQLITE_OK);
   // So often that most stores end while they are told of it.
-  sqlite3_busy_timeout(other, 10'000);
-  sqlite3_exec(other, "PRAGMA synchronous = OFF", nullptr, nullptr, nullptr);
   testing::endStores(
       1000, [&] { return EKEventStore::initWithDatabasePath_error(path, nullptr); },
       [&] {
-        EXPECT_EQ(
-            sqlite3_exec(other, "UPDATE calendars SET title = random()", nullptr, nullptr, nullptr),
-            SQLITE_OK);
+        EXPECT_EQ(query(path, "PRAGMA synchronous = OFF; UPDATE calendars SET title = random()"),
+                  "");
       });
-  sqlite3_close(other);
 }
 
 TEST(EventDatabase, LeavesForeignFilesAsTheyAre) {

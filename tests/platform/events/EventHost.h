@@ -6,6 +6,7 @@
 #include <quillmere/platform/events/EKEventStore.h>
 #include <quillmere/platform/loop/NSRunLoop.h>
 #include <quillmere/platform/notifications/NSNotificationCenter.h>
+#include <sqlite3.h>
 
 #include <atomic>
 #include <cstdlib>
@@ -60,6 +61,23 @@ struct ChangeCount {
   int count = 0;
   const std::shared_ptr<NSNotificationObservation> observation;
 };
+
+/// The first column of the last row, or the error: SQLite itself, beside the store.
+inline std::string query(const std::string& path, const std::string& sql) {
+  sqlite3* database = nullptr;
+  std::string result;
+  const auto take = [](void* text, int, char** columns, char**) {
+    if (columns[0]) *static_cast<std::string*>(text) = columns[0];
+    return 0;
+  };
+  sqlite3_open(path.c_str(), &database);
+  sqlite3_busy_timeout(database, 10'000);
+  if (sqlite3_exec(database, sql.c_str(), take, &result, nullptr) != SQLITE_OK) {
+    result = sqlite3_errmsg(database);
+  }
+  sqlite3_close(database);
+  return result;
+}
 
 /// Runs the main run loop while stores end on another thread, and a third one writes without pause.
 inline void endStores(int count, const std::function<std::shared_ptr<EKEventStore>()>& open,
