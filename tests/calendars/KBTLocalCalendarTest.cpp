@@ -250,17 +250,6 @@ TEST_F(LocalCalendar, WhatCannotBeWrittenIsToldAndTheRestIsSaved) {
                           MatchesRegex("named b .+"), "failed document EKErrorDomain 2", "saved"));
 }
 
-TEST_F(LocalCalendar, WithoutItsHostItWritesNothing) {
-  const std::string name = newEvent("Tea")->calendarItemExternalIdentifier();
-  local_->setObjects({Item::make(name)});
-  local_->updateObject(Item::make(name));
-  local_->insertObject(Item::make("new"));
-  host_.reset();
-  local_->fetchExternalChanges();
-  local_->saveChanges();
-  EXPECT_EQ(in_.listing(), "0105T0900-1000 Tea");
-}
-
 TEST_F(LocalCalendar, WritesAWholeSeriesButRemovesOneOccurrence) {
   const std::string name =
       newEvent("Daily", "FREQ=DAILY;COUNT=3")->calendarItemExternalIdentifier();
