@@ -40,6 +40,10 @@ class FileCalendar : public ::testing::Test {
     calendar->fetchExternalChanges();
     return host->take();
   }
+  void put(const std::string& version, std::int64_t microseconds) const {
+    writeFile(path, eventDocument(version));
+    touch(path, microseconds);
+  }
   Log check() {
     calendar->checkForExternalChanges();
     return host->take();
@@ -52,20 +56,16 @@ class FileCalendar : public ::testing::Test {
 };
 
 TEST_F(FileCalendar, FetchesOnceAndThenOnlyWhatIsYounger) {
-  writeFile(path, eventDocument("1"));
-  touch(path, someDate);
+  put("1", someDate);
   EXPECT_EQ(fetch(), (Log{"began", "new a 1", "fetched"}));
   EXPECT_EQ(calendar->cachingString(), someDateAsText);
   EXPECT_EQ(fetch(), Log{"fetched"}) << "unchanged: not read, so not begun";
   calendar->deleteObject(Item::make("a"));
   EXPECT_EQ(fetch(), Log{"fetched"}) << "nor for pending changes";
 
-  writeFile(path, eventDocument("2"));
-  touch(path, someDate);
-  EXPECT_EQ(fetch(), Log{"fetched"}) << "of the same date: not younger";
-  touch(path, someDate - 1);
+  put("2", someDate - 1);
   EXPECT_EQ(fetch(), Log{"fetched"}) << "older";
-  touch(path, someDate + 1);
+  put("2", someDate + 1);
   EXPECT_EQ(fetch(), (Log{"began", "update a 2", "fetched"})) << "a microsecond younger";
 
   writeFile(path, "");
@@ -75,8 +75,7 @@ TEST_F(FileCalendar, FetchesOnceAndThenOnlyWhatIsYounger) {
 
 TEST_F(FileCalendar, ChecksForAYoungerFile) {
   EXPECT_EQ(check(), Log{"checked changes"}) << "never read";
-  writeFile(path, eventDocument("1"));
-  touch(path, someDate);
+  put("1", someDate);
   fetch();
   EXPECT_EQ(check(), Log{"checked none"});
   touch(path, someDate + 1);
@@ -97,16 +96,13 @@ TEST_F(FileCalendar, TheLastReferenceMayGoInACallback) {
 }
 
 TEST_F(FileCalendar, TheCachingStringCarriesOverToTheNextRun) {
-  writeFile(path, eventDocument("1"));
-  touch(path, someDate);
+  put("1", someDate);
   calendar->setCachingString(someDateAsText);
   calendar->setObjects({Item::make("a", "1")});
   EXPECT_EQ(fetch(), Log{"fetched"});
   EXPECT_EQ(calendar->cachingString(), someDateAsText);
 
-  for (const std::optional<std::string>& unusable :
-       {std::optional<std::string>(), std::optional<std::string>("a tag"),
-        std::optional<std::string>("")}) {
+  for (const auto& unusable : {std::optional<std::string>(), {"a tag"}, {""}}) {
     calendar->setCachingString(unusable);
     EXPECT_EQ(calendar->cachingString(), std::nullopt);
     EXPECT_EQ(fetch(), (Log{"began", "fetched"})) << "read again, and the object is as it was";
@@ -139,41 +135,31 @@ TEST_F(FileCalendar, ItsOwnSaveIsNoExternalChange) {
 }
 
 TEST_F(FileCalendar, SeesWhatAnotherProgramWritesMeanwhile) {
-  const auto putYounger = [&](const std::string& at) {
-    writeFile(at, eventDocument("2"));
-    touch(at, std::int64_t{2} * someDate);
-  };
-  const auto write = [&] { putYounger(path); };
+  const auto write = [&] { put("2", std::int64_t{2} * someDate); };
   const auto replace = [&] {
-    putYounger(folder / "other");
-    std::filesystem::rename(folder / "other", path);
+    std::filesystem::rename(path, folder / "old");
+    write();
   };
   const auto remove = [&] { std::filesystem::remove(path); };
   struct Case {
     const char* what;
     FileCall during;
-    std::function<void()> work, before, after;
+    std::function<void()> work;
     bool isSaved = false, isFailing = false;
+    std::function<void()> before, after;
   };
   const Case cases[] = {
       {"replaced before it is read", FileCall::open, replace},
       {"replaced while it is read", FileCall::read, replace},
       {"written to while it is read", FileCall::read, write},
-      {"made when it could not be opened", FileCall::open, write, remove, {}, false, true},
-      {"gone for a moment when it was to be opened",
-       FileCall::open,
-       remove,
-       {},
-       write,
-       false,
-       true},
-      {"replaced after a save", FileCall::rename, replace, {}, {}, true},
-      {"replaced during a save that fails", FileCall::write, replace, {}, {}, true, true},
+      {"made when it could not be opened", FileCall::open, write, false, true, remove},
+      {"gone when it was to be opened", FileCall::open, remove, false, true, {}, write},
+      {"replaced after a save", FileCall::rename, replace, true},
+      {"replaced during a save that fails", FileCall::write, replace, true, true},
   };
   for (const Case& c : cases) {
     calendar->setCachingString(std::nullopt);
-    writeFile(path, eventDocument("1"));
-    touch(path, someDate);
+    put("1", someDate);
     if (c.before) c.before();
     {
       const FileMoment moment(c.during, c.work);

@@ -5,6 +5,8 @@
 #include <quillmere/platform/base/HWPreference.h>
 #include <quillmere/platform/events/EKEventStore.h>
 #include <quillmere/platform/loop/NSRunLoop.h>
+#include <quillmere/platform/notifications/NSNotificationCenter.h>
+#include <sqlite3.h>
 
 #include <atomic>
 #include <cstdlib>
@@ -35,6 +37,9 @@ using Events = std::vector<Event>;
 /// Of a UTC text such as "20240105T093000Z".
 inline NSDate utc(std::string_view text) { return NSDate::initWithICSDateString(text).value(); }
 
+inline const NSDate january = utc("20240101T000000Z");
+inline const NSDate february = utc("20240201T000000Z");
+
 inline NSTimeZone zone(std::string_view name) { return NSTimeZone::timeZoneWithName(name).value(); }
 
 /// Runs the main run loop until that holds, for so many seconds at most. Whether it does.
@@ -45,6 +50,33 @@ inline bool runUntil(const std::function<bool()>& holds, int secondsToWait = 10)
         NSDate::dateWithMicrosecondsSince1970(NSDate::date().microsecondsSince1970() + 2'000));
   }
   return holds();
+}
+
+/// How often the main run loop has told of a store's changes.
+struct ChangeCount {
+  explicit ChangeCount(const std::shared_ptr<EKEventStore>& store)
+      : observation(NSNotificationCenter::defaultCenter().addObserverForName_object_usingBlock(
+            EKEventStoreChangedNotification, store, [this](const NSNotification&) { ++count; })) {}
+
+  int count = 0;
+  const std::shared_ptr<NSNotificationObservation> observation;
+};
+
+/// The first column of the last row, or the error: SQLite itself, beside the store.
+inline std::string query(const std::string& path, const std::string& sql) {
+  sqlite3* database = nullptr;
+  std::string result;
+  const auto take = [](void* text, int, char** columns, char**) {
+    if (columns[0]) *static_cast<std::string*>(text) = columns[0];
+    return 0;
+  };
+  sqlite3_open(path.c_str(), &database);
+  sqlite3_busy_timeout(database, 10'000);
+  if (sqlite3_exec(database, sql.c_str(), take, &result, nullptr) != SQLITE_OK) {
+    result = sqlite3_errmsg(database);
+  }
+  sqlite3_close(database);
+  return result;
 }
 
 /// Runs the main run loop while stores end on another thread, and a third one writes without pause.
@@ -112,7 +144,7 @@ class EventHost {
     return error;
   }
 
-  Events events(NSDate from, NSDate to) const {
+  Events events(NSDate from = january, NSDate to = february) const {
     NSErrorPtr error;
     Events found = store->eventsMatchingPredicate(
         store->predicateForEventsWithStartDate_endDate_calendars(from, to, {{calendar}}), &error);
@@ -120,17 +152,25 @@ class EventHost {
     return found;
   }
 
-  /// "20240105T090000Z-20240105T100000Z title" for each event, and " (was ...)" where it was moved.
-  std::vector<std::string> listing(NSDate from, NSDate to) const {
-    std::vector<std::string> lines;
+  /// The items with the identifier of an event.
+  Events items(const Event& event) const {
+    return store->calendarItemsWithExternalIdentifier(event->calendarItemExternalIdentifier());
+  }
+
+  /// "0105T0900-1000 title" for each event, with the day of the end where it is another, and
+  /// " (was 0104T0900)" where it was moved.
+  std::string listing(NSDate from = january, NSDate to = february) const {
+    const auto textOf = [](NSDate date) { return date.icsDateString().substr(4, 9); };
+    std::string lines;
     for (const Event& event : events(from, to)) {
-      std::string line = event->startDate()->icsDateString() + "-" +
-                         event->endDate()->icsDateString() + " " +
-                         event->title().value_or("(none)");
-      if (event->occurrenceDate() != event->startDate()) {
-        line += " (was " + event->occurrenceDate()->icsDateString() + ")";
-      }
-      lines.push_back(line);
+      const std::string start = textOf(*event->startDate());
+      const std::string end = textOf(*event->endDate());
+      constexpr std::size_t dayLength = 5;
+      const bool isOneDay = start.substr(0, dayLength) == end.substr(0, dayLength);
+      lines += (lines.empty() ? "" : ", ") + start + "-" + end.substr(isOneDay ? dayLength : 0) +
+               " " + event->title().value_or("(none)");
+      if (event->occurrenceDate() == event->startDate()) continue;
+      lines += " (was " + textOf(*event->occurrenceDate()) + ")";
     }
     return lines;
   }

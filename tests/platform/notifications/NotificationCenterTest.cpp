@@ -6,15 +6,15 @@
 #include <quillmere/platform/notifications/NSNotificationCenter.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
-#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/platform/events/EventHost.h"
@@ -23,9 +23,9 @@
 namespace quillmere {
 namespace {
 
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
+using ::testing::ElementsAre, ::testing::IsEmpty;
 using testing::runUntil;
+using Center = NSDistributedNotificationCenter;
 
 TEST(NotificationCenter, CallsWhoAskedForNameAndObject) {
   NSNotificationCenter center;
@@ -84,7 +84,7 @@ const NSDistributedNotification sent{std::string("name \xff \0 end", 12),
                                       {"fraction", 0.5},
                                       {"yes", true}}};
 
-void post(NSDistributedNotificationCenter& center, const NSDistributedNotification& n) {
+void post(Center& center, const NSDistributedNotification& n) {
   center.postNotificationName_object_userInfo(n.name, n.object, n.userInfo);
 }
 
@@ -92,21 +92,9 @@ void post(NSDistributedNotificationCenter& center, const NSDistributedNotificati
 class SessionBus {
  public:
   SessionBus() {
-    int ends[2];
-    if (::pipe(ends) != 0) return;
-    process_ = ::fork();
-    if (process_ == 0) {
-      const std::string option = "--print-address=" + std::to_string(ends[1]);
-      ::execlp("dbus-daemon", "dbus-daemon", "--session", "--nofork", option.c_str(), nullptr);
-      ::_exit(127);
-    }
-    ::close(ends[1]);
-    std::string address;
-    char c = 0;
-    while (::read(ends[0], &c, 1) == 1 && c != '\n') address += c;
-    ::close(ends[0]);
-    EXPECT_FALSE(address.empty()) << "dbus-daemon did not start";
-    ::setenv("DBUS_SESSION_BUS_ADDRESS", address.c_str(), 1);
+    char address[256] = "";
+    EXPECT_EQ(std::fscanf(output_, "%255s %d", address, &process_), 2) << "it did not start";
+    ::setenv("DBUS_SESSION_BUS_ADDRESS", address, 1);
   }
   SessionBus(const SessionBus&) = delete;
   SessionBus& operator=(const SessionBus&) = delete;
@@ -117,17 +105,34 @@ class SessionBus {
 
   void stop() {
     if (process_ <= 0) return;
-    ::kill(process_, SIGKILL);
-    ::waitpid(process_, nullptr, 0);
-    process_ = 0;
+    ::kill(std::exchange(process_, 0), SIGKILL);
+    ::pclose(output_);
   }
 
  private:
+  std::FILE* const output_ =
+      ::popen("exec dbus-daemon --session --nofork --print-address=1 --print-pid=1", "re");
   pid_t process_ = 0;
 };
 
+// What a center hears, but for the pings that show whether it does.
+struct Heard {
+  explicit Heard(Center& center, std::optional<std::string> name = std::nullopt,
+                 std::optional<std::string> object = std::nullopt)
+      : observation(center.addObserverForName_object_usingBlock(
+            std::move(name), std::move(object), [this](const NSDistributedNotification& heard) {
+              if (heard.name == "ping") return;
+              all.push_back(heard);
+              names.push_back(heard.name);
+            })) {}
+
+  std::vector<NSDistributedNotification> all;
+  std::vector<std::string> names;
+  const std::shared_ptr<NSNotificationObservation> observation;
+};
+
 // Whether the other hears what one posts, once the bus has taken both in.
-bool reaches(NSDistributedNotificationCenter& from, NSDistributedNotificationCenter& to) {
+bool reaches(Center& from, Center& to) {
   bool isHeard = false;
   const auto observation = to.addObserverForName_object_usingBlock(
       "ping", std::nullopt, [&](const NSDistributedNotification&) { isHeard = true; });
@@ -140,42 +145,33 @@ bool reaches(NSDistributedNotificationCenter& from, NSDistributedNotificationCen
 // Two centers stand for two processes: each has a connection of its own.
 TEST(DistributedNotificationCenter, BringsOthersExactlyWhatWasSent) {
   const SessionBus bus;
-  NSDistributedNotificationCenter here;
-  NSDistributedNotificationCenter there;
+  Center here;
+  Center there;
   ASSERT_TRUE(reaches(here, there));
-  std::vector<NSDistributedNotification> heard;
-  int others = 0;
-  const auto observation = there.addObserverForName_object_usingBlock(
-      std::nullopt, std::nullopt, [&](const NSDistributedNotification& notification) {
-        if (notification.name != "ping") heard.push_back(notification);
-      });
-  const auto ofOther = there.addObserverForName_object_usingBlock(
-      sent.name, "another", [&](const NSDistributedNotification&) { ++others; });
+  const Heard heard(there);
+  const Heard ofOther(there, sent.name, "another");
   post(here, sent);
   post(here, {"plain", std::nullopt, {}});
-  ASSERT_TRUE(runUntil([&] { return heard.size() == 2; }));
-  EXPECT_EQ(heard[0].name, sent.name);
-  EXPECT_EQ(heard[0].object, sent.object);
-  EXPECT_EQ(heard[0].userInfo, sent.userInfo);
-  EXPECT_EQ(heard[1].name, "plain");
-  EXPECT_EQ(heard[1].object, std::nullopt);
-  EXPECT_EQ(others, 0);
+  ASSERT_TRUE(runUntil([&] { return heard.all.size() == 2; }));
+  EXPECT_EQ(heard.all[0].object, sent.object);
+  EXPECT_EQ(heard.all[0].userInfo, sent.userInfo);
+  EXPECT_EQ(heard.all[1].object, std::nullopt);
+  EXPECT_THAT(ofOther.all, IsEmpty());
 
   // Its own notification comes once, although the bus sends it back.
   post(there, {"own", std::nullopt, {}});
   post(here, {"last", std::nullopt, {}});
-  ASSERT_TRUE(runUntil([&] { return heard.back().name == "last"; }));
-  EXPECT_EQ(heard.size(), 4U);
-  there.removeObserver(observation);
+  ASSERT_TRUE(runUntil([&] { return heard.names.back() == "last"; }));
+  there.removeObserver(heard.observation);
   post(here, {"unheard", std::nullopt, {}});
   EXPECT_TRUE(reaches(here, there));
-  EXPECT_EQ(heard.size(), 4U);
+  EXPECT_THAT(heard.names, ElementsAre(sent.name, "plain", "own", "last"));
 }
 
 TEST(DistributedNotificationCenter, HearsOnlyWhatIsOneOfItsSignals) {
   const SessionBus bus;
-  NSDistributedNotificationCenter here;
-  NSDistributedNotificationCenter there;
+  Center here;
+  Center there;
   ASSERT_TRUE(reaches(here, there));
   GDBusConnection* const other = g_dbus_connection_new_for_address_sync(
       std::getenv("DBUS_SESSION_BUS_ADDRESS"),
@@ -183,11 +179,7 @@ TEST(DistributedNotificationCenter, HearsOnlyWhatIsOneOfItsSignals) {
                                         G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
       nullptr, nullptr, nullptr);
   ASSERT_NE(other, nullptr);
-  std::vector<NSDistributedNotification> heard;
-  const auto observation = there.addObserverForName_object_usingBlock(
-      std::nullopt, std::nullopt, [&](const NSDistributedNotification& notification) {
-        if (notification.name != "ping") heard.push_back(notification);
-      });
+  const Heard heard(there);
   const char* const interface = "org.quillmere.NotificationCenter";
   struct Case {
     GDBusMessageType type;
@@ -216,47 +208,43 @@ TEST(DistributedNotificationCenter, HearsOnlyWhatIsOneOfItsSignals) {
       g_object_unref(message);
     }
   }
-  EXPECT_TRUE(runUntil([&] { return !heard.empty() && heard.back().name == "e"; }));
-  EXPECT_THAT(heard, ::testing::SizeIs(1));
-  EXPECT_EQ(heard.back().userInfo, (NSNotificationUserInfo{{"x", std::int64_t{7}}}));
+  EXPECT_TRUE(runUntil([&] { return !heard.all.empty(); }));
+  EXPECT_THAT(heard.names, ElementsAre("e"));
+  EXPECT_EQ(heard.all[0].userInfo, (NSNotificationUserInfo{{"x", std::int64_t{7}}}));
   g_object_unref(other);
 }
 
 TEST(DistributedNotificationCenter, ServesItsProcessWithoutABus) {
   for (const char* address : {"", "unix:path=/nonexistent/bus", "nonsense"}) {
     ::setenv("DBUS_SESSION_BUS_ADDRESS", address, 1);
-    NSDistributedNotificationCenter center;
-    int heard = 0;
-    const auto observation = center.addObserverForName_object_usingBlock(
-        sent.name, sent.object, [&](const NSDistributedNotification& notification) {
-          EXPECT_EQ(notification.userInfo, sent.userInfo);
-          ++heard;
-        });
+    Center center;
+    const Heard heard(center, sent.name, sent.object);
     post(center, sent);
-    EXPECT_EQ(heard, 0);
-    EXPECT_TRUE(runUntil([&] { return heard == 1; }));
+    EXPECT_THAT(heard.all, IsEmpty());
+    ASSERT_TRUE(runUntil([&] { return !heard.all.empty(); }));
+    EXPECT_EQ(heard.all[0].userInfo, sent.userInfo);
   }
   ::unsetenv("DBUS_SESSION_BUS_ADDRESS");
 }
 
 TEST(DistributedNotificationCenter, OutlivesItsBusAndFindsTheNext) {
-  NSDistributedNotificationCenter here;
-  NSDistributedNotificationCenter there;
-  std::set<std::string> heard;
-  const auto observation = there.addObserverForName_object_usingBlock(
-      std::nullopt, std::nullopt,
-      [&](const NSDistributedNotification& notification) { heard.insert(notification.name); });
+  Center here;
+  Center there;
+  const Heard heard(there);
+  const auto isHeard = [&](const std::string& name) {
+    return std::find(heard.names.begin(), heard.names.end(), name) != heard.names.end();
+  };
   for (const std::string round : {"first", "second"}) {
     SessionBus bus;
     // Both ask for the bus again.
     EXPECT_TRUE(runUntil([&] {
       post(there, {"own", std::nullopt, {}});
       post(here, {round, std::nullopt, {}});
-      return heard.contains(round);
+      return isHeard(round);
     }));
     bus.stop();
     post(there, {round + " without a bus", std::nullopt, {}});
-    EXPECT_TRUE(runUntil([&] { return heard.contains(round + " without a bus"); }));
+    EXPECT_TRUE(runUntil([&] { return isHeard(round + " without a bus"); }));
   }
 }
 
@@ -284,47 +272,38 @@ class SilentBus {
 };
 
 TEST(DistributedNotificationCenter, WaitsForNoBus) {
-  NSDistributedNotificationCenter here;
-  NSDistributedNotificationCenter there;
+  Center here;
+  Center there;
   {
     const SilentBus bus;
-    std::vector<std::string> own;
-    const auto observation = here.addObserverForName_object_usingBlock(
-        std::nullopt, std::nullopt,
-        [&](const NSDistributedNotification& notification) { own.push_back(notification.name); });
+    const Heard own(here);
     post(here, {"lost", std::nullopt, {}});
     post(here, {"lost too", std::nullopt, {}});
-    EXPECT_TRUE(runUntil([&] { return own.size() == 2; }));
-    EXPECT_THAT(own, ElementsAre("lost", "lost too"));
+    EXPECT_TRUE(runUntil([&] { return own.all.size() == 2; }));
+    EXPECT_THAT(own.names, ElementsAre("lost", "lost too"));
     bus.accept();  // and hang up
   }
 
   const SessionBus bus;
-  std::vector<std::string> heard;
-  const auto observation = there.addObserverForName_object_usingBlock(
-      std::nullopt, std::nullopt, [&](const NSDistributedNotification& notification) {
-        if (notification.name != "ping") heard.push_back(notification.name);
-      });
+  const Heard heard(there);
   EXPECT_TRUE(reaches(here, there));
-  EXPECT_THAT(heard, IsEmpty());
+  EXPECT_THAT(heard.names, IsEmpty());
 
   // What is posted before the connection stands comes after it, in order.
-  NSDistributedNotificationCenter late;
+  Center late;
   std::vector<std::string> expected;
   for (int i = 0; i != 100; ++i) expected.push_back(std::to_string(i));
   for (const std::string& name : expected) post(late, {name, std::nullopt, {}});
-  EXPECT_TRUE(runUntil([&] { return heard.size() == expected.size(); }));
-  EXPECT_EQ(heard, expected);
+  EXPECT_TRUE(runUntil([&] { return heard.names.size() == expected.size(); }));
+  EXPECT_EQ(heard.names, expected);
 }
 
 TEST(DistributedNotificationCenter, GivesUpConnectingWhenItEnds) {
   const SilentBus bus;
-  auto center = std::make_unique<NSDistributedNotificationCenter>();
-  int heard = 0;
-  const auto observation = center->addObserverForName_object_usingBlock(
-      "a", std::nullopt, [&](const NSDistributedNotification&) { ++heard; });
+  auto center = std::make_unique<Center>();
+  const Heard heard(*center);
   post(*center, {"a", std::nullopt, {}});
-  EXPECT_TRUE(runUntil([&] { return heard == 1; }));
+  EXPECT_TRUE(runUntil([&] { return !heard.all.empty(); }));
   const FileDescriptor connection = bus.accept();
   center.reset();
   EXPECT_TRUE(runUntil([&] {
