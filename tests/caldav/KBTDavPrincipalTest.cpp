@@ -314,16 +314,17 @@ TEST(KBTDavPrincipal, ReadsThePrincipal) {
 
   // The outbox may be a text without href. Elements without meaning are passed over.
   Fixture f;
-  EXPECT_THAT(f.loginAs("\n<displayname>Alice &amp; Søren</displayname><X/>"
-                        "<calendar-home-set><href>/c/alice</href></calendar-home-set>"
-                        "<schedule-outbox-URL>/c/alice/out</schedule-outbox-URL>"
-                        "<group-membership><href>/p/x/calendar-proxy-write/</href>"
-                        "<href>/p/y/calendar-proxy-read/</href><href>/p/z/calendar-proxy-write"
-                        "</href><group>/p/w/calendar-proxy-write/</group>"
-                        "<href>v/calendar-proxy-write/</href></group-membership>"
-                        "<principal-collection-set><href>/q/</href><href>r/</href>"
-                        "</principal-collection-set>"),
-              ElementsAre("logged in"));
+  EXPECT_THAT(
+      f.loginAs("\n<displayname>Alice &amp; Søren</displayname><X/>"
+                "<calendar-home-set><href>/c/alice</href></calendar-home-set>"
+                "<schedule-outbox-URL>/c/alice/out</schedule-outbox-URL>"
+                "<group-membership><href>/p/x/calendar-proxy-write/</href>"
+                "<href>/p/y/calendar-proxy-read/</href><href>/p/z/calendar-proxy-write</href>"
+                "<group>/p/w/calendar-proxy-write/</group>"
+                "<href>v/calendar-proxy-write/</href></group-membership>"
+                "<principal-collection-set><href>/q/</href><href>r/</href>"
+                "</principal-collection-set>"),
+      ElementsAre("logged in"));
   EXPECT_EQ(f.principal->displayName(), "Alice & Søren");
   EXPECT_EQ(f.principal->originator(), std::nullopt);
   ASSERT_EQ(f.principal->readWriteProxies().size(), 2U);
@@ -445,8 +446,8 @@ TEST(KBTDavPrincipal, AsksWhenSomebodyIsBusy) {
   Fixture f;
   f.loginAs(std::string(homeAndOutbox) + mailAddress);
   const auto answer = [](const std::string& inside) {
-    return "<schedule-response><response><recipient><href>mailto:bob@example.com</href></"
-           "recipient>" +
+    return "<schedule-response><response>"
+           "<recipient><href>mailto:bob@example.com</href></recipient>" +
            inside + "</response></schedule-response>";
   };
   const auto status = [&](const std::string& text) {
