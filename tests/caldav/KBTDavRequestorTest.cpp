@@ -176,31 +176,26 @@ TEST(KBTDavRequestor, RebuildsRedirectedRequestsFromTheIssuedOne) {
 TEST(KBTDavRequestor, AnswersAChallengeOnceWithUserAndPassword) {
   ScriptedServer server;
   const auto requestor = Requestor::make();
-  const testing::Challenge basic{};
-  const testing::Credential alice{AuthScheme::basic, "alice", "secret"};
-  server.expect({.path = "/good"}, {.status = 401, .challenges = {basic}});
-  server.expect({.path = "/good", .credential = alice}, {.body = "in"});
-  server.expect({.path = "/bad"}, {.status = 401, .challenges = {basic}});
-  server.expect({.path = "/bad", .credential = alice},
-                {.status = 401, .body = "out", .challenges = {basic}});
-  server.expect({.path = "/ntlm"},
-                {.status = 401, .fields = {{"WWW-Authenticate", "NTLM"}}, .body = "out"});
-  server.expect({.path = "/negotiate"},
-                {.status = 401, .fields = {{"WWW-Authenticate", "Negotiate"}}, .body = "out"});
-  server.expect({.path = "/preset", .fields = {{"Authorization", "mine"}}},
-                {.status = 401, .challenges = {basic}});
+  const testing::Answer refusal{.status = 401, .challenges = {{}}};
+  server.expect({.path = "/bad"}, refusal);
+  server.expect({.path = "/bad", .credential = {{AuthScheme::basic, "alice", "secret"}}}, refusal);
+  for (const char* scheme : {"NTLM", "Negotiate"}) {
+    server.expect({.path = std::string("/") + scheme},
+                  {.status = 401, .fields = {{"WWW-Authenticate", scheme}}});
+  }
+  for (const char* name : {"bad", "NTLM", "Negotiate"}) {
+    requestor->ask(server.url(std::string("/") + name), name);
+  }
+  server.expect({.path = "/preset", .fields = {{"Authorization", "mine"}}}, refusal);
   server.expect({.path = "/moved", .fields = {{"Authorization", "mine"}}},
                 {.status = 307, .fields = {{"Location", "/there"}}});
-  server.expect({.path = "/there", .noOtherFields = true}, {.status = 401, .challenges = {basic}});
-  requestor->ask(server.url("/good"), "good");
-  requestor->ask(server.url("/bad"), "bad");
-  requestor->ask(server.url("/ntlm"), "ntlm");
-  requestor->ask(server.url("/negotiate"), "negotiate");
-  requestor->ask(server.url("/preset"), "preset", "GET", {{"Authorization", "mine"}});
-  requestor->ask(server.url("/moved"), "moved", "GET", {{"Authorization", "mine"}});
-  EXPECT_THAT(requestor->outcomesAfter(6),
-              ElementsAre("good in", "bad KBTDavConnection 401", "ntlm KBTDavConnection 401",
-                          "negotiate KBTDavConnection 401", "preset KBTDavConnection 401",
+  server.expect({.path = "/there", .noOtherFields = true}, refusal);
+  for (const char* name : {"preset", "moved"}) {
+    requestor->ask(server.url(std::string("/") + name), name, "GET", {{"Authorization", "mine"}});
+  }
+  EXPECT_THAT(requestor->outcomesAfter(5),
+              ElementsAre("bad KBTDavConnection 401", "NTLM KBTDavConnection 401",
+                          "Negotiate KBTDavConnection 401", "preset KBTDavConnection 401",
                           "moved KBTDavConnection 401"));
 }
 

@@ -152,10 +152,8 @@ TEST(KBTURLCalendar, FetchesUnlessTheTagIsKnown) {
   f.server.expect(request("GET", HeaderField{"If-None-Match", "\"2\""}), answer(304));
   EXPECT_THAT(f.fetch(), ElementsAre("fetched"));
   EXPECT_EQ(f.calendar->cachingString(), std::nullopt);
-  for (const unsigned status : {300U, 503U}) {
-    f.server.expect(request("GET"), answer(status));
-    EXPECT_THAT(f.fetch(), ElementsAre("fetched URLCalendar " + std::to_string(status)));
-  }
+  f.server.expect(request("GET"), answer(300));
+  EXPECT_THAT(f.fetch(), ElementsAre("fetched URLCalendar 300"));
 
   // The objects are as they were; what comes next is compared with them.
   f.server.expect(request("GET"), answer(299, nullptr,
@@ -166,16 +164,19 @@ TEST(KBTURLCalendar, FetchesUnlessTheTagIsKnown) {
   EXPECT_THAT(f.fetch(), ElementsAre("began", "gone a", "gone c", "fetched"));
 }
 
+// Nor is a tag with an end of line taken over: no request could carry it again.
 TEST(KBTURLCalendar, WhatATransportErrorCutOffIsNotApplied) {
   RawServer server;
-  const std::string ok = "HTTP/1.1 200 OK\r\nETag: \"1\"\r\nContent-Length: 100000\r\n\r\n";
+  const std::string ok = "HTTP/1.1 200 OK\r\nETag: \"a\rb\"\r\nContent-Length: 100000\r\n\r\n";
   server.play({raw::readHead(), raw::write(ok + document), raw::close()});
   const auto host = std::make_shared<RecordingDelegate>();
   const auto calendar = calendarAt(server.url("/a.ics"));
+  calendar->setCachingString("1");
   calendar->setDelegate(host);
   calendar->fetchExternalChanges();
   EXPECT_TRUE(runUntil([&] { return !calendar->dataTask(); }));
   EXPECT_THAT(host->take(), ElementsAre("fetched NSURLErrorDomain -1005"));
+  EXPECT_EQ(calendar->cachingString(), std::nullopt);
 }
 
 TEST(KBTURLCalendar, SavesTheWholeDocument) {
@@ -219,84 +220,59 @@ TEST(KBTURLCalendar, SavesTheWholeDocument) {
   EXPECT_THAT(f.save(), ElementsAre("failed document NSURLErrorDomain -1004", "saved"));
 }
 
-// A tag that no request can carry would lock the calendar for good.
-TEST(KBTURLCalendar, ATagWithAnEndOfLineIsNone) {
-  RawServer server;
-  server.play({raw::readHead(),
-               raw::write("HTTP/1.1 200 OK\r\nETag: \"a\rb\"\r\nContent-Length: 0\r\n\r\n")});
-  const auto calendar = calendarAt(server.url("/a.ics"));
-  calendar->fetchExternalChanges();
-  EXPECT_TRUE(runUntil([&] { return !calendar->dataTask(); }));
-  EXPECT_EQ(calendar->cachingString(), std::nullopt);
-}
-
 TEST(KBTURLCalendar, ASubclassHasASessionToo) {
   struct Subclass : KBTURLCalendar {
     explicit Subclass(NSURL url) : KBTURLCalendar(std::move(url)) {}
   };
-  ScriptedServer server;
-  server.expect(request("GET"), answer(200, "\"1\"", document));
-  const auto calendar =
-      std::make_shared<Subclass>(NSURL::URLWithString(server.url("/a.ics")).value());
-  calendar->fetchExternalChanges();
-  EXPECT_TRUE(runUntil([&] { return !calendar->dataTask(); }));
-  EXPECT_EQ(calendar->cachingString(), "\"1\"");
+  Fixture f;
+  f.server.expect(request("GET"), answer(200, "\"1\"", document));
+  f.calendar = std::make_shared<Subclass>(f.calendar->url());
+  f.fetch();
+  EXPECT_EQ(f.calendar->cachingString(), "\"1\"");
 }
 
 TEST(KBTURLCalendar, PutsChallengesToItsDelegate) {
   Fixture f;
-  for (const AuthScheme scheme : {AuthScheme::basic, AuthScheme::digest}) {
-    ExpectedRequest authorized = request("GET");
-    authorized.credential = {{scheme, "alice", "secret"}};
-    f.calendar->setCachingString(std::nullopt);
-    f.server.expect(request("GET"), {.status = 401, .challenges = {{.scheme = scheme}}});
-    f.server.expect(authorized, answer(304, "\"1\""));
-    EXPECT_THAT(f.fetch(), ElementsAre("fetched"));
-    EXPECT_EQ(f.calendar->cachingString(), "\"1\"");  // the 401 was no answer
-  }
-  f.calendar->setCachingString(std::nullopt);
-  f.server.expect(request("GET"), {.status = 401, .fields = {{"WWW-Authenticate", "NTLM"}}});
-  EXPECT_THAT(f.fetch(), ElementsAre("fetched URLCalendar 401"));
-  f.server.expect(request("GET"), {.status = 401, .challenges = {{}}});
-  ExpectedRequest refused = request("GET");
-  refused.credential = {{AuthScheme::basic, "alice", "secret"}};
-  f.server.expect(refused, {.status = 401, .challenges = {{}}});
+  ExpectedRequest authorized = request("GET");
+  authorized.credential = {{AuthScheme::basic, "alice", "secret"}};
+  const auto challenge = [&](const ExpectedRequest& challenged) {
+    f.server.expect(challenged, {.status = 401, .challenges = {{}}});
+  };
+  challenge(request("GET"));
+  f.server.expect(authorized, answer(304));
+  EXPECT_THAT(f.fetch(), ElementsAre("fetched"));
+  challenge(request("GET"));
+  challenge(authorized);
   EXPECT_THAT(f.fetch(), ElementsAre("fetched URLCalendar 401"));
   EXPECT_THAT(f.host->asked, ElementsAre("NSURLAuthenticationMethodHTTPBasic 0 401",
-                                         "NSURLAuthenticationMethodHTTPDigest 0 401",
-                                         "NSURLAuthenticationMethodNTLM 0 401",
                                          "NSURLAuthenticationMethodHTTPBasic 0 401",
                                          "NSURLAuthenticationMethodHTTPBasic 1 401"));
   // A delegate that does not answer, and none.
   const auto silent = std::make_shared<RecordingDelegate>();
   f.calendar->setDelegate(silent);
-  f.server.expect(request("GET"), {.status = 401, .challenges = {{}}});
-  f.calendar->fetchExternalChanges();
-  f.outcome();
+  challenge(request("GET"));
+  EXPECT_THAT(f.fetch(), IsEmpty());
   EXPECT_THAT(silent->take(), ElementsAre("fetched URLCalendar 401"));
   f.calendar->setDelegate({});
-  f.server.expect(request("GET"), {.status = 401, .challenges = {{}}});
+  challenge(request("GET"));
   EXPECT_THAT(f.fetch(), IsEmpty());
 }
 
 TEST(KBTURLCalendar, CancellingEndsWhatIsInFlight) {
   Fixture f;
   f.calendar->cancel();  // nothing is
+  using Lines = std::vector<std::string>;
   for (const auto& [start, lines] :
-       {std::pair(&KBTURLCalendar::checkForExternalChanges,
-                  std::vector<std::string>{"checked none"}),
-        std::pair(&KBTURLCalendar::fetchExternalChanges,
-                  std::vector<std::string>{"fetched NSURLErrorDomain -999"})}) {
+       {std::pair(&KBTURLCalendar::checkForExternalChanges, Lines{"checked none"}),
+        std::pair(&KBTURLCalendar::fetchExternalChanges, Lines{"fetched NSURLErrorDomain -999"}),
+        std::pair(static_cast<void (KBTURLCalendar::*)()>(&KBTURLCalendar::saveChanges),
+                  Lines{"failed document NSURLErrorDomain -999", "saved"})}) {
     ((*f.calendar).*start)();
     f.calendar->cancel();
     EXPECT_EQ(f.calendar->dataTask(), nullptr);
-    EXPECT_TRUE(runUntil([&] { return !f.host->log.empty(); }));
+    EXPECT_TRUE(runUntil([&, &expected = lines] { return f.host->log.size() == expected.size(); }));
     EXPECT_EQ(f.host->take(), lines);
   }
-  f.calendar->saveChanges();
-  f.calendar->cancel();
-  EXPECT_TRUE(runUntil([&] { return f.host->log.size() == 2; }));
-  EXPECT_THAT(f.host->take(), ElementsAre("failed document NSURLErrorDomain -999", "saved"));
 }
 
 // A second operation takes the first one's place; both end, each as what the calendar is then doing.
@@ -325,9 +301,7 @@ TEST(KBTURLCalendar, AHostMayDoAnythingInACallback) {
     if (line.starts_with("fetched") && ++fetches < 4) f.calendar->fetchExternalChanges();
   };
   f.server.expect(request("GET"), answer(200, nullptr, document));
-  f.server.expect(request("GET"), answer(404));
-  f.server.expect(request("GET"), answer(304));
-  f.server.expect(request("GET"), answer(200));
+  for (const unsigned status : {404U, 304U, 200U}) f.server.expect(request("GET"), answer(status));
   EXPECT_THAT(f.fetch(), ElementsAre("began", "new a 20240102T000000Z", "new b 20240101T000000Z",
                                      "fetched", "fetched URLCalendar 404", "fetched", "began",
                                      "gone a", "gone b", "fetched"));

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <map>
 #include <mutex>
+#include <sstream>
 
 #include "tests/support/CalDavAnswers.h"
 #include "tests/support/CuttingProxy.h"
@@ -144,7 +145,15 @@ class Host : public testing::KeepingDelegate, public std::enable_shared_from_thi
       objects[name] = Item::make(name, "1", component("1"));
     }
     pending = {{"inserted", component("mine")}, {"edited", component("mine")}, {"deleted", {}}};
-    onCallback = [](const std::string&) { NSRunLoop::currentRunLoop().stop(); };
+    onCallback = [this](const std::string& line) {
+      std::istringstream words(line);
+      std::string what, name;
+      words >> what >> name;
+      if (what == "inserted") objects[name] = inserted_[name];
+      if (what == "deleted") objects.erase(name);
+      if (what == "inserted" || what == "updated" || what == "deleted") pending.erase(name);
+      NSRunLoop::currentRunLoop().stop();
+    };
   }
 
   void run(const std::string& url) {
@@ -177,37 +186,12 @@ class Host : public testing::KeepingDelegate, public std::enable_shared_from_thi
     return all;
   }
 
-  void synchingCalendar_didInsert_versionString(KBTSynchingCalendar& calendar,
-                                                const KBTClientObject& object,
-                                                const std::string& version) override {
-    KeepingDelegate::synchingCalendar_didInsert_versionString(calendar, object, version);
-    wasSaved(object);
-  }
-  void synchingCalendar_didUpdate_versionString(KBTSynchingCalendar& calendar,
-                                                const KBTClientObject& object,
-                                                const std::string& version) override {
-    KeepingDelegate::synchingCalendar_didUpdate_versionString(calendar, object, version);
-    wasSaved(object);
-  }
-  void synchingCalendar_didDelete(KBTSynchingCalendar& calendar,
-                                  const KBTClientObject& object) override {
-    KeepingDelegate::synchingCalendar_didDelete(calendar, object);
-    objects.erase(Item::of(object).name);
-    pending.erase(Item::of(object).name);
-  }
-
   std::ptrdiff_t count(const std::string& start) const {
     return std::count_if(log.begin(), log.end(),
                          [&](const std::string& line) { return line.starts_with(start); });
   }
 
  private:
-  void wasSaved(const KBTClientObject& object) {
-    const auto item = std::static_pointer_cast<Item>(object);
-    objects[item->name] = item;
-    pending.erase(item->name);
-  }
-
   void fetch(KBTDavCalendar& calendar) {
     const auto before = objects;
     std::map<std::string, Item> items;
@@ -236,7 +220,7 @@ class Host : public testing::KeepingDelegate, public std::enable_shared_from_thi
     for (const auto& [name, text] : std::map(pending)) {
       const auto known = objects.find(name);
       if (known == objects.end()) {
-        calendar.insertObject(Item::make(name, "", *text));
+        calendar.insertObject(inserted_[name] = Item::make(name, "", *text));
       } else if (text) {
         known->second->ics = *text;
         calendar.updateObject(known->second);
@@ -252,6 +236,7 @@ class Host : public testing::KeepingDelegate, public std::enable_shared_from_thi
   }
 
   std::optional<std::string> cachingString_;
+  std::map<std::string, std::shared_ptr<Item>> inserted_;  // that are to be saved
 };
 
 void expectAgreement(const Host& host, const Server& server) {

@@ -8,9 +8,10 @@
 namespace quillmere::testing {
 
 /// A row of a multi-status.
-inline std::string response(const std::string& href, const std::string& props) {
-  return "<response><href>" + href + "</href><propstat><prop>" + props +
-         "</prop><status>HTTP/1.1 200 OK</status></propstat></response>";
+inline std::string response(const std::string& href, const std::string& props,
+                            const std::string& status = "HTTP/1.1 200 OK") {
+  return "<response><href>" + href + "</href><propstat><prop>" + props + "</prop><status>" +
+         status + "</status></propstat></response>";
 }
 
 /// The row of a resource, without a text in a listing.

@@ -57,15 +57,7 @@ class OpenCalendar : public KBTDavCalendar {
     return calendar;
   }
   Names known() { return objectsByUniqueName().keys(); }
-  Names pending() {
-    Names all;
-    for (const auto* set : {&insertSet(), &updateSet(), &deleteSet()}) {
-      const Names part = set->names();
-      all.insert(all.end(), part.begin(), part.end());
-      all.emplace_back("|");
-    }
-    return all;
-  }
+  using KBTDavCalendar::deleteSet, KBTDavCalendar::insertSet, KBTDavCalendar::updateSet;
 
  protected:
   using KBTDavCalendar::KBTDavCalendar;
@@ -155,10 +147,6 @@ class Model {
   // A request is issued at the end of the queue, and seen by the server in its turn.
   void issue(Request request) { queue_.push_back(std::move(request)); }
 
-  void expect(ExpectedRequest request, Answer answer) {
-    server_.expect(std::move(request), std::move(answer));
-  }
-
   // A status other than success now and then; 0 for none.
   unsigned failure() {
     constexpr unsigned statuses[] = {500, 403, 404, 503};
@@ -193,7 +181,7 @@ class Model {
     const bool isWithout = !isCalm && random_(16) == 0;
     const ExpectedRequest request{.method = "PROPFIND", .path = "/c/", .body = anyBody};
     if (status > 0) {
-      expect(request, {.status = status});
+      server_.expect(request, {.status = status});
       if (kind == Kind::fetchTag) {
         log.push_back(failed("fetched", status));
       } else {
@@ -202,7 +190,7 @@ class Model {
       return;
     }
     const std::string text = std::to_string(tag_);
-    expect(request, isWithout ? multistatus(response("/c/", "")) : testing::tag(text));
+    server_.expect(request, isWithout ? multistatus(response("/c/", "")) : testing::tag(text));
     const std::optional<std::string> tag = isWithout ? std::nullopt : std::optional(text);
     if (kind == Kind::check) {
       log.emplace_back(tag == cTag ? "checked none" : "checked changes");
@@ -242,13 +230,13 @@ class Model {
   void answerListing() {
     const ExpectedRequest request{.method = "REPORT", .path = "/c/", .body = anyBody};
     if (const unsigned status = failure()) {
-      expect(request, {.status = status});
+      server_.expect(request, {.status = status});
       log.push_back(failed("fetched", status));
       return;
     }
     Names all, seen;
     for (const auto& [href, resource] : resources_) all.push_back(href);
-    expect(request, {.status = 207, .body = rowsOf(all, false, seen)});
+    server_.expect(request, {.status = 207, .body = rowsOf(all, false, seen)});
 
     log.emplace_back("began");
     Names unseen;
@@ -280,12 +268,12 @@ class Model {
     const ExpectedRequest request{
         .method = "REPORT", .path = "/c/", .body = body + "</calendar-multiget>"};
     if (const unsigned status = failure()) {
-      expect(request, {.status = status});
+      server_.expect(request, {.status = status});
       log.push_back(failed("fetched", status));
       return;
     }
     Names seen;
-    expect(request, {.status = 207, .body = rowsOf(hrefs, true, seen)});
+    server_.expect(request, {.status = 207, .body = rowsOf(hrefs, true, seen)});
     for (const std::string& href : seen) {
       const Name& name = nameOfHref(href);
       const std::string& etag = resources_.at(href).etag;
@@ -309,16 +297,16 @@ class Model {
                               .noOtherFields = true};
     const unsigned status = request.body.empty() ? 415 : failure();
     if (status > 0) {
-      expect(put, {.status = status});
+      server_.expect(put, {.status = status});
       return saveFailed(request.name, status);
     }
     putRemotely(request.name, request.body);
     if (random_(4) == 0) {
-      expect(put, {.status = 201});
+      server_.expect(put, {.status = 201});
       return issue({Kind::etagOf, request.name, {}, {}, request.kind});
     }
     const std::string& etag = resources_.at(name.href).etag;
-    expect(put, {.status = 204, .fields = {{"ETag", etag}}});
+    server_.expect(put, {.status = 204, .fields = {{"ETag", etag}}});
     written(request.kind, request.name, etag);
   }
 
@@ -329,10 +317,10 @@ class Model {
     const auto resource = resources_.find(name.href);
     const unsigned status = resource == resources_.end() ? 404 : failure();
     if (status > 0) {
-      expect(get, {.status = status});
+      server_.expect(get, {.status = status});
       return saveFailed(request.name, status);
     }
-    expect(get, {.status = 200, .fields = {{"ETag", resource->second.etag}}});
+    server_.expect(get, {.status = 200, .fields = {{"ETag", resource->second.etag}}});
     written(request.write, request.name, resource->second.etag);
   }
 
@@ -350,7 +338,7 @@ class Model {
                                   .path = "/c/" + std::string(nameOf(name).wire) + ".ics",
                                   .noOtherFields = true};
     const unsigned status = failure();
-    expect(request, {.status = status > 0 ? status : 204});
+    server_.expect(request, {.status = status > 0 ? status : 204});
     if (status > 0 && status != 404) return saveFailed(name, status);
     if (status == 0) deleteRemotely(name);
     log.push_back("deleted " + (find(name) ? name : std::string("(null)")));
@@ -419,8 +407,7 @@ class Walk {
     }
     // A host that looks again at everything recovers from whatever went wrong.
     model_.isCalm = true;
-    model_.cTag = std::nullopt;
-    calendar_->setCachingString(std::nullopt);
+    forgetTag();
     start(&Model::startFetch, &KBTDavCalendar::fetchExternalChanges);
     const std::string difference = compare();
     if (!difference.empty()) return story + "\n" + difference;
@@ -431,40 +418,25 @@ class Walk {
   std::string takeStep() {
     const std::string name = names[random_(std::size(names))].text;
     const std::string text = "BEGIN:VEVENT\r\nX:" + std::to_string(++texts_) + "\r\nEND:VEVENT\r\n";
-    switch (random_(10)) {
-      case 0:
-        model_.putRemotely(name, text);
-        return "remote put " + name;
-      case 1:
-        model_.deleteRemotely(name);
-        return "remote delete " + name;
-      case 2:
-        insert(name, text);
-        return "insert " + name;
-      case 3:
-        update(name, text);
-        return "update " + name;
-      case 4:
-        remove(name);
-        return "delete " + name;
-      case 5:
-        model_.cTag = std::nullopt;
-        calendar_->setCachingString(std::nullopt);
-        return "forget tag";
-      case 6:
-        start(&Model::startCheck, &KBTDavCalendar::checkForExternalChanges);
-        return "check";
-      case 7:
-        start(&Model::startSave, &KBTDavCalendar::saveChanges);
-        return "save";
-      case 8:  // both at once
-        start(&Model::startFetch, &KBTDavCalendar::fetchExternalChanges);
-        start(&Model::startSave, &KBTDavCalendar::saveChanges);
-        return "fetch and save";
-      default:
-        start(&Model::startFetch, &KBTDavCalendar::fetchExternalChanges);
-        return "fetch";
-    }
+    constexpr const char* steps[] = {"remote put ",     "remote delete ", "insert ", "update ",
+                                     "delete ",         "forget tag ",    "check ",  "save ",
+                                     "fetch and save ", "fetch "};
+    const unsigned step = random_(std::size(steps));
+    if (step == 0) model_.putRemotely(name, text);
+    if (step == 1) model_.deleteRemotely(name);
+    if (step == 2) insert(name, text);
+    if (step == 3) update(name, text);
+    if (step == 4) remove(name);
+    if (step == 5) forgetTag();
+    if (step == 6) start(&Model::startCheck, &KBTDavCalendar::checkForExternalChanges);
+    if (step >= 8) start(&Model::startFetch, &KBTDavCalendar::fetchExternalChanges);
+    if (step == 7 || step == 8) start(&Model::startSave, &KBTDavCalendar::saveChanges);
+    return steps[step] + name;
+  }
+
+  void forgetTag() {
+    model_.cTag = std::nullopt;
+    calendar_->setCachingString(std::nullopt);
   }
 
   void start(void (Model::*model)(), void (KBTDavCalendar::*calendar)()) {
@@ -510,14 +482,14 @@ class Walk {
     if (!isDone || got != expected || calendar_->isChecking() || calendar_->isSaving()) {
       return "expected " + joined(expected) + "\ngot " + joined(got) + joined(server_.problems());
     }
-    Names known, pending;
+    Names known;
     for (const auto& object : model_.known) known.push_back(object.name);
-    for (const Names* set : {&model_.inserted, &model_.updated, &model_.deleted}) {
-      pending.insert(pending.end(), set->begin(), set->end());
-      pending.emplace_back("|");
-    }
     if (calendar_->known() != known) return "known: " + joined(calendar_->known());
-    if (calendar_->pending() != pending) return "pending: " + joined(calendar_->pending());
+    for (const auto& [set, names] : {std::pair(&calendar_->insertSet(), &model_.inserted),
+                                     std::pair(&calendar_->updateSet(), &model_.updated),
+                                     std::pair(&calendar_->deleteSet(), &model_.deleted)}) {
+      if (set->names() != *names) return "pending: " + joined(set->names());
+    }
     if (calendar_->cachingString() != model_.cTag) return "caching string";
     return "";
   }
