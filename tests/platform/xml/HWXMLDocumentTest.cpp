@@ -141,7 +141,7 @@ TEST(HWXMLReading, RefusesWhatIsNotWellFormed) {
     for (const string_view row : rows) EXPECT_EQ(outlineOf(string(row)), "refused") << row;
   };
   // Around the root.
-  expectRefused({"", "<?xml version='1.0'?>", "x<a/>", "<a/>&#32;", "<a/><b/>", "<a/><",
+  expectRefused({"", "<?xml version='1.0'?>", "x<a/>", "<a/>&#32;", "<a/><b/>", "<a/> <",
                  "<a/><![CDATA[ ]]>", " <?xml version='1.0'?><a/>", "<a><?xml version='1.0'?></a>",
                  "<a/>\0"sv, "<a/>\0<b/>"sv});
   // Tags.
