@@ -25,7 +25,8 @@ std::size_t CuttingProxy::passed(Direction direction) const {
 
 void CuttingProxy::serve(int client) {
   const FileDescriptor server(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  ::connect(server.get(), reinterpret_cast<const sockaddr*>(&address_), sizeof address_);
+  const auto* name = reinterpret_cast<const sockaddr*>(&address_);
+  if (::connect(server.get(), name, sizeof address_) != 0) ::shutdown(client, SHUT_RDWR);
   std::thread back([&] { pass(server.get(), client, Direction::toClient); });
   pass(client, server.get(), Direction::toServer);
   ::shutdown(server.get(), SHUT_RDWR);  // nobody waits for its answer

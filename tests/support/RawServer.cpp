@@ -15,7 +15,7 @@ bool receive(int socket, std::string& received) {
 
 void reset(int socket) {
   const sockaddr nowhere{AF_UNSPEC, {}};
-  ::connect(socket, &nowhere, sizeof nowhere);
+  if (::connect(socket, &nowhere, sizeof nowhere) != 0) ::shutdown(socket, SHUT_RDWR);
 }
 
 }  // namespace
