@@ -1,229 +1,92 @@
 #include "tests/support/RawServer.h"
 
 #include <gtest/gtest.h>
-#include <poll.h>
-
-#include <cerrno>
-#include <list>
-#include <mutex>
-#include <optional>
-#include <thread>
-
-#include "tests/support/LoopbackServer.h"
 
 namespace quillmere::testing {
 namespace {
 
-// One connection and how far its steps have come.
-class Player {
- public:
-  Player(int socket, RawServer::Steps steps)
-      : socket_(std::in_place, socket), steps_(std::move(steps)) {}
+// Whether more has come.
+bool receive(int socket, std::string& received) {
+  char bytes[65536];
+  const ssize_t count = ::recv(socket, bytes, sizeof bytes, 0);
+  if (count > 0) received.append(bytes, static_cast<std::size_t>(count));
+  return count > 0;
+}
 
-  int descriptor() const { return socket_->get(); }
-  bool isOpen() const { return socket_.has_value(); }
-
-  // Closes, so that the client's next call fails.
-  void reset() {
-    const linger now{1, 0};
-    if (isOpen()) ::setsockopt(descriptor(), SOL_SOCKET, SO_LINGER, &now, sizeof now);
-    socket_.reset();
-  }
-
-  // What to poll for. The client's end of the stream is of interest always.
-  short events() const {
-    const bool isOver = stepsDone_ == steps_.size();
-    if (!isOver && currentStep().kind == RawStep::Kind::write) return POLLOUT | POLLRDHUP;
-    if (!isOver && currentStep().kind == RawStep::Kind::waitUntilTold) return POLLRDHUP;
-    return POLLIN | POLLRDHUP;
-  }
-
-  void handle(short events) {
-    if ((events & POLLIN) != 0) {
-      read();
-    } else if ((events & (POLLRDHUP | POLLHUP | POLLERR | POLLNVAL)) != 0) {
-      socket_.reset();
-    }
-  }
-
-  // Goes on as far as it can without waiting.
-  void advance(std::size_t& permits) {
-    while (isOpen() && stepsDone_ < steps_.size() && play(currentStep(), permits)) {
-      ++stepsDone_;
-      written_ = 0;
-    }
-  }
-
- private:
-  const RawStep& currentStep() const { return steps_[stepsDone_]; }
-
-  // Whether the step is done.
-  bool play(const RawStep& step, std::size_t& permits) {
-    switch (step.kind) {
-      case RawStep::Kind::readHead: {
-        const auto end = received_.find("\r\n\r\n");
-        if (end == std::string::npos) return false;
-        received_.erase(0, end + 4);
-        return true;
-      }
-      case RawStep::Kind::readBytes:
-        if (received_.size() < step.count) return false;
-        received_.erase(0, step.count);
-        return true;
-      case RawStep::Kind::write:
-        while (written_ < step.bytes.size() * step.count) {
-          if (!send(std::string_view(step.bytes).substr(written_ % step.bytes.size()))) {
-            return false;
-          }
-        }
-        return true;
-      case RawStep::Kind::waitUntilTold:
-        if (permits == 0) return false;
-        --permits;
-        return true;
-      case RawStep::Kind::close:
-        // Closing a socket with bytes unread would break the connection, so the rest is read until
-        // the client ends it, too.
-        ::shutdown(descriptor(), SHUT_WR);
-        return true;
-      case RawStep::Kind::reset:
-        reset();
-        return true;
-    }
-    return true;
-  }
-
-  bool send(std::string_view bytes) {
-    const ssize_t count =
-        ::send(descriptor(), bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (count < 0) {
-      if (errno != EAGAIN && errno != EINTR) socket_.reset();
-      return false;
-    }
-    written_ += static_cast<std::size_t>(count);
-    return true;
-  }
-
-  void read() {
-    char bytes[65536];
-    const ssize_t count = ::recv(descriptor(), bytes, sizeof bytes, MSG_DONTWAIT);
-    if (count > 0) {
-      received_.append(bytes, static_cast<std::size_t>(count));
-    } else if (count == 0 || (errno != EAGAIN && errno != EINTR)) {
-      socket_.reset();
-    }
-  }
-
-  std::optional<FileDescriptor> socket_;
-  RawServer::Steps steps_;
-  std::size_t stepsDone_ = 0;
-  std::size_t written_ = 0;  // of the current step
-  std::string received_;     // and not yet used by a step
-};
+void reset(int socket) {
+  const sockaddr nowhere{AF_UNSPEC, {}};
+  if (::connect(socket, &nowhere, sizeof nowhere) != 0) ::shutdown(socket, SHUT_RDWR);
+}
 
 }  // namespace
 
-class RawServer::Loop : public LoopbackServer {
- public:
-  Loop() : thread_([this] { run(); }) {}
-  Loop(const Loop&) = delete;
-  Loop& operator=(const Loop&) = delete;
-  ~Loop() {
-    stop();
-    if (problemsTaken_) return;
-    for (const std::string& problem : problems_) ADD_FAILURE() << problem;
-  }
-
-  void play(Steps steps) {
+RawServer::~RawServer() {
+  {
     const std::lock_guard lock(mutex_);
-    scripts_.push_back(std::move(steps));
+    stopping_ = true;
   }
-
-  void tell() {
-    const std::lock_guard lock(mutex_);
-    ++permits_;
-    ring();
+  told_.notify_all();
+  const std::size_t connections = server_.stop();
+  for (std::size_t i = connections; i < scripts_.size(); ++i) {
+    ADD_FAILURE() << "connection " << i + 1 << " was never made";
   }
-
-  std::vector<std::string> finish() {
-    stop();
-    problemsTaken_ = true;
-    return problems_;
+  if (connections > scripts_.size()) {
+    ADD_FAILURE() << "a connection more than the " << scripts_.size() << " listed";
   }
-
- private:
-  void stop() {
-    if (!thread_.joinable()) return;
-    {
-      const std::lock_guard lock(mutex_);
-      stopping_ = true;
-      ring();
-    }
-    thread_.join();
-    for (Player& player : players_) player.reset();
-    for (std::size_t i = players_.size(); i < scripts_.size(); ++i) {
-      problems_.push_back("connection " + std::to_string(i + 1) + " was never made");
-    }
-  }
-
-  void run() {
-    std::unique_lock lock(mutex_);
-    while (!stopping_) {
-      std::vector<Player*> open;
-      std::vector<pollfd> polled{{bell.get(), POLLIN, 0}, {listener.get(), POLLIN, 0}};
-      for (Player& player : players_) {
-        player.advance(permits_);
-        if (!player.isOpen()) continue;
-        open.push_back(&player);
-        polled.push_back({player.descriptor(), player.events(), 0});
-      }
-      lock.unlock();
-      ::poll(polled.data(), polled.size(), -1);
-      lock.lock();
-      eventfd_t rings = 0;
-      ::eventfd_read(bell.get(), &rings);
-      for (std::size_t i = 0; i < open.size(); ++i) open[i]->handle(polled[i + 2].revents);
-      if (polled[1].revents != 0) acceptOne();
-    }
-  }
-
-  void acceptOne() {
-    const int socket = accept();
-    if (socket < 0) return;
-    if (const auto index = players_.size(); index < scripts_.size()) {
-      players_.emplace_back(socket, scripts_[index]);
-    } else {
-      problems_.push_back("a connection more than the " + std::to_string(index) + " listed");
-      Player(socket, {}).reset();
-    }
-  }
-
-  bool problemsTaken_ = false;
-
-  mutable std::mutex mutex_;  // of all below
-  std::vector<Steps> scripts_;
-  std::list<Player> players_;
-  std::size_t permits_ = 0;
-  bool stopping_ = false;
-  std::vector<std::string> problems_;
-
-  std::thread thread_;
-};
-
-RawServer::RawServer() : loop_(std::make_unique<Loop>()) {}
-
-RawServer::~RawServer() = default;
-
-std::uint16_t RawServer::port() const { return loop_->port; }
-
-std::string RawServer::url(std::string_view path) const {
-  return "http://127.0.0.1:" + std::to_string(port()) + std::string(path);
 }
 
-void RawServer::play(Steps steps) { loop_->play(std::move(steps)); }
+void RawServer::play(Steps steps) {
+  const std::lock_guard lock(mutex_);
+  scripts_.push_back(std::move(steps));
+}
 
-void RawServer::tell() { loop_->tell(); }
+void RawServer::tell() {
+  const std::lock_guard lock(mutex_);
+  ++permits_;
+  told_.notify_one();
+}
 
-std::vector<std::string> RawServer::finish() { return loop_->finish(); }
+void RawServer::serve(int socket, std::size_t index) {
+  std::unique_lock lock(mutex_);
+  const Steps steps = index < scripts_.size() ? scripts_[index] : Steps{raw::reset()};
+  lock.unlock();
+  std::string received;
+  for (const RawStep& step : steps) {
+    if (!carryOut(step, socket, received)) return;
+  }
+  while (receive(socket, received)) received.clear();
+}
+
+// Whether the connection goes on.
+bool RawServer::carryOut(const RawStep& step, int socket, std::string& received) {
+  switch (step.kind) {
+    case RawStep::Kind::readHead:
+      while (received.find("\r\n\r\n") == std::string::npos) {
+        if (!receive(socket, received)) return false;
+      }
+      received.erase(0, received.find("\r\n\r\n") + 4);
+      return true;
+    case RawStep::Kind::readBytes:
+      while (received.size() < step.count) {
+        if (!receive(socket, received)) return false;
+      }
+      received.erase(0, step.count);
+      return true;
+    case RawStep::Kind::write:
+      return sendAll(socket, step.bytes);
+    case RawStep::Kind::waitUntilTold: {
+      std::unique_lock lock(mutex_);
+      told_.wait(lock, [this] { return permits_ > 0 || stopping_; });
+      if (!stopping_) --permits_;
+      return !stopping_;
+    }
+    case RawStep::Kind::close:
+      return ::shutdown(socket, SHUT_WR) == 0;
+    case RawStep::Kind::reset:
+      reset(socket);
+      return false;
+  }
+  return false;
+}
 
 }  // namespace quillmere::testing

@@ -1,13 +1,14 @@
 #ifndef QUILLMERE_TESTS_SUPPORT_RAWSERVER_H
 #define QUILLMERE_TESTS_SUPPORT_RAWSERVER_H
 
+#include <condition_variable>
 #include <cstddef>
-#include <cstdint>
-#include <memory>
+#include <mutex>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
+
+#include "tests/support/LoopbackServer.h"
 
 namespace quillmere::testing {
 
@@ -16,7 +17,7 @@ struct RawStep {
   enum class Kind { readHead, readBytes, write, waitUntilTold, close, reset };
   Kind kind;
   std::string bytes{};
-  std::size_t count = 1;
+  std::size_t count = 0;
 };
 
 namespace raw {
@@ -25,8 +26,10 @@ namespace raw {
 inline RawStep readHead() { return {RawStep::Kind::readHead}; }
 /// Takes in so many bytes more.
 inline RawStep readBytes(std::size_t count) { return {RawStep::Kind::readBytes, {}, count}; }
-inline RawStep write(std::string bytes, std::size_t times = 1) {
-  return {RawStep::Kind::write, std::move(bytes), times};
+inline RawStep write(std::string_view bytes, std::size_t times = 1) {
+  RawStep step{RawStep::Kind::write};
+  while (times-- > 0) step.bytes += bytes;
+  return step;
 }
 inline RawStep waitUntilTold() { return {RawStep::Kind::waitUntilTold}; }
 /// Ends the stream in good order: all that was written arrives, then the end.
@@ -36,36 +39,38 @@ inline RawStep reset() { return {RawStep::Kind::reset}; }
 
 }  // namespace raw
 
-/// A server on 127.0.0.1, in a thread of its own, that does to each connection what is listed,
+/// A server on 127.0.0.1 that does to each connection, in a thread of its own, what is listed,
 /// right or wrong as HTTP. Nothing is read or written but by a step; after the last one the
-/// connection stays open and is read until the client ends it. A connection beyond those listed is
-/// reset and is a problem; so is one that never came. Problems that nobody has taken by `finish()`
-/// fail the test when the server goes.
+/// connection is read until the client ends it. A connection beyond those listed is reset; that it
+/// came, and one that never came, fails the test when the server goes.
 class RawServer {
  public:
   using Steps = std::vector<RawStep>;
 
-  RawServer();
+  RawServer() = default;
   RawServer(const RawServer&) = delete;
   RawServer& operator=(const RawServer&) = delete;
   ~RawServer();
 
-  std::uint16_t port() const;
-  std::string url(std::string_view path) const;
+  std::string url(std::string_view path) const { return server_.url(path); }
 
   /// Lists the steps of one more connection, at any time.
   void play(Steps steps);
 
-  /// Lets a step that waits to be told go on: one of the earliest connection first. What nobody
-  /// waits for yet is kept for later.
+  /// Lets one step that waits to be told go on. What nobody waits for yet is kept for later.
   void tell();
 
-  /// Breaks all connections, ends the thread and gives the problems.
-  std::vector<std::string> finish();
-
  private:
-  class Loop;
-  std::unique_ptr<Loop> loop_;
+  void serve(int socket, std::size_t index);
+  bool carryOut(const RawStep& step, int socket, std::string& received);
+
+  std::mutex mutex_;  // of all below
+  std::condition_variable told_;
+  std::vector<Steps> scripts_;
+  std::size_t permits_ = 0;
+  bool stopping_ = false;
+
+  LoopbackServer server_{[this](int socket, std::size_t index) { serve(socket, index); }};
 };
 
 }  // namespace quillmere::testing

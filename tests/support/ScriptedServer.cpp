@@ -1,6 +1,7 @@
 #include "tests/support/ScriptedServer.h"
 
 #include <arpa/inet.h>
+#include <glib.h>
 #include <gtest/gtest.h>
 #include <microhttpd.h>
 #include <netinet/in.h>
@@ -10,10 +11,11 @@
 #include <deque>
 #include <map>
 #include <mutex>
+#include <regex>
+#include <set>
 #include <stdexcept>
 #include <utility>
 
-#include "tests/support/HttpAuthentication.h"
 #include "tests/support/TemporaryFolder.h"
 
 namespace quillmere::testing {
@@ -101,6 +103,62 @@ std::string differences(const ReceivedRequest& request, const ExpectedRequest& e
   }
   return faults;
 }
+
+std::string taken(gchar* text) {
+  const std::unique_ptr<gchar, decltype(&g_free)> owner(text, g_free);
+  return text;
+}
+
+std::string md5(const std::string& text) {
+  return taken(
+      g_compute_checksum_for_string(G_CHECKSUM_MD5, text.data(), static_cast<gssize>(text.size())));
+}
+
+/// The server's side of Basic and Digest (RFC 7616): gives challenges and checks the answers.
+class Authenticator {
+ public:
+  /// The value of a "WWW-Authenticate" field; each Digest with its own nonce.
+  std::string issue(const Challenge& challenge) {
+    if (challenge.scheme == AuthScheme::basic) return "Basic realm=\"calendars\"";
+    if (challenge.stale) nonces_.clear();
+    const auto nonce = *nonces_.insert("nonce-" + std::to_string(++nonceCount_)).first;
+    return "Digest realm=\"calendars\", qop=\"auth-int\", nonce=\"" + nonce + '"' +
+           (challenge.stale ? ", stale=true" : "");
+  }
+
+  /// Empty where `request` proves to know `credential`, else what is wrong with it.
+  std::string faultOf(const ReceivedRequest& request, const Credential& credential) {
+    const auto& [scheme, user, password] = credential;
+    const std::string given = request.value("Authorization").value_or("none");
+    std::string expected;
+    if (scheme == AuthScheme::basic) {
+      const std::string pair = user + ":" + password;
+      expected = "Basic " +
+                 taken(g_base64_encode(reinterpret_cast<const guchar*>(pair.data()), pair.size()));
+    } else {
+      const auto parameter = [&](const std::string& name) {
+        std::smatch found;
+        return std::regex_search(given, found, std::regex(" " + name + "=\"([^\"]+)\""))
+                   ? found[1].str()
+                   : "one";
+      };
+      const std::string cnonce = parameter("cnonce");
+      std::string nonce = parameter("nonce");
+      if (nonces_.erase(nonce) == 0) nonce = "one in force and not yet answered";
+      const std::string response =
+          md5(md5(user + ":calendars:" + password) + ":" + nonce + ":00000001:" + cnonce +
+              ":auth-int:" + md5(request.method + ":" + request.path + ":" + md5(request.body)));
+      expected = "Digest username=\"" + user + "\", realm=\"calendars\", nonce=\"" + nonce +
+                 "\", uri=\"" + request.path + "\", response=\"" + response +
+                 "\", qop=auth-int, nc=00000001, cnonce=\"" + cnonce + '"';
+    }
+    return given == expected ? "" : "Authorization is " + given + ", expected " + expected;
+  }
+
+ private:
+  std::set<std::string> nonces_;  // those that were not yet answered
+  unsigned nonceCount_ = 0;
+};
 
 }  // namespace
 
@@ -311,8 +369,8 @@ class ScriptedServer::Dialogue {
     }
     if (!faults.empty()) return refuse(request, faults);
     Answer answer = exchange.answer;
-    for (auto& value : authenticator_.issue(answer.challenges)) {
-      answer.fields.push_back({"WWW-Authenticate", std::move(value)});
+    for (const Challenge& challenge : answer.challenges) {
+      answer.fields.push_back({"WWW-Authenticate", authenticator_.issue(challenge)});
     }
     return answer;
   }
@@ -378,17 +436,12 @@ ScriptedServer::~ScriptedServer() = default;
 
 std::uint16_t ScriptedServer::port() const { return dialogue_->port(); }
 
-std::string ScriptedServer::url(std::string_view path, std::string_view host) const {
-  return dialogue_->scheme() + "://" + std::string(host) + ":" + std::to_string(port()) +
-         std::string(path);
+std::string ScriptedServer::url(std::string_view path) const {
+  return dialogue_->scheme() + "://127.0.0.1:" + std::to_string(port()) + std::string(path);
 }
 
 void ScriptedServer::expect(ExpectedRequest request, Answer answer) {
   dialogue_->expect({std::move(request), std::move(answer)});
-}
-
-void ScriptedServer::play(std::vector<Exchange> script) {
-  for (Exchange& exchange : script) dialogue_->expect(std::move(exchange));
 }
 
 void ScriptedServer::release() { dialogue_->release(); }

@@ -22,13 +22,10 @@ struct HeaderField {
 
 enum class AuthScheme { basic, digest };
 
-/// What a 401 asks for. The rest below `realm` is Digest's.
+/// What a 401 asks for, of the realm "calendars". A Digest is of MD5 with qop "auth-int".
 struct Challenge {
   AuthScheme scheme = AuthScheme::basic;
-  std::string realm = "calendars";
-  std::string algorithm = "MD5";  // or "SHA-256"
-  std::string qop = "auth";       // as offered: "auth", "auth-int", "auth,auth-int"; "" names none
-  bool stale = false;             // the nonces given before are refused from now on
+  bool stale = false;  // the nonces given before are refused from now on
 };
 
 /// What a request must prove to know: for Digest by the right answer to a challenge this server
@@ -109,11 +106,10 @@ class ScriptedServer {
 
   std::uint16_t port() const;
   /// "http://127.0.0.1:49152/a" for "/a".
-  std::string url(std::string_view path, std::string_view host = "127.0.0.1") const;
+  std::string url(std::string_view path) const;
 
   /// Adds to the end of the script, at any time.
   void expect(ExpectedRequest request, Answer answer = {});
-  void play(std::vector<Exchange> script);
 
   /// Lets one held answer go: the oldest, or the next to be held.
   void release();
