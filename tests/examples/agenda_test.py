@@ -66,8 +66,7 @@ def blocks(data):
 class AgendaTest(ProgramTest):
     def setUp(self):
         super().setUp()
-        for file in Path(DEMO_DATA).glob("*.ics"):
-            shutil.copy(file, self.folder)
+        shutil.copytree(DEMO_DATA, self.folder, dirs_exist_ok=True)
         self.team = self.folder / "team.ics"
         self.state = self.folder / "state"
 

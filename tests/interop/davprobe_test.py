@@ -11,7 +11,8 @@ import sys
 import unittest
 from pathlib import Path
 
-from servers import PASSWORD, USER, Server
+from servers import Server
+from setups import PASSWORD, USER, request
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "support"))
 from programs import ProgramTest, calendar
@@ -23,8 +24,8 @@ TEA = calendar("Tea with Søren")
 class DavProbeTest(ProgramTest):
     def setUp(self):
         super().setUp()
-        self.server = self.enterContext(Server("sabredav_digest"))
-        self.url = self.server.make_collection("work")
+        self.url = self.enterContext(Server("sabredav_digest")).home + "work/"
+        request("MKCALENDAR", self.url)
         self.environment |= {"QUILLMERE_USER": USER, "QUILLMERE_PASSWORD": PASSWORD}
 
     def davprobe(self, *arguments, **options):

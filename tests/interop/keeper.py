@@ -33,12 +33,9 @@ def free_port():
     """A port that is not among those from which the kernel serves clients."""
     while True:
         port = random.randrange(20000, 32768)
-        with socket.socket() as probe:
-            try:
-                probe.bind(("127.0.0.1", port))
-                return port
-            except OSError:
-                pass
+        with socket.socket() as probe, contextlib.suppress(OSError):
+            probe.bind(("127.0.0.1", port))
+            return port
 
 
 class Site:
@@ -51,11 +48,9 @@ class Site:
         self.origin = f"{'https' if tls else 'http'}://127.0.0.1:{self.port}"
         self.tls = tls
         if tls:
-            certificates = os.environ.get("QUILLMERE_TEST_CERTIFICATES")
-            if not certificates:
-                raise RuntimeError("QUILLMERE_TEST_CERTIFICATES does not tell the certificates")
             for name in ("ca.pem", "good.pem", "good.key"):
-                shutil.copyfile(Path(certificates, name), folder / name)
+                shutil.copyfile(Path(os.environ["QUILLMERE_TEST_CERTIFICATES"], name),
+                                folder / name)
         self.authorities = str(folder / "ca.pem") if tls else None
         # Nothing of what is meant for the program under test, for example of a sanitizer.
         self.environment = {"PATH": "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin",
