@@ -75,14 +75,12 @@ def servers(session):
     with contextlib.ExitStack() as running:
         if "$FILES" in session:
             nginx = running.enter_context(Server("nginx"))
-            for calendar in CALENDARS.iterdir():
-                shutil.copy(calendar, nginx.folder / "root")
-                shutil.copy(calendar, nginx.folder / "root/private")
+            for folder in ("root", "root/private"):
+                shutil.copytree(CALENDARS, nginx.folder / folder, dirs_exist_ok=True)
             variables["FILES"] = nginx.base.rstrip("/")
-        if "$ACCOUNT" in session:
-            variables["ACCOUNT"] = running.enter_context(Server("sabredav_digest")).base
-        if "$RADICALE" in session:
-            variables["RADICALE"] = running.enter_context(Server("radicale")).base
+        for name, kind in (("ACCOUNT", "sabredav_digest"), ("RADICALE", "radicale")):
+            if f"${name}" in session:
+                variables[name] = running.enter_context(Server(kind)).base
         yield variables
 
 
@@ -94,8 +92,7 @@ def run(programs, session):
         environment = plain | variables | {
             "PATH": f"{os.path.abspath(programs)}:{os.environ['PATH']}", "TZ": "UTC", "LC_ALL": "C.UTF-8",
             "XDG_DATA_HOME": folder, "EKEventStoreBackend": "sqlite"}
-        for calendar in CALENDARS.iterdir():
-            shutil.copy(calendar, folder)
+        shutil.copytree(CALENDARS, folder, dirs_exist_ok=True)
         printed = ""
         for command in re.findall(r"^\$ (.*)$", expected, re.M):
             result = subprocess.run(["sh", "-c", command], cwd=folder, env=environment, text=True,

@@ -14,16 +14,6 @@ inline std::string environment(const char* name) {
   return value;
 }
 
-/// The row of a table that is about that server.
-template <class Rows>
-const auto& rowOfServer(const Rows& rows) {
-  const std::string name = environment("QUILLMERE_INTEROP_SERVER");
-  for (const auto& row : rows) {
-    if (name == row.server) return row;
-  }
-  throw std::runtime_error("nothing is known of " + name);
-}
-
 }  // namespace quillmere::testing
 
 #endif

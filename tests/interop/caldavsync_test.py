@@ -16,19 +16,10 @@ from xml.sax.saxutils import escape
 from servers import PASSWORD, USER, Server
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "support"))
-from programs import ProgramTest, ScriptedHandler, ScriptedServer
+from programs import ProgramTest, ScriptedHandler, ScriptedServer, calendar
 
 CALDAVSYNC = os.path.abspath(sys.argv[1])
 STATE = ".caldavsync"
-
-
-def calendar(summary, uid=None, kind="VEVENT", line_end="\r\n"):
-    times = ["DTSTART:20240105T090000Z", "DTEND:20240105T100000Z"]
-    lines = ["BEGIN:VCALENDAR", "VERSION:2.0", "PRODID:-//Quillmere//Tests//EN", f"BEGIN:{kind}",
-             f"UID:{uid or summary}", "DTSTAMP:20240101T000000Z",
-             *(times if kind == "VEVENT" else []), f"SUMMARY:{summary}", f"END:{kind}",
-             "END:VCALENDAR", ""]
-    return line_end.join(lines).encode()
 
 
 class CalDavServer(ScriptedServer):
@@ -109,9 +100,14 @@ class CalDavSyncTest(ProgramTest):
         super().setUp()
         self.environment |= {"QUILLMERE_USER": USER, "QUILLMERE_PASSWORD": PASSWORD}
 
-    def scripted(self):
+    def scripted(self, *names):
+        """A server of events of these names, which the folder has too."""
         server = self.enterContext(CalDavServer())
         self.url = server.url
+        for name in names:
+            server.put(f"/cal/{name}.ics", calendar(name))
+        if names:
+            self.sync()
         return server
 
     def sync(self, mirror="a", *options, status=0, environment={}):
@@ -173,11 +169,7 @@ class CalDavSyncTest(ProgramTest):
         self.assertEqual(self.path("mailto_good_.ics", "b").read_bytes(), calendar("Good"))
 
     def test_conflicts_lose_nothing(self):
-        server = self.scripted()
-        names = ["both", "same", "here", "there", "new", "equal"]
-        for name in names[:4]:
-            server.put(f"/cal/{name}.ics", calendar(name))
-        self.sync()
+        server = self.scripted("both", "same", "here", "there")
         for name in ("both", "there"):
             self.path(f"{name}.ics").write_bytes(calendar(f"{name} here", uid=name))
         for name in ("both", "here"):
@@ -213,10 +205,7 @@ class CalDavSyncTest(ProgramTest):
         self.assertEqual(self.sync(), "Work: in step\n")
 
     def test_neither_side_empties_the_other_unasked(self):
-        server = self.scripted()
-        for name in ("tea", "cake"):
-            server.put(f"/cal/{name}.ics", calendar(name))
-        self.sync()
+        server = self.scripted("tea", "cake")
 
         def refused(text):
             before = self.everything(), dict(server.resources)
@@ -251,10 +240,7 @@ class CalDavSyncTest(ProgramTest):
         self.assertEqual(server.resources, {})
 
     def test_what_fails_leaves_both_sides_as_they_are(self):
-        server = self.scripted()
-        for name in ("tea", "cake"):
-            server.put(f"/cal/{name}.ics", calendar(name))
-        self.sync()
+        server = self.scripted("tea", "cake")
 
         # The connection is lost before the texts come: what is gone at the server is still here.
         def lose(method):
@@ -295,11 +281,8 @@ class CalDavSyncTest(ProgramTest):
 
     def test_killed_at_any_request_it_loses_nothing(self):
         for kill_at in range(1, 40):
-            server = self.scripted()
             shutil.rmtree(self.folder / "a", ignore_errors=True)
-            for name in ("edited", "gone", "stays"):
-                server.put(f"/cal/{name}.ics", calendar(name))
-            self.sync()
+            server = self.scripted("edited", "gone", "stays")
             server.put("/cal/there.ics", calendar("There"))
             self.path("here.ics").write_bytes(calendar("Here"))
             self.path("edited.ics").write_bytes(calendar("Edited here", uid="edited"))
@@ -384,9 +367,7 @@ class CalDavSyncTest(ProgramTest):
         self.assertEqual(self.sync("b"), "")
 
     def test_a_state_that_does_not_fit_is_not_used(self):
-        server = self.scripted()
-        server.put("/cal/tea.ics", calendar("Tea"))
-        self.sync()
+        self.scripted("tea")
         state = self.folder / "a" / STATE
         original = state.read_bytes()
         table = [(contents, "cannot be used") for contents in (
@@ -404,8 +385,7 @@ class CalDavSyncTest(ProgramTest):
         self.assertEqual(self.sync(), "Work: received 1 new; sent 1 new\n")
 
     def test_a_second_program_keeps_away(self):
-        server = self.scripted()
-        self.sync()
+        server = self.scripted("tea")
         refusals = []
         server.on_request = lambda _: refusals.append(self.sync(status=1))
         self.assertEqual(self.sync(), "Work: in step\n")

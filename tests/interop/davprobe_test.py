@@ -11,29 +11,21 @@ import sys
 import unittest
 from pathlib import Path
 
-from servers import PASSWORD, USER, Server
+from servers import Server
+from setups import PASSWORD, USER, request
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "support"))
-from programs import ProgramTest
+from programs import ProgramTest, calendar
 
 DAVPROBE = os.path.abspath(sys.argv[1])
-
-
-def calendar(kind, uid, summary):
-    return (f"BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Quillmere//Tests//EN\r\nBEGIN:{kind}\r\n"
-            f"UID:{uid}\r\nDTSTAMP:20240101T000000Z\r\nDTSTART:20240105T090000Z\r\n"
-            f"SUMMARY:{summary}\r\nEND:{kind}\r\nEND:VCALENDAR\r\n").encode()
-
-
-EVENT = calendar("VEVENT", "tea", "Tea with Søren")
-TO_DO = calendar("VTODO", "ferry", "Book the ferry")
+TEA = calendar("Tea with Søren")
 
 
 class DavProbeTest(ProgramTest):
     def setUp(self):
         super().setUp()
-        self.server = self.enterContext(Server("sabredav_digest"))
-        self.url = self.server.make_collection("work")
+        self.url = self.enterContext(Server("sabredav_digest")).home + "work/"
+        request("MKCALENDAR", self.url)
         self.environment |= {"QUILLMERE_USER": USER, "QUILLMERE_PASSWORD": PASSWORD}
 
     def davprobe(self, *arguments, **options):
@@ -56,29 +48,23 @@ class DavProbeTest(ProgramTest):
         tag, rest = self.probe()
         self.assertEqual(rest, ["may hold: events, to-dos", "resources: 0, bytes: 0"])
 
-        odd = "50% off? #1 a:b+c@d & für %41"
-        tags = {"tea": self.put("tea", EVENT), "my ferry": self.put("my ferry", TO_DO),
-                odd: self.put(odd, calendar("VEVENT", "odd", "Sale"))}
-        self.assertEqual(self.davprobe(self.url, "list").out,
-                         "".join(f"{name}\t{tags[name]}\n" for name in sorted(tags)))
-        self.assertEqual(self.davprobe(self.url, "get", odd).stdout.replace(b"\r", b""),
-                         calendar("VEVENT", "odd", "Sale").replace(b"\r", b""))
-        self.davprobe(self.url, "delete", odd)
-
+        texts = {"tea": TEA, "my ferry": calendar("Ferry", kind="VTODO"),
+                 "50% off? #1 a:b+c@d & für %41": calendar("Sale")}
+        tags = {name: self.put(name, text) for name, text in texts.items()}
         # A URL without its slash is that of the same collection. The lines of a text come with
         # single line feeds, because they were in XML.
-        plain = [text.replace(b"\r", b"") for text in (EVENT, TO_DO)]
+        plain = {name: text.replace(b"\r", b"") for name, text in texts.items()}
         for url in (self.url, self.url.rstrip("/")):
-            self.assertEqual(self.davprobe(url, "get", "tea").stdout, plain[0])
-            self.assertEqual(self.davprobe(url, "get", "my ferry").stdout, plain[1])
+            self.assertEqual(self.davprobe(url, "list").out,
+                             "".join(f"{name}\t{tags[name]}\n" for name in sorted(tags)))
+            for name, text in plain.items():
+                self.assertEqual(self.davprobe(url, "get", name).stdout, text)
         later, rest = self.probe()
         self.assertNotEqual(later, tag)
-        size = sum(map(len, plain))
-        self.assertEqual(rest[1], f"resources: 2, bytes: {size}")
-
-        for _ in range(2):
-            self.assertEqual(self.davprobe(self.url, "delete", "tea").out, "deleted tea\n")
-        self.assertEqual(self.davprobe(self.url, "list").out, f"my ferry\t{tags['my ferry']}\n")
+        self.assertEqual(rest[1], f"resources: 3, bytes: {sum(map(len, plain.values()))}")
+        for name in (*texts, "tea"):
+            self.assertEqual(self.davprobe(self.url, "delete", name).out, f"deleted {name}\n")
+        self.assertEqual(self.davprobe(self.url, "list").out, "")
 
     def test_failures(self):
         file = self.folder / "text"
@@ -105,9 +91,9 @@ class DavProbeTest(ProgramTest):
             self.assertIn(f"davprobe: {text}", self.davprobe(*arguments, status=2).err)
 
     def test_log_holds_the_traffic_and_no_secret(self):
-        self.put("tea", EVENT)
+        self.put("tea", TEA)
         result = self.davprobe("--log", self.url, "get", "tea")
-        self.assertEqual(result.stdout, EVENT.replace(b"\r", b""))
+        self.assertEqual(result.stdout, TEA.replace(b"\r", b""))
         self.assertIn("SUMMARY:Tea with Søren", result.err)
         for secret in (PASSWORD, "Authorization", "nonce"):
             self.assertNotIn(secret, result.err)
@@ -140,7 +126,7 @@ class DavProbeTest(ProgramTest):
                          (0, "Password of alice: \r\n"))
         self.assertEqual(self.on_terminal(self.url, "list", typed=b"\x03")[0], -2)
         # DEL and C1 controls may stand in XML, so they come through the server.
-        self.put("bell", calendar("VEVENT", "bell", "Tea \x7f \x9b31m red"))
+        self.put("bell", calendar("Tea \x7f \x9b31m red", "bell"))
         status, shown = self.on_terminal("--log", self.url, "get", "bell")
         self.assertEqual(status, 0, shown)
         self.assertIn("SUMMARY:Tea \ufffd \ufffd31m red\r\n", shown)

@@ -6,10 +6,12 @@ Once the server answers, a line of JSON tells where. At the end nothing is left:
 of which many change their user, session and parent, nor files.
 """
 
+import contextlib
 import ctypes
 import json
 import os
 import random
+import re
 import shutil
 import signal
 import socket
@@ -31,12 +33,9 @@ def free_port():
     """A port that is not among those from which the kernel serves clients."""
     while True:
         port = random.randrange(20000, 32768)
-        with socket.socket() as probe:
-            try:
-                probe.bind(("127.0.0.1", port))
-                return port
-            except OSError:
-                pass
+        with socket.socket() as probe, contextlib.suppress(OSError):
+            probe.bind(("127.0.0.1", port))
+            return port
 
 
 class Site:
@@ -49,11 +48,9 @@ class Site:
         self.origin = f"{'https' if tls else 'http'}://127.0.0.1:{self.port}"
         self.tls = tls
         if tls:
-            certificates = os.environ.get("QUILLMERE_TEST_CERTIFICATES")
-            if not certificates:
-                raise RuntimeError("QUILLMERE_TEST_CERTIFICATES does not tell the certificates")
             for name in ("ca.pem", "good.pem", "good.key"):
-                shutil.copyfile(Path(certificates, name), folder / name)
+                shutil.copyfile(Path(os.environ["QUILLMERE_TEST_CERTIFICATES"], name),
+                                folder / name)
         self.authorities = str(folder / "ca.pem") if tls else None
         # Nothing of what is meant for the program under test, for example of a sanitizer.
         self.environment = {"PATH": "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin",
@@ -89,36 +86,22 @@ class Site:
         raise RuntimeError(f"{command} ended with {process.returncode}")
 
 
-def descendants():
-    children = {}
-    for entry in os.listdir("/proc"):
-        if entry.isdigit():
-            try:
-                stat = Path("/proc", entry, "stat").read_text(errors="replace")
-            except OSError:  # it is gone
-                continue
-            # After the name, which may hold anything, stand the state and the parent.
-            children.setdefault(int(stat.rpartition(")")[2].split()[1]), []).append(int(entry))
-    found = children.get(os.getpid(), [])
-    for process in found:
-        found.extend(children.get(process, []))
-    return found
-
-
 def stop_descendants():
-    for number in (signal.SIGTERM, signal.SIGKILL):
-        deadline = time.monotonic() + SECONDS_TO_STOP
-        for process in descendants():
-            try:
-                os.kill(process, number)
-            except ProcessLookupError:
+    """Ends the children of this process until there are none: orphans below it become its own."""
+    deadline = time.monotonic() + SECONDS_TO_STOP
+    parent = re.compile(rf"^PPid:\t{os.getpid()}$", re.M)
+    while True:
+        number = signal.SIGTERM if time.monotonic() < deadline else signal.SIGKILL
+        for status in Path("/proc").glob("[0-9]*/status"):
+            with contextlib.suppress(OSError):  # it is gone
+                if parent.search(status.read_text(errors="replace")):
+                    os.kill(int(status.parent.name), number)
+        try:
+            while os.waitpid(-1, os.WNOHANG)[0]:
                 pass
-        while time.monotonic() < deadline:
-            try:
-                if not os.waitpid(-1, os.WNOHANG)[0]:
-                    time.sleep(0.01)
-            except ChildProcessError:  # there is none left
-                return
+        except ChildProcessError:  # there is none left
+            return
+        time.sleep(0.01)
 
 
 def logs(folder):

@@ -20,7 +20,7 @@ import sys
 from pathlib import Path
 
 from keeper import logs
-from setups import PASSWORD, SERVERS, USER, request
+from setups import PASSWORD, SERVERS, USER
 
 # Before a command: it is killed when this process ends, even if this one is killed.
 WITH_THIS_PROCESS = ["setpriv", "--pdeathsig", "KILL"]
@@ -59,9 +59,6 @@ class Server:
         self.keeper.stdout.close()
         self.keeper.wait()
 
-    def log(self):
-        return logs(self.folder)
-
     def environment(self):
         trust = {"SSL_CERT_FILE": self.authorities} if self.authorities else {}
         return os.environ | trust | {
@@ -69,19 +66,13 @@ class Server:
             "QUILLMERE_INTEROP_HOME": self.home,
             "QUILLMERE_USER": USER, "QUILLMERE_PASSWORD": PASSWORD}
 
-    def make_collection(self, name):
-        """The URL of a new collection of the user's."""
-        url = f"{self.home}{name}/"
-        request("MKCALENDAR", url, authorities=self.authorities)
-        return url
-
 
 def main(name, command):
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))  # so that the server is stopped
     with Server(name) as server:
         status = subprocess.run(WITH_THIS_PROCESS + command, env=server.environment()).returncode
         if status:
-            print(server.log(), file=sys.stderr)
+            print(logs(server.folder), file=sys.stderr)
     return 1 if status else 0
 
 

@@ -31,7 +31,7 @@ def working_below(folder):
 class ServersTest(unittest.TestCase):
     def test_a_killed_harness_leaves_nothing(self):
         # Servers that change their user, their session and their parent.
-        for name in ("cyrus_basic", "davical"):
+        for name in ("cyrus_basic", "davical_digest"):
             with self.subTest(name), subprocess.Popen(
                     [sys.executable, "-B", "-c", RUN_FOR_EVER, name], cwd=HERE,
                     stdout=subprocess.PIPE, text=True) as harness:

@@ -236,7 +236,7 @@ INSERT INTO grants (by_principal, to_principal, privileges)
 """
 
 
-def davical(site, authentication):
+def davical(site):
     binaries = max(Path("/usr/lib/postgresql").glob("*/bin"),
                    key=lambda path: int(path.parent.name))
     cluster = site.folder / "postgresql"
@@ -267,7 +267,7 @@ def davical(site, authentication):
     (pages.parent / "config").mkdir()
     site.write("davical/config/config.php", f"""<?php
 $c->pg_connect[] = 'dbname=davical user=davical_app host={cluster}';
-$c->http_auth_mode = '{authentication}';
+$c->http_auth_mode = 'Digest';
 $c->domain_name = '127.0.0.1';
 $c->admin_email = 'admin@example.com';
 """)
@@ -296,14 +296,12 @@ class Kind(NamedTuple):
 
 
 CYRUS = ("/dav/principals/", f"/dav/calendars/user/{USER}/")
-DAVICAL_PATHS = ("/caldav.php/", f"/caldav.php/{USER}/")
 SABREDAV = ("/", f"/calendars/{USER}/")
 SERVERS = {
     "cyrus_basic": Kind(partial(cyrus, mechanisms="PLAIN"), *CYRUS),
     "cyrus_digest": Kind(cyrus, *CYRUS),
     "cyrus_tls": Kind(cyrus, *CYRUS, tls=True),
-    "davical": Kind(partial(davical, authentication="Basic"), *DAVICAL_PATHS),
-    "davical_digest": Kind(partial(davical, authentication="Digest"), *DAVICAL_PATHS),
+    "davical_digest": Kind(davical, "/caldav.php/", f"/caldav.php/{USER}/"),
     "nginx": Kind(files, "/", "/dav/"),
     "nginx_tls": Kind(files, "/", "/dav/", tls=True),
     "radicale": Kind(radicale, "/", f"/{USER}/"),

@@ -16,7 +16,6 @@ class PrincipalHost : public KBTDavPrincipalDelegate {
  public:
   std::vector<std::string> events;
   NSErrorPtr error;
-  std::vector<std::shared_ptr<KBTFreeBusy>> periods;
   std::function<void()> onEvent = [] {};
 
   void calDavPrincipal_loggedInWithError(KBTDavPrincipal&, const NSErrorPtr& failure) override {
@@ -28,7 +27,6 @@ class PrincipalHost : public KBTDavPrincipalDelegate {
   void calDavPrincipal_didReceiveFreebusy_withContext(
       KBTDavPrincipal&, const std::vector<std::shared_ptr<KBTFreeBusy>>& received,
       const std::any& context) override {
-    periods = received;
     note("freebusy " + std::to_string(received.size()) + " [" + textOf(context) + "]");
   }
   void calDavPrincipal_foundPrincipalInfo_withContext(

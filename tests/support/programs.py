@@ -9,6 +9,15 @@ from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 from pathlib import Path
 
 
+def calendar(summary, uid=None, kind="VEVENT", line_end="\r\n"):
+    times = ["DTSTART:20240105T090000Z", "DTEND:20240105T100000Z"]
+    lines = ["BEGIN:VCALENDAR", "VERSION:2.0", "PRODID:-//Quillmere//Tests//EN", f"BEGIN:{kind}",
+             f"UID:{uid or summary}", "DTSTAMP:20240101T000000Z",
+             *(times if kind == "VEVENT" else []), f"SUMMARY:{summary}", f"END:{kind}",
+             "END:VCALENDAR", ""]
+    return line_end.join(lines).encode()
+
+
 class ProgramTest(unittest.TestCase):
     """Each test has a folder of its own, and `environment` for the programs that it runs."""
 
