@@ -4,6 +4,7 @@
 #include <quillmere/calendars/KBTFileCalendar.h>
 #include <quillmere/ical/KBTCalObjectEntry.h>
 #include <quillmere/ical/KBTFreeBusy.h>
+#include <quillmere/platform/xml/HWXMLDocument.h>
 #include <quillmere/recurrence/KBTCalRepetition.h>
 
 #include <algorithm>
@@ -94,6 +95,28 @@ TEST(Corpus, RealRulesAreFollowedOrRefused) {
     }
   }
   EXPECT_GT(rules, 3U);
+}
+
+TEST(Corpus, RealServersAnswersAreXML) {
+  const char* folder = std::getenv("QUILLMERE_CORPUS");
+  if (!folder) return;
+  std::vector<std::string> refused;
+  for (const fs::path& file : filesBelow(folder)) {
+    if (file.extension() != ".xml") continue;
+    const auto document = HWXMLDocument::initWithData(*NSData::dataWithContentsOfFile(file));
+    if (!document) {
+      refused.push_back(file.filename());
+      continue;
+    }
+    const HWXMLElement root = document->rootElement();
+    EXPECT_EQ(root.name(), "multistatus") << file;
+    const auto response = root.firstChildNamed("response");
+    ASSERT_TRUE(response) << file;
+    const auto address = response->firstChildNamed("href");
+    EXPECT_TRUE(address && address->text()) << file;
+  }
+  // One has an attribute without a value, so it is no XML.
+  EXPECT_LE(refused.size(), 1U);
 }
 
 TEST(Corpus, TheDemosCalendarsAreReadWhole) { walk(QUILLMERE_DEMO_DATA); }
