@@ -146,7 +146,7 @@ TEST_F(FileCalendar, SeesWhatAnotherProgramWritesMeanwhile) {
     FileCall during;
     std::function<void()> work;
     bool isSaved = false, isFailing = false;
-    std::function<void()> before, after;
+    std::function<void()> before{}, after{};
   };
   const Case cases[] = {
       {"replaced before it is read", FileCall::open, replace},

@@ -109,7 +109,7 @@ TEST(KBTMutableCalObject, AnUnknownTypeIsWrittenLikeAString) {
 
 TEST(KBTMutableCalObject, FoldsAfterSixtyAndThenAfterSeventyUnits) {
   const std::string x60(60, 'x'), x70(70, 'x');
-  for (const std::size_t length : {511, 512, 1000, 1023, 1500, 100'000}) {
+  for (const std::size_t length : {511U, 512U, 1000U, 1023U, 1500U, 100'000U}) {
     const std::string key(length, 'K');
     const auto writer = writerOf();
     writer->appendKey_stringValue(key, x60);
