@@ -150,6 +150,7 @@ bool outlivesItsLastReference(RecordingDelegate& host, std::shared_ptr<Calendar>
     isAlive = !weak.expired();
   };
   (calendar.*operation)();
+  host.onCallback = [](const std::string&) {};
   return isAlive && weak.expired();
 }
 

@@ -71,21 +71,22 @@ bool isPart(const std::string& part, std::string_view name) {
                     name.begin(), name.end(), equalsButForCase);
 }
 
-bool isSearchable(const std::vector<std::string>& parts, icalrecurrencetype_frequency frequency) {
-  return std::none_of(parts.begin(), parts.end(), [&](const std::string& part) {
-    const bool isFine = frequency <= ICAL_HOURLY_RECURRENCE;  // the coarser come after it
-    return isPart(part, "RSCALE") || isPart(part, "SKIP") || (isFine && isPart(part, "BY"));
-  });
+bool hasPart(const std::vector<std::string>& parts, std::string_view name) {
+  return std::any_of(parts.begin(), parts.end(),
+                     [name](const std::string& part) { return isPart(part, name); });
 }
 
 // Null when the text is no such rule.
 std::optional<icalrecurrencetype> parsed(const EventRecord& event) {
   const std::string& text = *event.recurrenceRule;
   if (text.find('\0') != std::string::npos) return std::nullopt;
+  const std::vector<std::string> parts = partsOf(text);
+  // Before libical sees it, which leaks what it reads of another calendar.
+  if (hasPart(parts, "RSCALE") || hasPart(parts, "SKIP")) return std::nullopt;
   icalrecurrencetype rule = icalrecurrencetype_from_string(text.c_str());
-  if (rule.freq == ICAL_NO_RECURRENCE || !isSearchable(partsOf(text), rule.freq)) {
-    return std::nullopt;
-  }
+  if (rule.freq == ICAL_NO_RECURRENCE) return std::nullopt;
+  const bool isFine = rule.freq <= ICAL_HOURLY_RECURRENCE;  // the coarser come after it
+  if (isFine && hasPart(parts, "BY")) return std::nullopt;
   if (!icaltime_is_null_time(rule.until)) rule.until = wallUntil(rule.until, event);
   return rule;
 }

@@ -287,8 +287,13 @@ TEST(EvolutionEventStore, TellsOfChangesAgainWhenItsServiceHasDied) {
   EXPECT_THAT(host.events(), IsEmpty());
   EXPECT_TRUE(runUntil([&] { return posted.count != 0; })) << "something may have been missed";
   posted.count = 0;
-  add(host, "UID:theirs\r\nDTSTART:20240105T090000Z\r\n");
-  EXPECT_TRUE(runUntil([&] { return posted.count != 0; }));
+  // Evolution begins to look for changes a moment after it was asked to.
+  constexpr int mostTries = 10;
+  for (int i = 0; i < mostTries && posted.count == 0; ++i) {
+    add(host, "UID:theirs" + std::to_string(i) + "\r\nDTSTART:20240105T090000Z\r\n");
+    runUntil([&] { return posted.count != 0; }, 3);
+  }
+  EXPECT_NE(posted.count, 0);
 }
 
 TEST(EvolutionEventStore, ChangesCalendarsWhenTheirServiceHasDied) {

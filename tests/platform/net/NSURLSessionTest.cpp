@@ -1,7 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <quillmere/platform/net/NSURLSession.h>
-#include <sys/resource.h>
 
 #include <algorithm>
 #include <csignal>
@@ -787,23 +786,6 @@ TEST_F(NSURLSessionTest, ProposesTheCredentialOfTheURL) {
   host->fetch(requestFor(urlWith(server, "/a", "alice")));
   EXPECT_THAT(proposed, ElementsAre("alice secret", "-", "-", "alice secret", "-"))
       << "refused; on another server; on the same one; without password";
-}
-
-TEST_F(NSURLSessionTest, FailsWithoutDescriptorsAndRecovers) {
-  std::vector<std::unique_ptr<FILE, int (*)(FILE*)>> open;
-  rlimit before{};
-  ::getrlimit(RLIMIT_NOFILE, &before);
-  const rlimit few{64, before.rlim_max};
-  host->session()->delegateQueue().addOperationWithBlock([] {});  // the loop has its descriptors
-  ::setrlimit(RLIMIT_NOFILE, &few);
-  while (FILE* file = ::tmpfile()) open.emplace_back(file, &::fclose);
-  const std::string events = fetch("/a");
-  open.clear();
-  ::setrlimit(RLIMIT_NOFILE, &before);
-  EXPECT_EQ(events, "error -1");
-  EXPECT_THAT(host->error->localizedDescription(), ::testing::HasSubstr("Too many open files"));
-  server.expect({.path = "/a"}, {.body = "x"});
-  EXPECT_EQ(fetch("/a"), "response 200, data, end");
 }
 
 // All connections are held by requests that time out; the one that waits for one of theirs does not

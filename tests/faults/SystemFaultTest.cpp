@@ -1,6 +1,9 @@
 #include <curl/curl.h>
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
@@ -8,11 +11,12 @@
 #include "tests/support/ScriptedServer.h"
 #include "tests/support/SessionHost.h"
 
-// libcurl's memory, of which one allocation fails: the `untilFault`th from now, 0 for none.
+// What libcurl and its loop need of the system, and do not get.
 namespace quillmere {
 namespace {
 
-std::size_t untilFault = 0;
+std::size_t untilFault = 0;  // the allocation of libcurl that fails, counted from now; 0 for none
+bool hasDescriptors = true;
 
 bool fails() { return untilFault > 0 && --untilFault == 0; }
 
@@ -30,7 +34,7 @@ void* allocateZeros(std::size_t count, std::size_t size) {
     CURL_GLOBAL_DEFAULT, &allocate, &std::free, &reallocate, &duplicate, &allocateZeros);
 
 // A request without one of its fields, a condition say, would be another request.
-TEST(CurlAllocation, ARequestTravelsWithAllItsFieldsOrNotAtAll) {
+TEST(SystemFaults, ARequestTravelsWithAllItsFieldsOrNotAtAll) {
   testing::ScriptedServer server;
   server.setOnRequest([&](const testing::ReceivedRequest&) {
     server.expect({.method = "PUT",
@@ -61,5 +65,24 @@ TEST(CurlAllocation, ARequestTravelsWithAllItsFieldsOrNotAtAll) {
   EXPECT_GT(failures, 10U);
 }
 
+TEST(SystemFaults, WithoutDescriptorsARequestFailsAndTheNextOneMaySucceed) {
+  testing::ScriptedServer server;
+  const auto host = testing::SessionHost::make();
+  const auto request = NSMutableURLRequest::requestWithURL(*NSURL::URLWithString(server.url("/a")));
+  hasDescriptors = false;
+  EXPECT_EQ(host->fetch(request), "error -1");
+  EXPECT_EQ(host->error->localizedDescription(), "The request failed. (Too many open files)");
+  hasDescriptors = true;
+  server.expect({.path = "/a"}, {.body = "x"});
+  EXPECT_EQ(host->fetch(request), "response 200, data, end");
+}
+
 }  // namespace
 }  // namespace quillmere
+
+// In place of the C library's.
+extern "C" int epoll_create1(int flags) noexcept {
+  if (quillmere::hasDescriptors) return static_cast<int>(syscall(SYS_epoll_create1, flags));
+  errno = EMFILE;
+  return -1;
+}
