@@ -109,14 +109,16 @@ TEST(KBTMutableCalObject, AnUnknownTypeIsWrittenLikeAString) {
 
 TEST(KBTMutableCalObject, FoldsAfterSixtyAndThenAfterSeventyUnits) {
   const std::string x60(60, 'x'), x70(70, 'x');
+  std::string folded = ":" + x60 + "\r\n ";
+  folded.append(x70).append("\r\n ").append(x70).append("\r\n");
   for (const std::size_t length : {511U, 512U, 1000U, 1023U, 1500U, 100'000U}) {
     const std::string key(length, 'K');
     const auto writer = writerOf();
     writer->appendKey_stringValue(key, x60);
-    writer->appendKey_stringValue(key, x60 + x70 + x70);
-    EXPECT_EQ(textOf(*writer),
-              key + ":" + x60 + "\r\n" + key + ":" + x60 + "\r\n " + x70 + "\r\n " + x70 + "\r\n")
-        << "the key does not count";
+    writer->appendKey_stringValue(key, std::string(200, 'x'));
+    std::string text = key + ":" + x60 + "\r\n";
+    text.append(key).append(folded);
+    EXPECT_EQ(textOf(*writer), text) << "the key does not count";
   }
 }
 
