@@ -116,8 +116,8 @@ TEST(KBTMutableCalObject, FoldsAfterSixtyAndThenAfterSeventyUnits) {
     const auto writer = writerOf();
     writer->appendKey_stringValue(key, x60);
     writer->appendKey_stringValue(key, std::string(200, 'x'));
-    std::string text = key + ":" + x60 + "\r\n";
-    text.append(key).append(folded);
+    std::string text = key;
+    text.append(":").append(x60).append("\r\n").append(key).append(folded);
     EXPECT_EQ(textOf(*writer), text) << "the key does not count";
   }
 }

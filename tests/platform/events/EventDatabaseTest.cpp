@@ -48,8 +48,8 @@ namespace quillmere {
 namespace {
 
 namespace fs = std::filesystem;
-using testing::ChangeCount, testing::Event, testing::EventHost, testing::january, testing::february,
-    testing::query, testing::readFile, testing::runUntil, testing::TemporaryFolder, testing::utc,
+using testing::ChangeCount, testing::Event, testing::EventHost, testing::january, testing::query,
+    testing::readFile, testing::runUntil, testing::TemporaryFolder, testing::utc,
     testing::writeFile;
 using ::testing::HasSubstr, ::testing::IsEmpty, ::testing::SizeIs;
 

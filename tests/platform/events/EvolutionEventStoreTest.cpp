@@ -17,8 +17,8 @@
 namespace quillmere {
 namespace {
 
-using testing::ChangeCount, testing::Event, testing::EventHost, testing::january, testing::february,
-    testing::runUntil, testing::utc;
+using testing::ChangeCount, testing::Event, testing::EventHost, testing::january, testing::runUntil,
+    testing::utc;
 using ::testing::IsEmpty, ::testing::SizeIs;
 
 TEST(EvolutionEventStore, TellsOtherStoresOfChanges) {
@@ -95,7 +95,7 @@ TEST(EvolutionEventStore, PassesOverEventsThatAreNone) {
     const NSDate later = utc("20240110T090000Z");
     ASSERT_EQ(host.save(host.newEvent("good", later, later)), nullptr);
     const std::string identifier = host.calendar->calendarIdentifier();
-    add(host, "UID:" + identifier + "\r\nSUMMARY:a\r\n" + lines);
+    add(host, std::string("UID:").append(identifier).append("\r\nSUMMARY:a\r\n").append(lines));
     EXPECT_EQ(host.listing(), expected + "0110T0900-0900 good") << lines;
     const auto items = host.store->calendarItemsWithExternalIdentifier(identifier);
     EXPECT_EQ(items.empty(), expected.empty()) << lines;

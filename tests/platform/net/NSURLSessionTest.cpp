@@ -518,14 +518,14 @@ TEST_F(NSURLSessionTest, DecodesWhateverTheAnswerSays) {
                          " X\r\nContent-Encoding: " + row.coding +
                          "\r\nTransfer-Encoding: chunked\r\n";
       if (row.status == 401) head += "WWW-Authenticate: Basic realm=\"calendars\"\r\n";
-      std::string chunks;
+      head += "\r\n";
       for (std::size_t at = 0; at < row.body.size(); at += piece) {
         const std::string bytes = row.body.substr(at, piece);
         char size[32];
         std::snprintf(size, sizeof size, "%zx\r\n", bytes.size());
-        chunks += size + bytes + "\r\n";
+        head.append(size).append(bytes).append("\r\n");
       }
-      peer.play({raw::readHead(), raw::write(head + "\r\n" + chunks + "0\r\n\r\n")});
+      peer.play({raw::readHead(), raw::write(head + "0\r\n\r\n")});
       EXPECT_EQ(host->fetch(requestFor(peer.url("/"))), row.events) << row.coding << ' ' << piece;
       EXPECT_EQ(host->body, row.decoded) << row.coding;
     }
@@ -610,7 +610,7 @@ TEST_F(NSURLSessionTest, SurvivesServersThatMisbehave) {
     const char* what;
     std::string answer;
     const char* events;
-    std::string endless = "";
+    std::string endless{};
   } rows[] = {
       {"closes before the head", "", "error -1005"},
       {"closes within the body", ok + "Content-Length: 10\r\n\r\nabc",
@@ -643,11 +643,12 @@ TEST_F(NSURLSessionTest, SurvivesServersThatMisbehave) {
   EXPECT_EQ(host->fetch(requestFor(broken.url("/"))), "error -1005");
   // The limit of the head is met exactly, with what comes after the body.
   const std::string trailer = "X: y\r\n";
+  const std::string answer = chunked + "1\r\na\r\n0\r\n" + trailer + "\r\n";
   for (const std::size_t less : {0U, 1U}) {
     host->endSession();
     host->configuration.maximumResponseHeadSize = chunked.size() + trailer.size() - less;
     RawServer peer;
-    peer.play({raw::readHead(), raw::write(chunked + "1\r\na\r\n0\r\n" + trailer + "\r\n")});
+    peer.play({raw::readHead(), raw::write(answer)});
     EXPECT_EQ(host->fetch(requestFor(peer.url("/"))),
               less == 0 ? whole : "response 200, data, error -1011");
   }

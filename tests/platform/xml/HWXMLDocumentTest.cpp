@@ -12,7 +12,7 @@ namespace {
 
 using std::string;
 using std::string_view;
-using std::string_view_literals::operator""sv;
+using namespace std::string_view_literals;
 
 constexpr string_view declaration = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>";
 
