@@ -118,8 +118,7 @@ TEST(NSKeyValueObserving, TellsThoseWhoObserveTheKeyAtThatTime) {
   auto observed = std::make_shared<Observed>();
   std::vector<string> heard;
   std::array<std::shared_ptr<NSKeyValueObservation>, 4> observations;
-  const auto observe = [&](
-                           std::size_t i, string key, std::function<void()> then = [] {}) {
+  const auto observe = [&](std::size_t i, const string& key, const std::function<void()>& then) {
     observations[i] = observed->observeKey_changeHandler(key, [&heard, i, key, then] {
       heard.push_back(std::to_string(i) + key);
       then();
@@ -133,7 +132,7 @@ TEST(NSKeyValueObserving, TellsThoseWhoObserveTheKeyAtThatTime) {
     observations[1].reset();
     heard.push_back(*held);
   });
-  observe(2, "a");
+  observe(2, "a", [] {});
   observed->didChangeValueForKey("a");
   observed->didChangeValueForKey("b");
   observed->didChangeValueForKey("b");
