@@ -249,15 +249,15 @@ TEST(KBTCalRepetition, CountsManyStepsAsItTakesThem) {
   for (int round = 0; round < 10'000; ++round) {
     const ScopedTimeZone zone(oneOf({"America/New_York", "Australia/Lord_Howe", "America/Sao_Paulo",
                                      "America/Nuuk", "Africa/Cairo"}));
-    const std::string frequency =
-        oneOf({"MINUTELY", "HOURLY", "HOURLY", "DAILY", "WEEKLY", "WEEKLY;WKST=WE;BYDAY=TU,WE",
-               "MONTHLY", "MONTHLY;BYMONTHDAY=29,31,-31", "MONTHLY;BYDAY=5MO", "MONTHLY;BYDAY=-1SU",
-               "MONTHLY;BYDAY=TU,SA;BYSETPOS=5,-5", "YEARLY", "YEARLY;BYMONTH=3,11",
-               "YEARLY;BYMONTH=2;BYMONTHDAY=29", "YEARLY;BYMONTH=2;BYDAY=5SU",
-               "YEARLY;BYMONTH=2,4,3;BYDAY=2SU"});
-    const std::string interval =
-        oneOf({"1", "2", "5", "12", "30", "97", "400", "773", "1200", "8766"});
-    const Rule rule = ruleOf("FREQ=" + frequency + ";INTERVAL=" + interval);
+    std::string text = "FREQ=";
+    text += oneOf({"MINUTELY", "HOURLY", "HOURLY", "DAILY", "WEEKLY", "WEEKLY;WKST=WE;BYDAY=TU,WE",
+                   "MONTHLY", "MONTHLY;BYMONTHDAY=29,31,-31", "MONTHLY;BYDAY=5MO",
+                   "MONTHLY;BYDAY=-1SU", "MONTHLY;BYDAY=TU,SA;BYSETPOS=5,-5", "YEARLY",
+                   "YEARLY;BYMONTH=3,11", "YEARLY;BYMONTH=2;BYMONTHDAY=29",
+                   "YEARLY;BYMONTH=2;BYDAY=5SU", "YEARLY;BYMONTH=2,4,3;BYDAY=2SU"});
+    text.append(";INTERVAL=")
+        .append(oneOf({"1", "2", "5", "12", "30", "97", "400", "773", "1200", "8766"}));
+    const Rule rule = ruleOf(text);
     const std::int64_t month = (round % 4 == 0 ? 1850 : 2250) * 12 + random() % 1200;
     rule->setStartDate(NSCalendar::currentCalendar().dateFromComponents(
         {0, month, random() % 31 + 1, random() % 4, random() % 60, random() % 60}));
