@@ -478,7 +478,12 @@ TEST_F(NSURLSessionTest, DecodesWhateverTheAnswerSays) {
   const std::string text = "BEGIN:VCALENDAR and so on, again and again and again";
   const std::string packed = testing::gzipOf(text);
   const std::string zlib = testing::zlibOf(text);
-  const std::string raw = zlib.substr(2, zlib.size() - 6);
+  const auto rawOf = [](const std::string& bytes) {
+    const std::string envelope = testing::zlibOf(bytes);
+    return envelope.substr(2, envelope.size() - 6);
+  };
+  const std::string raw = rawOf(text);
+  const std::string large(100'000, 'x');
   const std::string ok = "response 200, data, end";
   const struct {
     const char* coding;
@@ -494,6 +499,8 @@ TEST_F(NSURLSessionTest, DecodesWhateverTheAnswerSays) {
       {"gzip", "", "response 200, end", ""},
       {"deflate", zlib, ok, text},
       {"deflate", raw, ok, text},
+      {"deflate", rawOf(large), ok, large},
+      {"gzip, deflate", rawOf(packed), ok, text},
       {"gzip", raw, "response 200, error -1015", ""},
       {"identity", text, ok, text},
       {"gzip, deflate,,identity ,GZIP", testing::gzipOf(testing::zlibOf(packed)), ok, text},
@@ -550,6 +557,13 @@ TEST_F(NSURLSessionTest, DecodesWhateverTheAnswerSays) {
   std::string noise = testing::gzipOf(testing::noiseOf(1 << 18));
   EXPECT_EQ(fetch(noise + testing::gzipOf(mebibyte, 24)), "end") << "less than a hundred times";
   EXPECT_EQ(fetch(noise + testing::gzipOf(mebibyte, 30)), "error -1103");
+
+  // What comes between two codings is bounded as well.
+  const std::string nothings = testing::gzipOf(testing::gzipOf(""), 1 << 21);
+  server.expect({.path = "/a"}, {.fields = {{"Content-Encoding", "gzip, gzip, gzip"}},
+                                 .body = testing::gzipOf(nothings)});
+  host->fetch(requestFor(server.url("/a")));
+  EXPECT_EQ(host->events.back(), "error -1103");
 
   host->endSession();
   host->configuration.maximumResponseBodySize = 1 << 20;
